@@ -1,0 +1,59 @@
+# What every target of the project shares, and one function per kind of target.
+
+set(CMAKE_CXX_STANDARD 17)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+if(NOT CMAKE_BUILD_TYPE)
+    set(CMAKE_BUILD_TYPE Release)
+endif()
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wconversion -Wshadow)
+if(VORBEL_WERROR)
+    add_compile_options(-Werror)
+endif()
+if(VORBEL_SANITIZE)
+    add_compile_options(-fsanitize=${VORBEL_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    add_link_options(-fsanitize=${VORBEL_SANITIZE})
+endif()
+
+# vorbel_library(NAME SOURCES file... [PUBLIC target...] [PRIVATE target...])
+# A static library; its headers are included from the root of the source tree.
+function(vorbel_library name)
+    cmake_parse_arguments(arg "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+    add_library(${name} STATIC ${arg_SOURCES})
+    target_include_directories(${name} PUBLIC ${PROJECT_SOURCE_DIR})
+    target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
+endfunction()
+
+# vorbel_unit_test(NAME LIBRARIES target... [SOURCES file...])
+# Builds NAME.cpp of the calling folder as a QtTest program and registers it.
+function(vorbel_unit_test name)
+    cmake_parse_arguments(arg "" "" "SOURCES;LIBRARIES" ${ARGN})
+    add_executable(${name} ${name}.cpp ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} Qt5::Test)
+    add_test(NAME unit.${name} COMMAND ${name})
+endfunction()
+
+# vorbel_fuzzer(NAME LIBRARIES target... [RUNS n])
+# Builds NAME.cpp as a libFuzzer program and registers a short run over the seeds in corpus/NAME.
+function(vorbel_fuzzer name)
+    cmake_parse_arguments(arg "" "SECONDS" "LIBRARIES" ${ARGN})
+    if(NOT arg_SECONDS)
+        set(arg_SECONDS 5)
+    endif()
+    add_executable(${name} ${name}.cpp)
+    target_link_libraries(${name} PRIVATE ${arg_LIBRARIES})
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+    add_test(NAME fuzz.${name}
+             COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/run $<TARGET_FILE:${name}>
+                     ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name} ${arg_SECONDS})
+endfunction()
+
+# vorbel_benchmark(NAME LIBRARIES target...)
+# Builds NAME.cpp as a Google Benchmark program.
+function(vorbel_benchmark name)
+    cmake_parse_arguments(arg "" "" "SOURCES;LIBRARIES" ${ARGN})
+    add_executable(${name} ${name}.cpp ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} benchmark::benchmark)
+endfunction()

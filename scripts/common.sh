@@ -1,0 +1,47 @@
+# Shared by the scripts of this folder: where the project is, what it says, what it installs.
+# shellcheck shell=bash
+
+project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+cd "$project" || exit 1
+
+say() { printf '\033[1m%s\033[0m\n' "$*" >&2; }
+fail() { printf '%s: %s\n' "$(basename "$0")" "$*" >&2; exit 1; }
+
+as_root() {
+    if [ "$(id -u)" = 0 ]; then "$@"; else sudo "$@"; fi
+}
+
+# need PACKAGE...: installs the Debian packages that are missing, quietly; asks the network for nothing when
+# all of them are there.
+need() {
+    local missing=() package log
+    for package in "$@"; do
+        dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+    done
+    [ ${#missing[@]} -gt 0 ] || return 0
+    say "Installing ${#missing[@]} Debian packages: ${missing[*]}"
+    log=$(mktemp)
+    if ! { as_root apt-get update -qq &&
+           as_root env DEBIAN_FRONTEND=noninteractive \
+               apt-get install -y -qq --no-install-recommends "${missing[@]}"; } >"$log" 2>&1; then
+        cat "$log" >&2
+        fail "could not install: ${missing[*]} (see above)"
+    fi
+    rm -f "$log"
+}
+
+build_packages=(cmake ninja-build g++ qtbase5-dev libqt5websockets5-dev libqt5serialport5-dev
+                libqt5serialbus5-dev libqt5serialbus5-plugins libudev-dev)
+client_packages=(python3 python3-websockets python3-msgpack)
+test_packages=("${build_packages[@]}" "${client_packages[@]}" python3-pytest iproute2 util-linux procps)
+fuzz_packages=(clang libclang-rt-14-dev)
+
+# build PRESET [cmake option...]: configures once, then builds what changed.
+build() {
+    local preset=$1
+    shift
+    [ -f "build/$preset/build.ninja" ] && [ $# = 0 ] ||
+        cmake --preset "$preset" -DVORBEL_WERROR="${VORBEL_WERROR:-ON}" "$@" >/dev/null ||
+        fail "could not configure the $preset build"
+    cmake --build --preset "$preset" || fail "the $preset build failed (see above)"
+}

@@ -1,0 +1,3 @@
+#include "service/typedarrays.h"
+
+void registerTypedArrays() {}
