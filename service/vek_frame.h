@@ -65,6 +65,12 @@ constexpr std::uint16_t vek_header_can_id(std::uint16_t header)
     return header & 0x7FF;
 }
 
+// How many bytes of data are payload: a record holds eight, whatever its dlc says.
+constexpr int vek_payload_size(std::uint16_t header)
+{
+    return vek_header_dlc(header) < VEK_FRAME_DATA_SIZE ? vek_header_dlc(header) : VEK_FRAME_DATA_SIZE;
+}
+
 // A header from its fields; bits that do not fit a field are dropped, rtr is 0.
 constexpr std::uint16_t vek_header_make(unsigned mac, unsigned cmd, unsigned dlc)
 {

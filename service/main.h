@@ -1,0 +1,95 @@
+// The bridge: everything the daemon does, in one object on one event loop.
+//
+//   main.h             this contract
+//   main_startup.cpp   construction, teardown, the one-second supervision tick
+//   main_websocket.cpp clients: greeting, broadcasting, what they send
+//   main_serial.cpp    the serial CAN adapter
+//   main_socketcan.cpp the SocketCAN interface
+//   main.cpp           the entry point
+//
+// All of it runs on the thread that constructed it; every connection is direct, so each event is handled to
+// its end before the next. The only call that blocks is the pause before each frame written to SocketCAN.
+#pragma once
+
+#include "schema/schemaconverter.h"
+#include "service/vek_frame.h"
+
+#include <QByteArray>
+#include <QList>
+#include <QObject>
+#include <QSerialPort>
+#include <QString>
+#include <QTimer>
+#include <QVariant>
+#include <QWebSocketServer>
+
+class QCanBusDevice;
+class QWebSocket;
+
+class Main : public QObject
+{
+    Q_OBJECT
+
+public:
+    // Reads VORBEL_SOURCE, starts the supervision timer and listens on port 10443. Touches neither link: the
+    // first attempt comes with the first tick, one second later. When the port cannot be had, a warning says
+    // so and the object works on without clients.
+    explicit Main(QObject *parent);
+    ~Main() override;
+
+    // Selects the first port whose description begins with "VEK", opens and configures it. False when there
+    // is none (silently) or when it does not open (with a warning). DTR follows 200 ms later.
+    bool openSerialPort();
+
+    // Lowers DTR, writes out what is pending and closes the port. For embedders: the daemon has no orderly
+    // stop and never calls it.
+    void closeSerialPort();
+
+    // Connects canDevice's incoming frames to the converter; does nothing unless the source is SocketCAN.
+    void startRead();
+
+    // Broadcasts to all clients, in the order in which they connected: `value` as a MessagePack binary
+    // message, `text` as a text message. A client that leaves more than 16 MiB unread is dropped.
+    void sendToWebSocket(const QVariant &value);
+    void sendTextToWebSocket(const QString &text);
+
+    // Tells all clients, as JSON, which device this is. The environment is read anew for every hello.
+    void sendHelloMessage();
+
+private:
+    enum Source : qint32 { SourceNone = 0, SourceSerialPort = 1, SourceSocketCan = 2 };
+
+    static Source sourceFromEnvironment();
+    void connectSignals();
+    void listen();
+    void superviseLinks();
+
+    void acceptClient();
+    void forgetClient(QWebSocket *client);
+    void receiveText(const QString &message);
+    void receiveBinary(const QByteArray &message);
+    template <typename Send>
+    void broadcast(Send send);
+
+    void superviseSerialPort();
+    bool serialPortIsReplaced() const;
+    void readSerialPort();
+    void writeToSerialPort(const QVariant &value);
+
+    void superviseSocketCan();
+    void readSocketCan();
+    void writeToSocketCan(const QVariant &value);
+
+    void insertFrame(quint16 identifier, const QByteArray &payload);
+
+    SchemaConverter converter;
+    QSerialPort serialPort;
+    QCanBusDevice *canDevice = nullptr; // made and replaced by the supervision tick; outlives Main
+    QWebSocketServer server;
+    QList<QWebSocket *> clients; // in order of connection; owned by the server until deleteLater()
+    QString portDescription;     // of the serial port last selected, for the log
+    Source source;
+    QTimer timer;
+    QByteArray portLocation;        // device node of the serial port last selected
+    unsigned canInterfaceIndex = 0; // the kernel's number of "can0" when canDevice was connected
+};

@@ -1,0 +1,120 @@
+#include "service/main.h"
+
+#include "service/recordscanner.h"
+
+#include <QPointer>
+#include <QSerialPortInfo>
+
+#include <sys/stat.h>
+
+namespace
+{
+
+constexpr qint32 baudRate = 1000000;
+constexpr int terminalReadyDelay = 200; // ms from opening until the adapter is let loose
+
+// What may wait for an adapter that takes nothing any more: over ten seconds of the line at its full rate.
+constexpr qint64 unwrittenLimit = 1024 * 1024;
+
+// The first port that describes itself as a VEK adapter; a null info when there is none.
+QSerialPortInfo s_findAdapter()
+{
+    const auto ports = QSerialPortInfo::availablePorts();
+    for (const QSerialPortInfo &port : ports) {
+        if (port.description().startsWith(QLatin1String("VEK"))) {
+            return port;
+        }
+    }
+    return QSerialPortInfo();
+}
+
+} // namespace
+
+bool Main::openSerialPort()
+{
+    const QSerialPortInfo adapter = s_findAdapter();
+    if (adapter.isNull()) {
+        return false;
+    }
+    qDebug() << "Found" << adapter.description() << adapter.portName();
+    serialPort.setPort(adapter);
+    portDescription = adapter.description();
+    portLocation = adapter.systemLocation().toLocal8Bit();
+    serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
+    if (!serialPort.open(QIODevice::ReadWrite)) {
+        qWarning() << "bool Main::openSerialPort()"
+                   << "error" << serialPort.errorString();
+        return false;
+    }
+    // Set once more on the open port: only now does the device hear of it.
+    serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
+    serialPort.setRequestToSend(true);
+    serialPort.setDataTerminalReady(false);
+    QTimer::singleShot(terminalReadyDelay, [port = QPointer<QSerialPort>(&serialPort)] {
+        if (port) {
+            port->setDataTerminalReady(true);
+        }
+    });
+    return true;
+}
+
+void Main::closeSerialPort()
+{
+    serialPort.setDataTerminalReady(false);
+    serialPort.flush();
+    serialPort.close();
+}
+
+void Main::superviseSerialPort()
+{
+    if (serialPort.isOpen() && serialPort.error() != QSerialPort::ReadError && !serialPortIsReplaced()) {
+        return;
+    }
+    if (serialPort.isOpen()) {
+        qDebug() << "Close SerialPort";
+    }
+    serialPort.close();
+    serialPort.clearError();
+    openSerialPort();
+    sendHelloMessage();
+}
+
+// A pulled adapter need not show as an error: after another failure Qt may have turned its notifications off,
+// and the port stays open and deaf. What tells is the device node, which is gone or belongs to a new device.
+bool Main::serialPortIsReplaced() const
+{
+    struct stat opened {
+    };
+    struct stat present {
+    };
+    return fstat(serialPort.handle(), &opened) != 0 || stat(portLocation.constData(), &present) != 0 ||
+           opened.st_dev != present.st_dev || opened.st_ino != present.st_ino;
+}
+
+// DTR low is the gate: until it is raised, the adapter's bytes are leftovers from before it was opened.
+// One look at all that is buffered and one skip, however many records it holds; a partial record stays in
+// the port's buffer until the rest of it arrives.
+void Main::readSerialPort()
+{
+    if (!serialPort.isDataTerminalReady()) {
+        serialPort.readAll();
+        return;
+    }
+    const QByteArray buffered = serialPort.peek(serialPort.bytesAvailable());
+    const int consumed = scanRecords(buffered.constData(), buffered.size(), [this](const vek_frame_t &frame) {
+        const std::uint16_t header = vek_frame_header(frame);
+        insertFrame(header, QByteArray(reinterpret_cast<const char *>(frame.data), vek_payload_size(header)));
+    });
+    serialPort.skip(consumed);
+}
+
+void Main::writeToSerialPort(const QVariant &value)
+{
+    const QByteArray records = converter.toFrame(value);
+    if (serialPort.bytesToWrite() > unwrittenLimit) {
+        qWarning() << "Dropping a message of" << records.size() << "bytes: the serial port leaves"
+                   << serialPort.bytesToWrite() << "bytes unwritten";
+        return;
+    }
+    serialPort.write(records.constData(), records.size());
+}

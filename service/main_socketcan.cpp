@@ -1,0 +1,75 @@
+#include "service/main.h"
+
+#include "service/containment.h"
+
+#include <QCanBus>
+#include <QCanBusDevice>
+#include <QCanBusFrame>
+#include <QThread>
+
+#include <net/if.h>
+
+namespace
+{
+
+constexpr char interfaceName[] = "can0";
+constexpr unsigned long pauseBeforeFrame = 10; // ms; nodes on the bus lose frames that come faster
+
+QCanBusFrame s_canFrame(const vek_frame_t &frame)
+{
+    const std::uint16_t header = vek_frame_header(frame);
+    return QCanBusFrame(vek_header_can_id(header),
+                        QByteArray(reinterpret_cast<const char *>(frame.data), vek_payload_size(header)));
+}
+
+} // namespace
+
+void Main::superviseSocketCan()
+{
+    if (canDevice && canDevice->error() == QCanBusDevice::NoError &&
+        if_nametoindex(interfaceName) == canInterfaceIndex) {
+        return;
+    }
+    if (canDevice) {
+        qDebug() << "Close SocketCan";
+        delete canDevice;
+    }
+    QString errorMessage;
+    canDevice = QCanBus::instance()->createDevice(QStringLiteral("socketcan"), QLatin1String(interfaceName),
+                                                  &errorMessage);
+    canInterfaceIndex = if_nametoindex(interfaceName);
+    if (!canDevice) {
+        qCritical() << "Socket can creation failed: " << errorMessage;
+    } else if (!canDevice->connectDevice()) {
+        qCritical() << "Socket can cannot connect.";
+    }
+    startRead();
+}
+
+void Main::startRead()
+{
+    if (source == SourceSocketCan) {
+        connect(canDevice, &QCanBusDevice::framesReceived, contained([this] { readSocketCan(); }));
+    }
+}
+
+// Remote and error frames are delivered like data frames: an error frame arrives as node 0, command 0.
+void Main::readSocketCan()
+{
+    while (canDevice->framesAvailable() > 0) {
+        const QCanBusFrame frame = canDevice->readFrame();
+        if (frame.isValid()) {
+            insertFrame(static_cast<quint16>(frame.frameId() & 0x7FF), frame.payload());
+        }
+    }
+}
+
+void Main::writeToSocketCan(const QVariant &value)
+{
+    const QList<vek_frame_t> frames = converter.toVEKFrames(value);
+    for (const vek_frame_t &frame : frames) {
+        const QCanBusFrame canFrame = s_canFrame(frame);
+        QThread::msleep(pauseBeforeFrame);
+        canDevice->writeFrame(canFrame);
+    }
+}

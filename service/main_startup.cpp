@@ -1,0 +1,92 @@
+#include "service/main.h"
+
+#include "service/containment.h"
+#include "service/listeningsocket.h"
+
+#include <QHostAddress>
+#include <QProcessEnvironment>
+#include <QWebSocket>
+
+namespace
+{
+
+constexpr int supervisionInterval = 1000; // ms
+constexpr int handshakeTimeout = 5000;    // ms a client may take to get from connecting to WebSocket
+constexpr quint16 port = 10443;
+
+} // namespace
+
+Main::Main(QObject *parent)
+    : QObject(parent),
+      server(QStringLiteral("vorbel"), QWebSocketServer::NonSecureMode),
+      source(sourceFromEnvironment())
+{
+    connectSignals();
+    listen();
+}
+
+// The server goes before the converter and after the list of clients, and takes the live ones with it, which
+// report their disconnection: nobody may be listening any more.
+Main::~Main()
+{
+    for (QWebSocket *client : qAsConst(clients)) {
+        client->disconnect();
+    }
+}
+
+Main::Source Main::sourceFromEnvironment()
+{
+    const QString name = QProcessEnvironment::systemEnvironment().value(QStringLiteral("VORBEL_SOURCE"),
+                                                                        QStringLiteral("serialport"));
+    if (name == QLatin1String("serialport")) {
+        return SourceSerialPort;
+    }
+    return name == QLatin1String("socketcan") ? SourceSocketCan : SourceNone;
+}
+
+void Main::connectSignals()
+{
+    connect(&serialPort, &QSerialPort::readyRead, contained([this] { readSerialPort(); }));
+    connect(&converter, &SchemaConverter::variantToSend,
+            contained([this] { sendToWebSocket(converter.takeVariantToSend(false)); }));
+    connect(&server, &QWebSocketServer::newConnection, contained([this] { acceptClient(); }));
+    connect(&server, &QWebSocketServer::acceptError, contained([this] {
+        qWarning() << "Cannot accept a connection:" << server.errorString()
+                   << "- trying again within a second";
+    }));
+    timer.start(supervisionInterval);
+    connect(&timer, &QTimer::timeout, contained([this] { superviseLinks(); }));
+}
+
+void Main::listen()
+{
+    server.setHandshakeTimeout(handshakeTimeout);
+    if (!server.listen(QHostAddress::Any, port)) {
+        qWarning() << "Main::Main(QObject*)"
+                   << "error" << server.errorString();
+        return;
+    }
+    prepareListeningSocket(static_cast<int>(server.nativeDescriptor()));
+}
+
+void Main::superviseLinks()
+{
+    if (server.isListening()) {
+        server.resumeAccepting(); // Qt stops accepting for good after, say, running out of descriptors
+    }
+    if (source == SourceSerialPort) {
+        superviseSerialPort();
+    } else if (source == SourceSocketCan) {
+        superviseSocketCan();
+    }
+}
+
+// What both links deliver: the low 11 bits of the frame's header or CAN identifier name the endpoint. One
+// frame whose conversion throws must not cost the frames behind it, so each is contained on its own.
+void Main::insertFrame(quint16 identifier, const QByteArray &payload)
+{
+    contained([&] {
+        converter.insertFrame(VEKEndpoint(vek_header_mac(identifier), vek_header_cmd(identifier), false),
+                              payload);
+    })();
+}
