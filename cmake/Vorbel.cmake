@@ -26,13 +26,17 @@ function(vorbel_library name)
     target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
 endfunction()
 
-# vorbel_unit_test(NAME LIBRARIES target... [SOURCES file...])
-# Builds NAME.cpp of the calling folder as a QtTest program and registers it.
+# vorbel_unit_test(NAME LIBRARIES target... [SOURCES file...] [OWN_NETWORK])
+# Builds NAME.cpp of the calling folder as a QtTest program and registers it; with OWN_NETWORK it runs where
+# the daemon's port is free.
 function(vorbel_unit_test name)
-    cmake_parse_arguments(arg "" "" "SOURCES;LIBRARIES" ${ARGN})
+    cmake_parse_arguments(arg "OWN_NETWORK" "" "SOURCES;LIBRARIES" ${ARGN})
     add_executable(${name} ${name}.cpp ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} Qt5::Test)
-    add_test(NAME unit.${name} COMMAND ${name})
+    if(arg_OWN_NETWORK)
+        set(network ${PROJECT_SOURCE_DIR}/tests/own_network)
+    endif()
+    add_test(NAME unit.${name} COMMAND ${network} $<TARGET_FILE:${name}>)
 endfunction()
 
 # vorbel_fuzzer(NAME LIBRARIES target... [RUNS n])

@@ -33,15 +33,19 @@ need() {
 build_packages=(cmake ninja-build g++ qtbase5-dev libqt5websockets5-dev libqt5serialport5-dev
                 libqt5serialbus5-dev libqt5serialbus5-plugins libudev-dev)
 client_packages=(python3 python3-websockets python3-msgpack)
-test_packages=("${build_packages[@]}" "${client_packages[@]}" python3-pytest iproute2 util-linux procps)
+test_packages=("${build_packages[@]}" "${client_packages[@]}" python3-pytest python3-pytest-asyncio
+               iproute2 util-linux procps)
 fuzz_packages=(clang libclang-rt-14-dev)
 
-# build PRESET [cmake option...]: configures once, then builds what changed.
+# build PRESET [--target NAME]: configures when it has not been, then builds what changed. Warnings are errors.
 build() {
-    local preset=$1
+    local preset=$1 options=()
     shift
-    [ -f "build/$preset/build.ninja" ] && [ $# = 0 ] ||
-        cmake --preset "$preset" -DVORBEL_WERROR="${VORBEL_WERROR:-ON}" "$@" >/dev/null ||
-        fail "could not configure the $preset build"
-    cmake --build --preset "$preset" || fail "the $preset build failed (see above)"
+    [ "$preset" != fuzz ] || need "${fuzz_packages[@]}"
+    if command -v ccache >/dev/null; then
+        options=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
+    fi
+    [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" -DVORBEL_WERROR=ON "${options[@]}" >/dev/null ||
+        fail "could not configure the $preset build (see above)"
+    cmake --build --preset "$preset" "$@" || fail "the $preset build failed (see above)"
 }

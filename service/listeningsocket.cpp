@@ -5,6 +5,7 @@
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
@@ -34,11 +35,18 @@ constexpr SocketOption inheritedOptions[] = {
 
 } // namespace
 
-void prepareListeningSocket(int descriptor)
+void prepareListeningSocket(qintptr descriptor)
 {
+    const int socket = static_cast<int>(descriptor);
     for (const SocketOption &option : inheritedOptions) {
-        if (setsockopt(descriptor, option.level, option.option, &option.value, sizeof option.value) != 0) {
+        if (setsockopt(socket, option.level, option.option, &option.value, sizeof option.value) != 0) {
             qWarning() << "Cannot set" << option.name << "on the listening socket:" << std::strerror(errno);
         }
     }
+}
+
+bool canDuplicate(qintptr descriptor)
+{
+    const int duplicate = dup(static_cast<int>(descriptor));
+    return duplicate >= 0 && close(duplicate) == 0;
 }

@@ -1,8 +1,13 @@
 // Socket options of the WebSocket listener.
 #pragma once
 
+#include <QtGlobal>
+
 // Sets, on a listening TCP socket, what every socket accepted from it inherits (Linux, tcp(7)):
 // messages leave without waiting for the acknowledgement of the one before, and a peer that vanished without
 // a word is found out within 25 seconds, whether or not there is something to send to it. Options that the
 // system refuses are logged as warnings; the socket stays usable.
-void prepareListeningSocket(int descriptor);
+void prepareListeningSocket(qintptr descriptor);
+
+// Whether the process may open one more descriptor; tries it with a duplicate that is closed again.
+bool canDuplicate(qintptr descriptor);

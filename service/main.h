@@ -63,6 +63,7 @@ private:
     void connectSignals();
     void listen();
     void superviseLinks();
+    void superviseListener();
 
     void acceptClient();
     void forgetClient(QWebSocket *client);

@@ -2,6 +2,7 @@
 
 #include "service/containment.h"
 #include "service/listeningsocket.h"
+#include "service/process.h"
 
 #include <QHostAddress>
 #include <QProcessEnvironment>
@@ -50,10 +51,6 @@ void Main::connectSignals()
     connect(&converter, &SchemaConverter::variantToSend,
             contained([this] { sendToWebSocket(converter.takeVariantToSend(false)); }));
     connect(&server, &QWebSocketServer::newConnection, contained([this] { acceptClient(); }));
-    connect(&server, &QWebSocketServer::acceptError, contained([this] {
-        qWarning() << "Cannot accept a connection:" << server.errorString()
-                   << "- trying again within a second";
-    }));
     timer.start(supervisionInterval);
     connect(&timer, &QTimer::timeout, contained([this] { superviseLinks(); }));
 }
@@ -66,18 +63,33 @@ void Main::listen()
                    << "error" << server.errorString();
         return;
     }
-    prepareListeningSocket(static_cast<int>(server.nativeDescriptor()));
+    prepareListeningSocket(server.nativeDescriptor());
 }
 
 void Main::superviseLinks()
 {
-    if (server.isListening()) {
-        server.resumeAccepting(); // Qt stops accepting for good after, say, running out of descriptors
-    }
+    releaseFreeMemory();
+    superviseListener();
     if (source == SourceSerialPort) {
         superviseSerialPort();
     } else if (source == SourceSocketCan) {
         superviseSocketCan();
+    }
+}
+
+// Qt tries an accept that failed for want of a descriptor again and again, at full speed, and gives up
+// accepting for good after some other errors. So accepting pauses while descriptors are out and is resumed on
+// every tick that finds one.
+void Main::superviseListener()
+{
+    if (!server.isListening()) {
+        return;
+    }
+    if (canDuplicate(server.nativeDescriptor())) {
+        server.resumeAccepting();
+    } else {
+        qWarning() << "No file descriptor is left: new clients have to wait";
+        server.pauseAccepting();
     }
 }
 

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <csignal>
@@ -24,5 +25,13 @@ void preferPlainEventLoop()
 {
     if (!qEnvironmentVariableIsSet("QT_NO_GLIB")) {
         qputenv("QT_NO_GLIB", "1");
+    }
+}
+
+void releaseFreeMemory()
+{
+    constexpr std::size_t worthReleasing = 8 * 1024 * 1024;
+    if (mallinfo2().fordblks > worthReleasing) {
+        malloc_trim(0);
     }
 }

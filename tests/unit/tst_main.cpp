@@ -1,0 +1,110 @@
+// The Main object in a process of its own making: what it is, and that its end is clean while clients are
+// there.
+#include "service/main.h"
+
+#include <QCoreApplication>
+#include <QMetaObject>
+#include <QWebSocket>
+#include <QtTest>
+
+class TestMain : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void initTestCase();
+
+    // Happy
+    void metaObjectHasTheNameAndNothingElse();
+    void takesAParent();
+
+    // Rainy
+    void endsCleanlyWithLiveClients();
+    void endsCleanlyWhileClientsSend();
+    void endsCleanlyBeforeItsFirstEvent();
+    void closingAPortThatIsNotOpenIsHarmless();
+    void startReadWithoutTheCanLinkDoesNothing();
+    void withoutAnAdapterOpeningFailsSilently();
+};
+
+static const QUrl s_url(QStringLiteral("ws://127.0.0.1:10443"));
+
+void TestMain::initTestCase()
+{
+    qputenv("VORBEL_SOURCE", "none");
+}
+
+void TestMain::metaObjectHasTheNameAndNothingElse()
+{
+    const QMetaObject &meta = Main::staticMetaObject;
+    QCOMPARE(meta.className(), "Main");
+    QCOMPARE(meta.methodCount(), QObject::staticMetaObject.methodCount());
+    QCOMPARE(meta.propertyCount(), QObject::staticMetaObject.propertyCount());
+    Main bridge(nullptr);
+    QCOMPARE(bridge.qt_metacast("Main"), static_cast<void *>(&bridge));
+}
+
+void TestMain::takesAParent()
+{
+    QObject parent;
+    auto *bridge = new Main(&parent);
+    QCOMPARE(bridge->parent(), &parent);
+}
+
+void TestMain::endsCleanlyWithLiveClients()
+{
+    QWebSocket first;
+    QWebSocket second;
+    {
+        Main bridge(nullptr);
+        for (QWebSocket *client : {&first, &second}) {
+            QSignalSpy greeted(client, &QWebSocket::textMessageReceived);
+            client->open(s_url);
+            QVERIFY(greeted.wait());
+        }
+    }
+    QTRY_COMPARE(first.state(), QAbstractSocket::UnconnectedState);
+    QTRY_COMPARE(second.state(), QAbstractSocket::UnconnectedState);
+}
+
+void TestMain::endsCleanlyWhileClientsSend()
+{
+    QWebSocket client;
+    {
+        Main bridge(nullptr);
+        QSignalSpy greeted(&client, &QWebSocket::textMessageReceived);
+        client.open(s_url);
+        QVERIFY(greeted.wait());
+        client.sendBinaryMessage(QByteArray(100000, '\x01'));
+        client.sendTextMessage(QStringLiteral("{}"));
+        client.abort();
+    }
+    QCoreApplication::processEvents();
+}
+
+void TestMain::endsCleanlyBeforeItsFirstEvent()
+{
+    Main(nullptr).sendToWebSocket(QVariant(1));
+}
+
+void TestMain::closingAPortThatIsNotOpenIsHarmless()
+{
+    Main bridge(nullptr);
+    QTest::ignoreMessage(QtWarningMsg, QRegularExpression(QStringLiteral("device not open")));
+    bridge.closeSerialPort();
+}
+
+void TestMain::startReadWithoutTheCanLinkDoesNothing()
+{
+    Main bridge(nullptr);
+    bridge.startRead();
+}
+
+void TestMain::withoutAnAdapterOpeningFailsSilently()
+{
+    Main bridge(nullptr);
+    QVERIFY(!bridge.openSerialPort());
+}
+
+QTEST_GUILESS_MAIN(TestMain)
+#include "tst_main.moc"
