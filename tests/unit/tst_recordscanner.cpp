@@ -34,12 +34,12 @@ static QByteArray s_record(int mac, int cmd, const QByteArray &payload)
     return QByteArray(reinterpret_cast<const char *>(&frame), sizeof frame);
 }
 
-// Bytes of which no eleven in a row are valid, whatever follows them here.
+// Bytes of which no eleven in a row are valid, nor together with the records that follow them here.
 static QByteArray s_garbage(int size)
 {
     QByteArray bytes;
     for (int i = 0; i < size; ++i) {
-        bytes.append(char(0x80 + (i * 29) % 113));
+        bytes.append(char(0x80 + i % 127));
     }
     return bytes;
 }
