@@ -87,7 +87,7 @@ private:
     QSerialPort serialPort;
     QCanBusDevice *canDevice = nullptr; // made and replaced by the supervision tick; outlives Main
     QWebSocketServer server;
-    QList<QWebSocket *> clients; // in order of connection; owned by the server until deleteLater()
+    QList<QWebSocket *> clients; // in order of connection; deleted when they disconnect, or with Main
     QString portDescription;     // of the serial port last selected, for the log
     Source source;
     QTimer timer;

@@ -26,12 +26,13 @@ Main::Main(QObject *parent)
     listen();
 }
 
-// The server goes before the converter and after the list of clients, and takes the live ones with it, which
-// report their disconnection: nobody may be listening any more.
+// Nobody else releases the sockets that are still connected, and left to themselves they would report their
+// disconnection while the server goes, when the list of clients is gone already.
 Main::~Main()
 {
     for (QWebSocket *client : qAsConst(clients)) {
         client->disconnect();
+        delete client;
     }
 }
 
