@@ -1,0 +1,43 @@
+// The unpacking routines behind MsgPack::unpack.
+//
+// Each routine decodes one item at the position `p`, which must lie within the input, stores it in `v` and
+// returns the position behind it; null when the item claims bytes past the end of the input or is nested too
+// deep. What `v` holds then is of no use to anybody: the result of the whole input is invalid.
+#pragma once
+
+#include "msgpack/msgpack.h"
+
+#include <QHash>
+#include <QReadWriteLock>
+
+namespace MsgPackPrivate
+{
+
+extern QHash<qint8, unpack_user_f> user_unpackers; // by extension type; entries are only ever added
+extern QReadWriteLock unpackers_lock;              // guards user_unpackers, held while an unpacker runs
+
+// The input of one call, and how deep the call is in it.
+struct unpack_context {
+    const quint8 *end; // the last byte
+    int nesting = 0;   // containers around the current value
+};
+
+using unpacker_t = const quint8 *(*)(QVariant &v, const quint8 *p, unpack_context &context);
+
+extern const unpacker_t unpackers[32]; // by first byte, from 0xc0 to 0xdf
+
+// All values from the byte at `first` to the byte at `last`; none if `last` lies before `first`.
+QVariant unpack(const quint8 *first, const quint8 *last);
+
+const quint8 *unpack_type(QVariant &v, const quint8 *p, unpack_context &context);
+
+// `p` is the position of the first element or key; it may already lie behind the input.
+const quint8 *unpack_array_len(QVariant &v, const quint8 *p, quint32 count, unpack_context &context);
+const quint8 *unpack_map_len(QVariant &v, const quint8 *p, quint32 count, unpack_context &context);
+
+// `p` is the position of the payload. Leaves `v` as it is when no unpacker is registered for `type`.
+const quint8 *unpack_ext(QVariant &v, const quint8 *p, qint8 type, quint32 length, unpack_context &context);
+
+bool register_unpacker(qint8 type, unpack_user_f unpacker);
+
+} // namespace MsgPackPrivate
