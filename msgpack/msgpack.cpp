@@ -1,21 +1,57 @@
 #include "msgpack/msgpack.h"
 
-QByteArray MsgPack::pack(const QVariant &)
+#include "msgpack/msgpackcommon.h"
+#include "msgpack/pack_p.h"
+#include "msgpack/unpack_p.h"
+
+#include <QDebug>
+
+using namespace MsgPackPrivate;
+
+QByteArray MsgPack::pack(const QVariant &variant)
 {
-    return QByteArray();
+    pack_context context;
+    const position_t size = MsgPackPrivate::pack(variant, 0, false, context);
+    if (context.tooDeep) {
+        qWarning() << "MsgPack::pack can't pack more than" << maxNesting << "nested arrays and maps";
+        return QByteArray();
+    }
+    if (size > maxPackedSize) {
+        qWarning() << "MsgPack::pack can't pack into more than" << maxPackedSize << "bytes";
+        return QByteArray();
+    }
+    QByteArray bytes(static_cast<int>(size), Qt::Uninitialized);
+    MsgPackPrivate::pack(variant, reinterpret_cast<position_t>(bytes.data()), true, context);
+    return bytes;
 }
 
-QVariant MsgPack::unpack(const QByteArray &)
+QVariant MsgPack::unpack(const QByteArray &data)
 {
-    return QVariant();
+    const auto *first = reinterpret_cast<const quint8 *>(data.constData());
+    return MsgPackPrivate::unpack(first, first + data.size() - 1);
 }
 
-bool MsgPack::registerPacker(int, qint8, MsgPackPrivate::pack_user_f)
+bool MsgPack::registerPacker(int metatype, qint8 msgpackType, pack_user_f packer)
 {
-    return false;
+    return register_packer(metatype, msgpackType, packer);
 }
 
-bool MsgPack::registerUnpacker(qint8, MsgPackPrivate::unpack_user_f)
+bool MsgPack::registerUnpacker(qint8 msgpackType, unpack_user_f unpacker)
 {
-    return false;
+    return register_unpacker(msgpackType, unpacker);
+}
+
+qint8 MsgPack::msgpackType(int metatype)
+{
+    return msgpack_type(metatype);
+}
+
+void MsgPack::setCompatibilityModeEnabled(bool enabled)
+{
+    compatibilityMode = enabled;
+}
+
+QString MsgPack::version()
+{
+    return QString(QLatin1String("%1.%2.%3")).arg(MSGPACK_MAJOR).arg(MSGPACK_MINOR).arg(MSGPACK_PATCH);
 }

@@ -21,6 +21,9 @@ namespace MsgPackPrivate
 // rather than a pointer, for no arithmetic is allowed on a pointer to nothing.
 using position_t = quintptr;
 
+// What a QByteArray holds: it keeps its own bookkeeping within the range of an int, too.
+constexpr quint32 maxPackedSize = 0x7fffffff - 64;
+
 struct packer_t {
     pack_user_f packer; // may be null: the type can't be packed then
     qint8 type;         // written as the type byte of the extension
@@ -55,6 +58,7 @@ position_t pack_float(float f, position_t p, bool wr);
 position_t pack_double(double d, position_t p, bool wr);
 
 position_t pack_string(const QString &string, position_t p, bool wr);
+position_t pack_string_header(quint32 length, position_t p, bool wr);
 position_t pack_string_raw(const char *bytes, quint32 length, position_t p, bool wr);
 position_t pack_bin_header(quint32 length, position_t p, bool wr);
 position_t pack_bin(const QByteArray &bytes, position_t p, bool wr);

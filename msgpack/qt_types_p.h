@@ -65,4 +65,11 @@ QDate unpack_qdate_raw(const quint8 *p);
 // written, if it runs short or one of them is no 32-bit signed integer in any of the integer formats.
 bool unpack_numbers(const QByteArray &payload, int *numbers, int count);
 
+// What the stream operators have in common. Writes `payload` as an extension value of the type registered for
+// packing `metatype`; with none, writes nothing and sets WriteFailed.
+void write_payload(MsgPackStream &stream, int metatype, const QByteArray &payload);
+// Reads the payload of an extension value. False, with the stream's status set, if there is none or
+// `isLength` rejects its length.
+bool read_payload(MsgPackStream &stream, bool (*isLength)(quint32), QByteArray &payload);
+
 } // namespace MsgPackPrivate
