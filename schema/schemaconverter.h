@@ -1,14 +1,24 @@
-// Converts between frame payloads and named values by a JSON schema.
+// Converts between the payloads of frames and named values, by a schema that a client sent.
+//
+// The links feed received payloads in and are given sealed frames to send; the WebSocket endpoint brings the
+// schemas, and takes and brings the values. One thread only: its owner's.
+//
+// Values are QVariantMaps nested as the schema is nested, with the leaves' values at the leaves' places.
+// Memory: one attribute per member of every leaf in the schema, what the attributes gather (see
+// schemadataattribute.h), and for the time of one conversion the payloads and frames it yields.
 #pragma once
 
+#include "schema/schemadataattribute.h"
 #include "schema/vekendpoint.h"
 #include "service/vek_frame.h"
 
 #include <QByteArray>
 #include <QJsonDocument>
 #include <QList>
+#include <QMap>
 #include <QObject>
 #include <QVariant>
+#include <QVector>
 
 class SchemaConverter : public QObject
 {
@@ -17,14 +27,49 @@ class SchemaConverter : public QObject
 public:
     explicit SchemaConverter(QObject *parent = nullptr);
 
+    // Replaces the schema; what the old one's attributes had gathered is dropped unsent. A document that is
+    // no object gives an empty schema, by which no frame and no value is known.
     void loadSchema(const QJsonDocument &document);
 
+    // loadSchema with the content of a file; without effect if the file cannot be opened.
+    void loadSchemaFromFile(const QString &path);
+
+    // Writes the schema document to the debug log.
+    void dump();
+
+    // Offers a received payload to the attributes of its endpoint and emits variantToSend at the end if one
+    // of them became ready by it. Returns 1, or 2 if the schema does not know the endpoint. Throws
+    // std::runtime_error("Bad type") as SchemaDataAttribute::insert does; nothing is emitted then, and values
+    // that were ready stay to be taken.
     int insertFrame(const VEKEndpoint &endpoint, const QByteArray &payload);
+
+    // Hands over the values of all ready attributes and clears these; with `force`, of all that hold
+    // anything. Returns an invalid QVariant if there is none.
     QVariant takeVariantToSend(bool force);
 
-    QByteArray toFrame(const QVariant &value);
+    // The sealed frames for a client's value: in the order of the endpoints, each endpoint's fragments in
+    // theirs. Members that the schema lacks or that cannot be written are skipped with a warning. Throws
+    // std::runtime_error("Bad type") unless `value` holds a QVariantMap, or if a part of it converts to one
+    // without being one.
     QList<vek_frame_t> toVEKFrames(const QVariant &value);
 
+    // The same frames as records of VEK_FRAME_SIZE bytes back to back, as the serial adapter takes them.
+    QByteArray toFrame(const QVariant &value);
+
 signals:
+    // There is something to take with takeVariantToSend(false). At most once per frame, as the last thing
+    // that insertFrame does: a handler may take, load another schema or insert more frames.
     void variantToSend();
+
+private:
+    using Schema = QMap<VEKEndpoint, QList<SchemaDataAttribute>>;
+
+    void rememberReady(Schema::iterator endpoint);
+
+    QVariantMap schemaDocument;
+    Schema schema;
+
+    // The endpoints with a ready attribute, in key order: all that takeVariantToSend has to visit. The
+    // iterators hold because `schema` changes only when a new one is loaded.
+    QVector<Schema::iterator> ready;
 };

@@ -1,0 +1,83 @@
+// One leaf of the schema: where a value sits in the payloads of one endpoint, how its bytes are read and
+// scaled, and the readings gathered so far.
+//
+// The converter makes the attributes from the leaves of a schema and owns them in its table; it feeds them
+// payloads, asks whether they are ready, takes their value and clears them. A plain value, not for sharing
+// between threads. An attribute that gathers holds at most "@flushSize" elements of 1 to 4 bytes; that number
+// is the client's, and nothing is reserved for it in advance.
+#pragma once
+
+#include "schema/vekendpoint.h"
+
+#include <QByteArray>
+#include <QStringList>
+#include <QVariant>
+
+class SchemaDataAttribute
+{
+public:
+    // What Qt's containers need. All fields are zero, empty or null, the factor is 1; the mask too is 0,
+    // which makes it read-only, unlike an attribute made from an empty option map.
+    SchemaDataAttribute() = default;
+
+    // From a leaf's option map and the member names that lead to it from the schema's root. Missing options
+    // take their defaults, values that do not convert read as 0 or false, other members are ignored. Throws
+    // std::runtime_error("Bad type") when `definition` does not hold a QVariantMap.
+    SchemaDataAttribute(const QVariant &definition, const QStringList &path);
+
+    char format() const { return m_format; }      // first byte of "@format", 0 for none
+    int flushSize() const { return m_flushSize; } // readings to an array; 0 or less for single values
+    int skip() const { return m_skip; }           // byte offset in the payload, as the schema gave it
+    float factor() const { return m_factor; }     // readings are divided by it, written values multiplied
+    VEKEndpoint endpoint() const { return m_endpoint; }
+    QStringList path() const { return m_path; }
+    int count() const { return m_count; }    // readings held
+    QVariant data() const { return m_data; } // the readings held: one value, or a QVector
+
+    bool isEmpty() const { return m_data.isNull(); }
+
+    // A full attribute takes no payloads. With a negative flush size that is so from the start.
+    bool isFull() const { return m_flushSize > 0 ? m_count >= m_flushSize : m_count > m_flushSize; }
+
+    bool isReadyToFlush() const { return isFull() && (m_changed || !m_observe); }
+
+    // True when readings lose bits on the way in ("@asBool", "@mask"), so that they cannot be written back.
+    bool isReadOnly() const { return m_asBool || m_mask != allBits; }
+
+    // Decodes one frame's payload. True when the attribute holds a reading afterwards; false too when it was
+    // full before or, observing, has seen no change. A payload too short for offset and width carries no
+    // reading. Throws std::runtime_error("Bad type") when an empty payload ends a packed value ("p") that
+    // is no map; the attribute is unchanged then.
+    bool insert(const QByteArray &payload);
+
+    // Drops the readings. What the next reading is compared with when observing stays.
+    void clear();
+
+    // True when both were made from the same leaf of one schema: there, no two leaves have the same path.
+    bool isCopyOf(const SchemaDataAttribute &other) const { return m_path.isSharedWith(other.m_path); }
+
+private:
+    static constexpr int allBits = -1;
+
+    void decode(const QByteArray &payload);
+    template <typename Reading, typename Element = Reading>
+    void decodeNumber(const QByteArray &payload, int mask);
+    template <typename Reading, typename Element>
+    void store(Reading reading);
+    void decodePacked(const QByteArray &payload);
+    void observeChange();
+
+    char m_format = 0;
+    int m_flushSize = 0;
+    int m_skip = 0;
+    bool m_asBool = false;
+    int m_mask = 0;
+    bool m_observe = false;
+    float m_factor = 1.0F;
+    int m_count = 0;
+    bool m_changed = false;
+    VEKEndpoint m_endpoint;
+    QStringList m_path;
+    QVariant m_data;
+    QVariant m_lastValue; // observing: the last value decoded, outlives clear()
+};
