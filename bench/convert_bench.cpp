@@ -2,13 +2,12 @@
 //
 // Inbound cases do what the service does with a frame up to the packing of the value map: insert, and take in
 // the signal's handler. Frames visit all endpoints of their schema in a random order.
+#include "schema/debuglog.h"
 #include "schema/schemaconverter.h"
 
 #include <benchmark/benchmark.h>
 
-#include <QJsonArray>
 #include <QJsonObject>
-#include <QLoggingCategory>
 
 #include <algorithm>
 #include <random>
@@ -18,7 +17,7 @@
 namespace
 {
 
-QJsonObject s_leaf(const VEKEndpoint &endpoint, const QString &format, int skip, const QJsonObject &more = {})
+QJsonObject s_leaf(const VEKEndpoint &endpoint, const QString &format, int skip, const QJsonObject &more)
 {
     QJsonObject leaf = more;
     leaf.insert(QStringLiteral("@mac"), endpoint.mac);
@@ -34,7 +33,7 @@ VEKEndpoint s_endpoint(int index)
 }
 
 // `count` endpoints with one leaf each.
-QJsonDocument s_schema(int count, const QString &format, const QJsonObject &more = {})
+QJsonDocument s_schema(int count, const QString &format, const QJsonObject &more)
 {
     QJsonObject root;
     for (int i = 0; i < count; ++i) {
@@ -54,7 +53,7 @@ QJsonDocument s_branch(int count)
 {
     QJsonObject leaves;
     for (int i = 0; i < count; ++i) {
-        leaves.insert(s_leafName(i), s_leaf(s_endpoint(i / 3), QStringLiteral("s"), i % 3 * 2));
+        leaves.insert(s_leafName(i), s_leaf(s_endpoint(i / 3), QStringLiteral("s"), i % 3 * 2, {}));
     }
     return QJsonDocument(QJsonObject{{QStringLiteral("motor"), leaves}});
 }
@@ -92,9 +91,11 @@ std::vector<VEKEndpoint> s_randomOrder(int count)
     return order;
 }
 
-void s_inbound(benchmark::State &state, const QJsonDocument &schema, const std::vector<VEKEndpoint> &order)
+// Frames for all of `count` endpoints in turn.
+void s_inbound(benchmark::State &state, int count, const QJsonObject &options)
 {
-    Consumer consumer(schema);
+    Consumer consumer(s_schema(count, QStringLiteral("s"), options));
+    const std::vector<VEKEndpoint> order = s_randomOrder(count);
     const QByteArray payloads[] = {QByteArray::fromHex("0102030405060708"),
                                    QByteArray::fromHex("1112131415161718")};
     std::size_t next = 0;
@@ -108,9 +109,19 @@ void s_inbound(benchmark::State &state, const QJsonDocument &schema, const std::
     }
 }
 
-void s_inboundSame(benchmark::State &state, const QJsonDocument &schema)
+// One frame for one of 50 endpoints, again and again.
+void s_repeat(benchmark::State &state, int endpoint, const QJsonObject &options)
 {
-    Consumer consumer(schema);
+    Consumer consumer(s_schema(50, QStringLiteral("s"), options));
+    const QByteArray payload = QByteArray::fromHex("0102030405060708");
+    for (auto _ : state) {
+        consumer.converter.insertFrame(s_endpoint(endpoint), payload);
+    }
+}
+
+void s_map3(benchmark::State &state)
+{
+    Consumer consumer(s_branch(3));
     const QByteArray payload = QByteArray::fromHex("0102030405060708");
     for (auto _ : state) {
         consumer.converter.insertFrame(s_endpoint(0), payload);
@@ -147,56 +158,61 @@ void s_outbound(benchmark::State &state, int leaves, bool debug)
     qInstallMessageHandler(handler);
 }
 
+void s_debugLineOff(benchmark::State &state)
+{
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    for (auto _ : state) {
+        qCDebug(debugLog) << "Converted size:" << state.iterations();
+    }
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
+}
+
 void s_load(benchmark::State &state, int leaves)
 {
-    const QByteArray text = s_schema(leaves, QStringLiteral("s")).toJson();
+    const QByteArray text = s_schema(leaves, QStringLiteral("s"), {}).toJson();
     SchemaConverter converter;
     for (auto _ : state) {
         converter.loadSchema(QJsonDocument::fromJson(text));
     }
 }
 
-void s_registerInbound()
+template <typename... Arguments>
+void s_register(const std::string &name, Arguments... arguments)
+{
+    benchmark::RegisterBenchmark(name.c_str(), arguments...);
+}
+
+void s_registerAll()
 {
     for (const int count : {1, 10, 50, 100, 500, 1000, 2048}) {
-        benchmark::RegisterBenchmark(("convert/inbound/" + std::to_string(count)).c_str(), s_inbound,
-                                     s_schema(count, QStringLiteral("s")), s_randomOrder(count));
+        s_register("convert/inbound/" + std::to_string(count), s_inbound, count, QJsonObject());
     }
-    const QJsonDocument five = s_schema(50, QStringLiteral("s"));
-    benchmark::RegisterBenchmark("convert/inbound/unknown", s_inbound, five,
-                                 std::vector<VEKEndpoint>{s_endpoint(51)});
-
-    const std::vector<VEKEndpoint> order = s_randomOrder(50);
-    const auto kind = [&order](const char *name, const QJsonObject &options) {
-        benchmark::RegisterBenchmark(name, s_inbound, s_schema(50, QStringLiteral("s"), options), order);
-    };
-    kind("convert/inbound/scalar", {{QStringLiteral("@cmd"), 0}});
-    kind("convert/inbound/scaled", {{QStringLiteral("@factor"), 0.1}});
-    kind("convert/inbound/observe", {{QStringLiteral("@observe"), true}});
-    kind("convert/inbound/array1000", {{QStringLiteral("@flushSize"), 1000}});
-    benchmark::RegisterBenchmark("convert/inbound/observe_unchanged", s_inboundSame,
-                                 s_schema(50, QStringLiteral("s"), {{QStringLiteral("@observe"), true}}));
+    s_register("convert/inbound/unknown", s_repeat, 51, QJsonObject());
+    s_register("convert/inbound/scaled", s_inbound, 50, QJsonObject{{QStringLiteral("@factor"), 0.1}});
+    s_register("convert/inbound/observe", s_inbound, 50, QJsonObject{{QStringLiteral("@observe"), true}});
+    s_register("convert/inbound/observe_unchanged", s_repeat, 0,
+               QJsonObject{{QStringLiteral("@observe"), true}});
+    s_register("convert/inbound/array1000", s_inbound, 50, QJsonObject{{QStringLiteral("@flushSize"), 1000}});
+    for (const int size : {10, 100, 1000, 10000}) {
+        s_register("convert/gather/" + std::to_string(size), s_repeat, 0,
+                   QJsonObject{{QStringLiteral("@flushSize"), size}});
+    }
+    s_register("convert/map3", s_map3);
+    s_register("convert/map3/floor", s_bareMap);
+    for (const int leaves : {1, 3, 10, 20, 100}) {
+        const std::string name = "convert/outbound/" + std::to_string(leaves);
+        s_register(name + "/debug_on", s_outbound, leaves, true);
+        s_register(name + "/debug_off", s_outbound, leaves, false);
+    }
+    s_register("convert/debug_line_off", s_debugLineOff);
+    s_register("schema/load_500", s_load, 500);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    s_registerInbound();
-    for (const int size : {10, 100, 1000, 10000}) {
-        benchmark::RegisterBenchmark(
-            ("convert/gather/" + std::to_string(size)).c_str(), s_inboundSame,
-            s_schema(50, QStringLiteral("s"), {{QStringLiteral("@flushSize"), size}}));
-    }
-    benchmark::RegisterBenchmark("convert/map3/floor", s_bareMap);
-    benchmark::RegisterBenchmark("convert/map3", s_inboundSame, s_branch(3));
-    for (const int leaves : {1, 3, 10, 20, 100}) {
-        const std::string name = "convert/outbound/" + std::to_string(leaves);
-        benchmark::RegisterBenchmark((name + "/debug_on").c_str(), s_outbound, leaves, true);
-        benchmark::RegisterBenchmark((name + "/debug_off").c_str(), s_outbound, leaves, false);
-    }
-    benchmark::RegisterBenchmark("schema/load_500", s_load, 500);
-
+    s_registerAll();
     benchmark::Initialize(&argc, argv);
     benchmark::RunSpecifiedBenchmarks();
     return 0;

@@ -54,13 +54,11 @@ QVariant &s_slot(QVariant &root, const QStringList &path)
     return *slot;
 }
 
-void s_take(QVariant &values, QList<SchemaDataAttribute> &attributes, bool force)
+void s_take(QVariant &values, SchemaDataAttribute &attribute, bool force)
 {
-    for (SchemaDataAttribute &attribute : attributes) {
-        if (!attribute.isEmpty() && (force || attribute.isReadyToFlush())) {
-            s_slot(values, attribute.path()) = attribute.data();
-            attribute.clear();
-        }
+    if (!attribute.isEmpty() && (force || attribute.isReadyToFlush())) {
+        s_slot(values, attribute.path()) = attribute.data();
+        attribute.clear();
     }
 }
 
@@ -207,10 +205,12 @@ SchemaConverter::SchemaConverter(QObject *parent) : QObject(parent) {}
 
 void SchemaConverter::loadSchema(const QJsonDocument &document)
 {
-    schemaDocument = document.toVariant().toMap();
     ready.clear();
+    streams.clear();
+    schemaDocument = document.toVariant().toMap();
     schema.clear();
     s_buildSchema(schema, schemaDocument, QStringList());
+    indexStreams();
 }
 
 void SchemaConverter::loadSchemaFromFile(const QString &path)
@@ -227,27 +227,40 @@ void SchemaConverter::dump()
 }
 
 // Of copies that stand behind one another only the first decodes. They all would take in and give away the
-// same at the same time, and writing a value to its place in the map twice in a row changes nothing; so the
-// others stay empty, which takeVariantToSend passes over. A copy behind another leaf's attribute decodes for
-// itself: that leaf may have written to the same place in between.
+// same at the same time, and writing a value to its place in the map twice in a row changes nothing; the
+// others stay empty for good. A copy behind the attribute of another leaf decodes for itself: that leaf,
+// inside of the first one, may have written over the place of the copy's value in between.
+void SchemaConverter::indexStreams()
+{
+    streams.reserve(schema.size());
+    for (auto entry = schema.begin(); entry != schema.end(); ++entry) {
+        Stream &stream = streams[entry.key().order()];
+        stream.endpoint = entry.key();
+        const SchemaDataAttribute *previous = nullptr;
+        for (SchemaDataAttribute &attribute : *entry) {
+            if (!previous || !attribute.isCopyOf(*previous)) {
+                stream.decoders.append(&attribute);
+            }
+            previous = &attribute;
+        }
+    }
+}
+
 int SchemaConverter::insertFrame(const VEKEndpoint &endpoint, const QByteArray &payload)
 {
-    const Schema::iterator entry = schema.find(endpoint);
-    if (entry == schema.end()) {
+    const auto stream = streams.find(endpoint.order());
+    if (stream == streams.end()) {
         return 2;
     }
     bool becameReady = false;
-    const SchemaDataAttribute *previous = nullptr;
-    for (SchemaDataAttribute &attribute : *entry) {
-        const bool isRepetition = previous && attribute.isCopyOf(*previous);
-        previous = &attribute;
-        if (isRepetition || attribute.isFull()) {
+    for (SchemaDataAttribute *attribute : qAsConst(stream->decoders)) {
+        if (attribute->isFull()) {
             continue;
         }
-        attribute.insert(payload);
-        if (attribute.isReadyToFlush() && !becameReady) {
+        attribute->insert(payload);
+        if (attribute->isReadyToFlush() && !becameReady) {
             becameReady = true;
-            rememberReady(entry); // now: a later attribute may throw
+            rememberReady(&*stream); // now: a later attribute may throw
         }
     }
     if (becameReady) {
@@ -256,14 +269,14 @@ int SchemaConverter::insertFrame(const VEKEndpoint &endpoint, const QByteArray &
     return 1;
 }
 
-void SchemaConverter::rememberReady(Schema::iterator endpoint)
+void SchemaConverter::rememberReady(Stream *stream)
 {
-    const auto orderedBefore = [](Schema::iterator a, Schema::iterator b) {
-        return a.key() < b.key();
+    const auto orderedBefore = [](Stream *a, Stream *b) {
+        return a->endpoint < b->endpoint;
     };
-    const auto place = std::lower_bound(ready.begin(), ready.end(), endpoint, orderedBefore);
-    if (place == ready.end() || *place != endpoint) {
-        ready.insert(place, endpoint);
+    const auto place = std::lower_bound(ready.begin(), ready.end(), stream, orderedBefore);
+    if (place == ready.end() || *place != stream) {
+        ready.insert(place, stream);
     }
 }
 
@@ -273,11 +286,15 @@ QVariant SchemaConverter::takeVariantToSend(bool force)
     QVariant values;
     if (force) {
         for (QList<SchemaDataAttribute> &attributes : schema) {
-            s_take(values, attributes, force);
+            for (SchemaDataAttribute &attribute : attributes) {
+                s_take(values, attribute, force);
+            }
         }
     } else {
-        for (const Schema::iterator &entry : qAsConst(ready)) {
-            s_take(values, *entry, force);
+        for (const Stream *stream : qAsConst(ready)) {
+            for (SchemaDataAttribute *attribute : stream->decoders) {
+                s_take(values, *attribute, force);
+            }
         }
     }
     ready.clear();

@@ -13,6 +13,7 @@
 #include "service/vek_frame.h"
 
 #include <QByteArray>
+#include <QHash>
 #include <QJsonDocument>
 #include <QList>
 #include <QMap>
@@ -62,14 +63,22 @@ signals:
     void variantToSend();
 
 private:
-    using Schema = QMap<VEKEndpoint, QList<SchemaDataAttribute>>;
+    // What a frame of one endpoint concerns.
+    struct Stream {
+        VEKEndpoint endpoint;
+        QVector<SchemaDataAttribute *> decoders; // those attributes of the endpoint that decode
+    };
 
-    void rememberReady(Schema::iterator endpoint);
+    void indexStreams();
+    void rememberReady(Stream *stream);
 
     QVariantMap schemaDocument;
-    Schema schema;
+    QMap<VEKEndpoint, QList<SchemaDataAttribute>> schema;
 
-    // The endpoints with a ready attribute, in key order: all that takeVariantToSend has to visit. The
-    // iterators hold because `schema` changes only when a new one is loaded.
-    QVector<Schema::iterator> ready;
+    // Made from `schema` and pointing into it, by VEKEndpoint::order(): a frame pays for what it concerns,
+    // whatever else the schema holds. Both change only when a schema is loaded, and together.
+    QHash<qint32, Stream> streams;
+
+    // The streams with a ready attribute, in key order: all that takeVariantToSend(false) has to visit.
+    QVector<Stream *> ready;
 };
