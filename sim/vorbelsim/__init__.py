@@ -1,0 +1,10 @@
+"""Virtual hardware for tests and the demonstration: a serial CAN adapter, a CAN bus, a few nodes.
+
+Everything here needs Debian's Python and nothing else. No call blocks without a time limit.
+"""
+
+from .adapter import VirtualAdapter
+from .canbus import VirtualCanBus
+from .canframe import CanFrame
+
+__all__ = ["CanFrame", "VirtualAdapter", "VirtualCanBus"]
