@@ -186,3 +186,21 @@ async def test_two_hundred_clients_at_once(daemon):
     await asyncio.gather(*(client.close() for client in clients))
     await eventually(lambda: daemon.count(CLOSED) == 200)
     await eventually(lambda: daemon.descriptors() == before)
+
+
+async def test_a_value_that_is_no_map_costs_itself_and_nothing_else(start_daemon):
+    """Sent in one go, so that all of them are buffered when the first is handled."""
+    daemon = start_daemon(VORBEL_SOURCE="serialport")
+    not_a_map = b"\x01"
+    async with connect() as client:
+        await receive(client)
+        for message in (not_a_map, b"\x80", not_a_map, not_a_map, "{}", b"\x80"):
+            await client.send(message)
+        await round_trip(client)
+        failures = "critical Input dropped, its conversion failed: Bad type"
+        converted = "debug Converted size: 0"
+        results = [line for line in daemon.lines() if line in (failures, converted) or "schema" in line]
+        assert results == [failures, converted, failures, failures, "info Received schema: QJsonDocument({})",
+                           converted]
+    async with connect() as next_client:
+        await receive(next_client)
