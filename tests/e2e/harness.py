@@ -14,7 +14,7 @@ import websockets
 
 PORT = 10443
 URI = f"ws://127.0.0.1:{PORT}"
-BUILD = pathlib.Path(os.environ["VORBEL_BUILD"])
+BUILD = pathlib.Path(os.environ["VORBEL_BUILD_DIR"])
 SANITIZED = bool(os.environ.get("VORBEL_SANITIZED"))
 TICK = 1.0  # seconds between two supervision ticks
 
