@@ -22,9 +22,9 @@ bool s_convertsToMap(const QVariant &value)
     return value.canConvert(QMetaType::QVariantMap);
 }
 
-// Appends a leaf's attribute once for every member of the leaf, not once. Decoding pays for it only once (see
-// insertFrame), but where leaves stand inside of leaves the repetitions decide which of them is written last
-// to a place in the value map, and clients rely on the outcome.
+// Every member of a leaf adds a copy of the leaf's attribute. Only some of them decode (see indexStreams),
+// but where leaves stand inside of leaves, the copies behind those decide who is the last to write to a place
+// in the value map, and clients rely on the outcome.
 void s_buildSchema(QMap<VEKEndpoint, QList<SchemaDataAttribute>> &schema, const QVariantMap &node,
                    const QStringList &path)
 {

@@ -5,7 +5,8 @@
 //
 // Values are QVariantMaps nested as the schema is nested, with the leaves' values at the leaves' places.
 // Memory: one attribute per member of every leaf in the schema, what the attributes gather (see
-// schemadataattribute.h), and for the time of one conversion the payloads and frames it yields.
+// schemadataattribute.h), and for the time of one conversion the payloads and frames it yields: 4 MiB of
+// payload and the packed values at most.
 #pragma once
 
 #include "schema/schemadataattribute.h"
