@@ -1,8 +1,10 @@
-// The log category of debug lines that are written for every message.
+// Debug lines that are written for every message, and about values that clients chose.
 #pragma once
 
 #include <QDebug>
 #include <QLoggingCategory>
+#include <QString>
+#include <QVariant>
 
 // For qCDebug(debugLog). The line is the same as qDebug()'s, which formats its text even when a rule drops
 // it afterwards; qCDebug asks the category first.
@@ -10,3 +12,8 @@ inline const QLoggingCategory &debugLog()
 {
     return *QLoggingCategory::defaultCategory();
 }
+
+// What QDebug prints for a value, for lines with noquote(). Of a longer text the first 64 KiB in UTF-8 with
+// " ..." behind them: in print, a value can take many times the space that it took in the client's message.
+QString debugText(const QVariant &value);
+QString debugText(const QVariantMap &value);

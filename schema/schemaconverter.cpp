@@ -26,38 +26,38 @@ bool s_convertsToMap(const QVariant &value)
 // but where leaves stand inside of leaves, the copies behind those decide who is the last to write to a place
 // in the value map, and clients rely on the outcome.
 void s_buildSchema(QMap<VEKEndpoint, QList<SchemaDataAttribute>> &schema, const QVariantMap &node,
-                   const QStringList &path)
+                   const SchemaPath &path)
 {
     const bool isLeaf = node.contains(QStringLiteral("@mac"));
-    const SchemaDataAttribute attribute =
-        isLeaf ? SchemaDataAttribute(QVariant(node), path) : SchemaDataAttribute();
+    const SchemaDataAttribute attribute = isLeaf ? SchemaDataAttribute(path, node) : SchemaDataAttribute();
     for (auto member = node.cbegin(); member != node.cend(); ++member) {
         if (isLeaf) {
             schema[attribute.endpoint()].append(attribute);
         }
         if (s_convertsToMap(*member)) {
-            s_buildSchema(schema, heldMap(*member), path + QStringList(member.key()));
+            s_buildSchema(schema, heldMap(*member), SchemaPath(path, member.key()));
         }
     }
 }
 
 // The place for `path` in nested maps under `root`. Whatever stands in the way of a map is replaced by one.
-QVariant &s_slot(QVariant &root, const QStringList &path)
+// Recursion ends with the nesting that QJsonDocument allows a schema.
+QVariant &s_slot(QVariant &root, const SchemaPath &path)
 {
-    QVariant *slot = &root;
-    for (const QString &name : path) {
-        if (slot->userType() != QMetaType::QVariantMap) {
-            *slot = QVariantMap();
-        }
-        slot = &(*static_cast<QVariantMap *>(slot->data()))[name];
+    if (path.isRoot()) {
+        return root;
     }
-    return *slot;
+    QVariant &parent = s_slot(root, path.parent());
+    if (parent.userType() != QMetaType::QVariantMap) {
+        parent = QVariantMap();
+    }
+    return (*static_cast<QVariantMap *>(parent.data()))[path.name()];
 }
 
 void s_take(QVariant &values, SchemaDataAttribute &attribute, bool force)
 {
     if (!attribute.isEmpty() && (force || attribute.isReadyToFlush())) {
-        s_slot(values, attribute.path()) = attribute.data();
+        s_slot(values, attribute.schemaPath()) = attribute.data();
         attribute.clear();
     }
 }
@@ -150,7 +150,7 @@ void s_toFrame(QMap<VEKEndpoint, QByteArray> &frames, const QVariantMap &values,
             qWarning() << "Key:" << member.key() << "does not exist in the schema";
             continue;
         }
-        const SchemaDataAttribute attribute(node, QStringList());
+        const SchemaDataAttribute attribute(SchemaPath(), heldMap(node));
         if (attribute.format() != 'p' && s_convertsToMap(*member)) {
             s_toFrame(frames, heldMap(*member), heldMap(node), room);
         } else {
@@ -196,7 +196,7 @@ void s_appendFrames(QList<vek_frame_t> &frames, const VEKEndpoint &endpoint, con
 // toFrame logs this line and so does toVEKFrames for it: the line stands twice in the log then.
 void s_logConversion(const QVariant &value)
 {
-    qCDebug(debugLog) << "Converting binary data into a frame" << value;
+    qCDebug(debugLog).noquote() << "Converting binary data into a frame" << debugText(value);
 }
 
 } // namespace
@@ -207,9 +207,10 @@ void SchemaConverter::loadSchema(const QJsonDocument &document)
 {
     ready.clear();
     streams.clear();
-    schemaDocument = document.toVariant().toMap();
     schema.clear();
-    s_buildSchema(schema, schemaDocument, QStringList());
+    schemaDocument.clear(); // before there is another one: both can be large
+    schemaDocument = document.toVariant().toMap();
+    s_buildSchema(schema, schemaDocument, SchemaPath());
     indexStreams();
 }
 
@@ -223,7 +224,7 @@ void SchemaConverter::loadSchemaFromFile(const QString &path)
 
 void SchemaConverter::dump()
 {
-    qCDebug(debugLog) << schemaDocument;
+    qCDebug(debugLog).noquote() << debugText(schemaDocument);
 }
 
 // Of copies that stand behind one another only the first decodes. They all would take in and give away the

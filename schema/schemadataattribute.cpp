@@ -27,9 +27,13 @@ static const QVariant *s_find(const QVariantMap &map, const QStringList &path)
     return found;
 }
 
-SchemaDataAttribute::SchemaDataAttribute(const QVariant &definition, const QStringList &path) : m_path(path)
+SchemaDataAttribute::SchemaDataAttribute(const QVariant &definition, const QStringList &path)
+    : SchemaDataAttribute(SchemaPath(path), heldMap(definition))
 {
-    const QVariantMap &options = heldMap(definition);
+}
+
+SchemaDataAttribute::SchemaDataAttribute(const SchemaPath &path, const QVariantMap &options) : m_path(path)
+{
     const auto option = [&options](const QString &name) {
         return options.value(name);
     };
@@ -133,7 +137,7 @@ void SchemaDataAttribute::decodePacked(const QByteArray &payload)
         return;
     }
     const QVariant message = MsgPack::unpack(m_data.value<QByteArray>());
-    if (const QVariant *value = s_find(heldMap(message), m_path)) {
+    if (const QVariant *value = s_find(heldMap(message), path())) {
         m_data = *value;
         m_count = 1;
     }

@@ -7,6 +7,7 @@
 // is the client's, and nothing is reserved for it in advance.
 #pragma once
 
+#include "schema/schemapath.h"
 #include "schema/vekendpoint.h"
 
 #include <QByteArray>
@@ -25,12 +26,16 @@ public:
     // std::runtime_error("Bad type") when `definition` does not hold a QVariantMap.
     SchemaDataAttribute(const QVariant &definition, const QStringList &path);
 
+    // The same where path and options are at hand as the schema has them.
+    SchemaDataAttribute(const SchemaPath &path, const QVariantMap &options);
+
     char format() const { return m_format; }      // first byte of "@format", 0 for none
     int flushSize() const { return m_flushSize; } // readings to an array; 0 or less for single values
     int skip() const { return m_skip; }           // byte offset in the payload, as the schema gave it
     float factor() const { return m_factor; }     // readings are divided by it, written values multiplied
     VEKEndpoint endpoint() const { return m_endpoint; }
-    QStringList path() const { return m_path; }
+    QStringList path() const { return m_path.names(); }
+    const SchemaPath &schemaPath() const { return m_path; }
     int count() const { return m_count; }    // readings held
     QVariant data() const { return m_data; } // the readings held: one value, or a QVector
 
@@ -53,7 +58,7 @@ public:
     // Drops the readings. What the next reading is compared with when observing stays.
     void clear();
 
-    // True when both were made from the same leaf of one schema: there, no two leaves have the same path.
+    // True when both were made from one leaf of one schema.
     bool isCopyOf(const SchemaDataAttribute &other) const { return m_path.isSharedWith(other.m_path); }
 
 private:
@@ -77,7 +82,7 @@ private:
     int m_count = 0;
     bool m_changed = false;
     VEKEndpoint m_endpoint;
-    QStringList m_path;
+    SchemaPath m_path;
     QVariant m_data;
     QVariant m_lastValue; // observing: the last value decoded, outlives clear()
 };
