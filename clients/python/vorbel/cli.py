@@ -1,0 +1,290 @@
+"""The terminal tool: watch, set, hello, schema check, record, plot."""
+
+import argparse
+import asyncio
+import json
+import os
+import re
+import sys
+import time
+
+from . import client as clients, commands, once, plotting, schema as schemas, table
+from .client import connect
+from .errors import SchemaError, VorbelError
+from .recording import Recorder
+
+UNITS = {"": 1, "k": 1024, "M": 1024**2, "G": 1024**3}
+
+
+def main(arguments=None) -> int:
+    options = _parser().parse_args(arguments)
+    try:
+        return asyncio.run(options.run(options))
+    except VorbelError as error:
+        say(str(error))
+        return 1
+    except BrokenPipeError:
+        # Whoever read our lines has had enough; Python would complain once more on its way out.
+        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+        return 0
+    except OSError as error:
+        say(f"{error.filename}: {error.strerror}" if error.filename else str(error))
+        return 1
+    except KeyboardInterrupt:
+        return options.interrupted
+
+
+def say(text: str):
+    """To the person; standard output is for values."""
+    print(f"vorbel-cli: {text}", file=sys.stderr, flush=True)
+
+
+# The commands
+
+
+async def watch(options) -> int:
+    if options.once is not None:
+        return await _watch_once(options)
+    if options.set or options.expect:
+        raise VorbelError("--set and --expect go with --once SECONDS")
+    live = _live_module(options)
+    async with _connect(options) as client:
+        session = commands.Session(client, note=say)
+        session.filter = options.filter
+        return await (live.watch_live(session) if live else _watch_plain(session))
+
+
+async def set_value(options) -> int:
+    async with _connect(options) as client:
+        value = commands.parse_value(options.value)
+        await client.set(options.path, value)
+        await client.confirmed()
+    print(f"{options.path} = {table.shown(value)} sent")
+    return 0
+
+
+async def hello(options) -> int:
+    async with _connect(options) as client:
+        print(f"type: {client.hello.type}")
+        if client.hello.id is not None:
+            print(f"id: {client.hello.id}")
+    return 0
+
+
+async def schema_check(options) -> int:
+    schema = schemas.load_schema(options.file)
+    problems = schemas.check(schema)
+    for problem in problems:
+        print(problem)
+    errors = sum(problem.error for problem in problems)
+    leaves = schemas.leaves(schema)
+    endpoints = {(json.dumps(leaf["@mac"]), json.dumps(leaf.get("@cmd"))) for leaf in leaves.values()}
+    print(f"{options.file}: {len(leaves)} leaves on {len(endpoints)} endpoints, "
+          f"{errors} errors, {len(problems) - errors} warnings")
+    return 1 if errors else 0
+
+
+async def record(options) -> int:
+    recorder = Recorder(options.file, options.max_size, options.keep, options.append)
+    progress = Progress()
+    lost = 0
+    try:
+        async with _connect(options) as client:
+            session = commands.Session(client, note=progress.note)
+            async for event in client.events(options.seconds):
+                session.take(event)
+                recorder.record(event)
+                progress.show(f"{recorder.messages} messages, {recorder.written / 1e6:.1f} MB, "
+                              f"{recorder.files} files")
+                lost = client.lost
+    finally:
+        recorder.close()
+        progress.end()
+        say(f"recorded {recorder.messages} messages, {recorder.written} bytes in {recorder.files} "
+            f"{'file' if recorder.files == 1 else 'files'} at {options.file}"
+            + (f"; {lost} more came faster than they could be written" if lost else ""))
+    return 0 if recorder.messages else 1
+
+
+async def plot(options) -> int:
+    plotting.require_matplotlib()
+    courses = {path: plotting.Course() for path in options.paths}
+    progress = Progress()
+    async with _connect(options) as client:
+        session = commands.Session(client, note=progress.note)
+        async for event in client.events(options.seconds):
+            session.take(event)
+            progress.show(f"{session.table.messages} messages")
+            if isinstance(event, clients.Values):
+                for path, value in event.flat().items():
+                    if path in courses:
+                        courses[path].add(value, event.time)
+        title = f"{client.hello.type} {client.hello.id or ''}"
+    progress.end()
+    empty = [path for path, course in courses.items() if not course.times]
+    if empty:
+        say(f"no numbers came for {', '.join(empty)}; there were: {', '.join(session.table.rows) or 'none at all'}")
+    courses = {path: course for path, course in courses.items() if course.times}
+    if courses:
+        plotting.draw(courses, options.output, title)
+        print(f"{options.output}: {sum(len(course.times) for course in courses.values())} points")
+    return 1 if empty else 0
+
+
+# What they share
+
+
+class Progress:
+    """One line on the terminal that is written over and over; nothing where standard error is none."""
+
+    INTERVAL = 0.2  # seconds
+
+    def __init__(self):
+        self._terminal = sys.stderr.isatty()
+        self._started = time.monotonic()
+        self._shown_at = 0.0
+
+    def show(self, text: str):
+        now = time.monotonic()
+        if self._terminal and now - self._shown_at > self.INTERVAL:
+            self._shown_at = now
+            seconds = int(now - self._started)
+            print(f"\r\x1b[K{seconds // 60:02}:{seconds % 60:02}  {text}", end="", file=sys.stderr, flush=True)
+
+    def note(self, text: str):
+        self.end()
+        say(text)
+
+    def end(self):
+        if self._terminal:
+            print("\r\x1b[K", end="", file=sys.stderr, flush=True)
+
+
+def _connect(options):
+    """The client for the options; warnings about its schema are told."""
+    client = connect(options.address, schema=options.schema, check=options.check, timeout=options.timeout)
+    if options.check and client.schema is not None:
+        for warning in schemas.check(client.schema):
+            say(str(warning))
+    return client
+
+
+def _live_module(options):
+    """The live table, or None where it cannot be: not on a terminal, or without rich."""
+    if options.plain or not (sys.stdin.isatty() and sys.stdout.isatty()):
+        return None
+    try:
+        from . import live
+    except ImportError:
+        say("plain lines instead of the live table, which needs rich: apt install python3-rich")
+        return None
+    return live
+
+
+async def _watch_plain(session) -> int:
+    """A line for each value: time, path, value as JSON, with tabs between them."""
+    async for event in session.client.events():
+        session.take(event)
+        if isinstance(event, clients.Hello):
+            say(f"hello: type {event.type}" + (f", id {event.id}" if event.id else ""))
+        if isinstance(event, clients.Values):
+            when = time.strftime("%Y-%m-%dT%H:%M:%S", time.localtime(event.time)) + f".{int(event.time * 1000) % 1000:03}"
+            for path, value in event.flat().items():
+                if session.filter in path:
+                    print(when, path, json.dumps(table.plain(value), ensure_ascii=False), sep="\t")
+            sys.stdout.flush()
+    return 0
+
+
+async def _watch_once(options) -> int:
+    assignments = [once.parse_assignment(text) for text in options.set]
+    expectations = [once.parse_expectation(text) for text in options.expect]
+    async with _connect(options) as client:
+        session = commands.Session(client, note=say)
+        look = once.Look(session, assignments, expectations)
+        await look.follow(options.once)
+        lines, well = once.report(session, look, expectations, assignments, options.once)
+    print("\n".join(lines))
+    return 0 if well else 1
+
+
+# The command line
+
+
+def _parser():
+    parser = argparse.ArgumentParser(prog="vorbel-cli", description="Talks to a Vorbel daemon.")
+    commands_of = parser.add_subparsers(metavar="COMMAND", required=True)
+
+    def add(name, run, text, interrupted=130, connects=True, of=commands_of):
+        command = of.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".")
+        command.set_defaults(run=run, interrupted=interrupted)
+        if connects:
+            _add_connection(command)
+        return command
+
+    command = add("watch", watch, "show the values as they come; on a terminal as a table that takes commands", 0)
+    command.add_argument("--plain", action="store_true", help="lines instead of the table, as when piped")
+    command.add_argument("--filter", default="", metavar="TEXT", help="only paths that contain the text")
+    command.add_argument("--once", type=_seconds, metavar="SECONDS",
+                         help="print a summary after so long; the exit status is 1 if no values came or one of "
+                              "those expected did not")
+    command.add_argument("--set", action="append", default=[], metavar="PATH=VALUE",
+                         help="with --once: write this when the first values came")
+    command.add_argument("--expect", action="append", default=[], metavar="PATH=VALUE[~TOLERANCE]",
+                         help="with --once: this must come after what was set")
+
+    command = add("set", set_value, "write one value to the bus")
+    command.add_argument("path", metavar="PATH")
+    command.add_argument("value", metavar="VALUE", help="as JSON, or text")
+
+    add("hello", hello, "print which device answers")
+
+    of_schema = commands_of.add_parser("schema", help="check a schema").add_subparsers(metavar="COMMAND", required=True)
+    command = add("check", schema_check, "say what is wrong with a schema; status 1 if it would not be sent",
+                  connects=False, of=of_schema)
+    command.add_argument("file", metavar="FILE")
+
+    command = add("record", record, "write all that comes to a file, until interrupted", 0)
+    command.add_argument("file", metavar="FILE", help="NAME.jsonl (JSON Lines) or NAME.csv")
+    command.add_argument("--max-size", type=_size, default=0, metavar="BYTES",
+                         help="put a file aside at this size and begin a new one; 10M, for instance")
+    command.add_argument("--keep", type=_count, default=0, metavar="N", help="of the files put aside keep the last N")
+    command.add_argument("--append", action="store_true", help="go on with a file that exists")
+    command.add_argument("--for", dest="seconds", type=_seconds, metavar="SECONDS", help="end by itself after so long")
+
+    command = add("plot", plot, "draw values over time")
+    command.add_argument("paths", nargs="+", metavar="PATH")
+    command.add_argument("-o", "--output", required=True, metavar="FILE.png")
+    command.add_argument("--for", dest="seconds", type=_seconds, default=10, metavar="SECONDS",
+                         help="how long to collect (default %(default)s)")
+    return parser
+
+
+def _add_connection(command):
+    command.add_argument("-a", "--address", default="localhost", metavar="HOST[:PORT]",
+                         help="where the daemon is (default %(default)s, port 10443), or its ws:// URI")
+    command.add_argument("-s", "--schema", metavar="FILE", help="send this schema, which then holds for all clients")
+    command.add_argument("--no-check", dest="check", action="store_false",
+                         help="send schema and values whatever is wrong with them")
+    command.add_argument("--timeout", type=_seconds, default=10, metavar="SECONDS",
+                         help="how long to wait for the daemon (default %(default)s)")
+
+
+def _seconds(text: str) -> float:
+    seconds = float(text)
+    if not 0 < seconds < float("inf"):
+        raise argparse.ArgumentTypeError("must be above 0")
+    return seconds
+
+
+def _count(text: str) -> int:
+    if not text.isdecimal():
+        raise argparse.ArgumentTypeError("must be a whole number")
+    return int(text)
+
+
+def _size(text: str) -> int:
+    match = re.fullmatch(r"(\d+)([kMG]?)", text)
+    if not match:
+        raise argparse.ArgumentTypeError("must be a number of bytes, with k, M or G behind it for larger units")
+    return int(match[1]) * UNITS[match[2]]

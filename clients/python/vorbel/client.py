@@ -1,0 +1,310 @@
+"""The connection to a daemon: kept up, with whatever comes over it as a stream of events."""
+
+import asyncio
+import collections
+import contextlib
+import json
+import logging
+import random
+import time
+from dataclasses import dataclass, field
+from typing import Optional
+
+import websockets
+
+from . import paths, schema as schemas, wire
+from .errors import ConnectError, WriteError
+
+PORT = 10443
+HELLO_TIMEOUT = 10.0  # seconds from connecting to the hello
+PING_INTERVAL = 10.0  # seconds; a peer that does not answer within another ten is given up
+MESSAGE_LIMIT = 32 * 1024 * 1024  # the daemon drops a client that leaves half of this unread
+EVENTS_KEPT = 4096  # for a program that does not keep up
+
+log = logging.getLogger("vorbel")
+
+
+@dataclass(frozen=True)
+class Hello:
+    """The daemon greets: after connecting, and again whenever a client connects or its adapter is reopened."""
+
+    type: str
+    id: Optional[str] = None
+
+
+@dataclass(frozen=True)
+class Values:
+    """One message of values: `data` is nested as the schema is; `time` is when it came, as of time.time()."""
+
+    data: object
+    time: float = field(default_factory=time.time)
+
+    def flat(self) -> dict:
+        """{dotted path: value}"""
+        return paths.flatten(self.data)
+
+
+@dataclass(frozen=True)
+class Undecodable:
+    """A message that is no complete value, with its bytes.
+
+    Some leaf with "@format": "c" and "@flushSize" makes such messages; the next message may be well again.
+    """
+
+    message: bytes
+    reason: str
+    time: float = field(default_factory=time.time)
+
+    def __str__(self):
+        beginning = self.message[:32].hex(" ") + (" ..." if len(self.message) > 32 else "")
+        return f"cannot decode a message of {len(self.message)} bytes ({self.reason}): {beginning or 'empty'}"
+
+
+@dataclass(frozen=True)
+class Disconnected:
+    """There is no connection; the next attempt comes in `retry_in` seconds."""
+
+    reason: str
+    retry_in: float
+    time: float = field(default_factory=time.time)
+
+
+def connect(address: str = "localhost", **options) -> "Client":
+    """`async with connect(...) as client`: connected and greeted inside. The options are Client's."""
+    return Client(address, **options)
+
+
+def uri_of(address: str) -> str:
+    """The URI for "host", "host:port" or a URI."""
+    if "://" in address:
+        return address
+    has_port = address.rpartition("]")[2].count(":") == 1
+    return f"ws://{address}" if has_port else f"ws://{address}:{PORT}"
+
+
+class Client:
+    """One connection, which comes back by itself with growing pauses until the client is closed.
+
+    Events are kept for one consumer. When it falls behind, the oldest are dropped and counted in `lost`: values
+    are readings of a live bus, and a client that stops reading would be dropped by the daemon.
+
+    `schema` is a file or a dict; it is sent after each hello, since a daemon that was restarted has forgotten it,
+    and it then holds for all clients of that daemon. `check` False sends it whatever is wrong with it, and values
+    as they are. `timeout` is how many seconds to wait for a connection on entering and in write(); None: for ever.
+    """
+
+    def __init__(self, address="localhost", *, schema=None, check=True, timeout: Optional[float] = 10.0,
+                 pauses=(0.2, 10.0)):
+        self.uri = uri_of(address)
+        self.timeout = timeout
+        self.hello: Optional[Hello] = None
+        self.schema: Optional[dict] = None
+        self.lost = 0
+        self._check = check
+        self._pauses = pauses
+        self._trouble = "no answer yet"
+        self._socket = None
+        self._ready = asyncio.Event()
+        self._events = collections.deque()
+        self._arrived = asyncio.Event()
+        self._task = None
+        if schema is not None:
+            self._adopt(schema)
+
+    # Life
+
+    async def __aenter__(self):
+        self._task = asyncio.create_task(self._stay_connected())
+        self._task.add_done_callback(lambda _: self._arrived.set())
+        try:
+            await self.connected()
+        except BaseException:
+            await self.close()
+            raise
+        return self
+
+    async def __aexit__(self, *_):
+        await self.close()
+
+    async def connected(self):
+        """Returns when connected, greeted and, if there is a schema, that was sent. Raises ConnectError."""
+        waiting = asyncio.create_task(self._ready.wait())
+        await asyncio.wait({waiting, self._task}, timeout=self.timeout, return_when=asyncio.FIRST_COMPLETED)
+        waiting.cancel()
+        self._is_over()
+        if not self._ready.is_set():
+            raise ConnectError(f"No daemon at {self.uri} within {self.timeout:g} s: {self._trouble}")
+
+    async def close(self):
+        """Ends the connection and the stream of events."""
+        self._task.cancel()
+        await asyncio.wait({self._task})
+
+    # What comes
+
+    async def events(self, seconds: Optional[float] = None):
+        """Hello, Values, Undecodable and Disconnected, in the order in which they happened; until closed, or for
+        some seconds."""
+        deadline = None if seconds is None else time.monotonic() + seconds
+        while True:
+            while self._events:
+                yield self._events.popleft()
+            left = None if deadline is None else deadline - time.monotonic()
+            if self._is_over() or (left is not None and left <= 0):
+                return
+            self._arrived.clear()
+            with contextlib.suppress(asyncio.TimeoutError):
+                await asyncio.wait_for(self._arrived.wait(), left)
+
+    async def values(self, flat: bool = False):
+        """The values of each message, nested or by dotted path. What else happens goes to the log "vorbel"."""
+        async for event in self.events():
+            if isinstance(event, Values):
+                yield event.flat() if flat else event.data
+            elif isinstance(event, Undecodable):
+                log.warning("%s", event)
+            elif isinstance(event, Disconnected):
+                log.warning("%s; next attempt in %.1f s", event.reason, event.retry_in)
+
+    # What goes
+
+    async def send_schema(self, schema) -> list:
+        """Replaces the schema for all clients of the daemon and returns the warnings about it."""
+        warnings = self._adopt(schema)
+        await self.connected()
+        await self._send(self._schema_text)
+        return warnings
+
+    async def write(self, values: dict):
+        """Writes nested values to the bus.
+
+        With a schema they are checked first: WriteError instead of what the daemon would only log or ignore.
+        Nothing comes back when they were written; confirmed() tells when the daemon has handled them.
+        """
+        if self._check and self.schema is not None:
+            problems = schemas.check_write(self.schema, values)
+            if problems:
+                raise WriteError("Not written: " + "; ".join(map(str, problems)))
+        try:
+            message = wire.encode(values)
+        except ValueError as error:
+            raise WriteError(f"Not written: {error}") from None
+        if len(message) > schemas.MESSAGE_LIMIT:
+            raise WriteError(f"Not written: the daemon takes no message of more than 4 MiB, this has {len(message)}")
+        await self.connected()
+        await self._send(message)
+
+    async def set(self, path: str, value):
+        """Writes one value by its dotted path."""
+        await self.write(paths.nest(path, value))
+
+    async def confirmed(self):
+        """Returns when the daemon has handled everything that was sent before: it answers in that order."""
+        await self.connected()
+        try:
+            await asyncio.wait_for(await self._socket.ping(), self.timeout)
+        except (websockets.ConnectionClosed, asyncio.TimeoutError, AttributeError):
+            raise ConnectError(f"{self.uri} did not confirm what was sent; nothing says whether it arrived") from None
+
+    # Inside
+
+    def _is_over(self) -> bool:
+        """Whether nothing can come any more. Raises what ended it, if it was not close()."""
+        if self._task.done() and not self._task.cancelled():
+            self._task.result()
+        return self._task.done()
+
+    def _adopt(self, schema) -> list:
+        schema = schemas.load_schema(schema)
+        warnings = schemas.check_or_raise(schema) if self._check else []
+        self._schema_text = schemas.to_text(schema)
+        self.schema = schema
+        return warnings
+
+    async def _send(self, message):
+        try:
+            await self._socket.send(message)
+        except (websockets.ConnectionClosed, AttributeError):
+            raise ConnectError(f"The connection to {self.uri} ended while sending; "
+                               "nothing says whether the message arrived") from None
+
+    async def _stay_connected(self):
+        shortest, longest = self._pauses
+        pause = shortest
+        while True:
+            started = time.monotonic()
+            self._trouble = await self._one_connection()
+            if time.monotonic() - started > longest:
+                pause = shortest
+            # Clients that lost one daemon together should not come back together.
+            retry_in = pause * random.uniform(0.5, 1)
+            self._emit(Disconnected(self._trouble, retry_in))
+            await asyncio.sleep(retry_in)
+            pause = min(2 * pause, longest)
+
+    async def _one_connection(self) -> str:
+        """Talks until the connection ends, and returns why it did."""
+        try:
+            async with websockets.connect(self.uri, max_size=MESSAGE_LIMIT, compression=None, open_timeout=10,
+                                          ping_interval=PING_INTERVAL, ping_timeout=PING_INTERVAL,
+                                          close_timeout=1) as socket:
+                await self._greet(socket)
+                async for message in socket:
+                    self._take(message)
+            return "the daemon ended the connection"
+        except asyncio.TimeoutError:
+            return "it does not answer in time"
+        except (OSError, ValueError, websockets.WebSocketException) as error:
+            return _told(error)
+        finally:
+            self._socket = None
+            self._ready.clear()
+
+    async def _greet(self, socket):
+        message = await asyncio.wait_for(socket.recv(), HELLO_TIMEOUT)
+        if _hello_in(message) is None:
+            raise ValueError(f"no Vorbel daemon: it greets with {message[:60]!r}")
+        self._take(message)
+        if self.schema is not None:
+            await socket.send(self._schema_text)
+        self._socket = socket
+        self._ready.set()
+
+    def _take(self, message):
+        """A text is a hello; other texts are for clients of another time. None stands for an empty report."""
+        if isinstance(message, str):
+            hello = _hello_in(message)
+            if hello:
+                self.hello = hello
+                self._emit(hello)
+            return
+        try:
+            data = wire.decode(message)
+        except ValueError as error:
+            self._emit(Undecodable(message, str(error)))
+            return
+        if data is not None:
+            self._emit(Values(data))
+
+    def _emit(self, event):
+        if len(self._events) == EVENTS_KEPT:
+            self._events.popleft()
+            self.lost += 1
+        self._events.append(event)
+        self._arrived.set()
+
+
+def _hello_in(message) -> Optional[Hello]:
+    try:
+        device = json.loads(message)["hello"]
+        return Hello(device["type"], device.get("id"))
+    except (ValueError, TypeError, KeyError, AttributeError):
+        return None
+
+
+def _told(error) -> str:
+    if isinstance(error, websockets.ConnectionClosedError) and error.rcvd is None:
+        return "the connection broke"
+    if isinstance(error, websockets.InvalidHandshake):
+        return f"something else than a Vorbel daemon answers ({error})"
+    return getattr(error, "strerror", None) or str(error) or type(error).__name__

@@ -1,0 +1,101 @@
+"""One connection as the terminal tool uses it: the table that follows it, and typed commands."""
+
+import json
+import shlex
+
+from . import client as clients, schema as schemas
+from .errors import VorbelError
+from .table import Table, shown
+
+HELP = """set PATH VALUE    writes a value to the bus
+schema FILE       replaces the schema, for all clients of the daemon
+filter [TEXT]     shows only the paths that contain the text
+quit              ends; Tab completes commands and paths"""
+NAMES = ("set", "schema", "filter", "help", "quit")
+
+
+def parse_value(text: str):
+    """A typed value: JSON where it is JSON, otherwise the text itself."""
+    try:
+        return json.loads(text)
+    except ValueError:
+        return text
+
+
+class Session:
+    """Follows a client's events into a table; `note` is called with texts for the person watching."""
+
+    def __init__(self, client, note=lambda text: None):
+        self.client = client
+        self.note = note
+        self.table = Table()
+        self.state = ""
+        self.up = False
+        self.filter = ""
+
+    async def follow(self):
+        async for event in self.client.events():
+            self.take(event)
+
+    def take(self, event):
+        if isinstance(event, clients.Values):
+            self.table.update(event)
+        elif isinstance(event, clients.Hello):
+            self.up, self.state = True, f"at {self.client.uri}"
+        elif isinstance(event, clients.Disconnected):
+            self.up, self.state = False, f"no connection to {self.client.uri}"
+            self.note(f"{event.reason}; next attempt in {event.retry_in:.1f} s")
+        else:
+            self.note(str(event))
+
+    def shown_rows(self) -> list:
+        return [(path, row) for path, row in self.table.rows.items() if self.filter in path]
+
+    async def obey(self, line: str):
+        """Carries out a typed command and returns the answer to it; None for the one that quits."""
+        try:
+            words = shlex.split(line.replace("\\", "\\\\"))
+            if words[0] in ("quit", "exit"):
+                return None
+            return await self._answer(words)
+        except (VorbelError, ValueError) as error:
+            return str(error)
+
+    async def _answer(self, words) -> str:
+        if words[0] == "set" and len(words) >= 3:
+            return await self._set(words[1], parse_value(" ".join(words[2:])))
+        if words[0] == "schema" and len(words) == 2:
+            warnings = await self.client.send_schema(words[1])
+            return "\n".join(["schema sent", *map(str, warnings)])
+        if words[0] == "filter":
+            self.filter = " ".join(words[1:])
+            return ""
+        return HELP
+
+    async def _set(self, path, value) -> str:
+        await self.client.set(path, value)
+        await self.client.confirmed()
+        return f"{path} = {shown(value)} sent"
+
+    def complete(self, text: str) -> str:
+        """The text with its last word completed as far as there is one way to go on."""
+        before, blank, word = text.rpartition(" ")
+        candidates = self._paths() if blank else NAMES
+        fitting = [candidate for candidate in candidates if candidate.startswith(word)]
+        if not fitting:
+            return text
+        completed = _common_beginning(fitting)
+        end = " " if len(fitting) == 1 else ""
+        return before + blank + completed + end
+
+    def _paths(self):
+        known = set(self.table.rows)
+        if self.client.schema is not None:
+            known |= set(schemas.leaves(self.client.schema))
+        return known
+
+
+def _common_beginning(texts) -> str:
+    first, last = min(texts), max(texts)
+    length = next((at for at, (one, other) in enumerate(zip(first, last)) if one != other), min(len(first), len(last)))
+    return first[:length]

@@ -1,0 +1,96 @@
+"""A look at a daemon without a terminal: what came within some seconds, and whether it was as expected."""
+
+import time
+from typing import NamedTuple
+
+from . import client as clients, commands, schema as schemas
+from .errors import VorbelError
+from .table import is_number, number, shown
+from .wire import is_array
+
+
+class Expectation(NamedTuple):
+    path: str
+    value: object
+    tolerance: float = 0
+
+    def __str__(self):
+        return f"{self.path} = {shown(self.value)}" + (f" ± {self.tolerance:g}" if self.tolerance else "")
+
+    def is_met_by(self, value) -> bool:
+        """Of an array, the last element counts."""
+        if is_array(value) and len(value):
+            value = number(value[-1])
+        if is_number(value) and is_number(self.value):
+            return abs(value - self.value) <= self.tolerance
+        return type(value) is type(self.value) and value == self.value
+
+
+def parse_assignment(text: str) -> tuple:
+    """(path, value) of PATH=VALUE."""
+    path, sign, value = text.partition("=")
+    if not path or not sign:
+        raise VorbelError(f"{text!r} is not of the form PATH=VALUE")
+    return path, commands.parse_value(value)
+
+
+def parse_expectation(text: str) -> Expectation:
+    """PATH=VALUE or PATH=VALUE~TOLERANCE."""
+    rest, _, tolerance = text.partition("~")
+    try:
+        return Expectation(*parse_assignment(rest), float(tolerance or 0))
+    except ValueError:
+        raise VorbelError(f"{tolerance!r} in {text!r} is no number") from None
+
+
+class Look:
+    """Follows a session for a while: writes when the first values came, that is when the bus is up, and notes when
+    each expectation was first met after that."""
+
+    def __init__(self, session: commands.Session, assignments, expectations):
+        self._session = session
+        self._assignments = list(assignments)
+        self._waiting = set(expectations)
+        self._written_at = None
+        self.met = {}
+
+    async def follow(self, seconds: float):
+        async for event in self._session.client.events(seconds):
+            self._session.take(event)
+            if isinstance(event, clients.Values):
+                await self._write_once()
+                self._compare(event)
+
+    async def _write_once(self):
+        if self._written_at is None:
+            for path, value in self._assignments:
+                await self._session.client.set(path, value)
+            await self._session.client.confirmed()
+            self._written_at = time.time()
+
+    def _compare(self, event):
+        if event.time < self._written_at:
+            return
+        flat = event.flat()
+        for expectation in list(self._waiting):
+            if expectation.path in flat and expectation.is_met_by(flat[expectation.path]):
+                self.met[expectation] = event.time - self._written_at
+                self._waiting.discard(expectation)
+
+
+def report(session, look, expectations, assignments, seconds) -> tuple:
+    """(lines, whether all is well)"""
+    client, table = session.client, session.table
+    lines = [f"hello: type {client.hello.type}" + (f", id {client.hello.id}" if client.hello.id else "")]
+    if client.schema is not None:
+        lines.append(f"schema: sent, {len(schemas.leaves(client.schema))} leaves")
+    lines.append(f"values: {table.messages} messages within {seconds:g} s, {len(table.rows)} paths")
+    now = time.time()
+    width = max(map(len, table.rows), default=0)
+    lines += [f"  {path:{width}}  {shown(row.value)}  {row.change(now)}".rstrip() for path, row in table.rows.items()]
+    if table.messages:
+        lines += [f"set {path} = {shown(value)}: sent" for path, value in assignments]
+    for expectation in expectations:
+        seen = f"seen after {look.met[expectation]:.1f} s" if expectation in look.met else "NOT SEEN"
+        lines.append(f"expected {expectation}: {seen}")
+    return lines, table.messages > 0 and len(look.met) == len(expectations)

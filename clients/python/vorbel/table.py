@@ -1,0 +1,135 @@
+"""The latest value of every path, how it changes, and how all of that is written."""
+
+import collections
+import json
+import math
+import struct
+
+from . import wire
+
+WINDOW = 2.0  # seconds over which a rate is taken
+HISTORY = 256  # updates of a path that are remembered for it
+BARS = "▁▂▃▄▅▆▇█"
+
+_SINGLE = struct.Struct("f")
+
+
+class Row:
+    """What is known of one path."""
+
+    def __init__(self):
+        self.value = None
+        self.time = 0.0
+        self._history = collections.deque(maxlen=HISTORY)  # (time, value)
+        self._changes = collections.deque(maxlen=HISTORY)  # times
+
+    def update(self, value, now: float):
+        if self._history and not _equal(value, self.value):
+            self._changes.append(now)
+        self.value, self.time = value, now
+        self._history.append((now, value))
+
+    def change(self, now: float) -> str:
+        """How much a number changes per second, or how often anything else changes."""
+        recent = [(when, value) for when, value in self._history if now - when <= WINDOW]
+        if is_number(self.value):
+            numbers = [(when, value) for when, value in recent if is_number(value) and math.isfinite(value)]
+            if len(numbers) < 2 or numbers[-1][0] == numbers[0][0]:
+                return ""
+            return f"{(numbers[-1][1] - numbers[0][1]) / (numbers[-1][0] - numbers[0][0]):+.4g}/s"
+        changes = sum(now - when <= WINDOW for when in self._changes)
+        return f"{changes / WINDOW:.1f}×/s" if changes else ""
+
+    def age(self, now: float) -> str:
+        seconds = max(0.0, now - self.time)
+        return f"{seconds:.1f} s" if seconds < 60 else f"{seconds / 60:.0f} min"
+
+
+class Table:
+    """Rows by dotted path, in the order of the paths."""
+
+    def __init__(self):
+        self.rows = {}
+        self.messages = 0
+
+    def update(self, event):
+        """Takes in a Values event."""
+        self.messages += 1
+        for path, value in event.flat().items():
+            if path not in self.rows:
+                self.rows[path] = Row()
+                self.rows = dict(sorted(self.rows.items()))
+            self.rows[path].update(value, event.time)
+
+
+def is_number(value) -> bool:
+    return isinstance(value, (int, float)) and not isinstance(value, bool)
+
+
+def shown(value, width: int = 24) -> str:
+    """A value in one line for people; arrays as their course, their length and their last element."""
+    if wire.is_array(value):
+        if len(value) == 0:
+            return "[]"
+        return f"{sparkline(value, width)}  {len(value)} × … {shown(number(value[-1]))}"
+    if isinstance(value, float):
+        return f"{value:.6g}"  # what a 32-bit float holds
+    return json.dumps(plain(value), ensure_ascii=False)
+
+
+def sparkline(values, width: int) -> str:
+    """The course of the values in at most `width` characters."""
+    points = [_mean(values, index, width) for index in range(min(width, len(values)))]
+    finite = [point for point in points if math.isfinite(point)]
+    low, high = (min(finite), max(finite)) if finite else (0, 0)
+    return "".join(_bar(point, low, high) for point in points)
+
+
+def plain(value):
+    """A value as JSON knows it: arrays as lists, bytes in hexadecimal, what is not finite as text."""
+    if isinstance(value, dict):
+        return {name: plain(member) for name, member in value.items()}
+    if wire.is_array(value) or isinstance(value, (list, tuple)):
+        return [plain(number(element)) for element in value]
+    if isinstance(value, bytes):
+        return value.hex()
+    if isinstance(value, float):
+        return _shortest(value) if math.isfinite(value) else str(value)
+    return value
+
+
+def number(element):
+    """A Python number for an element of an array."""
+    return element.item() if hasattr(element, "item") else element
+
+
+def _shortest(value: float) -> float:
+    """Of the numbers that are the same 32-bit float, the one with the fewest digits: 3.93, not 3.930000066757202."""
+    try:
+        bits = _SINGLE.pack(value)
+    except OverflowError:
+        return value
+    if _SINGLE.unpack(bits)[0] != value:
+        return value
+    shorter = (float(f"{value:.{digits}g}") for digits in range(6, 10))  # nine always do
+    return next(short for short in shorter if _SINGLE.pack(short) == bits)
+
+
+def _mean(values, index, width):
+    """The index-th of `width` points of a course, each the mean of its share of the values."""
+    count = len(values)
+    points = min(width, count)
+    share = values[index * count // points:(index + 1) * count // points]
+    return sum(map(float, share)) / len(share)
+
+
+def _bar(point, low, high):
+    if not math.isfinite(point):
+        return "!"
+    return BARS[int((point - low) / (high - low) * (len(BARS) - 1) + 0.5)] if high > low else BARS[0]
+
+
+def _equal(one, other) -> bool:
+    if wire.is_array(one) or wire.is_array(other):
+        return wire.is_array(one) and wire.is_array(other) and one.tobytes() == other.tobytes()
+    return one == other

@@ -1,0 +1,64 @@
+"""Values to and from the bytes of binary messages."""
+
+import array
+import sys
+
+import msgpack
+
+try:
+    import numpy
+except ImportError:
+    numpy = None
+
+# Extension type: (type code of array.array, numpy's type). The payload is the elements, little-endian.
+ARRAYS = {
+    17: ("b", "<i1"),
+    18: ("B", "<u1"),
+    19: ("h", "<i2"),
+    20: ("H", "<u2"),
+    21: ("i", "<i4"),
+    22: ("I", "<u4"),
+    23: ("f", "<f4"),
+}
+
+
+def decode(message: bytes):
+    """The value in a binary message: nested dicts, numbers, bools, arrays; None for an empty report.
+
+    Raises ValueError for bytes that are no complete value.
+    """
+    try:
+        return msgpack.unpackb(message, ext_hook=_extension)
+    except TypeError as error:  # a map that stands where a key should be
+        raise ValueError(str(error)) from None
+
+
+def encode(values) -> bytes:
+    """The binary message for nested dicts of values. Raises ValueError for what MessagePack does not know."""
+    try:
+        return msgpack.packb(values, default=_plain)
+    except (TypeError, OverflowError) as error:
+        raise ValueError(str(error)) from None
+
+
+def is_array(value) -> bool:
+    return isinstance(value, array.array) or (numpy is not None and isinstance(value, numpy.ndarray))
+
+
+def _extension(code: int, payload: bytes):
+    if code not in ARRAYS:
+        return msgpack.ExtType(code, payload)
+    type_code, numpy_type = ARRAYS[code]
+    if numpy is not None:
+        return numpy.frombuffer(bytearray(payload), numpy_type)
+    elements = array.array(type_code, payload)
+    if sys.byteorder == "big":
+        elements.byteswap()
+    return elements
+
+
+def _plain(value):
+    """numpy's numbers as Python's own."""
+    if numpy is not None and isinstance(value, numpy.generic):
+        return value.item()
+    raise TypeError(f"{type(value).__name__} cannot be sent")
