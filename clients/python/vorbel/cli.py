@@ -10,7 +10,7 @@ import time
 
 from . import client as clients, commands, once, plotting, schema as schemas, table
 from .client import connect
-from .errors import SchemaError, VorbelError
+from .errors import VorbelError
 from .recording import Recorder
 
 UNITS = {"": 1, "k": 1024, "M": 1024**2, "G": 1024**3}

@@ -14,7 +14,7 @@ from rich.live import Live
 from rich.table import Table as Grid
 from rich.text import Text
 
-from . import client as clients, commands, table
+from . import commands, table
 
 REFRESH = 0.2  # seconds
 NOTES = 4

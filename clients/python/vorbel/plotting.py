@@ -15,12 +15,17 @@ class Course:
 
     def add(self, value, time: float):
         if is_array(value) and len(value):
-            start = time if self._before is None else self._before
-            for index in range(len(value)):
-                self._point(start + (time - start) * (index + 1) / len(value), number(value[index]))
+            self._spread([number(element) for element in value], time)
         elif is_number(value) or isinstance(value, bool):
             self._point(time, float(value))
         self._before = time
+
+    def _spread(self, elements, time):
+        """When the first array was begun nobody knows: only its last element has a time."""
+        if self._before is None:
+            return self._point(time, elements[-1])
+        for index, element in enumerate(elements, 1):
+            self._point(self._before + (time - self._before) * index / len(elements), element)
 
     def _point(self, time, value):
         self.times.append(time)

@@ -32,8 +32,12 @@ def csv_rows(event) -> str:
     writer = csv.writer(text, lineterminator="\n")
     for path, value in event.flat().items():
         elements = enumerate(value) if is_array(value) else [("", value)]
-        writer.writerows((f"{event.time:.6f}", path, index, plain(number(each))) for index, each in elements)
+        writer.writerows((f"{event.time:.6f}", path, index, _cell(each)) for index, each in elements)
     return text.getvalue()
+
+
+def _cell(value):
+    return str(value).lower() if isinstance(value, bool) else plain(number(value))
 
 
 FORMATS = {".jsonl": (json_lines, ""), ".ndjson": (json_lines, ""), ".csv": (csv_rows, "time,path,index,value\n")}

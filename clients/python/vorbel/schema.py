@@ -23,13 +23,13 @@ MASKED = set("CcSsIi")
 
 # What an option holds: the word for it in messages, the least and the largest value.
 OPTIONS = {
-    "@mac": ("whole number", 0, 63),
-    "@cmd": ("whole number", 0, 31),
-    "@format": ("text", None, None),
-    "@skip": ("whole number", 0, 65535),
-    "@flushSize": ("whole number", 0, 2**31 - 1),
-    "@factor": ("number", None, None),
-    "@mask": ("whole number", -(2**31), 2**32 - 1),
+    "@mac": ("a whole number", 0, 63),
+    "@cmd": ("a whole number", 0, 31),
+    "@format": ("a text", None, None),
+    "@skip": ("a whole number", 0, 65535),
+    "@flushSize": ("a whole number", 0, 2**31 - 1),
+    "@factor": ("a number", None, None),
+    "@mask": ("a whole number", -(2**31), 2**32 - 1),
     "@asBool": ("true or false", None, None),
     "@observe": ("true or false", None, None),
     "@fragmentation": ("true or false", None, None),
@@ -180,7 +180,7 @@ def _check_types(leaf):
         if name in OPTIONS:
             kind, least, largest = OPTIONS[name]
             if not _is_kind(kind, value):
-                yield f'"{name}" is {_shown(value)}: it must be a {kind}', True
+                yield f'"{name}" is {_shown(value)}: it must be {kind}', True
             elif least is not None and not least <= value <= largest:
                 yield f'"{name}" is {value}: it must be from {least} to {largest}', True
     for name in ("@cmd", "@format"):
@@ -267,13 +267,13 @@ def _named(endpoint):
 
 
 def _is_kind(kind, value):
-    if kind == "text":
+    if kind == "a text":
         return isinstance(value, str)
     if kind == "true or false":
         return isinstance(value, bool)
     if isinstance(value, bool) or not isinstance(value, (int, float)) or not math.isfinite(value):
         return False
-    return kind == "number" or value == int(value)
+    return kind == "a number" or value == int(value)
 
 
 def _shown(value):

@@ -36,7 +36,7 @@ class Row:
             numbers = [(when, value) for when, value in recent if is_number(value) and math.isfinite(value)]
             if len(numbers) < 2 or numbers[-1][0] == numbers[0][0]:
                 return ""
-            return f"{(numbers[-1][1] - numbers[0][1]) / (numbers[-1][0] - numbers[0][0]):+.4g}/s"
+            return f"{(numbers[-1][1] - numbers[0][1]) / (numbers[-1][0] - numbers[0][0]):+.3g}/s"
         changes = sum(now - when <= WINDOW for when in self._changes)
         return f"{changes / WINDOW:.1f}×/s" if changes else ""
 

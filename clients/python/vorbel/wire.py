@@ -58,7 +58,8 @@ def _extension(code: int, payload: bytes):
 
 
 def _plain(value):
-    """numpy's numbers as Python's own."""
+    """Called for what MessagePack does not know: numpy's numbers as Python's own."""
     if numpy is not None and isinstance(value, numpy.generic):
         return value.item()
-    raise TypeError(f"{type(value).__name__} cannot be sent")
+    what = "a whole number of more than 64 bits" if isinstance(value, int) else f"a {type(value).__name__}"
+    raise TypeError(f"{what} cannot be sent")

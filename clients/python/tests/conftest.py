@@ -1,0 +1,53 @@
+import json
+import os
+import subprocess
+
+import pytest
+
+from support import TOOL, Bridge
+
+
+@pytest.fixture
+def bridge(tmp_path):
+    """Started, with its bus connected."""
+    running = Bridge(tmp_path)
+    try:
+        yield running.start()
+    finally:
+        running.stop()
+        running.can.stop()
+
+
+@pytest.fixture
+def schema_file(tmp_path):
+    def write(schema):
+        path = tmp_path / "test.schema.json"
+        path.write_text(schema if isinstance(schema, str) else json.dumps(schema))
+        return path
+
+    return write
+
+
+@pytest.fixture
+def tool():
+    """tool(WORD...) runs the tool to its end: (status, output, errors). tool.start(WORD...) leaves it running.
+
+    Both take variables of its environment as keywords.
+    """
+    running = []
+
+    def start(*words, **environment):
+        running.append(subprocess.Popen([TOOL, *map(str, words)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                        stderr=subprocess.PIPE, text=True, env={**os.environ, **environment}))
+        return running[-1]
+
+    def run(*words, **environment):
+        process = start(*words, **environment)
+        output, errors = process.communicate(timeout=30)
+        return process.returncode, output, errors
+
+    run.start = start
+    yield run
+    for process in running:
+        process.kill()
+        process.communicate()

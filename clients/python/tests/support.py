@@ -1,0 +1,40 @@
+"""The real daemon on a virtual CAN bus, and where this source tree's tool and example are."""
+
+import pathlib
+
+import harness
+from vorbelsim import CanFrame, VirtualCanBus
+
+PROJECT = pathlib.Path(__file__).resolve().parents[3]
+TOOL = PROJECT / "clients" / "python" / "vorbel-cli"
+MACHINE = PROJECT / "examples" / "machine.schema.json"
+
+
+class Bridge:
+    """A daemon that can be ended and started again, and its bus."""
+
+    def __init__(self, folder):
+        self._folder = folder
+        self.can = VirtualCanBus(folder).start()
+        self.daemon = None
+
+    def start(self, **environment):
+        self.daemon = harness.Daemon(self._folder, {**self.can.env(), **environment})
+        self.daemon.wait_listening()
+        self.can.wait_connected(self.can.accepted + 1)
+        return self
+
+    def stop(self):
+        if self.daemon:
+            self.daemon.stop()
+            self.daemon = None
+
+    def say(self, mac, cmd, *payloads):
+        """Puts frames on the bus."""
+        for payload in payloads:
+            self.can.send(CanFrame.vek(mac, cmd, bytes.fromhex(payload)))
+
+    def heard(self, count=1, timeout=5):
+        """(mac, cmd, payload as hex) of the next frames that the daemon wrote."""
+        frames = [written.frame for written in self.can.receive(count, timeout)]
+        return [(frame.mac, frame.cmd, frame.payload.hex(" ")) for frame in frames]

@@ -1,0 +1,257 @@
+"""The library against the daemon."""
+
+import asyncio
+import logging
+
+import pytest
+
+import harness
+import vorbel
+from support import MACHINE
+from vorbel import Disconnected, Hello, Undecodable, Values, wire
+
+SPEED = {"@mac": 5, "@cmd": 2, "@format": "s"}
+MOTOR = {"motor": {"speed": SPEED, "current": {**SPEED, "@format": "S", "@skip": 2, "@factor": 100},
+                   "setpoint": {"@mac": 5, "@cmd": 3, "@format": "s"}}}
+
+
+def connect(**options):
+    return vorbel.connect("127.0.0.1", pauses=(0.05, 0.5), **options)
+
+
+async def next_of(kind, events, timeout=10):
+    async def search():
+        async for event in events:
+            if isinstance(event, kind):
+                return event
+    return await asyncio.wait_for(search(), timeout)
+
+
+# Happy
+
+
+async def test_hello(bridge):
+    bridge.stop()
+    bridge.start(VORBEL_DEVICE_TYPE="gateway", VORBEL_DEVICE_ID="A7")
+    async with connect() as client:
+        assert client.hello == Hello("gateway", "A7")
+        assert await next_of(Hello, client.events()) == client.hello
+
+
+async def test_nested_values(bridge):
+    async with connect(schema=MOTOR) as client:
+        await client.confirmed()
+        bridge.say(5, 2, "58 02 90 01")
+        assert await anext(client.values()) == {"motor": {"speed": 600, "current": 4.0}}
+
+
+async def test_flat_values(bridge):
+    async with connect(schema=MOTOR) as client:
+        await client.confirmed()
+        bridge.say(5, 2, "ff ff 90 01")
+        assert await anext(client.values(flat=True)) == {"motor.speed": -1, "motor.current": 4.0}
+
+
+ARRAYS = {
+    "C": ("00 7f ff", "B", [0, 127, 255]),
+    "S": ("0000 0201 ffff", "H", [0, 0x102, 65535]),
+    "Q": ("0000 0201 ffff", "H", [0, 0x102, 65535]),
+    "s": ("0000 0201 ffff", "h", [0, 0x102, -1]),
+    "q": ("0000 0201 ffff", "h", [0, 0x102, -1]),
+    "I": ("00000000 01020304 ffffffff", "I", [0, 0x4030201, 4294967295]),
+    "i": ("00000000 01020304 ffffffff", "i", [0, 0x4030201, -1]),
+    "f": ("00000000 0000803f 000080ff", "f", [0.0, 1.0, -float("inf")]),
+}
+
+
+@pytest.mark.parametrize("code, readings", ARRAYS.items(), ids=ARRAYS)
+async def test_readings_gathered_in_arrays(bridge, monkeypatch, code, readings):
+    monkeypatch.setattr(wire, "numpy", None)
+    payloads, type_code, elements = readings
+    async with connect(schema={"a": {"@mac": 1, "@cmd": 1, "@format": code, "@flushSize": 3}}) as client:
+        await client.confirmed()
+        bridge.say(1, 1, *payloads.split())
+        value = (await anext(client.values()))["a"]
+        assert (value.typecode, list(value)) == (type_code, elements)
+
+
+async def test_schema_from_a_file_and_later(bridge):
+    async with connect() as client:
+        assert await client.send_schema(MACHINE) == []
+        await client.confirmed()
+        bridge.say(12, 1, "01")
+        assert await anext(client.values()) == {"door": {"open": True}}
+
+
+async def test_written_values_become_frames(bridge):
+    async with connect(schema=MOTOR) as client:
+        await client.set("motor.setpoint", 1200)
+        await client.write({"motor": {"speed": -2, "current": 1.5}})
+        assert bridge.heard(2) == [(5, 3, "b0 04"), (5, 2, "fe ff 96 00")]
+
+
+async def test_confirmed_means_that_the_frames_are_out(bridge):
+    async with connect(schema=MOTOR) as client:
+        for value in range(5):
+            await client.set("motor.setpoint", value)
+        await client.confirmed()
+        assert len(bridge.heard(5, timeout=0.2)) == 5
+
+
+async def test_without_a_schema_of_its_own_nothing_is_checked(bridge):
+    async with connect(schema=MOTOR) as owner, connect() as other:
+        await owner.confirmed()
+        await other.set("motor.setpoint", 7)
+        assert bridge.heard() == [(5, 3, "07 00")]
+
+
+async def test_a_restarted_daemon_gets_the_schema_again(bridge):
+    async with connect(schema=MOTOR) as client:
+        events = client.events()
+        bridge.stop()
+        assert isinstance(await next_of(Disconnected, events), Disconnected)
+        await asyncio.to_thread(bridge.start)
+        await next_of(Hello, events)
+        await client.confirmed()
+        bridge.say(5, 2, "58 02 90 01")
+        assert (await next_of(Values, events)).flat() == {"motor.speed": 600, "motor.current": 4.0}
+
+
+async def test_writing_waits_for_the_connection_to_come_back(bridge):
+    async with connect(schema=MOTOR) as client:
+        bridge.stop()
+        await next_of(Disconnected, client.events())
+        writing = asyncio.create_task(client.set("motor.setpoint", 3))
+        await asyncio.to_thread(bridge.start)
+        # It may be written before the daemon's CAN link is up, and is lost then; not before it is connected.
+        await asyncio.wait_for(writing, 10)
+
+
+async def test_closing_is_seen_by_the_daemon_and_ends_the_events(bridge):
+    async with connect() as client:
+        pass
+    assert [type(event) async for event in client.events()] == [Hello]
+    await harness.eventually(lambda: bridge.daemon.count("info Connection closed .*"))
+
+
+async def test_events_for_some_seconds(bridge):
+    async with connect() as client:
+        assert [type(event) async for event in client.events(0.2)] == [Hello]
+
+
+# Rainy
+
+
+async def test_a_message_that_cannot_be_decoded_does_not_end_the_stream(bridge):
+    schema = {"bad": {"@mac": 1, "@cmd": 1, "@format": "c", "@flushSize": 1}, "good": {**SPEED}}
+    async with connect(schema=schema, check=False) as client:
+        await client.confirmed()
+        bridge.say(1, 1, "07")
+        bridge.say(5, 2, "05 00")
+        events = client.events()
+        event = await next_of(Undecodable, events)
+        assert event.message == bytes.fromhex("81 a3 62 61 64")
+        assert str(event) == "cannot decode a message of 5 bytes (Unpack failed: incomplete input): 81 a3 62 61 64"
+        assert (await next_of(Values, events)).data == {"good": 5}
+
+
+async def test_values_go_on_behind_such_a_message_which_is_logged(bridge, caplog):
+    schema = {"bad": {"@mac": 1, "@cmd": 1, "@format": "c", "@flushSize": 1}, "good": {**SPEED}}
+    async with connect(schema=schema, check=False) as client:
+        await client.confirmed()
+        bridge.say(1, 1, "07")
+        bridge.say(5, 2, "05 00")
+        with caplog.at_level(logging.WARNING, "vorbel"):
+            assert await anext(client.values()) == {"good": 5}
+        assert "81 a3 62 61 64" in caplog.text
+
+
+async def test_empty_reports_are_no_values(bridge):
+    """A negative flush size makes the daemon send a nil for every frame."""
+    schema = {"never": {"@mac": 1, "@cmd": 1, "@format": "C", "@flushSize": -1}, "good": {**SPEED}}
+    async with connect(schema=schema, check=False) as client:
+        await client.confirmed()
+        bridge.say(1, 1, "07")
+        bridge.say(5, 2, "05 00")
+        assert await anext(client.values()) == {"good": 5}
+
+
+async def test_a_faulty_schema_is_not_sent(bridge):
+    async with connect(schema=MOTOR) as client:
+        await client.confirmed()
+        with pytest.raises(vorbel.SchemaError, match="motor.speed: \"@factr\" is no option") as raised:
+            await client.send_schema({"motor": {"speed": {**SPEED, "@factr": 2}}})
+        assert [problem.path for problem in raised.value.problems] == ["motor.speed"]
+        assert client.schema == MOTOR
+        assert bridge.daemon.count(r"info Received schema: .*") == 1
+
+
+async def test_a_value_that_would_be_ignored_is_not_sent(bridge):
+    async with connect(schema=MOTOR) as client:
+        with pytest.raises(vorbel.WriteError, match="motor.spede: does not exist in the schema"):
+            await client.set("motor.spede", 1)
+        await client.confirmed()
+        assert bridge.daemon.count("warning Key: .*") == 0
+
+
+@pytest.mark.parametrize("value, reason", [(2**64, "more than 64 bits"), ({1, 2}, "a set cannot be sent"),
+                                           ("x" * (4 * 1024 * 1024), "no message of more than 4 MiB")],
+                         ids=["too large a number", "no value", "too large a message"])
+async def test_a_value_that_cannot_be_sent(bridge, value, reason):
+    async with connect() as client:
+        with pytest.raises(vorbel.WriteError, match=reason):
+            await client.set("a", value)
+
+
+async def test_no_daemon():
+    with pytest.raises(vorbel.ConnectError, match="No daemon at ws://127.0.0.1:10443 within 0.3 s: .*Connect call failed"):
+        async with connect(timeout=0.3):
+            pass
+
+
+async def answering(answer):
+    """A server on the daemon's port that says `answer` to everybody."""
+    async def serve(reader, writer):
+        await reader.readline()
+        writer.write(answer)
+        await writer.drain()
+        writer.close()
+
+    return await asyncio.start_server(serve, "127.0.0.1", harness.PORT)
+
+
+async def test_something_else_on_the_port():
+    async with await answering(b"HTTP/1.1 200 OK\r\nContent-Length: 0\r\n\r\n"):
+        with pytest.raises(vorbel.ConnectError, match="something else than a Vorbel daemon answers"):
+            async with connect(timeout=0.5):
+                pass
+
+
+async def test_another_websocket_server_on_the_port():
+    async def greet(socket):
+        await socket.send('{"welcome": 1}')
+        await socket.wait_closed()
+
+    async with harness.websockets.serve(greet, "127.0.0.1", harness.PORT):
+        with pytest.raises(vorbel.ConnectError, match="no Vorbel daemon: it greets with"):
+            async with connect(timeout=0.5):
+                pass
+
+
+async def test_a_consumer_that_falls_behind_loses_the_oldest(bridge, monkeypatch):
+    monkeypatch.setattr(vorbel.client, "EVENTS_KEPT", 10)
+    async with connect(schema={"a": {**SPEED}}) as client:
+        await client.confirmed()
+        for value in range(30):
+            bridge.say(5, 2, f"{value:02x} 00")
+        await harness.eventually(lambda: client.lost == 21, what="30 values and the hello in 10 places")
+        kept = [event.data["a"] async for event in client.events(0.1)]
+        assert kept == list(range(20, 30))
+        assert len(bridge.daemon.lines()) and bridge.daemon.count("warning Dropping the client .*") == 0
+
+
+@pytest.mark.parametrize("address, uri", [
+    ("localhost", "ws://localhost:10443"), ("10.0.0.5:8080", "ws://10.0.0.5:8080"), ("[::1]", "ws://[::1]:10443"),
+    ("[::1]:80", "ws://[::1]:80"), ("wss://plant.example/vorbel", "wss://plant.example/vorbel")])
+def test_addresses(address, uri):
+    assert vorbel.client.uri_of(address) == uri

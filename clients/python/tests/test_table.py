@@ -1,0 +1,100 @@
+"""How values are written, and how their change is told."""
+
+import array
+
+import pytest
+
+from vorbel import Values
+from vorbel.live import Prompt
+from vorbel.recording import csv_rows, json_lines
+from vorbel.table import Table, plain, shown, sparkline
+from vorbel.plotting import Course
+
+
+def floats(*values):
+    return array.array("f", values)
+
+
+@pytest.mark.parametrize("value, text", [
+    (5, "5"), (True, "true"), ("x", '"x"'), (0.1, "0.1"), (3.9300000667572, "3.93"), (float("nan"), "nan"),
+    (floats(), "[]"), (floats(1, 2), "▁█  2 × … 2"), (floats(3, 3, 3), "▁▁▁  3 × … 3"),
+], ids=str)
+def test_shown(value, text):
+    assert shown(value) == text
+
+
+def test_sparkline_is_no_longer_than_asked():
+    assert sparkline(range(80), 8) == "▁▂▃▄▅▆▇█"
+    assert sparkline([1, float("inf"), 2], 8) == "▁!█"
+
+
+@pytest.mark.parametrize("value, as_json", [
+    (floats(0.1, 2), [0.1, 2.0]), (float("inf"), "inf"), (b"\x01\xff", "01ff"), ({"a": floats(1)}, {"a": [1.0]}),
+    (3.4028234663852886e38, 3.4028235e38), (5e-324, 5e-324), (1e300, 1e300)], ids=str)
+def test_plain(value, as_json):
+    assert plain(value) == as_json
+
+
+def after(*readings):
+    """The row of "a" after (time, value) readings."""
+    table = Table()
+    for time, value in readings:
+        table.update(Values({"a": value}, time))
+    return table.rows["a"]
+
+
+@pytest.mark.parametrize("readings, change", [
+    ([(10, 1)], ""),
+    ([(10, 1), (10.5, 2)], "+2/s"),
+    ([(10, 4), (11, 3), (11.5, 1)], "-2/s"),
+    ([(5, 100), (10, 1), (11, 2)], "+1/s"),
+    ([(10, 1.5), (11, 1.5)], "+0/s"),
+    ([(10, True), (10.5, False), (11, False)], "0.5×/s"),
+    ([(10, True), (11, True)], ""),
+    ([(10, floats(1)), (11, floats(2))], "0.5×/s"),
+], ids=["first reading", "rising", "falling", "only the last two seconds", "still", "bool", "still bool", "array"])
+def test_change(readings, change):
+    assert after(*readings).change(readings[-1][0]) == change
+
+
+def test_age():
+    assert after((10, 1)).age(12.04) == "2.0 s"
+    assert after((10, 1)).age(200) == "3 min"
+
+
+def test_rows_are_in_order_of_paths():
+    table = Table()
+    table.update(Values({"b": 1, "a": {"z": 2, "c": 3}}, 0))
+    assert list(table.rows) == ["a.c", "a.z", "b"] and table.messages == 1
+
+
+def test_recorded_lines():
+    event = Values({"a": floats(1, 2.5), "b": {"c": True}}, 12.5)
+    assert json_lines(event) == '{"time":12.5,"values":{"a":[1.0,2.5],"b":{"c":true}}}\n'
+    assert csv_rows(event) == "12.500000,a,0,1.0\n12.500000,a,1,2.5\n12.500000,b.c,,true\n"
+
+
+def test_course_spreads_an_array_over_the_time_since_the_message_before():
+    course = Course()
+    course.add(floats(1, 2, 3), 10)
+    course.add(floats(4, 5), 12)
+    assert (course.times, course.values) == ([10, 11, 12], [3, 4, 5])
+
+
+def test_course_takes_numbers_and_bools():
+    course = Course()
+    for time, value in enumerate((1, True, "text", floats(), 2.5)):
+        course.add(value, time)
+    assert (course.times, course.values) == ([0, 1, 4], [1, 1, 2.5])
+
+
+@pytest.mark.parametrize("typed, lines, left", [
+    ("set a 1\r", ["set a 1"], ""), ("  \r\n", [], ""), ("ab\x7fc\r", ["ac"], ""), ("abc\x15d", [], "d"),
+    ("\x1b[Aa\x1b[3~b\x1bOPc", [], "abc"), ("\x04", ["quit"], ""), ("a\x04", [], "a"), ("x\t", [], "x!"),
+    ("a\rb\rc", ["a", "b"], "c"),
+], ids=["a line", "empty lines", "backspace", "erase all", "cursor keys", "end of input", "not on a line", "completion",
+        "several lines at once"])
+def test_prompt(typed, lines, left):
+    prompt = Prompt(complete=lambda text: text + "!")
+    assert list(prompt.feed(typed)) == lines
+    assert prompt.text == left
