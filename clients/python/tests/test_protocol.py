@@ -1,0 +1,151 @@
+"""docs/protocol.md, held against the daemon: its examples are run, its tables are compared with what comes."""
+
+import asyncio
+import json
+import re
+import subprocess
+import sys
+
+import msgpack
+import pytest
+
+from harness import connect, eventually, receive, round_trip
+from support import PROJECT
+from vorbel import wire
+
+PAGE = (PROJECT / "docs" / "protocol.md").read_text()
+
+
+def section(title):
+    return re.search(rf"^#+ {re.escape(title)}\n(.*?)(?=^#+ |\Z)", PAGE, re.M | re.S)[1]
+
+
+def rows(title):
+    """The cells of the tables of a section, without the heads."""
+    lines = [line for line in section(title).splitlines() if line.startswith("|")]
+    table = [[cell.strip() for cell in line.strip("|").split("|")] for line in lines]
+    return [cells for cells in table if not set(cells[0]) <= set("- ")][1:]
+
+
+def value_of(text):
+    return None if text == "nil" else json.loads(text)
+
+
+@pytest.mark.parametrize("value, message", rows("Numbers"))
+async def test_numbers(bridge, value, message):
+    """Each is sent by the daemon for a frame that holds it, read in some format."""
+    value, width = value_of(value), {"5": "C", "200": "C", "600": "S", "4294967295": "I", "1.0": "f"}.get(value, "i")
+    schema = {"@mac": 1, "@cmd": 1, "@format": width, "@asBool": value is True}
+    payload = {"C": lambda: bytes([value]), "f": lambda: bytes.fromhex("0000803f")}.get(
+        width, lambda: int(value).to_bytes({"S": 2}.get(width, 4), "little", signed=value < 0))()
+    async with connect() as client:
+        await receive(client)
+        await client.send(json.dumps(schema))
+        await round_trip(client)
+        bridge.say(1, 1, payload.hex())
+        assert (await receive(client)).hex(" ") == message.strip("`")
+
+
+@pytest.mark.parametrize("extension, _, message, elements", rows("Arrays"))
+def test_arrays(extension, _, message, elements):
+    message = bytes.fromhex(message.strip("`"))
+    assert list(wire.decode(message)) == json.loads(f"[{elements}]")
+    assert msgpack.unpackb(message).code == int(extension)
+
+
+async def test_written_values(bridge):
+    table = rows("Values to the daemon")
+    leaves = {str(at): {"@mac": 1, "@cmd": 1, "@format": code.strip("`"), "@factor": float(factor)}
+              for at, (code, factor, *_) in enumerate(table)}
+    async with connect() as client:
+        await receive(client)
+        await client.send(json.dumps(leaves))
+        for at, (_, _, value, payload, _) in enumerate(table):
+            await client.send(msgpack.packb({str(at): value_of(value)}))
+            await round_trip(client)
+            expected = [(1, 1, payload.strip("`"))] if payload else []
+            assert bridge.heard(1, 5 if payload else 0.1) == expected, table[at]
+
+
+async def test_one_minute(bridge):
+    text = section("In one minute")
+    codes = re.findall(r"`([^`]+)`", text)
+    hello, schema, payload, message, written, frame = codes[1], codes[2], codes[3], codes[5], codes[6], codes[7]
+    async with connect() as client:
+        assert await receive(client) == hello
+        await client.send(schema)
+        await round_trip(client)
+        bridge.say(5, 2, payload)
+        received = await receive(client)
+        assert received.hex(" ") == message
+        assert msgpack.unpackb(received) == json.loads(codes[4])
+        await client.send(msgpack.packb(json.loads(written)))
+        assert bridge.heard() == [(5, 3, frame)]
+
+
+async def test_the_message_with_a_gap(bridge):
+    gap = re.search(r"comes as `([0-9a-f ]+)`", section("Messages that cannot be decoded"))[1]
+    async with connect() as client:
+        await receive(client)
+        leaf = {"@mac": 1, "@cmd": 1, "@format": "c"}
+        await client.send(json.dumps({"a": {**leaf, "@flushSize": 1}, "b": {**leaf, "@skip": 1}}))
+        await round_trip(client)
+        bridge.say(1, 1, "07 05")
+        assert (await receive(client)).hex(" ") == gap
+
+
+async def test_packed_example(bridge):
+    packed = re.search(r"makes `([0-9a-f ]+)`", section("Values to the daemon"))[1]
+    async with connect() as client:
+        await receive(client)
+        await client.send('{"config": {"@mac": 1, "@cmd": 1, "@format": "p", "@fragmentation": true}}')
+        await client.send(msgpack.packb({"config": 1}))
+        frames = bridge.heard(2)
+        assert " ".join(payload for _, _, payload in frames) == packed
+
+
+async def test_log_lines(bridge):
+    """Every line of the table is provoked, but that of the client that does not read: other tests do that."""
+    lines = {(level, line.strip("`")) for level, line, _ in rows("What the daemon logs")}
+    lines = {line for line in lines if not line[1].startswith("Dropping")}
+    async with connect() as client:
+        await receive(client)
+        await client.send('{"a": {"@mac": 1, "@cmd": 1, "@format": "C"}}')
+        for message in ({"a": 7}, {"b": 1}, [], {"a": msgpack.ExtType(17, b"")}):
+            await client.send(msgpack.packb(message))
+        leaf = {"@mac": 1, "@cmd": 1, "@format": "s"}
+        await client.send(json.dumps({
+            "r": {**leaf, "@asBool": True}, "z": {**leaf, "@skip": -1}, "k": {**leaf, "@factor": 100},
+            "long": {**leaf, "@skip": 7}, "c": {**leaf, "@cmd": 2, "@format": "c", "@flushSize": 1}}))
+        for message in ({"r": 1}, {"z": 1}, {"k": 400}, {"long": 1}):
+            await client.send(msgpack.packb(message))
+        await round_trip(client)
+        bridge.say(1, 2, "00")
+        await receive(client)
+    await eventually(lambda: bridge.daemon.count("info Connection closed .*"))
+    logged = {re.sub(r"(pack type:) \d+", r"\1 1038", line) for line in bridge.daemon.lines()}
+    assert {f"{level} {line}" for level, line in lines} - logged == set()
+
+
+@pytest.mark.parametrize("depth, taken", [(1024, True), (1025, False)])
+async def test_schema_depth(bridge, depth, taken):
+    assert "any depth up to 1024" in PAGE
+    async with connect() as client:
+        await receive(client)
+        await client.send('{"a":' * (depth - 1) + "{}" + "}" * (depth - 1))
+        await round_trip(client)
+        assert bridge.daemon.count(r"info Received schema: QJsonDocument\(\)") == (not taken)
+
+
+async def test_the_complete_client(bridge, tmp_path):
+    program = tmp_path / "client.py"
+    program.write_text(re.search(r"```python\n(.*?)```", section("A complete client"), re.S)[1])
+    running = subprocess.Popen([sys.executable, "-u", program], stdout=subprocess.PIPE, text=True)
+    try:
+        assert running.stdout.readline() == "{'type': 'unknown'}\n"
+        assert await asyncio.to_thread(bridge.heard) == [(5, 3, "b0 04")]
+        bridge.say(5, 2, "58 02", "ff ff")
+        assert running.stdout.readline() == "{'motor': {'speed': array('h', [600, -1])}}\n"
+    finally:
+        running.kill()
+        running.communicate()
