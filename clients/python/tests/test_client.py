@@ -204,7 +204,7 @@ async def test_a_value_that_cannot_be_sent(bridge, value, reason):
 
 
 async def test_no_daemon():
-    with pytest.raises(vorbel.ConnectError, match="No daemon at ws://127.0.0.1:10443 within 0.3 s: .*Connect call failed"):
+    with pytest.raises(vorbel.ConnectError, match="No daemon at ws://127.0.0.1:10443 within 0.3 s: Connect call"):
         async with connect(timeout=0.3):
             pass
 

@@ -6,7 +6,8 @@ from vorbel import paths
 @pytest.mark.parametrize("names, path", [
     (("a",), "a"), (("motor", "speed"), "motor.speed"), ((), ""), (("1.5 V", "x"), "1\\.5 V.x"),
     (("a\\", "b"), "a\\\\.b"), (("a", "", "b"), "a..b"), (("ü", "z y"), "ü.z y"),
-], ids=["one name", "two names", "the root", "a dot in a name", "a backslash at the end", "an empty name", "beyond ASCII"])
+], ids=["one name", "two names", "the root", "a dot in a name", "a backslash at the end", "an empty name",
+        "beyond ASCII"])
 def test_there_and_back(names, path):
     assert paths.join(names) == path
     assert paths.split(path) == names

@@ -81,7 +81,8 @@ ERRORS = {
         "a: needs 65 bytes, a CAN frame has 8: it is read from CAN FD frames only, and written only with "
         '"@fragmentation": true'),
     "overlap": (
-        {"motor": {"a": leaf(skip=0), "b": leaf(skip=1)}}, "motor.b: overlaps motor.a: both use byte 1 of mac 5, cmd 2"),
+        {"motor": {"a": leaf(skip=0), "b": leaf(skip=1)}},
+        "motor.b: overlaps motor.a: both use byte 1 of mac 5, cmd 2"),
     "overlap of more bytes": (
         {"a": leaf(format="f", skip=2), "b": leaf(format="i", skip=4)},
         "b: overlaps a: both use bytes 4 to 5 of mac 5, cmd 2"),

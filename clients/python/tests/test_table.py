@@ -5,10 +5,10 @@ import array
 import pytest
 
 from vorbel import Values
-from vorbel.live import Prompt
+from vorbel.plotting import Course
+from vorbel.prompt import Prompt
 from vorbel.recording import csv_rows, json_lines
 from vorbel.table import Table, plain, shown, sparkline
-from vorbel.plotting import Course
 
 
 def floats(*values):

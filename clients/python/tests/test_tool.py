@@ -134,7 +134,8 @@ def test_watch_tells_of_what_it_cannot_decode_and_goes_on(bridge, tool, schema_f
     bridge.say(5, 3, "05 00")
     assert process.stdout.readline().endswith("\tgood\t5\n")
     process.kill()
-    assert "cannot decode a message of 5 bytes (Unpack failed: incomplete input): 81 a3 62 61 64" in process.stderr.read()
+    note = "cannot decode a message of 5 bytes (Unpack failed: incomplete input): 81 a3 62 61 64"
+    assert note in process.stderr.read()
 
 
 def test_watch_once(machine, tool):
@@ -297,6 +298,13 @@ def test_record_until_interrupted(bridge, tool, tmp_path):
     assert "recorded 1 messages" in process.communicate(timeout=10)[1]
     assert process.returncode == 0
     assert json.loads(file.read_text())["values"] == {"door": {"open": True}}
+
+
+def test_record_shows_its_progress_on_a_terminal(machine, terminal, tmp_path):
+    screen = terminal("record", tmp_path / "run.csv", "--schema", MACHINE, "--for", "3")
+    screen.wait_for(" MB, 1 files")
+    assert screen.end() == 0
+    assert "\x1b[Kvorbel-cli: recorded " in screen.seen  # in place of the progress
 
 
 def test_record_keeps_what_cannot_be_decoded(bridge, tool, schema_file, tmp_path):

@@ -2,6 +2,7 @@
 
 import argparse
 import asyncio
+import datetime
 import json
 import os
 import re
@@ -119,7 +120,7 @@ async def plot(options) -> int:
                 for path, value in event.flat().items():
                     if path in courses:
                         courses[path].add(value, event.time)
-        title = f"{client.hello.type} {client.hello.id or ''}"
+        title = str(client.hello)
     progress.end()
     empty = [path for path, course in courses.items() if not course.times]
     if empty:
@@ -183,17 +184,23 @@ def _live_module(options):
 
 async def _watch_plain(session) -> int:
     """A line for each value: time, path, value as JSON, with tabs between them."""
+    greeted = None
     async for event in session.client.events():
         session.take(event)
-        if isinstance(event, clients.Hello):
-            say(f"hello: type {event.type}" + (f", id {event.id}" if event.id else ""))
+        if isinstance(event, clients.Hello) and event != greeted:
+            greeted = event
+            say(f"hello: {event}")
         if isinstance(event, clients.Values):
-            when = time.strftime("%Y-%m-%dT%H:%M:%S", time.localtime(event.time)) + f".{int(event.time * 1000) % 1000:03}"
+            when = _local_time(event.time)
             for path, value in event.flat().items():
                 if session.filter in path:
                     print(when, path, json.dumps(table.plain(value), ensure_ascii=False), sep="\t")
             sys.stdout.flush()
     return 0
+
+
+def _local_time(seconds: float) -> str:
+    return datetime.datetime.fromtimestamp(seconds).isoformat(timespec="milliseconds")
 
 
 async def _watch_once(options) -> int:

@@ -31,6 +31,9 @@ class Hello:
     type: str
     id: Optional[str] = None
 
+    def __str__(self):
+        return f"type {self.type}" + (f", id {self.id}" if self.id is not None else "")
+
 
 @dataclass(frozen=True)
 class Values:

@@ -15,51 +15,11 @@ from rich.table import Table as Grid
 from rich.text import Text
 
 from . import commands, table
+from .prompt import Prompt
 
 REFRESH = 0.2  # seconds
 NOTES = 4
 FRAME_LINES = 5  # around rows and notes: hello, column names and their rule, what is not shown, the prompt
-
-
-class Prompt:
-    """One line of input, fed character by character as the terminal delivers them."""
-
-    def __init__(self, complete):
-        self.text = ""
-        self._complete = complete  # from the text so far to the completed text
-        self._escape = ""
-
-    def feed(self, characters: str):
-        """Yields the lines that `characters` finish. Cursor keys and the like are passed over."""
-        for character in characters:
-            if self._in_escape(character):
-                continue
-            if character in "\r\n":
-                line, self.text = self.text.strip(), ""
-                if line:
-                    yield line
-            elif character == "\x04" and not self.text:
-                yield "quit"
-            elif character in "\x7f\b":
-                self.text = self.text[:-1]
-            elif character == "\x15":
-                self.text = ""
-            elif character == "\t":
-                self.text = self._complete(self.text)
-            elif character.isprintable():
-                self.text += character
-
-    def _in_escape(self, character) -> bool:
-        """Escape sequences begin with ESC [ or ESC O and end with a letter or a tilde."""
-        if character == "\x1b":
-            self._escape = character
-            return True
-        if not self._escape:
-            return False
-        self._escape += character
-        if len(self._escape) > 2 and (character.isalpha() or character == "~") or self._escape[1] not in "[O":
-            self._escape = ""
-        return True
 
 
 class Screen:
@@ -86,7 +46,7 @@ class Screen:
     def _header(self) -> Text:
         hello, messages = self.session.client.hello, self.session.table.messages
         style = "bold green" if self.session.up else "bold red"
-        device = f"{hello.type} {hello.id or ''}".strip() if hello else "not greeted yet"
+        device = str(hello or "not greeted yet")
         return Text.assemble((f" {device} ", style), f" {self.session.state}  {messages} messages  ",
                              ("help: commands", "dim"), overflow="ellipsis", no_wrap=True)
 
@@ -98,7 +58,8 @@ class Screen:
             grid.add_column(name, justify=justify, ratio=ratio, no_wrap=True, overflow="ellipsis")
         for path, row in rows:
             stale = "dim" if now - row.time > 10 else ""
-            grid.add_row(Text(path), Text(table.shown(row.value)), Text(row.change(now)), Text(row.age(now)), style=stale)
+            cells = (path, table.shown(row.value), row.change(now), row.age(now))
+            grid.add_row(*map(Text, cells), style=stale)
         return grid
 
 

@@ -81,7 +81,7 @@ class Look:
 def report(session, look, expectations, assignments, seconds) -> tuple:
     """(lines, whether all is well)"""
     client, table = session.client, session.table
-    lines = [f"hello: type {client.hello.type}" + (f", id {client.hello.id}" if client.hello.id else "")]
+    lines = [f"hello: {client.hello}"]
     if client.schema is not None:
         lines.append(f"schema: sent, {len(schemas.leaves(client.schema))} leaves")
     lines.append(f"values: {table.messages} messages within {seconds:g} s, {len(table.rows)} paths")

@@ -14,7 +14,7 @@ from . import paths
 from .errors import SchemaError
 
 MESSAGE_LIMIT = 4 * 1024 * 1024  # bytes the daemon takes in one message
-NESTING_LIMIT = 500  # maps in maps that every MessagePack decoder of the clients still reads
+NESTING_LIMIT = 500  # maps in maps; Python's msgpack packs 511 of them, the daemon reads 1024 in a schema
 
 FRAME_BYTES = 8
 FD_FRAME_BYTES = 64
