@@ -162,7 +162,9 @@ void s_debugLineOff(benchmark::State &state)
 {
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
     for (auto _ : state) {
-        qCDebug(debugLog) << "Converted size:" << state.iterations();
+        if (isDebugLogged()) {
+            qDebug() << "Converted size:" << state.iterations();
+        }
     }
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
 }

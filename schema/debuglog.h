@@ -6,11 +6,11 @@
 #include <QString>
 #include <QVariant>
 
-// For qCDebug(debugLog). The line is the same as qDebug()'s, which formats its text even when a rule drops
-// it afterwards; qCDebug asks the category first.
-inline const QLoggingCategory &debugLog()
+// Whether lines of qDebug() are written. Qt formats their text even when a rule drops them afterwards: lines
+// that are written for every message ask here first.
+inline bool isDebugLogged()
 {
-    return *QLoggingCategory::defaultCategory();
+    return QLoggingCategory::defaultCategory()->isDebugEnabled();
 }
 
 // What QDebug prints for a value, for lines with noquote(). Of a longer text the first 64 KiB in UTF-8 with

@@ -60,8 +60,10 @@ T convertedOrZero(QVariant value)
 template <typename T>
 void insertToByteArray(QByteArray &destination, int offset, const QVariant &value)
 {
-    qCDebug(debugLog).noquote() << "insertToByteArray: " << debugText(value) << ", offset: " << offset
-                                << ", dst: " << destination.size();
+    if (isDebugLogged()) {
+        qDebug().noquote() << "insertToByteArray: " << debugText(value) << ", offset: " << offset
+                           << ", dst: " << destination.size();
+    }
     constexpr int width = sizeof(T);
     const int missing = offset + width - destination.size();
     if (missing > 0) {

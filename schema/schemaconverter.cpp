@@ -161,12 +161,14 @@ void s_toFrame(QMap<VEKEndpoint, QByteArray> &frames, const QVariantMap &values,
 
 void s_logFrame(const vek_frame_t &frame, int remaining)
 {
+    if (!isDebugLogged()) {
+        return;
+    }
     const std::uint16_t header = vek_frame_header(frame);
     const std::uint16_t length = vek_header_dlc(header);
-    qCDebug(debugLog) << "Preparing CAN frame MAC:" << vek_header_mac(header)
-                      << "CMD:" << vek_header_cmd(header) << "RTR:" << vek_header_rtr(header)
-                      << "DLC:" << length << "toSend:" << remaining;
-    qCDebug(debugLog) << QByteArray(reinterpret_cast<const char *>(frame.data), length).toHex();
+    qDebug() << "Preparing CAN frame MAC:" << vek_header_mac(header) << "CMD:" << vek_header_cmd(header)
+             << "RTR:" << vek_header_rtr(header) << "DLC:" << length << "toSend:" << remaining;
+    qDebug() << QByteArray(reinterpret_cast<const char *>(frame.data), length).toHex();
 }
 
 // Cuts a payload into sealed frames. The record is not cleared between fragments: behind the bytes of a
@@ -196,7 +198,9 @@ void s_appendFrames(QList<vek_frame_t> &frames, const VEKEndpoint &endpoint, con
 // toFrame logs this line and so does toVEKFrames for it: the line stands twice in the log then.
 void s_logConversion(const QVariant &value)
 {
-    qCDebug(debugLog).noquote() << "Converting binary data into a frame" << debugText(value);
+    if (isDebugLogged()) {
+        qDebug().noquote() << "Converting binary data into a frame" << debugText(value);
+    }
 }
 
 } // namespace
@@ -224,7 +228,7 @@ void SchemaConverter::loadSchemaFromFile(const QString &path)
 
 void SchemaConverter::dump()
 {
-    qCDebug(debugLog).noquote() << debugText(schemaDocument);
+    qDebug().noquote() << debugText(schemaDocument);
 }
 
 // Of copies that stand behind one another only the first decodes. They all would take in and give away the
@@ -313,7 +317,9 @@ QList<vek_frame_t> SchemaConverter::toVEKFrames(const QVariant &value)
     for (auto entry = payloads.cbegin(); entry != payloads.cend(); ++entry) {
         s_appendFrames(frames, entry.key(), *entry);
     }
-    qCDebug(debugLog) << "Converted VEK frames:" << frames.size();
+    if (isDebugLogged()) {
+        qDebug() << "Converted VEK frames:" << frames.size();
+    }
     return frames;
 }
 
@@ -326,6 +332,8 @@ QByteArray SchemaConverter::toFrame(const QVariant &value)
     for (const vek_frame_t &frame : frames) {
         records.append(reinterpret_cast<const char *>(&frame), VEK_FRAME_SIZE);
     }
-    qCDebug(debugLog) << "Converted size:" << records.size();
+    if (isDebugLogged()) {
+        qDebug() << "Converted size:" << records.size();
+    }
     return records;
 }
