@@ -1,0 +1,166 @@
+// A schema, a stream of frames and a client's message, all hostile: the converter answers, and only with what
+// it may answer.
+//
+// Input: the schema's text up to the first newline; a byte with the number of frames; for each of them mac,
+// cmd (bytes), the payload's length (low four bits) and the payload; the rest is the client's message.
+#include "msgpack/msgpack.h"
+#include "schema/schemaconverter.h"
+#include "service/typedarrays.h"
+
+#include <QJsonDocument>
+
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <vector>
+
+#include <sanitizer/lsan_interface.h>
+
+namespace
+{
+
+void s_require(bool condition)
+{
+    if (!condition) {
+        std::abort();
+    }
+}
+
+// Takes bytes from the front of the input; what is missing reads as nothing.
+class Input
+{
+public:
+    Input(const std::uint8_t *data, std::size_t size)
+        : m_bytes(reinterpret_cast<const char *>(data), static_cast<int>(size))
+    {
+    }
+
+    QByteArray line()
+    {
+        const int end = m_bytes.indexOf('\n');
+        const QByteArray line = take(end < 0 ? m_bytes.size() : end);
+        take(1);
+        return line;
+    }
+
+    unsigned byte()
+    {
+        const QByteArray taken = take(1);
+        return taken.isEmpty() ? 0 : static_cast<unsigned char>(taken.at(0));
+    }
+
+    QByteArray take(int count)
+    {
+        const QByteArray taken = m_bytes.left(count);
+        m_bytes.remove(0, count);
+        return taken;
+    }
+
+    QByteArray rest() { return take(m_bytes.size()); }
+
+private:
+    QByteArray m_bytes;
+};
+
+// Qt's parser loses an object or a list that a later member of the same name replaces; what is allocated here
+// is not looked for.
+QJsonDocument s_parsed(const QByteArray &text)
+{
+    const __lsan::ScopedDisabler disabler;
+    return QJsonDocument::fromJson(text);
+}
+
+// Nothing but std::runtime_error("Bad type") may leave the converter. Returns whether that did.
+template <typename Call>
+bool s_throwsBadType(const Call &call)
+{
+    try {
+        call();
+    } catch (const std::runtime_error &error) {
+        s_require(std::strcmp(error.what(), "Bad type") == 0);
+        return true;
+    }
+    return false;
+}
+
+void s_insertFrame(SchemaConverter &converter, Input &input)
+{
+    const auto mac = static_cast<quint16>(input.byte() & 0x3F);
+    const auto cmd = static_cast<quint16>(input.byte() & 0x1F);
+    // A copy of exactly this size, so that a read past the end is found.
+    const QByteArray payload = input.take(static_cast<int>(input.byte() & 0x0F));
+    const std::vector<char> exact(payload.cbegin(), payload.cend());
+    const QByteArray view = QByteArray::fromRawData(exact.data(), static_cast<int>(exact.size()));
+    const bool thrown = s_throwsBadType([&] {
+        const int status = converter.insertFrame(VEKEndpoint(mac, cmd, false), view);
+        s_require(status == 1 || status == 2);
+    });
+    s_require(!thrown || payload.isEmpty()); // only the end of a packed value throws
+}
+
+// Packs what is ready, as for clients; every other time by force.
+void s_take(SchemaConverter &converter, bool force)
+{
+    const QVariant value = converter.takeVariantToSend(force);
+    MsgPack::pack(value);
+    s_require(!converter.takeVariantToSend(force).isValid());
+}
+
+void s_checkRecords(const QByteArray &records)
+{
+    s_require(records.size() % VEK_FRAME_SIZE == 0);
+    for (int at = 0; at < records.size(); at += VEK_FRAME_SIZE) {
+        vek_frame_t frame;
+        std::memcpy(&frame, records.constData() + at, sizeof frame);
+        const std::uint16_t header = vek_frame_header(frame);
+        s_require(vek_frame_is_valid(&frame));
+        s_require(vek_header_rtr(header) == 0);
+        s_require(vek_header_dlc(header) >= 1 && vek_header_dlc(header) <= VEK_FRAME_DATA_SIZE);
+    }
+}
+
+void s_send(SchemaConverter &converter, const QByteArray &message)
+{
+    const QVariant value = MsgPack::unpack(message);
+    QByteArray records;
+    const bool thrown = s_throwsBadType([&] { records = converter.toFrame(value); });
+    s_require(thrown == (value.userType() != QMetaType::QVariantMap)); // codec and JSON make no other maps
+    s_checkRecords(records);
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int *, char ***)
+{
+    registerTypedArrays();
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
+{
+    Input input(data, size);
+    SchemaConverter converter;
+    int signalled = 0;
+    QObject::connect(&converter, &SchemaConverter::variantToSend, [&signalled] { ++signalled; });
+
+    converter.loadSchema(s_parsed(input.line()));
+    const unsigned frames = input.byte();
+    for (unsigned i = 0; i < frames; ++i) {
+        signalled = 0;
+        s_insertFrame(converter, input);
+        s_require(signalled <= 1);
+        if (signalled == 1 && i % 3 != 0) {
+            s_take(converter, i % 3 == 1);
+        }
+    }
+    const QByteArray message = input.rest();
+    s_send(converter, message);
+    s_take(converter, false);
+    s_take(converter, true);
+    converter.dump();
+    converter.loadSchema(QJsonDocument());
+    s_require(!converter.takeVariantToSend(true).isValid());
+    return 0;
+}
