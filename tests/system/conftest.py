@@ -1,0 +1,74 @@
+import os
+import pathlib
+import shutil
+import sys
+
+import pytest
+
+PROJECT = pathlib.Path(__file__).parents[2]
+sys.path.insert(0, str(PROJECT / "sim"))
+
+import documents
+from guest import Guest
+from service import Service
+
+
+@pytest.hookimpl(hookwrapper=True)
+def pytest_runtest_makereport(item):
+    """A failure shows what the guest has to say."""
+    report = (yield).get_result()
+    machine = getattr(item, "funcargs", {}).get("guest")
+    if report.failed and machine:
+        try:
+            state = machine.attempt("journalctl --no-pager -n 60; ip -statistics -details link show type can; "
+                                    "lsmod; ls -l /dev/ttyUSB* /dev/ttyACM*")[1]
+        except (AssertionError, OSError) as error:
+            state = f"the virtual machine does not answer: {error!r}"
+        report.sections.append(("the guest", state))
+
+
+@pytest.fixture(scope="session")
+def packages():
+    """The folder of the packages that were just built."""
+    return pathlib.Path(os.environ["VORBEL_PACKAGES"])
+
+
+@pytest.fixture(scope="session")
+def guest(tmp_path_factory):
+    """The running virtual machine, one for all tests. Its console is shown when it does not come up."""
+    # Not pytest's own folder: the path of a Unix socket may have no more than 107 characters.
+    folder = tmp_path_factory.mktemp("guest")
+    machine = Guest(os.environ["VORBEL_GUEST"], folder)
+    try:
+        machine.start()
+        yield machine
+    except (OSError, ConnectionError) as error:
+        console = (folder / "console.log").read_text(errors="replace")
+        pytest.fail(f"the virtual machine does not answer ({error}); its console:\n{console}")
+    finally:
+        machine.stop()
+
+
+@pytest.fixture(scope="session")
+def deb(guest, packages):
+    """The path of the arm64 package inside the guest."""
+    (package,) = packages.glob("vorbel_*_arm64.deb")
+    shutil.copy(package, guest.share / "vorbel.deb")
+    return "/host/vorbel.deb"
+
+
+@pytest.fixture(scope="session")
+def installed(guest, deb):
+    """What dpkg says while it installs the package on a system that never had it."""
+    return guest.run(f"dpkg -i {deb}", limit=60)
+
+
+@pytest.fixture
+def service(guest, installed):
+    return Service(guest)
+
+
+@pytest.fixture(scope="session")
+def deployment():
+    """The blocks of the deployment page, to be used as they are printed there."""
+    return documents.Blocks(PROJECT / "docs" / "deployment.md")
