@@ -1,0 +1,289 @@
+import { toUrl } from "./address.js";
+import { decodeValues, encodeValues, type Value, type ValueMap } from "./codec.js";
+import { isMap, nest, type Path } from "./paths.js";
+import { Queue } from "./queue.js";
+import { assertSchema, type Schema } from "./schema.js";
+
+/** What the daemon says of itself whenever a client connects. */
+export type Hello = { type: string; id?: string };
+
+/** "waiting" is between two attempts, "connected" begins with the daemon's first hello. */
+export type State = "connecting" | "connected" | "waiting" | "closed";
+
+/** A message that could not be decoded; the stream goes on after it. */
+export type Undecodable = { bytes: Uint8Array; error: Error };
+
+type Events = {
+    /** The new state, and for people what led to it. */
+    state: [state: State, reason: string];
+    /** Every hello, also those that another client's arrival causes. */
+    hello: [hello: Hello];
+    values: [values: Value];
+    undecodable: [message: Undecodable];
+};
+
+/** The part of the browsers' WebSocket that is used; the `ws` package offers it too. */
+export type WebSocketLike = {
+    binaryType: string;
+    onmessage: ((event: { data: any }) => void) | null;
+    onclose: ((event: { code: number; reason: string }) => void) | null;
+    onerror: ((event: any) => void) | null;
+    send(data: string | Uint8Array): void;
+    close(): void;
+};
+export type WebSocketConstructor = new (url: string) => WebSocketLike;
+
+export type ClientOptions = {
+    /** The implementation to use; needed where there is no global one, as in Node before 22. */
+    WebSocket?: WebSocketConstructor;
+    /** Milliseconds before the second attempt; doubled with each that fails. Default 500. */
+    firstDelay?: number;
+    /** The longest pause between two attempts, in milliseconds. Default 10000. */
+    longestDelay?: number;
+    /** Milliseconds that an attempt may take until the hello. Default 10000. */
+    patience?: number;
+};
+
+/** Thrown when something is to be sent and no daemon is there to take it. */
+export class NotConnectedError extends Error {
+    override name = "NotConnectedError";
+}
+
+/**
+ * A client of one daemon. It connects with connect() and keeps the connection until close(): when it is lost,
+ * it is tried again after growing pauses. The schema that was last set is sent again after every reconnection,
+ * because a restarted daemon has none. Written values are never kept for later: what cannot be sent at once is
+ * refused, so that no machine moves on an order that has grown old.
+ */
+export class Client {
+    readonly url: string;
+    #options: Required<ClientOptions>;
+    #state: State = "closed";
+    #reason = "not connected yet";
+    #hello: Hello | undefined;
+    #schema: Schema | undefined;
+    #socket: WebSocketLike | undefined;
+    #attempts = 0;
+    #timer: ReturnType<typeof setTimeout> | undefined;
+    #listeners: { [E in keyof Events]: Set<(...args: Events[E]) => void> } = {
+        state: new Set(),
+        hello: new Set(),
+        values: new Set(),
+        undecodable: new Set(),
+    };
+
+    /** `address` as toUrl() takes it: "192.168.1.20", "ws://machine:10443". Throws SyntaxError on others. */
+    constructor(address: string, options: ClientOptions = {}) {
+        this.url = toUrl(address);
+        const WebSocket = options.WebSocket ?? (globalThis.WebSocket as unknown as WebSocketConstructor);
+        if (!WebSocket) {
+            throw new TypeError("There is no global WebSocket here: pass one, such as that of the ws package");
+        }
+        this.#options = { firstDelay: 500, longestDelay: 10_000, patience: 10_000, ...options, WebSocket };
+    }
+
+    get state(): State {
+        return this.#state;
+    }
+
+    /** For people: what led to the present state. */
+    get reason(): string {
+        return this.#reason;
+    }
+
+    /** The daemon's last hello; undefined until the first. */
+    get hello(): Hello | undefined {
+        return this.#hello;
+    }
+
+    /** The schema that this client set; another client may have replaced it at the daemon since. */
+    get schema(): Schema | undefined {
+        return this.#schema;
+    }
+
+    /** Calls `listener` on every such event from now on; returns a function that ends this. */
+    on<E extends keyof Events>(event: E, listener: (...args: Events[E]) => void): () => void {
+        const listeners = this.#listeners[event];
+        listeners.add(listener);
+        return () => void listeners.delete(listener);
+    }
+
+    /** Starts connecting, or retries at once when waiting. Returns itself; ready() tells when it succeeded. */
+    connect(): this {
+        if (this.#state === "closed" || this.#state === "waiting") this.#attempt();
+        return this;
+    }
+
+    /**
+     * The hello, as soon as connected. Rejects when the client is closed, or when `timeout` milliseconds pass;
+     * the client itself goes on trying then.
+     */
+    ready(timeout = Infinity): Promise<Hello> {
+        this.connect();
+        if (this.#state === "connected") return Promise.resolve(this.#hello!);
+        return new Promise((resolve, reject) => {
+            const fail = () => settle(() => reject(new NotConnectedError(`No connection to ${this.url}: ${this.#reason}`)));
+            const timer = timeout === Infinity ? undefined : setTimeout(fail, timeout);
+            const off = this.on("state", (state) => {
+                if (state === "connected") settle(() => resolve(this.#hello!));
+                if (state === "closed") fail();
+            });
+            const settle = (finish: () => void) => {
+                clearTimeout(timer);
+                off();
+                finish();
+            };
+        });
+    }
+
+    /** Ends the connection, the attempts at one, and all iterations over values. */
+    close(): void {
+        if (this.#state === "closed") return;
+        this.#dropSocket();
+        this.#enter("closed", "closed here");
+    }
+
+    /**
+     * Sets the daemon's schema, for all its clients: at once when connected, and after every reconnection. It is
+     * checked first; a SchemaError lists what is wrong with it, and then nothing is sent. `check: false` sends
+     * whatever it is.
+     */
+    setSchema(schema: Schema, { check = true } = {}): void {
+        if (check) assertSchema(schema);
+        this.#schema = schema;
+        if (this.#state === "connected") this.#sendSchema();
+    }
+
+    /** Writes values to the bus, named as in the schema. The daemon does not acknowledge them. */
+    write(values: ValueMap): void {
+        if (!isMap(values)) throw new TypeError("Only a map of values, named as in the schema, can be written");
+        const message = encodeValues(values);
+        if (this.#state !== "connected") {
+            throw new NotConnectedError(`Not connected to ${this.url} (${this.#reason}): nothing was written`);
+        }
+        this.#socket!.send(message);
+    }
+
+    /** Writes one value: set("motor.setpoint", 5), or set(["motor", "setpoint"], 5) where names hold dots. */
+    set(path: string | Path, value: Value): void {
+        this.write(nest(typeof path === "string" ? path.split(".") : path, value));
+    }
+
+    /**
+     * All messages from now on, nested as in the schema, over reconnections, until close(). A slow reader loses
+     * the oldest when `limit` of them wait.
+     */
+    values({ limit = 1000 } = {}): AsyncIterableIterator<Value> {
+        const queue = new Queue<Value>(limit, () => off.forEach((each) => each()));
+        const off = [
+            this.on("values", (values) => queue.push(values)),
+            this.on("state", (state) => state === "closed" && queue.end()),
+        ];
+        return queue;
+    }
+
+    #attempt(): void {
+        this.#dropSocket();
+        this.#enter("connecting", `connecting to ${this.url}`);
+        if (this.#state !== "connecting") return; // a listener closed the client
+        let socket: WebSocketLike;
+        try {
+            socket = new this.#options.WebSocket(this.url);
+        } catch (error) {
+            this.#lose(String(error));
+            return;
+        }
+        this.#socket = socket;
+        socket.binaryType = "arraybuffer";
+        let failure = "";
+        socket.onerror = (event) => (failure = event?.message ?? "");
+        socket.onclose = (event) => this.#lose(failure || event.reason || `connection closed (code ${event.code})`);
+        socket.onmessage = (event) => this.#receive(event.data);
+        this.#timer = setTimeout(() => this.#lose("no hello came in time"), this.#options.patience);
+    }
+
+    #lose(reason: string): void {
+        this.#dropSocket();
+        const { firstDelay, longestDelay } = this.#options;
+        const pause = Math.min(longestDelay, firstDelay * 2 ** this.#attempts++);
+        // Half of it at random: many clients of a restarted daemon do not come back at the same moment.
+        const delay = pause * (0.5 + Math.random() / 2);
+        this.#timer = setTimeout(() => this.#attempt(), delay);
+        this.#enter("waiting", `${reason}; next attempt in ${(delay / 1000).toFixed(1)} s`);
+    }
+
+    #dropSocket(): void {
+        clearTimeout(this.#timer);
+        const socket = this.#socket;
+        this.#socket = undefined;
+        if (!socket) return;
+        socket.onmessage = socket.onclose = null;
+        socket.onerror = () => {}; // closing an unfinished connection is an error to some implementations
+        socket.close();
+    }
+
+    #enter(state: State, reason: string): void {
+        this.#state = state;
+        this.#reason = reason;
+        this.#emit("state", state, reason);
+    }
+
+    #receive(data: string | ArrayBuffer): void {
+        if (typeof data === "string") this.#receiveText(data);
+        else this.#receiveValues(new Uint8Array(data));
+    }
+
+    #receiveText(text: string): void {
+        const hello = parseHello(text);
+        if (!hello) {
+            this.#reportUndecodable(new TextEncoder().encode(text), new Error("a text that is no hello"));
+            return;
+        }
+        this.#hello = hello;
+        if (this.#state === "connecting") this.#welcome();
+        this.#emit("hello", hello);
+    }
+
+    #welcome(): void {
+        clearTimeout(this.#timer);
+        this.#attempts = 0;
+        this.#enter("connected", `connected to ${this.url}`);
+        if (this.#schema && this.#state === "connected") this.#sendSchema();
+    }
+
+    #receiveValues(bytes: Uint8Array): void {
+        let values: Value;
+        try {
+            values = decodeValues(bytes);
+        } catch (error) {
+            this.#reportUndecodable(bytes, error as Error);
+            return;
+        }
+        this.#emit("values", values);
+    }
+
+    #reportUndecodable(bytes: Uint8Array, error: Error): void {
+        if (this.#listeners.undecodable.size === 0) {
+            const hex = Array.from(bytes.subarray(0, 64), (byte) => byte.toString(16).padStart(2, "0")).join(" ");
+            console.warn(`vorbel: skipped a message of ${bytes.length} bytes (${error.message}): ${hex}`);
+        }
+        this.#emit("undecodable", { bytes, error });
+    }
+
+    #sendSchema(): void {
+        this.#socket!.send(JSON.stringify(this.#schema));
+    }
+
+    #emit<E extends keyof Events>(event: E, ...args: Events[E]): void {
+        for (const listener of [...this.#listeners[event]]) listener(...args);
+    }
+}
+
+function parseHello(text: string): Hello | undefined {
+    try {
+        const hello = JSON.parse(text)?.hello;
+        return typeof hello?.type === "string" ? hello : undefined;
+    } catch {
+        return undefined;
+    }
+}
