@@ -1,0 +1,223 @@
+import { afterEach, beforeEach, describe, expect, onTestFinished, test, vi } from "vitest";
+import { WebSocket } from "ws";
+import { Client, flatten, NotConnectedError, SchemaError, type ClientOptions, type Undecodable, type Value, type WebSocketConstructor } from "../src/index.js";
+import { ADDRESS, Machine, machineSchema, until } from "./machine.js";
+
+function newClient(options: ClientOptions = {}): Client {
+    const client = new Client(ADDRESS, {
+        WebSocket: WebSocket as unknown as WebSocketConstructor,
+        firstDelay: 50,
+        longestDelay: 200,
+        ...options,
+    });
+    onTestFinished(() => client.close());
+    return client;
+}
+
+/** The first value of a path that fulfils a condition. */
+async function valueOf(client: Client, path: string, fits: (value: Value) => boolean = () => true): Promise<Value> {
+    for await (const values of client.values()) {
+        const value = flatten(values).get(path);
+        if (value !== undefined && fits(value)) return value;
+    }
+    throw new Error("closed");
+}
+
+let machine: Machine;
+beforeEach(() => void (machine = new Machine()));
+afterEach(() => machine.stop());
+
+describe("a running machine", () => {
+    beforeEach(async () => {
+        await machine.play();
+        await machine.startDaemon();
+    });
+
+    test("greets with its type and id", async () => {
+        expect(await newClient().ready()).toEqual({ type: "demo machine", id: "A7" });
+    });
+
+    test("sends the values that the schema names", async () => {
+        const client = newClient();
+        await client.ready();
+        client.setSchema(machineSchema);
+        expect(await valueOf(client, "motor.speed", (speed) => (speed as number) > 500)).toBeLessThan(700);
+        expect(await valueOf(client, "motor.enabled")).toBe(true);
+        const cells = await valueOf(client, "battery.cells.a");
+        expect(cells).toBeInstanceOf(Float32Array);
+        expect(cells).toHaveLength(5);
+        expect((cells as Float32Array)[0]).toBeCloseTo(3.9, 0);
+    });
+
+    test("takes what is written, as exact frames", async () => {
+        const client = newClient();
+        await client.ready();
+        client.setSchema(machineSchema);
+        await valueOf(client, "motor.speed");
+        client.write({ motor: { setpoint: 1200 } });
+        client.set("motor.setpoint", -2);
+        client.set(["motor", "setpoint"], 70000.5);
+        await until(() => machine.heard.length === 3, "three frames");
+        // 70000.5 is rounded by the daemon, then wrapped into 16 bits.
+        expect(machine.heard).toEqual(["mac 5 cmd 3: b0 04", "mac 5 cmd 3: fe ff", "mac 5 cmd 3: 71 11"]);
+    });
+
+    test("goes on after a message that cannot be decoded", async () => {
+        const client = newClient();
+        const undecodable: Undecodable[] = [];
+        client.on("undecodable", (message) => undecodable.push(message));
+        await client.ready();
+        const warnings = { "@mac": 5, "@cmd": 2, "@skip": 4, "@format": "c", "@flushSize": 4 };
+        client.setSchema({ good: { "@mac": 5, "@cmd": 2, "@format": "s" }, lost: warnings });
+        await until(() => undecodable.length === 2, "two undecodable messages");
+        const name = Buffer.from(undecodable[0]!.bytes).subarray(-5).toString("latin1");
+        expect(name).toBe("\xa4lost"); // the name went out, its value did not
+        expect(undecodable[0]!.error.message).toMatch(/Insufficient data|out of range|Offset/i);
+        expect(await valueOf(client, "good")).toBeTypeOf("number");
+    });
+
+    test("warns of undecodable messages when nobody listens for them", async () => {
+        const warn = vi.spyOn(console, "warn").mockImplementation(() => {});
+        const client = newClient();
+        await client.ready();
+        client.setSchema({ "@mac": 5, "@cmd": 2, "@skip": 4, "@format": "c", "@flushSize": 2 });
+        await until(() => warn.mock.calls.length > 0, "a warning");
+        expect(warn.mock.calls[0]![0]).toMatch(/^vorbel: skipped a message of 0 bytes \(/);
+        warn.mockRestore();
+    });
+
+    test("is served to two clients alike, under the schema of either", async () => {
+        const [one, two] = [newClient(), newClient()];
+        await Promise.all([one.ready(), two.ready()]);
+        two.setSchema(machineSchema);
+        await Promise.all([valueOf(one, "door.open"), valueOf(two, "door.open")]);
+    });
+
+    test("keeps its schema when the schema to be set has errors", async () => {
+        const client = newClient();
+        await client.ready();
+        client.setSchema(machineSchema);
+        expect(() => client.setSchema({ a: { "@mac": "5", "@format": "s" } })).toThrow(SchemaError);
+        expect(client.schema).toBe(machineSchema);
+        await valueOf(client, "motor.speed");
+    });
+
+    test("takes an unchecked schema", async () => {
+        const client = newClient();
+        await client.ready();
+        client.setSchema({ a: { "@mac": 5, "@cmd": 2, "@format": "s", "@note": 1 } }, { check: false });
+        await valueOf(client, "a");
+    });
+});
+
+describe("typed arrays", () => {
+    test("of every format arrive as sent on the bus", async () => {
+        await machine.startDaemon();
+        const client = newClient();
+        await client.ready();
+        const two = (format: string, skip: number, more = {}) => {
+            return { "@mac": 1, "@cmd": 1, "@format": format, "@skip": skip, "@flushSize": 2, ...more };
+        };
+        const integers = { C: two("C", 0), S: two("S", 2), s: two("s", 2), I: two("I", 4), i: two("i", 4) };
+        const floats = { f: two("f", 4), scaled: two("C", 0, { "@factor": 2 }) };
+        client.setSchema({ ...integers, ...floats }, { check: false }); // the leaves overlap
+        const values = client.values();
+        await machine.replay(["(1.0) can0 041#FF010280FFFFFFFF", "(1.1) can0 041#00010000000080BF"], 3);
+        expect((await values.next()).value).toStrictEqual({
+            C: Uint8Array.of(255, 0),
+            I: Uint32Array.of(0xffffffff, 0xbf800000),
+            S: Uint16Array.of(0x8002, 0),
+            f: Float32Array.of(NaN, -1),
+            i: Int32Array.of(-1, 0xbf800000 | 0),
+            s: Int16Array.of(-32766, 0),
+            scaled: Float32Array.of(127.5, 0),
+        });
+    });
+});
+
+describe("connections", () => {
+    test("begin when the daemon comes, and come back when it does, with the schema", async () => {
+        await machine.play();
+        const client = newClient();
+        const states: string[] = [];
+        client.on("state", (state) => states.push(state));
+        client.setSchema(machineSchema); // kept until there is a connection
+        await expect(client.ready(300)).rejects.toThrow(/^No connection to ws:\/\/127\.0\.0\.1:10443: .*ECONNREFUSED/);
+        await machine.startDaemon();
+        await client.ready();
+        await valueOf(client, "motor.speed");
+        states.length = 0;
+
+        await machine.stopDaemon();
+        await until(() => states.includes("waiting"), "the loss to be noticed");
+        expect(() => client.set("motor.setpoint", 1)).toThrow(NotConnectedError);
+        await machine.startDaemon();
+        await valueOf(client, "motor.speed");
+        expect(states[0]).toBe("waiting");
+        expect(states.at(-1)).toBe("connected");
+        expect(machine.heard).toEqual([]);
+    });
+
+    test("are tried after growing pauses", async () => {
+        const client = newClient({ firstDelay: 40, longestDelay: 100 });
+        const starts: number[] = [];
+        client.on("state", (state) => state === "connecting" && starts.push(performance.now()));
+        client.connect();
+        await until(() => starts.length === 5, "five attempts");
+        const pauses = starts.slice(1).map((at, index) => at - starts[index]!);
+        expect(pauses[0]).toBeGreaterThanOrEqual(19);
+        expect(pauses[1]).toBeGreaterThanOrEqual(39);
+        for (const pause of pauses.slice(2)) expect(pause).toBeGreaterThanOrEqual(49);
+    });
+
+    test("can be closed: iterations end, nothing is tried again", async () => {
+        await machine.startDaemon({ VORBEL_SOURCE: "none" });
+        const client = newClient();
+        await client.ready();
+        const next = client.values().next();
+        client.close();
+        expect(await next).toEqual({ done: true, value: undefined });
+        expect(client.state).toBe("closed");
+        await expect(Promise.race([client.values().next(), "nothing"])).resolves.toBe("nothing");
+    });
+
+    test("have one schema sent per connection, not per hello", async () => {
+        await machine.startDaemon({ VORBEL_SOURCE: "none" });
+        const sent: unknown[] = [];
+        class Recording extends WebSocket {
+            override send(data: any) {
+                sent.push(data);
+                super.send(data);
+            }
+        }
+        const client = newClient({ WebSocket: Recording as unknown as WebSocketConstructor });
+        let hellos = 0;
+        client.on("hello", () => hellos++);
+        client.setSchema(machineSchema);
+        await client.ready();
+        await newClient().ready(); // makes the daemon greet everybody again
+        await until(() => hellos >= 2, "the second hello");
+        expect(sent).toEqual([JSON.stringify(machineSchema)]);
+    });
+
+    test("refuse what is no map", async () => {
+        const client = newClient();
+        expect(() => client.write([1] as never)).toThrow(TypeError);
+        expect(() => client.write(5 as never)).toThrow(TypeError);
+    });
+});
+
+test("slow readers lose the oldest messages, not memory", async () => {
+    await machine.play();
+    await machine.startDaemon();
+    const client = newClient();
+    const values = client.values({ limit: 2 });
+    await client.ready();
+    client.setSchema({ speed: { "@mac": 5, "@cmd": 2, "@format": "s" } });
+    let count = 0;
+    client.on("values", () => count++);
+    await until(() => count >= 5, "five messages");
+    client.close();
+    const left = [await values.next(), await values.next(), await values.next()];
+    expect(left.map(({ done }) => done)).toEqual([false, false, true]);
+});
