@@ -1,0 +1,46 @@
+import { isMap, type Value } from "vorbel";
+
+/** A number as people read it: what single precision cannot hold anyway is left out. */
+export function numberText(value: number): string {
+    if (Number.isInteger(value) && Math.abs(value) < 1e12) return String(value);
+    return String(Number(value.toPrecision(7)));
+}
+
+export function valueText(value: Value): string {
+    if (value === null) return "nil";
+    if (typeof value === "number") return numberText(value);
+    if (typeof value === "string") return JSON.stringify(value);
+    if (ArrayBuffer.isView(value)) return arrayText(value as ArrayLike<number> & ArrayBufferView);
+    if (Array.isArray(value)) return `[${value.map(valueText).join(", ")}]`;
+    if (isMap(value)) return JSON.stringify(value, (_, item) => (typeof item === "bigint" ? String(item) : item));
+    return String(value);
+}
+
+/** Length, element type and the first elements: "5 × float32 [3.93, 3.94, …]". */
+function arrayText(array: ArrayLike<number> & ArrayBufferView): string {
+    const type = array.constructor.name.replace("Array", "").toLowerCase();
+    const shown = Array.from({ length: Math.min(3, array.length) }, (_, at) => numberText(array[at]!));
+    return `${array.length} × ${type} [${shown.join(", ")}${array.length > shown.length ? ", …" : ""}]`;
+}
+
+/** The time since something, in the largest unit that fits: "0.3 s", "12 s", "4 min", "2 h". */
+export function ageText(milliseconds: number): string {
+    const seconds = Math.max(0, milliseconds) / 1000;
+    if (seconds < 9.95) return `${seconds.toFixed(1)} s`;
+    if (seconds < 99.5) return `${Math.round(seconds)} s`;
+    if (seconds < 5970) return `${Math.round(seconds / 60)} min`;
+    return `${Math.round(seconds / 3600)} h`;
+}
+
+export function rateText(rate: number | undefined): string {
+    if (rate === undefined) return "–";
+    return rate < 9.95 ? rate.toFixed(1) : String(Math.round(rate));
+}
+
+export function clockText(time: number): string {
+    return new Date(time).toLocaleTimeString("en-GB");
+}
+
+export function hexText(bytes: ArrayLike<number>): string {
+    return Array.from(bytes, (byte) => byte.toString(16).padStart(2, "0")).join(" ");
+}

@@ -1,0 +1,132 @@
+import { isMap, type Leaf, type Path, type Schema, type Value, leavesOf } from "vorbel";
+import { Series } from "./series";
+
+const byName = new Intl.Collator("en", { numeric: true }).compare;
+
+/** A name of the schema or of a message, with what is known of it. */
+export class TreeNode {
+    readonly children = new Map<string, TreeNode>();
+    readonly depth: number;
+    readonly dotted: string;
+    series: Series | undefined;
+    leaf: Leaf | undefined;
+    collapsed = false;
+
+    constructor(
+        readonly path: Path,
+        readonly parent?: TreeNode,
+    ) {
+        this.depth = path.length;
+        this.dotted = path.join(".");
+    }
+
+    get name(): string {
+        return this.path.at(-1) ?? "(the whole message)";
+    }
+}
+
+/** All known values by name. `shape` counts the changes that add or remove names. */
+export class Tree {
+    root = new TreeNode([]);
+    shape = 0;
+
+    /** Takes the values of one message. */
+    update(values: Value, time: number): void {
+        this.#update(this.root, values, time);
+    }
+
+    /** Shows the leaves of a schema, and forgets names that it does not have. */
+    useSchema(schema: Schema): void {
+        const old = this.root;
+        this.root = new TreeNode([]);
+        this.shape++;
+        for (const leaf of leavesOf(schema)) {
+            const node = this.#add(leaf.path);
+            node.leaf = leaf;
+            copyReadings(find(old, leaf.path), node);
+        }
+    }
+
+    forget(): void {
+        this.root = new TreeNode([]);
+        this.shape++;
+    }
+
+    find(path: Path): TreeNode | undefined {
+        return find(this.root, path);
+    }
+
+    /** The leaves whose values go out in the same frames as those of a leaf, that one among them. */
+    sameFrame(leaf: Leaf): TreeNode[] {
+        return this.#all(this.root).filter((node) => node.leaf?.mac === leaf.mac && node.leaf.cmd === leaf.cmd);
+    }
+
+    /** The rows of the table, from top to bottom; `search` words must all occur in a row's path. */
+    rows(search = ""): TreeNode[] {
+        const words = search.toLowerCase().split(/\s+/).filter(Boolean);
+        const rows = words.length > 0 ? this.#matching(this.root, words) : this.#open(this.root);
+        return this.root.series ? [this.root, ...rows] : rows;
+    }
+
+    #update(node: TreeNode, value: Value, time: number): void {
+        if (!isMap(value)) {
+            (node.series ??= this.#newSeries()).update(value, time);
+            return;
+        }
+        for (const name in value) this.#update(this.#child(node, name), value[name]!, time);
+    }
+
+    #newSeries(): Series {
+        this.shape++; // a row that was a mere name, or the root, becomes a value
+        return new Series();
+    }
+
+    #add(path: Path): TreeNode {
+        return path.reduce((node, name) => this.#child(node, name), this.root);
+    }
+
+    #child(node: TreeNode, name: string): TreeNode {
+        let child = node.children.get(name);
+        if (!child) {
+            child = new TreeNode([...node.path, name], node);
+            node.children.set(name, child);
+            this.shape++;
+        }
+        return child;
+    }
+
+    #sorted(node: TreeNode): TreeNode[] {
+        return [...node.children.values()].sort((a, b) => byName(a.name, b.name));
+    }
+
+    #open(node: TreeNode): TreeNode[] {
+        return this.#sorted(node).flatMap((child) => (child.collapsed ? [child] : [child, ...this.#open(child)]));
+    }
+
+    #matching(node: TreeNode, words: string[]): TreeNode[] {
+        return this.#sorted(node).flatMap((child) => {
+            const below = this.#matching(child, words);
+            const path = child.dotted.toLowerCase();
+            const matches = child.children.size === 0 && words.every((word) => path.includes(word));
+            return matches || below.length > 0 ? [child, ...below] : [];
+        });
+    }
+
+    #all(node: TreeNode): TreeNode[] {
+        return [node, ...this.#sorted(node).flatMap((child) => this.#all(child))];
+    }
+}
+
+function find(from: TreeNode, path: Path): TreeNode | undefined {
+    return path.reduce<TreeNode | undefined>((node, name) => node?.children.get(name), from);
+}
+
+function copyReadings(from: TreeNode | undefined, to: TreeNode): void {
+    to.series = from?.series;
+    for (const child of from?.children.values() ?? []) {
+        if (child.leaf) continue;
+        const copy = new TreeNode(child.path, to);
+        to.children.set(child.name, copy);
+        copyReadings(child, copy);
+    }
+}

@@ -1,0 +1,62 @@
+import { dotted, FORMATS, type Leaf, readOnlyReason, type Value, writableRange } from "vorbel";
+import { numberText } from "./text";
+
+/** What was typed for a leaf: the value to write, or why it cannot be written. */
+export type Parsed = { value: Value; problem?: undefined } | { problem: string; value?: undefined };
+
+export function parseInput(leaf: Leaf, text: string): Parsed {
+    const reason = readOnlyReason(leaf);
+    if (reason) return { problem: `${dotted(leaf.path)} cannot be written: ${reason}` };
+    return leaf.format === "p" ? parsePacked(text) : parseNumber(leaf, text.trim());
+}
+
+function parsePacked(text: string): Parsed {
+    try {
+        return { value: JSON.parse(text) };
+    } catch (error) {
+        return { problem: `is no JSON: ${(error as Error).message}` };
+    }
+}
+
+function parseNumber(leaf: Leaf, text: string): Parsed {
+    const value = Number(text);
+    if (text === "" || !Number.isFinite(value)) return { problem: "must be a number" };
+    const { least, most, step } = writableRange(leaf)!;
+    if (value < least || value > most) {
+        return { problem: `must lie between ${numberText(least)} and ${numberText(most)}` };
+    }
+    if (step === 1 && !Number.isInteger(value)) return { problem: "must be a whole number" };
+    return { value };
+}
+
+/** What can be typed, for people: "0 to 32.767 in steps of 0.001". */
+export function rangeText(leaf: Leaf): string {
+    const range = writableRange(leaf);
+    if (!range) return "any value, as JSON";
+    if (range.step === undefined) return "any number (single precision)";
+    const ends = `${numberText(range.least)} to ${numberText(range.most)}`;
+    return range.step === 1 ? `a whole number, ${ends}` : `${ends}, in steps of ${numberText(range.step)}`;
+}
+
+/**
+ * The payload that the daemon makes of values for leaves of the same frames, as far as it can be told here:
+ * undefined with a leaf of format "p". Bytes that no value covers are zero.
+ */
+export function payloadOf(values: ReadonlyMap<Leaf, Value>): Uint8Array | undefined {
+    const leaves = [...values.keys()];
+    if (leaves.some(({ format }) => format === "p")) return undefined;
+    const payload = new Uint8Array(Math.max(...leaves.map(({ skip, format }) => skip + FORMATS[format]!.width)));
+    const view = new DataView(payload.buffer);
+    for (const [leaf, value] of values) place(view, leaf, value as number);
+    return payload;
+}
+
+function place(view: DataView, { format, skip, factor }: Leaf, value: number): void {
+    const width = FORMATS[format]!.width;
+    // The daemon scales in single precision and cuts; a scaled float is cut as well.
+    const raw = factor === 1 ? value : Math.trunc(Math.fround(Math.fround(value) * Math.fround(factor)));
+    if (format === "f") view.setFloat32(skip, raw, true);
+    else if (width === 1) view.setInt8(skip, raw);
+    else if (width === 2) view.setInt16(skip, raw, true);
+    else view.setInt32(skip, raw, true);
+}

@@ -1,0 +1,43 @@
+import { useState } from "preact/hooks";
+import type { Session } from "../model/session";
+import { useSource } from "./frame";
+import { Header } from "./header";
+import { Icon } from "./icons";
+import { LogPanel } from "./log";
+import { PlotPanel } from "./plots";
+import { SchemaDialog } from "./schema";
+import { ValueTable } from "./table";
+import { WritePanel } from "./write";
+
+const tabs = ["values", "plots", "log"] as const;
+type Tab = (typeof tabs)[number];
+
+export function App({ session }: { session: Session }) {
+    useSource(session.status);
+    const [tab, setTab] = useState<Tab>("values");
+    const [schemaOpen, openSchema] = useState(false);
+    const writing = session.writing;
+    return (
+        <>
+            <Header session={session} openSchema={() => openSchema(true)} />
+            <main data-tab={tab}>
+                <ValueTable session={session} openSchema={() => openSchema(true)} />
+                <div class="side">
+                    <PlotPanel session={session} />
+                    {writing && <WritePanel key={writing.dotted} session={session} node={writing} />}
+                    <LogPanel log={session.log} />
+                </div>
+            </main>
+            <nav class="tabs" aria-label="Parts of the page">
+                {tabs.map((name) => (
+                    <button key={name} aria-current={tab === name ? "page" : undefined} onClick={() => setTab(name)}>
+                        <Icon name={({ values: "search", plots: "plot", log: "sent" } as const)[name]} />
+                        {name}
+                        {name === "plots" && session.plotted.length > 0 && <b>{session.plotted.length}</b>}
+                    </button>
+                ))}
+            </nav>
+            {schemaOpen && <SchemaDialog session={session} close={() => openSchema(false)} />}
+        </>
+    );
+}

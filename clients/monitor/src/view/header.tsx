@@ -1,0 +1,100 @@
+import { useEffect, useState } from "preact/hooks";
+import { load, save } from "../model/memory";
+import type { Session } from "../model/session";
+import { Icon } from "./icons";
+
+const stateWords = { connected: "Connected", connecting: "Connecting", waiting: "Not connected", closed: "Disconnected" };
+
+export function Header({ session, openSchema }: { session: Session; openSchema: () => void }) {
+    const { state, hello, reason, undecodable } = session;
+    return (
+        <header>
+            <h1>
+                <img src="./icon.svg" alt="" width="28" height="28" />
+                Vorbel
+            </h1>
+            <Address session={session} />
+            <p class={`state ${state}`} role="status" title={reason}>
+                <span class="dot" />
+                <strong>{stateWords[state]}</strong>
+                {state === "connected" && hello && <Device type={hello.type} id={hello.id} />}
+                {state === "waiting" && <span class="quiet reason">{reason}</span>}
+            </p>
+            {undecodable > 0 && (
+                <p class="undecodable" title="Messages that could not be decoded; the log shows their bytes">
+                    <Icon name="problem" /> {undecodable} undecodable
+                </p>
+            )}
+            <div class="tools">
+                <button onClick={openSchema}>
+                    <Icon name="schema" /> Schema
+                </button>
+                <ThemeButton />
+            </div>
+        </header>
+    );
+}
+
+function Device({ type, id }: { type: string; id?: string | undefined }) {
+    return (
+        <span class="device">
+            <span class="quiet">to</span> {type || "a device without a type"}
+            {id && <code>{id}</code>}
+        </span>
+    );
+}
+
+function Address({ session }: { session: Session }) {
+    const [text, setText] = useState(session.address);
+    const [problem, setProblem] = useState<string>();
+    const away = session.state === "closed";
+    const connect = (event: Event) => {
+        event.preventDefault();
+        setProblem(session.connect(text));
+    };
+    return (
+        <form class="address" onSubmit={connect}>
+            <label>
+                <span class="hidden">Address of the daemon</span>
+                <input
+                    value={text}
+                    onInput={(event) => setText(event.currentTarget.value)}
+                    placeholder="host or host:port"
+                    autocomplete="url"
+                    autocapitalize="off"
+                    spellcheck={false}
+                    enterkeyhint="go"
+                    aria-invalid={problem !== undefined}
+                    aria-describedby="address-problem"
+                />
+            </label>
+            {away || text !== session.address ? (
+                <button type="submit">Connect</button>
+            ) : (
+                <button type="button" onClick={() => session.disconnect()}>
+                    Disconnect
+                </button>
+            )}
+            <span id="address-problem" class="problem" role="alert">
+                {problem}
+            </span>
+        </form>
+    );
+}
+
+const themes = ["auto", "light", "dark"] as const;
+
+function ThemeButton() {
+    const [theme, setTheme] = useState(() => load("theme") ?? "auto");
+    useEffect(() => {
+        document.documentElement.dataset["theme"] = theme;
+        save("theme", theme);
+        window.dispatchEvent(new Event("themechange"));
+    }, [theme]);
+    const next = themes[(themes.indexOf(theme as "auto") + 1) % themes.length]!;
+    return (
+        <button class="square" onClick={() => setTheme(next)} aria-label={`Theme: ${theme}. Change to ${next}`} title={`Theme: ${theme}`}>
+            <Icon name="theme" />
+        </button>
+    );
+}

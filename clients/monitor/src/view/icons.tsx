@@ -1,0 +1,28 @@
+const shapes = {
+    open: "M9 6l6 6-6 6",
+    plot: "M4 4v16h16M7 14l3-4 3 3 4-6",
+    set: "M4 17v3h3L18 9l-3-3L4 17zM13 8l3 3",
+    lock: "M7 11V8a5 5 0 0 1 10 0v3M6 11h12v9H6z",
+    pause: "M9 6v12M15 6v12",
+    play: "M8 5l11 7-11 7z",
+    closer: "M11 4a7 7 0 1 1 0 14 7 7 0 0 1 0-14zM16 16l4 4M8 11h6M11 8v6",
+    wider: "M11 4a7 7 0 1 1 0 14 7 7 0 0 1 0-14zM16 16l4 4M8 11h6",
+    close: "M6 6l12 12M18 6L6 18",
+    schema: "M9 4H7a2 2 0 0 0-2 2v4l-2 2 2 2v4a2 2 0 0 0 2 2h2M15 4h2a2 2 0 0 1 2 2v4l2 2-2 2v4a2 2 0 0 1-2 2h-2",
+    theme: "M12 3a9 9 0 1 0 0 18zM12 3a9 9 0 0 1 0 18",
+    search: "M11 4a7 7 0 1 1 0 14 7 7 0 0 1 0-14zM16 16l4 4",
+    sent: "M4 12h14M13 6l6 6-6 6",
+    problem: "M12 4l9 16H3zM12 10v4M12 17v.5",
+    connection: "M5 12a7 7 0 0 1 14 0M8.5 12a3.5 3.5 0 0 1 7 0M12 12v7",
+};
+
+export type IconName = keyof typeof shapes;
+
+/** A drawing that says nothing to a screen reader: the label is on what it stands in. */
+export function Icon({ name }: { name: IconName }) {
+    return (
+        <svg class="icon" viewBox="0 0 24 24" aria-hidden="true">
+            <path d={shapes[name]} />
+        </svg>
+    );
+}

@@ -1,0 +1,107 @@
+import { useEffect, useRef, useState } from "preact/hooks";
+import { dotted, type Problem } from "vorbel";
+import { problemsOf, type Session } from "../model/session";
+import { Icon } from "./icons";
+
+/** Opens, shows, checks, sends and saves the schema. */
+export function SchemaDialog({ session, close }: { session: Session; close: () => void }) {
+    const dialog = useRef<HTMLDialogElement>(null);
+    const [text, setText] = useState(session.schemaText);
+    useEffect(() => dialog.current!.showModal(), []);
+    const problems = text.trim() === "" ? [] : problemsOf(text);
+    const useless = text.trim() === "" || problems.some(({ severity }) => severity === "error");
+    const apply = (send: boolean) => {
+        session.setSchema(text, send);
+        close();
+    };
+    return (
+        <dialog ref={dialog} class="schema" onClose={close} aria-labelledby="schema-title">
+            <div class="title">
+                <h2 id="schema-title">Schema</h2>
+                <button class="square" onClick={close} aria-label="Close">
+                    <Icon name="close" />
+                </button>
+            </div>
+            <p class="quiet">
+                It says which bytes of which frames are which value. Sent to the daemon, it replaces the one in force, for all
+                its clients.
+            </p>
+            <div class="actions">
+                <FileButton setText={setText} />
+                <button onClick={() => download(text)} disabled={text === ""}>
+                    Save as file
+                </button>
+            </div>
+            <textarea
+                aria-label="Schema as JSON"
+                aria-describedby="schema-problems"
+                placeholder={'Paste a schema here, or drop a file:\n{"motor": {"speed": {"@mac": 5, "@cmd": 2, "@format": "s"}}}'}
+                value={text}
+                onInput={(event) => setText(event.currentTarget.value)}
+                onDrop={(event) => {
+                    const file = event.dataTransfer?.files[0];
+                    if (!file) return;
+                    event.preventDefault();
+                    void file.text().then(setText);
+                }}
+                spellcheck={false}
+            />
+            <Problems text={text} problems={problems} />
+            <div class="actions end">
+                <button onClick={() => apply(false)} disabled={useless}>
+                    Use here only
+                </button>
+                <button class="primary" onClick={() => apply(true)} disabled={useless}>
+                    Send to the daemon
+                </button>
+            </div>
+        </dialog>
+    );
+}
+
+function FileButton({ setText }: { setText: (text: string) => void }) {
+    const input = useRef<HTMLInputElement>(null);
+    return (
+        <>
+            <button onClick={() => input.current!.click()}>Open file…</button>
+            <input
+                ref={input}
+                type="file"
+                accept=".json,application/json"
+                class="hidden"
+                tabIndex={-1}
+                aria-label="Schema file"
+                onChange={(event) => void event.currentTarget.files?.[0]?.text().then(setText)}
+            />
+        </>
+    );
+}
+
+function Problems({ text, problems }: { text: string; problems: Problem[] }) {
+    return (
+        <div id="schema-problems" class="problems" role="status">
+            {text.trim() !== "" && problems.length === 0 && <p class="fine">No problems found.</p>}
+            {problems.length > 0 && (
+                <ul>
+                    {problems.map(({ severity, path, message }) => (
+                        <li key={`${dotted(path)}${message}`} class={severity}>
+                            <Icon name="problem" />
+                            <span>
+                                <span class="hidden">{severity}: </span>
+                                <code>{dotted(path) || "document"}</code> {message}
+                            </span>
+                        </li>
+                    ))}
+                </ul>
+            )}
+        </div>
+    );
+}
+
+function download(text: string): void {
+    const link = document.createElement("a");
+    link.href = URL.createObjectURL(new Blob([text], { type: "application/json" }));
+    link.download = "vorbel.schema.json";
+    link.click();
+    URL.revokeObjectURL(link.href);
+}

@@ -1,0 +1,42 @@
+import { useLayoutEffect, useRef } from "preact/hooks";
+import type { Series } from "../model/series";
+import { color, contextOf } from "./canvas";
+
+const SHOWN = 80;
+
+/** The last readings of a value, or its waveform, small; drawn with every drawing of its row. */
+export function Sparkline({ series }: { series: Series }) {
+    const canvas = useRef<HTMLCanvasElement>(null);
+    useLayoutEffect(() => draw(canvas.current!, series));
+    return <canvas ref={canvas} class="sparkline" aria-hidden="true" />;
+}
+
+function draw(canvas: HTMLCanvasElement, series: Series): void {
+    const { context, width, height } = contextOf(canvas);
+    const points = pointsOf(series).filter(Number.isFinite);
+    if (points.length < 2) return;
+    const [least, most] = [Math.min(...points), Math.max(...points)];
+    const x = (at: number) => 1 + (at * (width - 2)) / (points.length - 1);
+    const y = (value: number) => height - 3 - ((value - least) / (most - least || 1)) * (height - 6);
+    context.beginPath();
+    for (const [at, value] of points.entries()) {
+        if (series.isFlag && at > 0) context.lineTo(x(at), y(points[at - 1]!));
+        context.lineTo(x(at), y(value));
+    }
+    context.strokeStyle = color(series.waveform ? "--wave" : "--accent");
+    context.lineWidth = 1.4;
+    context.lineJoin = "round";
+    context.stroke();
+}
+
+function pointsOf({ waveform, history }: Series): number[] {
+    if (waveform) return Array.from(thinned(waveform));
+    const shown = Math.min(SHOWN, history.length);
+    return Array.from({ length: shown }, (_, at) => history.valueAt(history.length - shown + at));
+}
+
+/** At most so many elements as there are pixels to tell them apart. */
+function* thinned(waveform: ArrayLike<number>): Generator<number> {
+    const step = Math.max(1, Math.floor(waveform.length / (2 * SHOWN)));
+    for (let at = 0; at < waveform.length; at += step) yield waveform[at]!;
+}

@@ -1,0 +1,271 @@
+import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
+import { readOnlyReason } from "vorbel";
+import type { Session } from "../model/session";
+import { ageText, rateText, valueText } from "../model/text";
+import type { TreeNode } from "../model/tree";
+import { useClock, useSource } from "./frame";
+import { Icon } from "./icons";
+import { Sparkline } from "./sparkline";
+
+/** Text that changes more often than this cannot be read. */
+const PAUSE = 100;
+const SPARE_ROWS = 4;
+const NARROW = 560;
+
+/** All values as a tree of their names; only the rows in sight exist. */
+export function ValueTable({ session, openSchema }: { session: Session; openSchema: () => void }) {
+    useSource(session.values, PAUSE);
+    useClock(500);
+    const [search, setSearch] = useState("");
+    const rows = useRows(session, search);
+    const count = rows.filter((row) => row.series || row.leaf).length;
+    return (
+        <section class="panel values" aria-labelledby="values-title">
+            <div class="title">
+                <h2 id="values-title">Values</h2>
+                <span class="quiet">{count}</span>
+                <label class="search">
+                    <Icon name="search" />
+                    <span class="hidden">Search values</span>
+                    <input type="search" placeholder="Search" value={search} onInput={(event) => setSearch(event.currentTarget.value)} />
+                </label>
+            </div>
+            {rows.length > 0 ? (
+                <Grid session={session} rows={rows} searching={search !== ""} />
+            ) : (
+                <Empty session={session} search={search} openSchema={openSchema} />
+            )}
+        </section>
+    );
+}
+
+/** The rows, made anew only when names come or go, or are folded. */
+function useRows(session: Session, search: string): TreeNode[] {
+    const { tree } = session;
+    return useMemo(() => tree.rows(search), [tree.shape, search]);
+}
+
+function Empty({ session, search, openSchema }: { session: Session; search: string; openSchema: () => void }) {
+    if (search) return <p class="empty">No path has all of these words.</p>;
+    return (
+        <div class="empty">
+            <p>
+                {session.state === "connected"
+                    ? "No values yet. The daemon sends some as soon as a client has given it a schema."
+                    : "Values appear here when a daemon is connected and has a schema."}
+            </p>
+            <button class="primary" onClick={openSchema}>
+                Open a schema
+            </button>
+        </div>
+    );
+}
+
+type GridProps = { session: Session; rows: TreeNode[]; searching: boolean };
+
+function Grid({ session, rows, searching }: GridProps) {
+    const grid = useRef<HTMLDivElement>(null);
+    const [view, setView] = useState({ top: 0, height: 600, narrow: false });
+    const [active, setActive] = useState<TreeNode>();
+    const rowHeight = view.narrow ? 62 : 38;
+    const activeIndex = active ? rows.indexOf(active) : -1;
+    useView(grid, setView);
+
+    const reveal = (index: number) => {
+        const { scrollTop, clientHeight } = grid.current!;
+        const [top, bottom] = [index * rowHeight, (index + 1) * rowHeight - clientHeight];
+        grid.current!.scrollTop = Math.min(top, Math.max(scrollTop, bottom));
+    };
+    const goTo = (index: number) => {
+        const target = Math.max(0, Math.min(rows.length - 1, index));
+        setActive(rows[target]);
+        reveal(target);
+    };
+    const fold = (node: TreeNode, collapsed: boolean) => {
+        node.collapsed = collapsed;
+        session.tree.shape++;
+        session.status.changed();
+    };
+    const press = (event: KeyboardEvent) => {
+        if (event.target !== grid.current && event.key.length > 1 && event.key !== "Escape" && event.key === "Enter") return;
+        const handled = pressed(event.key, { session, rows, index: activeIndex, page: Math.floor(view.height / rowHeight), goTo, fold });
+        if (handled) event.preventDefault();
+    };
+
+    const first = Math.max(0, Math.floor(view.top / rowHeight) - SPARE_ROWS);
+    const last = Math.min(rows.length, Math.ceil((view.top + view.height) / rowHeight) + SPARE_ROWS);
+    return (
+        <>
+            <div class={`heads${view.narrow ? " narrow" : ""}`} aria-hidden="true">
+                <span>Path</span>
+                <span class="number">Value</span>
+                <span class="number">per s</span>
+                <span class="number">Age</span>
+                <span>Course</span>
+                <span />
+            </div>
+            <div
+                id="values-grid"
+                class={`grid${view.narrow ? " narrow" : ""}`}
+                ref={grid}
+                role="treegrid"
+                aria-label="Values. Arrow keys move and fold, P plots, Enter sets."
+                aria-rowcount={rows.length}
+                aria-activedescendant={active && `row-${active.dotted}`}
+                tabIndex={0}
+                onKeyDown={press}
+                onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
+            >
+                <div class="all" role="rowgroup" style={{ height: `${rows.length * rowHeight}px` }}>
+                    {rows.slice(first, last).map((node, at) => (
+                        <Row
+                            key={node.dotted}
+                            session={session}
+                            node={node}
+                            index={first + at}
+                            top={(first + at) * rowHeight}
+                            active={node === active}
+                            open={searching || !node.collapsed}
+                            activate={() => setActive(node)}
+                            fold={fold}
+                        />
+                    ))}
+                </div>
+            </div>
+        </>
+    );
+}
+
+type View = { top: number; height: number; narrow: boolean };
+
+/** Keeps the part of the grid in sight known. */
+function useView(grid: { current: HTMLDivElement | null }, setView: (change: (view: View) => View) => void): void {
+    useLayoutEffect(() => {
+        const measure = () => {
+            const { scrollTop: top, clientHeight: height, clientWidth: width } = grid.current!;
+            setView(() => ({ top, height, narrow: width < NARROW }));
+        };
+        const observer = new ResizeObserver(measure);
+        observer.observe(grid.current!);
+        return () => observer.disconnect();
+    }, []);
+}
+
+type Place = {
+    session: Session;
+    rows: TreeNode[];
+    index: number;
+    page: number;
+    goTo: (index: number) => void;
+    fold: (node: TreeNode, collapsed: boolean) => void;
+};
+
+/** What a key does in the grid; false when nothing. */
+function pressed(key: string, { session, rows, index, page, goTo, fold }: Place): boolean {
+    const moves: Record<string, number> = {
+        ArrowDown: index + 1, ArrowUp: index - 1, PageDown: index + page, PageUp: index - page, Home: 0, End: rows.length - 1,
+    };
+    const node = rows[index];
+    if (key in moves) goTo(moves[key]!);
+    else if (!node) return false;
+    else if (key === "ArrowRight" && node.children.size > 0) node.collapsed ? fold(node, false) : goTo(index + 1);
+    else if (key === "ArrowLeft" && node.children.size > 0 && !node.collapsed) fold(node, true);
+    else if (key === "ArrowLeft") goTo(rows.indexOf(node.parent!));
+    else if (key === "Enter" && isValue(node)) session.startWriting(node);
+    else if (key.toLowerCase() === "p" && isValue(node)) session.togglePlot(node);
+    else return false;
+    return true;
+}
+
+function isValue(node: TreeNode): boolean {
+    return node.series !== undefined || node.leaf !== undefined;
+}
+
+type RowProps = {
+    session: Session;
+    node: TreeNode;
+    index: number;
+    top: number;
+    active: boolean;
+    open: boolean;
+    activate: () => void;
+    fold: (node: TreeNode, collapsed: boolean) => void;
+};
+
+function Row({ session, node, index, top, active, open, activate, fold }: RowProps) {
+    const branch = node.children.size > 0;
+    return (
+        <div
+            id={`row-${node.dotted}`}
+            class={`row${active ? " active" : ""}${isValue(node) ? "" : " branch"}`}
+            role="row"
+            aria-rowindex={index + 1}
+            aria-level={Math.max(1, node.depth)}
+            aria-expanded={branch ? open : undefined}
+            aria-selected={active}
+            style={{ transform: `translateY(${top}px)` }}
+            onClick={activate}
+        >
+            <div role="gridcell" class="name" style={{ paddingLeft: `${Math.max(0, node.depth - 1) * 16}px` }} title={node.dotted}>
+                {branch ? (
+                    <button class={`fold${open ? " open" : ""}`} tabIndex={-1} aria-label={open ? "Fold" : "Unfold"} onClick={() => fold(node, !node.collapsed)}>
+                        <Icon name="open" />
+                    </button>
+                ) : (
+                    <span class="fold" />
+                )}
+                <span>{node.name}</span>
+            </div>
+            {isValue(node) && <Cells session={session} node={node} active={active} />}
+        </div>
+    );
+}
+
+function Cells({ session, node, active }: { session: Session; node: TreeNode; active: boolean }) {
+    const { series, leaf } = node;
+    const now = Date.now();
+    const rate = series?.rate.at(now);
+    const age = series && now - series.time;
+    const stale = age !== undefined && age > 2000 + (rate ? 3000 / rate : 0);
+    const writable = leaf !== undefined && !readOnlyReason(leaf);
+    const plotted = session.plotted.indexOf(node);
+    return (
+        <>
+            <div role="gridcell" class={`value number${stale ? " stale" : ""}`}>
+                {series ? <Shown value={valueText(series.value)} flag={series.isFlag} /> : <span class="quiet">–</span>}
+            </div>
+            <div role="gridcell" class="rate number">{series && rateText(rate)}</div>
+            <div role="gridcell" class={`age number${stale ? " stale" : ""}`}>{age === undefined ? "" : ageText(age)}</div>
+            <div role="gridcell" class="course">{series && <Sparkline series={series} />}</div>
+            <div role="gridcell" class="buttons">
+                {series && (
+                    <button
+                        class={`square plot${plotted >= 0 ? ` line-${plotted % 8}` : ""}`}
+                        tabIndex={active ? 0 : -1}
+                        aria-pressed={plotted >= 0}
+                        aria-label={`Plot ${node.dotted}`}
+                        title={plotted >= 0 ? "Take off the plot" : "Plot"}
+                        onClick={() => session.togglePlot(node)}
+                    >
+                        <Icon name="plot" />
+                    </button>
+                )}
+                {leaf && (
+                    <button
+                        class="square"
+                        tabIndex={active ? 0 : -1}
+                        aria-label={writable ? `Set ${node.dotted}` : `Why ${node.dotted} cannot be set`}
+                        title={writable ? "Set" : "Read-only"}
+                        onClick={() => session.startWriting(node)}
+                    >
+                        <Icon name={writable ? "set" : "lock"} />
+                    </button>
+                )}
+            </div>
+        </>
+    );
+}
+
+function Shown({ value, flag }: { value: string; flag: boolean }) {
+    return <span class={flag ? `flag ${value}` : ""}>{value}</span>;
+}

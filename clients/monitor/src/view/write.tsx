@@ -1,0 +1,154 @@
+import { useEffect, useRef, useState } from "preact/hooks";
+import { dotted, readOnlyReason, type Leaf, type Value } from "vorbel";
+import type { Session } from "../model/session";
+import { clockText, hexText, numberText } from "../model/text";
+import type { TreeNode } from "../model/tree";
+import { parseInput, payloadOf, rangeText } from "../model/writing";
+import { Icon } from "./icons";
+
+/** Sets one value, and with it the others of its frame. */
+export function WritePanel({ session, node }: { session: Session; node: TreeNode }) {
+    const close = () => {
+        session.startWriting(undefined);
+        document.getElementById("values-grid")?.focus();
+    };
+    const reason = node.leaf ? readOnlyReason(node.leaf) : "the schema used here does not have it";
+    return (
+        <section
+            class="panel write"
+            aria-labelledby="write-title"
+            onKeyDown={(event) => event.key === "Escape" && close()}
+        >
+            <div class="title">
+                <h2 id="write-title">
+                    Set <code>{node.dotted}</code>
+                </h2>
+                <button class="square" onClick={close} aria-label="Close">
+                    <Icon name="close" />
+                </button>
+            </div>
+            {reason ? <Refusal name={node.dotted} reason={reason} /> : <WriteForm session={session} node={node} />}
+        </section>
+    );
+}
+
+function Refusal({ name, reason }: { name: string; reason: string }) {
+    const text = useRef<HTMLParagraphElement>(null);
+    useEffect(() => text.current?.focus(), []);
+    return (
+        <p class="refusal" role="alert" tabIndex={-1} ref={text}>
+            <Icon name="lock" />
+            <span>
+                <b>{name}</b> cannot be set: {reason}.
+            </span>
+        </p>
+    );
+}
+
+function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
+    const nodes = [node, ...session.tree.sameFrame(node.leaf!).filter((each) => each !== node && !readOnlyReason(each.leaf!))];
+    const [texts, setTexts] = useState(() => new Map(nodes.map((each) => [each.dotted, presentText(each)])));
+    const [outcome, setOutcome] = useState<{ sent: boolean; text: string }>();
+    const { values, problems } = parseAll(nodes, texts, node);
+    const send = (event: Event) => {
+        event.preventDefault();
+        if (problems.size > 0) return;
+        try {
+            session.write(values);
+            setOutcome({ sent: true, text: `Sent at ${clockText(Date.now())}` });
+        } catch (error) {
+            setOutcome({ sent: false, text: (error as Error).message });
+        }
+    };
+    return (
+        <form onSubmit={send}>
+            {nodes.map((each) => (
+                <LeafInput
+                    key={each.dotted}
+                    leaf={each.leaf!}
+                    main={each === node}
+                    text={texts.get(each.dotted)!}
+                    problem={problems.get(each.leaf!)}
+                    change={(text) => {
+                        setTexts(new Map(texts).set(each.dotted, text));
+                        setOutcome(undefined);
+                    }}
+                />
+            ))}
+            {nodes.length > 1 && (
+                <p class="quiet">These share one frame. What is left empty goes out as zero bytes, or not at all at its end.</p>
+            )}
+            <div class="actions">
+                <button type="submit" class="primary" disabled={problems.size > 0}>
+                    Send
+                </button>
+                <FramePreview leaf={node.leaf!} values={values} />
+            </div>
+            <p class={outcome?.sent === false ? "problem" : "quiet"} role="status">
+                {outcome?.text}
+            </p>
+        </form>
+    );
+}
+
+function LeafInput(props: { leaf: Leaf; main: boolean; text: string; problem: string | undefined; change: (text: string) => void }) {
+    const { leaf, main, text, problem, change } = props;
+    const input = useRef<any>(null);
+    useEffect(() => {
+        if (!main) return;
+        input.current.focus();
+        input.current.select();
+    }, []);
+    const id = `set-${dotted(leaf.path)}`;
+    const shared = {
+        id,
+        ref: input,
+        value: text,
+        onInput: (event: { currentTarget: { value: string } }) => change(event.currentTarget.value),
+        "aria-invalid": problem !== undefined,
+        "aria-describedby": `${id}-help`,
+    };
+    return (
+        <div class="field">
+            <label for={id} class={main ? "" : "quiet"}>
+                {dotted(leaf.path)}
+            </label>
+            {leaf.format === "p" ? (
+                <textarea {...shared} rows={4} spellcheck={false} />
+            ) : (
+                <input {...shared} inputMode={leaf.factor === 1 && leaf.format !== "f" ? "numeric" : "decimal"} autocomplete="off" />
+            )}
+            <small id={`${id}-help`} class={problem ? "problem" : "quiet"}>
+                {problem ?? rangeText(leaf)}
+            </small>
+        </div>
+    );
+}
+
+function FramePreview({ leaf, values }: { leaf: Leaf; values: Map<Leaf, Value> }) {
+    const payload = values.size > 0 ? payloadOf(values) : undefined;
+    return (
+        <span class="preview">
+            mac {leaf.mac} cmd {leaf.cmd}
+            {payload && <code>{hexText(payload)}</code>}
+        </span>
+    );
+}
+
+/** What a leaf's bytes hold at present, where it is read as it is written. */
+function presentText({ series }: TreeNode): string {
+    return typeof series?.value === "number" ? numberText(series.value) : "";
+}
+
+function parseAll(nodes: TreeNode[], texts: Map<string, string>, main: TreeNode) {
+    const values = new Map<Leaf, Value>();
+    const problems = new Map<Leaf, string>();
+    for (const node of nodes) {
+        const text = texts.get(node.dotted)!;
+        if (text === "" && node !== main) continue;
+        const { value, problem } = parseInput(node.leaf!, text);
+        if (problem === undefined) values.set(node.leaf!, value!);
+        else problems.set(node.leaf!, problem);
+    }
+    return { values, problems };
+}

@@ -1,0 +1,48 @@
+import { mkdtempSync, readFileSync, rmSync } from "node:fs";
+import { createServer, type Server } from "node:http";
+import type { AddressInfo } from "node:net";
+import { tmpdir } from "node:os";
+import { extname, join, resolve } from "node:path";
+import { fileURLToPath } from "node:url";
+import { chromium, type BrowserContext } from "playwright-core";
+
+const dist = resolve(fileURLToPath(import.meta.url), "../../dist");
+const types: Record<string, string> = {
+    ".html": "text/html", ".js": "text/javascript", ".css": "text/css", ".svg": "image/svg+xml",
+};
+
+/** Serves the built page, and nothing else, on a port of 127.0.0.1. */
+export async function serve(): Promise<{ server: Server; url: string }> {
+    const server = createServer((request, response) => {
+        const path = new URL(request.url!, "http://here").pathname;
+        const file = path === "/" ? "/index.html" : path;
+        try {
+            const content = readFileSync(join(dist, file));
+            response.setHeader("content-type", types[extname(file)] ?? "application/octet-stream").end(content);
+        } catch {
+            response.writeHead(404).end();
+        }
+    });
+    await new Promise<void>((listening) => server.listen(0, "127.0.0.1", listening));
+    return { server, url: `http://127.0.0.1:${(server.address() as AddressInfo).port}/` };
+}
+
+/** Debian's Chromium with a profile of its own, which is removed by end(). */
+export async function startBrowser(): Promise<{ browser: BrowserContext; end: () => Promise<void> }> {
+    const profile = mkdtempSync(join(tmpdir(), "vorbel-chromium-"));
+    const browser = await chromium.launchPersistentContext(profile, {
+        executablePath: "/usr/bin/chromium",
+        headless: true,
+        args: [
+            "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
+            "--disable-component-update", "--disable-sync", "--disable-dev-shm-usage",
+        ],
+        viewport: { width: 1280, height: 800 },
+        acceptDownloads: true,
+    });
+    const end = async () => {
+        await browser.close();
+        rmSync(profile, { recursive: true, force: true });
+    };
+    return { browser, end };
+}

@@ -1,0 +1,4 @@
+import { defineConfig } from "vitest/config";
+
+// One file after the other: there is one port, and one daemon at a time.
+export default defineConfig({ test: { fileParallelism: false, testTimeout: 60_000, hookTimeout: 60_000 } });
