@@ -22,15 +22,17 @@ export class Rate {
         if (this.#checkpoints.length > CHECKPOINTS) this.#checkpoints.shift();
     }
 
-    /** Arrivals per second; undefined before the second. Sinks when arrivals fail to come. */
+    /** Arrivals per second; undefined before there are two. Sinks when arrivals fail to come. */
     at(now: number): number | undefined {
-        const from = this.#checkpoints.findLast(
-            ([time, count]) => this.#last - time >= ENOUGH_TIME && this.#count - count >= ENOUGH_ARRIVALS,
-        ) ?? this.#checkpoints[0];
-        if (!from || this.#count === from[1]) return undefined;
-        const intervals = this.#count - from[1];
-        const measured = this.#last - from[0];
+        // From checkpoint to checkpoint: both are the first arrival of a burst, if they come in bursts.
+        const to = this.#checkpoints.at(-1);
+        if (!to) return undefined;
+        const isFarEnough = ([time, count]: [number, number]) => to[0] - time >= ENOUGH_TIME && to[1] - count >= ENOUGH_ARRIVALS;
+        const from = this.#checkpoints.findLast(isFarEnough) ?? this.#checkpoints[0]!;
+        if (from === to) return undefined;
+        const intervals = to[1] - from[1];
+        const measured = to[0] - from[0];
         const overdue = Math.max(0, now - this.#last - measured / intervals);
-        return (1000 * intervals) / Math.max(1, measured + overdue);
+        return (1000 * intervals) / (measured + overdue);
     }
 }

@@ -61,12 +61,16 @@ export class Session {
         this.connect(this.address);
     }
 
-    /** Leaves the present daemon for that at an address; returns what is wrong with the address. */
+    /** Leaves the present daemon for that at an address, or tries that one again at once; returns what is wrong with the address. */
     connect(address: string): string | undefined {
         try {
             toUrl(address);
         } catch (error) {
             return (error as Error).message;
+        }
+        if (this.state === "waiting" && this.#client?.url === toUrl(address)) {
+            this.#client.connect();
+            return undefined;
         }
         this.disconnect();
         if (this.#client && this.#client.url !== toUrl(address)) this.#forgetReadings();
@@ -108,6 +112,8 @@ export class Session {
             throw error;
         }
         this.log.add("sent", told, frameText(values));
+        for (const [leaf, value] of values) this.tree.find(leaf.path)!.sent = value;
+        this.values.changed();
     }
 
     togglePlot(node: TreeNode): void {

@@ -16,11 +16,10 @@ export function valueText(value: Value): string {
     return String(value);
 }
 
-/** Length, element type and the first elements: "5 × float32 [3.93, 3.94, …]". */
+/** Length and first elements: "5 × [3.93, 3.94, …]". */
 function arrayText(array: ArrayLike<number> & ArrayBufferView): string {
-    const type = array.constructor.name.replace("Array", "").toLowerCase();
-    const shown = Array.from({ length: Math.min(3, array.length) }, (_, at) => numberText(array[at]!));
-    return `${array.length} × ${type} [${shown.join(", ")}${array.length > shown.length ? ", …" : ""}]`;
+    const shown = Array.from({ length: Math.min(2, array.length) }, (_, at) => numberText(array[at]!));
+    return `${array.length} × [${shown.join(", ")}${array.length > shown.length ? ", …" : ""}]`;
 }
 
 /** The time since something, in the largest unit that fits: "0.3 s", "12 s", "4 min", "2 h". */

@@ -10,6 +10,8 @@ export class TreeNode {
     readonly dotted: string;
     series: Series | undefined;
     leaf: Leaf | undefined;
+    /** What was last written from here. */
+    sent: Value | undefined;
     collapsed = false;
 
     constructor(
@@ -123,6 +125,7 @@ function find(from: TreeNode, path: Path): TreeNode | undefined {
 
 function copyReadings(from: TreeNode | undefined, to: TreeNode): void {
     to.series = from?.series;
+    to.sent = from?.sent;
     for (const child of from?.children.values() ?? []) {
         if (child.leaf) continue;
         const copy = new TreeNode(child.path, to);

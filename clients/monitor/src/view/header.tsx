@@ -1,4 +1,4 @@
-import { useEffect, useState } from "preact/hooks";
+import { useLayoutEffect, useState } from "preact/hooks";
 import { load, save } from "../model/memory";
 import type { Session } from "../model/session";
 import { Icon } from "./icons";
@@ -47,7 +47,7 @@ function Device({ type, id }: { type: string; id?: string | undefined }) {
 function Address({ session }: { session: Session }) {
     const [text, setText] = useState(session.address);
     const [problem, setProblem] = useState<string>();
-    const away = session.state === "closed";
+    const connected = session.state === "connected" || session.state === "connecting";
     const connect = (event: Event) => {
         event.preventDefault();
         setProblem(session.connect(text));
@@ -68,8 +68,8 @@ function Address({ session }: { session: Session }) {
                     aria-describedby="address-problem"
                 />
             </label>
-            {away || text !== session.address ? (
-                <button type="submit">Connect</button>
+            {!connected || text !== session.address ? (
+                <button type="submit">{session.state === "waiting" && text === session.address ? "Try now" : "Connect"}</button>
             ) : (
                 <button type="button" onClick={() => session.disconnect()}>
                     Disconnect
@@ -84,13 +84,24 @@ function Address({ session }: { session: Session }) {
 
 const themes = ["auto", "light", "dark"] as const;
 
+/** The theme in force is an attribute of the document; who draws by hand hears of it as "themechange". */
+function useTheme(theme: string): void {
+    useLayoutEffect(() => {
+        const system = window.matchMedia("(prefers-color-scheme: dark)");
+        const apply = () => {
+            document.documentElement.dataset["theme"] = theme !== "auto" ? theme : system.matches ? "dark" : "light";
+            window.dispatchEvent(new Event("themechange"));
+        };
+        apply();
+        system.addEventListener("change", apply);
+        return () => system.removeEventListener("change", apply);
+    }, [theme]);
+}
+
 function ThemeButton() {
     const [theme, setTheme] = useState(() => load("theme") ?? "auto");
-    useEffect(() => {
-        document.documentElement.dataset["theme"] = theme;
-        save("theme", theme);
-        window.dispatchEvent(new Event("themechange"));
-    }, [theme]);
+    useTheme(theme);
+    useLayoutEffect(() => save("theme", theme), [theme]);
     const next = themes[(themes.indexOf(theme as "auto") + 1) % themes.length]!;
     return (
         <button class="square" onClick={() => setTheme(next)} aria-label={`Theme: ${theme}. Change to ${next}`} title={`Theme: ${theme}`}>

@@ -10,11 +10,11 @@ export function LogPanel({ log }: { log: Log }) {
     return (
         <section class="panel log" aria-labelledby="log-title">
             <div class="title">
-                <h2 id="log-title">What went out</h2>
+                <h2 id="log-title">Log</h2>
                 {log.entries.length > 0 && <button onClick={() => log.clear()}>Clear</button>}
             </div>
             {log.entries.length === 0 && <p class="empty">Values that you set, schemas and connections are listed here.</p>}
-            <div role="log" aria-label="What went out" tabIndex={0}>
+            <div role="log" aria-labelledby="log-title" tabIndex={0}>
                 <ol>
                     {log.entries.map((entry) => (
                         <Line key={entry.id} entry={entry} />

@@ -72,8 +72,9 @@ function Grid({ session, rows, searching }: GridProps) {
     useView(grid, setView);
 
     const reveal = (index: number) => {
-        const { scrollTop, clientHeight } = grid.current!;
-        const [top, bottom] = [index * rowHeight, (index + 1) * rowHeight - clientHeight];
+        const { scrollTop, clientHeight, firstElementChild } = grid.current!;
+        const heads = (firstElementChild as HTMLElement).offsetHeight;
+        const [top, bottom] = [index * rowHeight, heads + (index + 1) * rowHeight - clientHeight];
         grid.current!.scrollTop = Math.min(top, Math.max(scrollTop, bottom));
     };
     const goTo = (index: number) => {
@@ -87,7 +88,7 @@ function Grid({ session, rows, searching }: GridProps) {
         session.status.changed();
     };
     const press = (event: KeyboardEvent) => {
-        if (event.target !== grid.current && event.key.length > 1 && event.key !== "Escape" && event.key === "Enter") return;
+        if (event.key === "Enter" && event.target !== grid.current) return; // a button in the row takes it
         const handled = pressed(event.key, { session, rows, index: activeIndex, page: Math.floor(view.height / rowHeight), goTo, fold });
         if (handled) event.preventDefault();
     };
@@ -95,44 +96,51 @@ function Grid({ session, rows, searching }: GridProps) {
     const first = Math.max(0, Math.floor(view.top / rowHeight) - SPARE_ROWS);
     const last = Math.min(rows.length, Math.ceil((view.top + view.height) / rowHeight) + SPARE_ROWS);
     return (
-        <>
-            <div class={`heads${view.narrow ? " narrow" : ""}`} aria-hidden="true">
-                <span>Path</span>
-                <span class="number">Value</span>
-                <span class="number">per s</span>
-                <span class="number">Age</span>
-                <span>Course</span>
-                <span />
+        <div
+            id="values-grid"
+            class={`grid${view.narrow ? " narrow" : ""}`}
+            ref={grid}
+            role="treegrid"
+            aria-label="Values. Arrow keys move and fold, P plots, Enter sets."
+            aria-rowcount={rows.length + 1}
+            aria-activedescendant={active && `row-${active.dotted}`}
+            tabIndex={0}
+            onKeyDown={press}
+            onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
+        >
+            <Heads />
+            <div class="all" role="rowgroup" style={{ height: `${rows.length * rowHeight}px` }}>
+                {rows.slice(first, last).map((node, at) => (
+                    <Row
+                        key={node.dotted}
+                        session={session}
+                        node={node}
+                        index={first + at}
+                        top={(first + at) * rowHeight}
+                        active={node === active}
+                        open={searching || !node.collapsed}
+                        activate={() => setActive(node)}
+                        fold={fold}
+                    />
+                ))}
             </div>
-            <div
-                id="values-grid"
-                class={`grid${view.narrow ? " narrow" : ""}`}
-                ref={grid}
-                role="treegrid"
-                aria-label="Values. Arrow keys move and fold, P plots, Enter sets."
-                aria-rowcount={rows.length}
-                aria-activedescendant={active && `row-${active.dotted}`}
-                tabIndex={0}
-                onKeyDown={press}
-                onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
-            >
-                <div class="all" role="rowgroup" style={{ height: `${rows.length * rowHeight}px` }}>
-                    {rows.slice(first, last).map((node, at) => (
-                        <Row
-                            key={node.dotted}
-                            session={session}
-                            node={node}
-                            index={first + at}
-                            top={(first + at) * rowHeight}
-                            active={node === active}
-                            open={searching || !node.collapsed}
-                            activate={() => setActive(node)}
-                            fold={fold}
-                        />
-                    ))}
-                </div>
+        </div>
+    );
+}
+
+/** Stays in sight while the rows scroll; not shown where it is narrow. */
+function Heads() {
+    return (
+        <div class="heads" role="rowgroup">
+            <div role="row" aria-rowindex={1}>
+                <span role="columnheader">Path</span>
+                <span role="columnheader" class="number">Value</span>
+                <span role="columnheader" class="number">per s</span>
+                <span role="columnheader" class="number">Age</span>
+                <span role="columnheader">Trend</span>
+                <span role="columnheader"><span class="hidden">Plot and set</span></span>
             </div>
-        </>
+        </div>
     );
 }
 
@@ -199,7 +207,7 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
             id={`row-${node.dotted}`}
             class={`row${active ? " active" : ""}${isValue(node) ? "" : " branch"}`}
             role="row"
-            aria-rowindex={index + 1}
+            aria-rowindex={index + 2}
             aria-level={Math.max(1, node.depth)}
             aria-expanded={branch ? open : undefined}
             aria-selected={active}
@@ -232,7 +240,7 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
     return (
         <>
             <div role="gridcell" class={`value number${stale ? " stale" : ""}`}>
-                {series ? <Shown value={valueText(series.value)} flag={series.isFlag} /> : <span class="quiet">–</span>}
+                <Shown node={node} />
             </div>
             <div role="gridcell" class="rate number">{series && rateText(rate)}</div>
             <div role="gridcell" class={`age number${stale ? " stale" : ""}`}>{age === undefined ? "" : ageText(age)}</div>
@@ -266,6 +274,9 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
     );
 }
 
-function Shown({ value, flag }: { value: string; flag: boolean }) {
-    return <span class={flag ? `flag ${value}` : ""}>{value}</span>;
+/** The present reading; of what is only written, what was last sent. */
+function Shown({ node: { series, sent } }: { node: TreeNode }) {
+    if (!series) return <span class="quiet">{sent === undefined ? "–" : `sent ${valueText(sent)}`}</span>;
+    const text = valueText(series.value);
+    return <span class={series.isFlag ? `flag ${text}` : ""} title={text}>{text}</span>;
 }

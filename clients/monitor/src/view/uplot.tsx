@@ -2,7 +2,7 @@ import { useEffect, useRef } from "preact/hooks";
 import uPlot from "uplot";
 import { decimate } from "../model/decimate";
 import type { Session } from "../model/session";
-import { numberText } from "../model/text";
+import { clockText, numberText } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { color } from "./canvas";
 import { follow } from "./frame";
@@ -16,7 +16,7 @@ export function latest(span: number): Window {
     return { from: now - span * 1000, to: now };
 }
 
-const HEIGHT = 260;
+const HEIGHT = 230;
 
 /** The colour of a plotted value, by its place among all that are plotted. */
 function lineColor(session: Session, node: TreeNode): string {
@@ -41,12 +41,9 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, sou
         });
         observer.observe(box.current!);
         window.addEventListener("themechange", build);
-        const scheme = window.matchMedia("(prefers-color-scheme: dark)");
-        scheme.addEventListener("change", build);
         return () => {
             observer.disconnect();
             window.removeEventListener("themechange", build);
-            scheme.removeEventListener("change", build);
             plot.current?.destroy();
             plot.current = null;
         };
@@ -161,7 +158,7 @@ function timeOptions(session: Session, nodes: TreeNode[], ownScales: boolean, zo
         legend: { show: false },
         cursor: { drag: { x: true, y: false, setScale: false }, points: { size: 7 } },
         scales,
-        axes: [axis({ space: 70 }), ...valueAxes([...named.values()])],
+        axes: [axis({ space: 70, size: 34, values: (_, seconds) => seconds.map((second) => clockText(second * 1000)) }), ...valueAxes([...named.values()])],
         series: [
             {},
             ...nodes.map((node): uPlot.Series => ({
@@ -210,7 +207,7 @@ function waveOptions(session: Session, nodes: TreeNode[]): uPlot.Options {
         legend: { show: false },
         cursor: { drag: { x: true, y: false }, points: { size: 7 } },
         scales: { x: { time: false }, y: { range: paddedRange } },
-        axes: [axis({ space: 50, incrs: [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000] }), ...valueAxes([{ name: "y", stroke: "" }])],
+        axes: [axis({ space: 50, size: 34, incrs: [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000] }), ...valueAxes([{ name: "y", stroke: "" }])],
         series: [
             {},
             ...nodes.map((node): uPlot.Series => {

@@ -1,4 +1,4 @@
-import { useEffect, useRef, useState } from "preact/hooks";
+import { useLayoutEffect, useRef, useState } from "preact/hooks";
 import { dotted, readOnlyReason, type Leaf, type Value } from "vorbel";
 import type { Session } from "../model/session";
 import { clockText, hexText, numberText } from "../model/text";
@@ -34,7 +34,7 @@ export function WritePanel({ session, node }: { session: Session; node: TreeNode
 
 function Refusal({ name, reason }: { name: string; reason: string }) {
     const text = useRef<HTMLParagraphElement>(null);
-    useEffect(() => text.current?.focus(), []);
+    useLayoutEffect(() => text.current?.focus(), []);
     return (
         <p class="refusal" role="alert" tabIndex={-1} ref={text}>
             <Icon name="lock" />
@@ -94,7 +94,7 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
 function LeafInput(props: { leaf: Leaf; main: boolean; text: string; problem: string | undefined; change: (text: string) => void }) {
     const { leaf, main, text, problem, change } = props;
     const input = useRef<any>(null);
-    useEffect(() => {
+    useLayoutEffect(() => {
         if (!main) return;
         input.current.focus();
         input.current.select();
@@ -135,9 +135,10 @@ function FramePreview({ leaf, values }: { leaf: Leaf; values: Map<Leaf, Value> }
     );
 }
 
-/** What a leaf's bytes hold at present, where it is read as it is written. */
-function presentText({ series }: TreeNode): string {
-    return typeof series?.value === "number" ? numberText(series.value) : "";
+/** What a leaf's bytes hold at present, as far as it is known. */
+function presentText({ series, sent }: TreeNode): string {
+    const present = series?.value ?? sent;
+    return typeof present === "number" ? numberText(present) : "";
 }
 
 function parseAll(nodes: TreeNode[], texts: Map<string, string>, main: TreeNode) {

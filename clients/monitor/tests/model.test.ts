@@ -1,0 +1,207 @@
+import { leavesOf, type Leaf, type Value } from "vorbel";
+import { describe, expect, test } from "vitest";
+import { decimate } from "../src/model/decimate";
+import { History } from "../src/model/history";
+import { Log } from "../src/model/log";
+import { Rate } from "../src/model/rate";
+import { ageText, numberText, rateText, valueText } from "../src/model/text";
+import { Tree } from "../src/model/tree";
+import { parseInput, payloadOf, rangeText } from "../src/model/writing";
+
+function historyOf(readings: [number, number][], limit = 1000): History {
+    const history = new History(limit);
+    for (const [time, value] of readings) history.push(time, value);
+    return history;
+}
+
+const contents = (history: History) =>
+    Array.from({ length: history.length }, (_, at) => [history.timeAt(at), history.valueAt(at)]);
+const counting = (count: number) => Array.from({ length: count }, (_, at): [number, number] => [at, 10 * at]);
+
+describe("a history", () => {
+    test("keeps what fits", () => expect(contents(historyOf(counting(40)))).toEqual(counting(40)));
+    test("forgets the oldest at its limit", () => {
+        expect(contents(historyOf(counting(150), 100))).toEqual(counting(150).slice(50));
+    });
+    test("grows again, in order, when its limit is raised", () => {
+        const history = historyOf(counting(130), 100);
+        history.limit = 1000;
+        for (const [time, value] of counting(200).slice(130)) history.push(time, value);
+        expect(contents(history)).toEqual(counting(200).slice(30));
+    });
+    test.each([[-1, 0], [0, 0], [4.5, 5], [5, 5], [39, 39], [40, 40]])("finds the first reading from %d on", (time, index) => {
+        expect(historyOf(counting(40)).indexAt(time)).toBe(index);
+    });
+});
+
+describe("a rate", () => {
+    function rateAfter(times: number[], now = times.at(-1)!): number | undefined {
+        const rate = new Rate();
+        for (const time of times) rate.arrived(time);
+        return rate.at(now);
+    }
+    const every = (period: number, count: number) => Array.from({ length: count }, (_, at) => at * period);
+
+    test("is unknown before the second arrival", () => {
+        expect(rateAfter([])).toBeUndefined();
+        expect(rateAfter([5])).toBeUndefined();
+    });
+    test.each([[1, 1000], [50, 20], [1000, 1], [20_000, 0.05]])("of every %d ms is %d a second", (period, rate) => {
+        expect(rateAfter(every(period, 10_000))).toBeCloseTo(rate, 6);
+    });
+    test("is not fooled by bursts", () => {
+        const bursts = every(100, 200).flatMap((time) => [time, time, time, time, time]);
+        expect(rateAfter(bursts)).toBeCloseTo(50, 0);
+    });
+    test("sinks when arrivals fail to come", () => {
+        const times = every(100, 100);
+        expect(rateAfter(times, 9900 + 100)).toBeCloseTo(10, 6);
+        expect(rateAfter(times, 9900 + 10_000)!).toBeLessThan(2.5);
+    });
+    test("follows a change within seconds", () => {
+        expect(rateAfter([...every(1000, 20), ...every(10, 400).map((time) => 20_000 + time)])).toBeCloseTo(100, 3);
+    });
+});
+
+describe("decimation", () => {
+    const draw = (readings: [number, number][], from: number, to: number, columns: number, holds = false) => {
+        const { times, lines } = decimate([{ history: historyOf(readings), holds }], from, to, columns);
+        return { times: [...times], line: lines[0]! };
+    };
+
+    test("keeps the extremes of every stretch, in order", () => {
+        const { line } = draw([[10, 5], [11, 9], [12, 1], [13, 4], [20, 7]], 10, 30, 2);
+        expect(line.slice(0, 4)).toEqual([9, 1, 7, null]);
+    });
+    test("has its stretches on a grid that time does not move", () => {
+        expect(draw([], 100, 200, 10).times.slice(0, 3)).toEqual([100, 105, 110]);
+        expect(draw([], 103, 203, 10).times.slice(0, 3)).toEqual([100, 105, 110]);
+    });
+    test("begins with the last reading from before", () => {
+        expect(draw([[1, 3], [2, 8], [150, 5]], 100, 200, 10).line[0]).toBe(8);
+    });
+    test("ends before what comes later", () => {
+        expect(draw([[150, 5], [900, 7]], 100, 200, 10).line).not.toContain(7);
+    });
+    test("draws on what holds", () => {
+        expect(draw([[150, 1]], 100, 200, 10, true).line.at(-1)).toBe(1);
+        expect(draw([], 100, 200, 10, true).line.at(-1)).toBeNull();
+    });
+    test("leaves out what is no finite number", () => {
+        expect(draw([[101, NaN], [102, Infinity]], 100, 200, 10).line.every((value) => value === null)).toBe(true);
+    });
+});
+
+describe("the tree", () => {
+    const names = (tree: Tree, search = "") => tree.rows(search).map((node) => node.dotted);
+
+    test("grows with messages, sorted as people count", () => {
+        const tree = new Tree();
+        tree.update({ b: { cell10: 1, cell9: 2 }, a: 3 }, 0);
+        expect(names(tree)).toEqual(["a", "b", "b.cell9", "b.cell10"]);
+    });
+    test("counts a change of shape only when names come", () => {
+        const tree = new Tree();
+        tree.update({ a: 1 }, 0);
+        const { shape } = tree;
+        tree.update({ a: 2 }, 1);
+        expect(tree.shape).toBe(shape);
+        tree.update({ b: 2 }, 1);
+        expect(tree.shape).not.toBe(shape);
+    });
+    test("shows a value at the root", () => {
+        const tree = new Tree();
+        tree.update(5, 0);
+        expect(tree.rows().map(({ name }) => name)).toEqual(["(the whole message)"]);
+    });
+    test("folds", () => {
+        const tree = new Tree();
+        tree.update({ a: { b: { c: 1 } }, d: 2 }, 0);
+        tree.find(["a"])!.collapsed = true;
+        expect(names(tree)).toEqual(["a", "d"]);
+        expect(names(tree, "c")).toEqual(["a", "a.b", "a.b.c"]);
+    });
+    test("keeps the readings of the leaves that a new schema still has", () => {
+        const leaf = { "@mac": 1, "@cmd": 1, "@format": "s" };
+        const tree = new Tree();
+        tree.update({ a: { b: 5 }, c: 6 }, 7);
+        tree.useSchema({ a: { b: leaf }, d: leaf });
+        expect(names(tree)).toEqual(["a", "a.b", "d"]);
+        expect(tree.find(["a", "b"])!.series!.value).toBe(5);
+        expect(tree.sameFrame(tree.find(["d"])!.leaf!).map((node) => node.dotted)).toEqual(["a.b", "d"]);
+    });
+});
+
+describe("writing", () => {
+    const leafOf = (options: object): Leaf => leavesOf({ x: { "@mac": 1, "@cmd": 1, ...options } })[0]!;
+
+    test.each<[string, object, string, Value]>([
+        ["a whole number", { "@format": "s" }, " -32768 ", -32768],
+        ["a scaled number", { "@format": "S", "@factor": 1000 }, "32.767", 32.767],
+        ["a float", { "@format": "f" }, "1e-3", 0.001],
+        ["packed JSON", { "@format": "p" }, '{"a": [1]}', { a: [1] }],
+    ])("takes %s", (_, options, text, value) => expect(parseInput(leafOf(options), text)).toEqual({ value }));
+
+    test.each<[string, object, string, string]>([
+        ["nothing", { "@format": "s" }, "", "must be a number"],
+        ["words", { "@format": "s" }, "fast", "must be a number"],
+        ["infinity", { "@format": "f" }, "Infinity", "must be a number"],
+        ["a fraction", { "@format": "s" }, "1.5", "must be a whole number"],
+        ["what would wrap", { "@format": "s" }, "32768", "must lie between -32768 and 32767"],
+        ["what would be clamped", { "@format": "S", "@factor": 1000 }, "40", "must lie between 0 and 32.767"],
+        ["a read-only leaf", { "@format": "s", "@mask": 1 }, "1", 'x cannot be written: it is read-only, because "@mask" keeps only some of the bits'],
+    ])("refuses %s", (_, options, text, problem) => expect(parseInput(leafOf(options), text)).toEqual({ problem }));
+
+    test("refuses packed text that is no JSON", () => {
+        expect(parseInput(leafOf({ "@format": "p" }), "{").problem).toMatch(/^is no JSON/);
+    });
+
+    test.each<[object, string]>([
+        [{ "@format": "C" }, "a whole number, 0 to 255"],
+        [{ "@format": "S", "@factor": 1000 }, "0 to 32.767, in steps of 0.001"],
+        [{ "@format": "f" }, "any number (single precision)"],
+        [{ "@format": "p" }, "any value, as JSON"],
+    ])("tells the range of %j", (options, text) => expect(rangeText(leafOf(options))).toBe(text));
+
+    test.each<[string, [object, number][], number[]]>([
+        ["little-endian", [[{ "@format": "s" }, 1200]], [0xb0, 0x04]],
+        ["unsigned", [[{ "@format": "I" }, 0xfffffffe]], [0xfe, 0xff, 0xff, 0xff]],
+        ["behind a gap of zeros", [[{ "@format": "c", "@skip": 2 }, -1]], [0, 0, 0xff]],
+        ["scaled and cut", [[{ "@format": "s", "@factor": 10 }, -1.29]], [0xf4, 0xff]],
+        ["a scaled float, cut", [[{ "@format": "f", "@factor": 10 }, 1.25]], [0, 0, 0x40, 0x41]],
+        ["together", [[{ "@format": "C", "@skip": 1 }, 2], [{ "@format": "C" }, 1]], [1, 2]],
+    ])("tells the payload: %s", (_, values, payload) => {
+        expect([...payloadOf(new Map(values.map(([options, value]) => [leafOf(options), value])))!]).toEqual(payload);
+    });
+
+    test("does not guess the payload of packed values", () => {
+        expect(payloadOf(new Map([[leafOf({ "@format": "p" }), 1]]))).toBeUndefined();
+    });
+});
+
+test("the log counts repetitions instead of listing them, but lists everything that was sent", () => {
+    const log = new Log();
+    log.add("problem", "lost", "1");
+    log.add("problem", "lost", "2");
+    log.add("sent", "a = 1");
+    log.add("sent", "a = 1");
+    expect(log.entries.map(({ text, times }) => [text, times])).toEqual([["a = 1", 1], ["a = 1", 1], ["lost", 2]]);
+    expect(log.entries.at(-1)!.detail).toBe("2");
+    for (let count = 0; count < 500; count++) log.add("sent", `a = ${count}`);
+    expect(log.entries.length).toBeLessThan(300);
+});
+
+describe("texts", () => {
+    test.each<[number, string]>([
+        [Math.fround(0.1), "0.1"], [Math.fround(3.93), "3.93"], [4294967295, "4294967295"], [-0.5, "-0.5"], [1e20, "100000000000000000000"], [NaN, "NaN"],
+    ])("of the number %d", (value, text) => expect(numberText(value)).toBe(text));
+    test.each<[string, Value, string]>([
+        ["nil", null, "nil"], ["a truth", true, "true"], ["a text", 'a"b', '"a\\"b"'], ["a bigint", 2n ** 63n, "9223372036854775808"],
+        ["a short array", Int8Array.of(1, -2), "2 × [1, -2]"], ["a long array", new Float32Array(100), "100 × [0, 0, …]"],
+        ["a list", [1, "a"], '[1, "a"]'],
+    ])("of %s", (_, value, text) => expect(valueText(value)).toBe(text));
+    test.each([[0, "0.0 s"], [9940, "9.9 s"], [9960, "10 s"], [99_000, "99 s"], [100_000, "2 min"], [7_200_000, "2 h"], [-5, "0.0 s"]])(
+        "of the age %d", (age, text) => expect(ageText(age)).toBe(text));
+    test.each<[number | undefined, string]>([[undefined, "–"], [0.25, "0.3"], [9.96, "10"], [1234.5, "1235"]])(
+        "of the rate %d", (rate, text) => expect(rateText(rate)).toBe(text));
+});
