@@ -44,6 +44,9 @@ export type ClientOptions = {
     patience?: number;
 };
 
+/** What the daemon takes in one message, in bytes; it ends the connection at more. */
+const MESSAGE_LIMIT = 4 * 1024 * 1024;
+
 /** Thrown when something is to be sent and no daemon is there to take it. */
 export class NotConnectedError extends Error {
     override name = "NotConnectedError";
@@ -150,6 +153,7 @@ export class Client {
      */
     setSchema(schema: Schema, { check = true } = {}): void {
         if (check) assertSchema(schema);
+        assertSize(new TextEncoder().encode(JSON.stringify(schema)), "The schema");
         this.#schema = schema;
         if (this.#state === "connected") this.#sendSchema();
     }
@@ -158,6 +162,7 @@ export class Client {
     write(values: ValueMap): void {
         if (!isMap(values)) throw new TypeError("Only a map of values, named as in the schema, can be written");
         const message = encodeValues(values);
+        assertSize(message, "The message");
         if (this.#state !== "connected") {
             throw new NotConnectedError(`Not connected to ${this.url} (${this.#reason}): nothing was written`);
         }
@@ -277,6 +282,11 @@ export class Client {
     #emit<E extends keyof Events>(event: E, ...args: Events[E]): void {
         for (const listener of [...this.#listeners[event]]) listener(...args);
     }
+}
+
+function assertSize(message: Uint8Array, name: string): void {
+    if (message.length <= MESSAGE_LIMIT) return;
+    throw new RangeError(`${name} has ${message.length} bytes, more than the 4 MiB that the daemon takes: nothing was sent`);
 }
 
 function parseHello(text: string): Hello | undefined {

@@ -50,6 +50,8 @@ export const FORMATS: Readonly<Record<string, { width: number; signed: boolean; 
 };
 
 const FRAME_BYTES = 8;
+/** A frame of CAN FD, which the daemon reads but does not write. */
+const LONG_FRAME_BYTES = 64;
 
 type OptionCheck = (value: unknown) => string | undefined;
 
@@ -95,10 +97,10 @@ const optionChecks: Readonly<Record<string, OptionCheck>> = {
     "@mac": wholeNumber(0, 63, "no frame carries such an address"),
     "@cmd": wholeNumber(0, 31, "no frame carries such a command"),
     "@format": formatCheck,
-    "@skip": wholeNumber(0, INT_MAX, "a frame has no such byte"),
+    "@skip": wholeNumber(0, 65535, "a frame has no such byte"),
     "@flushSize": wholeNumber(0, INT_MAX, "such a leaf never has a value"),
     "@factor": factorCheck,
-    "@mask": wholeNumber(INT_MIN, INT_MAX, "it must fit 32 bits, signed"),
+    "@mask": wholeNumber(INT_MIN, 2 ** 32 - 1, "it must fit 32 bits"),
     "@asBool": trueOrFalse,
     "@observe": trueOrFalse,
     "@fragmentation": trueOrFalse,
@@ -131,13 +133,40 @@ export function parseSchema(text: string): Schema {
     return schema;
 }
 
-/** Parses JSON text; malformed JSON is reported as a SchemaError. */
+/** Parses JSON text. Malformed JSON, and a name that occurs twice in one object, is reported as a SchemaError. */
 export function parseJson(text: string): unknown {
+    let document: unknown;
     try {
-        return JSON.parse(text);
+        document = JSON.parse(text);
     } catch (error) {
         throw new SchemaError([{ severity: "error", path: [], message: `is no JSON: ${(error as Error).message}` }]);
     }
+    const repeated = repeatedNames(text);
+    if (repeated.length > 0) throw new SchemaError(repeated);
+    return document;
+}
+
+/** What a parser does not tell: members of valid JSON that a later one of the same name replaces. */
+function repeatedNames(json: string): Problem[] {
+    const problems: Problem[] = [];
+    const objects: Set<string>[] = []; // the names so far, from the outermost object to the innermost
+    const path: string[] = [];
+    for (const [token, name, bracket] of json.matchAll(/("(?:[^"\\]|\\.)*")\s*:|"(?:[^"\\]|\\.)*"|([{}])/g)) {
+        if (bracket === "{") {
+            objects.push(new Set());
+        } else if (token === "}") {
+            objects.pop();
+            path.length = Math.max(0, objects.length - 1);
+        } else if (name) {
+            path.splice(objects.length - 1, Infinity, JSON.parse(name));
+            const names = objects.at(-1)!;
+            if (names.has(path.at(-1)!)) {
+                problems.push({ severity: "error", path: [...path], message: "is there twice; only the last one would count" });
+            }
+            names.add(path.at(-1)!);
+        }
+    }
+    return problems;
 }
 
 /** The leaves in the order in which the daemon meets them: by name, a leaf before those inside it. */
@@ -168,7 +197,7 @@ function toLeaf(node: Schema, path: Path): Leaf {
         skip: number("@skip", 0),
         flushSize: number("@flushSize", 0),
         factor: number("@factor", 1),
-        mask: number("@mask", -1),
+        mask: number("@mask", -1) | 0, // the daemon's is signed
         asBool: flag("@asBool"),
         observe: flag("@observe"),
         fragmentation: flag("@fragmentation"),
@@ -193,19 +222,24 @@ function leafProblems(node: Schema, path: Path): Problem[] {
 
     const leaf = toLeaf(node, path);
     const end = leaf.skip + FORMATS[leaf.format]!.width;
-    if (end > FRAME_BYTES && !leaf.fragmentation) {
-        error(`needs bytes ${leaf.skip} to ${end - 1}, but a frame has ${FRAME_BYTES}`);
+    if (end > LONG_FRAME_BYTES && !leaf.fragmentation) error(`ends at byte ${end - 1}: no frame is that long`);
+    if (leaf.format === "c" && leaf.flushSize > 0 && leaf.factor === 1) {
+        error(`arrays of format "c" make every message undecodable, for all clients; "C" reads the same bytes`);
     }
+    if (problems.length > 0) return problems;
     for (const message of combinationWarnings(leaf, node)) warning(message);
     return problems;
 }
 
 function* combinationWarnings(leaf: Leaf, node: Schema): Generator<string> {
-    const { format, flushSize, factor, mask } = leaf;
-    if (format === "c" && flushSize > 0 && factor === 1) {
-        yield `arrays of format "c" cannot be sent: every message with one is undecodable; "C" reads the same bytes`;
+    const { format, flushSize, factor, mask, skip, fragmentation } = leaf;
+    const end = skip + FORMATS[format]!.width;
+    if (end > FRAME_BYTES && !fragmentation) {
+        yield `ends at byte ${end - 1}: it is read from CAN FD frames only, and not written without "@fragmentation"`;
     }
-    if (format === "p" && flushSize > 0) yield `"@flushSize" is no use with format "p": the leaf never has a value`;
+    if (!("@cmd" in node)) yield `has no "@cmd", which counts as 0`;
+    if (format === "p") yield `format "p" is only for writing: the leaf never has a value`;
+    if (format === "p" && !fragmentation) yield `more than 8 packed bytes are cut off without "@fragmentation"`;
     if (leaf.observe && flushSize > 0) yield `"@observe" is ignored, because "@flushSize" is set`;
     if (mask !== -1 && !FORMATS[format]!.masked) {
         yield `"@mask" has no effect on format "${format}" but makes the leaf read-only`;
@@ -274,7 +308,6 @@ function* overlaps(leaves: Leaf[]): Generator<Problem> {
 
 /** The bytes that two leaves of the same frames both use, in words. Different bits of one byte do not meet. */
 function sharedBytes(a: Leaf, b: Leaf): string | undefined {
-    if (a.format === "p" || b.format === "p") return a.format === b.format ? undefined : "all bytes";
     const bits = bitsOf(b);
     const shared = [...bitsOf(a)].filter(([byte, mask]) => (bits.get(byte) ?? 0) & mask).map(([byte]) => byte);
     if (shared.length === 0) return undefined;

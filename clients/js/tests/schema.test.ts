@@ -18,7 +18,6 @@ describe("accepted", () => {
             fault: leaf({ "@format": "C", "@mask": 2, "@asBool": true }),
         }],
         ["a leaf beyond the first frame of several", { a: leaf({ "@skip": 12, "@fragmentation": true }) }],
-        ["two packed leaves of one frame", { a: leaf({ "@format": "p" }), b: leaf({ "@format": "p" }) }],
         ["notes for people", { motor: { note: "left", speed: leaf({ unit: "rpm" }) } }],
     ])("%s", (_, schema) => expect(told(schema)).toEqual([]));
 });
@@ -36,13 +35,19 @@ describe("refused, with the path", () => {
         ["an address that no frame has", { "@mac": 64 }, `"@mac" is 64, outside 0 to 63: no frame carries such an address`],
         ["a command that no frame has", { "@cmd": 32 }, `"@cmd" is 32, outside 0 to 31: no frame carries such a command`],
         ["a negative flush size", { "@flushSize": -1 }, `"@flushSize" is -1, outside 0 to 2147483647: such a leaf never has a value`],
-        ["a mask of more than 32 signed bits", { "@mask": 4294967295 },
-            `"@mask" is 4294967295, outside -2147483648 to 2147483647: it must fit 32 bits, signed`],
+        ["a mask of more than 32 bits", { "@mask": 4294967296 },
+            `"@mask" is 4294967296, outside -2147483648 to 4294967295: it must fit 32 bits`],
         ["the factor 0", { "@factor": 0 }, `"@factor" is 0: readings are divided by it, so each would be infinite`],
         ["an unknown format", { "@format": "x" },
             `"@format" "x" is unknown, so the leaf never has a value; known are C, c, S, s, Q, q, I, i, f, p`],
-        ["a leaf that leaves the frame", { "@format": "i", "@skip": 5 }, `needs bytes 5 to 8, but a frame has 8`],
+        ["a leaf that leaves every frame", { "@format": "i", "@skip": 61 }, "ends at byte 64: no frame is that long"],
+        ["an array that cannot be sent", { "@format": "c", "@flushSize": 4 },
+            `arrays of format "c" make every message undecodable, for all clients; "C" reads the same bytes`],
     ])("%s", (_, options, message) => expect(motor(options)).toEqual([`error: motor.speed: ${message}`]));
+
+    test("a leaf without a command is doubtful", () => {
+        expect(told({ a: { "@mac": 1, "@format": "s" } })).toEqual([`warning: a: has no "@cmd", which counts as 0`]);
+    });
 
     test("a leaf without a format", () => {
         expect(told({ a: { "@mac": 1 } })).toEqual([`error: a: has no "@format", so it never has a value`]);
@@ -77,8 +82,9 @@ describe("refused, with the path", () => {
 
 describe("doubtful, with the path", () => {
     test.each<[string, object, string]>([
-        ["an array that cannot be sent", { "@format": "c", "@flushSize": 4 },
-            `arrays of format "c" cannot be sent: every message with one is undecodable; "C" reads the same bytes`],
+        ["a leaf that leaves the frame", { "@format": "i", "@skip": 5 },
+            `ends at byte 8: it is read from CAN FD frames only, and not written without "@fragmentation"`],
+        ["a packed leaf", { "@format": "p", "@fragmentation": true }, `format "p" is only for writing: the leaf never has a value`],
         ["observing an array", { "@observe": true, "@flushSize": 4 }, `"@observe" is ignored, because "@flushSize" is set`],
         ["a mask that masks nothing", { "@format": "q", "@mask": 1 },
             `"@mask" has no effect on format "q" but makes the leaf read-only`],
@@ -106,6 +112,12 @@ describe("doubtful, with the path", () => {
 test("JSON that is none is a schema's error", () => {
     expect(() => parseSchema('{"a": }')).toThrow(SchemaError);
     expect(() => parseSchema('{"a": }')).toThrow(/the document: is no JSON/);
+});
+
+test("a name that occurs twice in one object is an error", () => {
+    const text = `{"motor": {"speed": ${JSON.stringify(leaf())}, "a": [{"x": "}"}], "sp\\u0065ed": {}}, "speed": 1}`;
+    expect(() => parseSchema(text)).toThrow(/\nmotor\.speed: is there twice; only the last one would count$/);
+    expect(() => parseSchema(text.replace("u0065", "u0066"))).not.toThrow();
 });
 
 test("leaves come by name, with the daemon's defaults", () => {
@@ -136,6 +148,7 @@ describe("what can be written", () => {
         ["@asBool", { "@asBool": true }, /read-only, because "@asBool"/],
         ["@mask", { "@mask": 255 }, /read-only, because "@mask"/],
         ["the mask that masks nothing", { "@mask": -1 }, undefined],
+        ["the same, unsigned", { "@mask": 0xffffffff }, undefined],
         ["neither", {}, undefined],
     ])("read-only for %s", (_, options, reason) => {
         const given = readOnlyReason(first(options));

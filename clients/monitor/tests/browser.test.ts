@@ -251,7 +251,12 @@ test("survives a daemon restart, schema and all", async () => {
 
 test("tells of messages that cannot be decoded, with their bytes, and goes on", async () => {
     const leaf = { "@mac": 5, "@cmd": 2 };
-    await sendSchema({ good: { ...leaf, "@format": "s" }, lost: { ...leaf, "@skip": 4, "@format": "c", "@flushSize": 2 } });
+    const broken = { good: { ...leaf, "@format": "s" }, lost: { ...leaf, "@skip": 4, "@format": "c", "@flushSize": 2 } };
+    // The page itself refuses such a schema, but another client may have sent it.
+    await page.evaluate((schema) => {
+        const socket = new WebSocket("ws://127.0.0.1:10443");
+        socket.onopen = () => socket.send(JSON.stringify(schema));
+    }, broken);
     await page.getByText(/\d+ undecodable/).waitFor();
     await page.getByRole("log").getByText("a4 6c 6f 73 74").waitFor();
     await changes(value("good"));
