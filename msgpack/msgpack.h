@@ -63,6 +63,10 @@ namespace MsgPack
 // about three times as deep overflow it in Qt's debug output, from input of one byte a level.
 constexpr int maxNesting = 10000;
 
+// How much unpack() may repeat in place of extensions that it does not know, in bytes as they would stand on
+// the wire: without a bound a few bytes could stand for a value that nobody can ever walk over.
+constexpr quint64 maxRepeated = 16 * 1024 * 1024;
+
 // The encoded bytes of `variant`.
 //
 // A value whose type has no row in the table above and no packer (or a null one) is left out with the warning
@@ -81,7 +85,7 @@ QByteArray pack(const QVariant &variant);
 //
 // Invalid when a value claims bytes past the end of `data`, or 2^31 and more of them: decoding stops there,
 // nothing past the end is read, and memory is taken only for what was there. Also invalid, with a warning,
-// when nested deeper than maxNesting.
+// when nested deeper than maxNesting and when it repeats more than maxRepeated.
 //
 // An extension whose type number has no unpacker is skipped with the warning "MsgPack::unpack() unpacker for
 // type N doesn't exist" and stands for the value before it in the same array or map (the same goes for the

@@ -147,13 +147,16 @@ bool s_readLength(MsgPackStream &stream, quint8 first, FirstByte first8, quint32
 
 bool s_readBytes(MsgPackStream &stream, quint32 length, QByteArray &bytes)
 {
-    if (length > maxPackedSize) {
+    if (length > static_cast<quint32>(std::numeric_limits<int>::max())) {
         return s_corrupt(stream);
     }
     const int end = static_cast<int>(length);
     while (bytes.size() < end) {
         const int at = bytes.size();
         const int count = qMin(end - at, chunkSize);
+        if (at + count > static_cast<int>(maxPackedSize)) {
+            return s_corrupt(stream); // so much did come, but no QByteArray holds it
+        }
         bytes.resize(at + count);
         if (!stream.readBytes(bytes.data() + at, count)) {
             return false;

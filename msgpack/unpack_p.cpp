@@ -130,16 +130,43 @@ bool s_isFull(const unpack_context &context)
     return true;
 }
 
+// Counts what the current value takes over from its target. The copies share their memory, but whoever walks
+// over them pays for each: a hundred bytes that double what they hold thirty times would keep the process
+// busy for ever.
+bool s_repeatsTooMuch(unpack_context &context)
+{
+    context.repeated += context.held;
+    if (context.repeated <= MsgPack::maxRepeated) {
+        return false;
+    }
+    qWarning() << "MsgPack::unpack() can't repeat more than" << MsgPack::maxRepeated
+               << "bytes in place of unknown extensions";
+    return true;
+}
+
+// Decodes one value into `v`, which holds the value before it in the same container. `size` is that value's
+// size before, and the new one's afterwards.
+const quint8 *s_unpackNext(QVariant &v, quint64 &size, const quint8 *p, unpack_context &context)
+{
+    const quint64 repeatedBefore = context.repeated;
+    context.held = size;
+    const quint8 *next = unpack_type(v, p, context);
+    if (next) {
+        size = static_cast<quint64>(next - p) + (context.repeated - repeatedBefore);
+    }
+    return next;
+}
+
 // Decodes one value into a new element of `list`. An extension that nobody decodes leaves its target as it
 // is, and the target of each element is what held the element before it: so that is what the new one starts
 // as. Clients know the repeated value as the sign of an extension that the service does not understand.
-const quint8 *s_unpackElement(QVariantList &list, const quint8 *p, unpack_context &context)
+const quint8 *s_unpackElement(QVariantList &list, quint64 &size, const quint8 *p, unpack_context &context)
 {
     if (p > context.end) {
         return nullptr;
     }
     list.append(isExtension(*p) && !list.isEmpty() ? list.constLast() : QVariant());
-    return unpack_type(list.last(), p, context);
+    return s_unpackNext(list.last(), size, p, context);
 }
 
 // Decodes the key of a map entry. `key` is the key of the entry before it, for the same reason.
@@ -149,6 +176,7 @@ const quint8 *s_unpackKey(QString &key, const quint8 *p, unpack_context &context
         return nullptr;
     }
     QVariant v(key);
+    context.held = 0; // a repeated key makes no further entry
     p = unpack_type(v, p, context);
     key = v.toString();
     return p;
@@ -196,8 +224,9 @@ QVariant MsgPackPrivate::unpack(const quint8 *first, const quint8 *last)
     unpack_context context{last};
     const quint8 *p = first;
     QVariantList list;
+    quint64 size = 0;
     while (p && p <= last) {
-        p = s_unpackElement(list, p, context);
+        p = s_unpackElement(list, size, p, context);
     }
     if (!p) {
         return QVariant();
@@ -236,8 +265,9 @@ const quint8 *MsgPackPrivate::unpack_array_len(QVariant &v, const quint8 *p, qui
     }
     ++context.nesting;
     QVariantList list;
+    quint64 size = 0;
     for (; p && count > 0; --count) {
-        p = s_unpackElement(list, p, context);
+        p = s_unpackElement(list, size, p, context);
     }
     v = QVariant(list);
     --context.nesting;
@@ -254,12 +284,13 @@ const quint8 *MsgPackPrivate::unpack_map_len(QVariant &v, const quint8 *p, quint
     QVariantMap map;
     QString key;
     QVariant value;
+    quint64 size = 0;
     for (; count > 0; --count) {
         p = s_unpackKey(key, p, context);
         if (!p || p > context.end) {
             return nullptr;
         }
-        p = unpack_type(value, p, context);
+        p = s_unpackNext(value, size, p, context);
         if (!p) {
             return nullptr;
         }
@@ -283,6 +314,9 @@ const quint8 *MsgPackPrivate::unpack_ext(QVariant &v, const quint8 *p, qint8 typ
     } else {
         locker.unlock(); // whoever handles the message may use the codec
         qWarning() << "MsgPack::unpack() unpacker for type" << int(type) << "doesn't exist";
+        if (s_repeatsTooMuch(context)) {
+            return nullptr;
+        }
     }
     return p + length;
 }

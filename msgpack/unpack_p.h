@@ -1,8 +1,9 @@
 // The unpacking routines behind MsgPack::unpack.
 //
 // Each routine decodes one item at the position `p`, which must lie within the input, stores it in `v` and
-// returns the position behind it; null when the item claims bytes past the end of the input or is nested too
-// deep. What `v` holds then is of no use to anybody: the result of the whole input is invalid.
+// returns the position behind it; null when the item claims bytes past the end of the input, is nested too
+// deep or repeats too much. What `v` holds then is of no use to anybody: the result of the whole input is
+// invalid.
 #pragma once
 
 #include "msgpack/msgpack.h"
@@ -16,10 +17,13 @@ namespace MsgPackPrivate
 extern QHash<qint8, unpack_user_f> user_unpackers; // by extension type; entries are only ever added
 extern QReadWriteLock unpackers_lock;              // guards user_unpackers, held while an unpacker runs
 
-// The input of one call, and how deep the call is in it.
+// The input of one call, how deep the call is in it, and what it has made of more than the input. Sizes are
+// in bytes as if everything were on the wire as often as it is in the value.
 struct unpack_context {
-    const quint8 *end; // the last byte
-    int nesting = 0;   // containers around the current value
+    const quint8 *end;    // the last byte
+    int nesting = 0;      // containers around the current value
+    quint64 held = 0;     // size of what the target of the current value still holds from before
+    quint64 repeated = 0; // size of all that was taken over from a target, for extensions nobody decodes
 };
 
 using unpacker_t = const quint8 *(*)(QVariant &v, const quint8 *p, unpack_context &context);
