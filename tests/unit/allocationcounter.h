@@ -1,0 +1,16 @@
+// Counts what the process asks of the heap, so that a test can tell what hostile input costs.
+#pragma once
+
+#include <cstddef>
+
+class AllocationCounter
+{
+public:
+    AllocationCounter();
+
+    // Bytes asked for since construction by all threads, whether or not they were given back meanwhile.
+    std::size_t bytes() const;
+
+private:
+    std::size_t m_start;
+};
