@@ -1,0 +1,486 @@
+// What hostile input costs: bytes allocated, time and stack, measured.
+#include "msgpack/msgpack.h"
+#include "tests/unit/allocationcounter.h"
+#include "tests/unit/logcollector.h"
+#include "tests/unit/variantnotation.h"
+
+#include <QDebug>
+#include <QElapsedTimer>
+#include <QThread>
+#include <QVector>
+#include <QtTest>
+
+#include <functional>
+
+using Bytes = QByteArray;
+
+class TestMsgPackHostile : public QObject
+{
+    Q_OBJECT
+
+private slots:
+    void init();
+    void cleanup();
+
+    // Depth
+    void deepValuesWork_data();
+    void deepValuesWork();
+    void deepestValueUnpacks_data();
+    void deepestValueUnpacks();
+    void deepestValuePacks_data();
+    void deepestValuePacks();
+    void depthIsCountedPerBranch();
+    void depthBehindOtherValuesIsRefused();
+    void tenMillionLevelsAreRefusedAtOnce_data();
+    void tenMillionLevelsAreRefusedAtOnce();
+
+    // Announced numbers
+    void announcedNumbers_data();
+    void announcedNumbers();
+    void announcedNumbersInEveryLevel_data();
+    void announcedNumbersInEveryLevel();
+    void announcedNumberBeforeALargeInput_data();
+    void announcedNumberBeforeALargeInput();
+
+    // Cost by size
+    void costGrowsWithTheInput_data();
+    void costGrowsWithTheInput();
+    void longestHeadersOfNothing();
+
+    // Repetition: an extension that nobody knows stands for the value before it
+    void repeatedElementsAreShared();
+    void doublingLevels_data();
+    void doublingLevels();
+    void manyRepetitions_data();
+    void manyRepetitions();
+
+private:
+    LogCollector m_log;
+};
+
+// The stack that a main thread has by default; the test's own thread may have been given another.
+static const uint s_stackSize = 8 * 1024 * 1024;
+
+// Memory may grow with the input by this factor: a byte can be an element of a list (a variant on the heap)
+// and the list grows by copying.
+static const size_t s_bytesPerByte = 250;
+static const size_t s_fixedBytes = 16 * 1024;
+
+static void s_onDefaultStack(const std::function<void()> &run)
+{
+    const QScopedPointer<QThread> thread(QThread::create(run));
+    thread->setStackSize(s_stackSize);
+    thread->start();
+    thread->wait();
+}
+
+static Bytes s_hex(const char *hex)
+{
+    return Bytes::fromHex(hex);
+}
+
+void TestMsgPackHostile::init()
+{
+    m_log.start();
+}
+
+void TestMsgPackHostile::cleanup()
+{
+    QCOMPARE(m_log.finish(), QStringList());
+}
+
+// One level of nesting as it stands on the wire before and after what it holds.
+static void s_levels()
+{
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("after");
+
+    QTest::newRow("arrays") << s_hex("91") << Bytes();
+    QTest::newRow("arrays of 16-bit count") << s_hex("dc0001") << Bytes();
+    QTest::newRow("arrays of 32-bit count") << s_hex("dd00000001") << Bytes();
+    QTest::newRow("arrays with a value behind") << s_hex("92") << s_hex("05");
+    QTest::newRow("arrays with a value before") << s_hex("9205") << Bytes();
+    QTest::newRow("maps") << s_hex("81a161") << Bytes();
+    QTest::newRow("maps of 16-bit count") << s_hex("de0001a161") << Bytes();
+    QTest::newRow("maps of 32-bit count") << s_hex("df00000001a161") << Bytes();
+    QTest::newRow("maps and arrays") << s_hex("9181a161") << Bytes();
+}
+
+static void s_keyLevels()
+{
+    QTest::newRow("maps as keys") << s_hex("81") << s_hex("c0");
+    QTest::newRow("arrays in keys") << s_hex("8191") << s_hex("c0");
+}
+
+static Bytes s_nested(const Bytes &before, const Bytes &after, int levels)
+{
+    return before.repeated(levels) + s_hex("c3") + after.repeated(levels);
+}
+
+// How many containers one level of the row adds.
+static int s_containers(const Bytes &before)
+{
+    return before == s_hex("9181a161") || before == s_hex("8191") ? 2 : 1;
+}
+
+void TestMsgPackHostile::deepValuesWork_data()
+{
+    s_levels();
+}
+
+void TestMsgPackHostile::deepValuesWork()
+{
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, after);
+    const Bytes wire = s_nested(before, after, 8192 / s_containers(before));
+    QString printed;
+    bool valid = false;
+    Bytes packed;
+    Bytes packedAgain;
+    s_onDefaultStack([&]() {
+        QVariant value = MsgPack::unpack(wire);
+        valid = value.isValid();
+        QDebug(&printed) << value;
+        packed = MsgPack::pack(value);
+        packedAgain = MsgPack::pack(MsgPack::unpack(packed));
+        value.clear();
+    });
+    QVERIFY(valid);
+    QCOMPARE(printed.count(QStringLiteral("QVariant(")) >= 8192, true);
+    QVERIFY(printed.contains(QStringLiteral("true")));
+    QVERIFY(packed.contains('\xC3'));
+    QVERIFY(packedAgain == packed);
+    // What was written in the shortest formats comes back byte for byte.
+    const bool shortest = before != s_hex("dc0001") && before != s_hex("dd00000001") &&
+                          before != s_hex("de0001a161") && before != s_hex("df00000001a161");
+    QVERIFY(!shortest || packed == wire);
+}
+
+void TestMsgPackHostile::deepestValueUnpacks_data()
+{
+    s_levels();
+    s_keyLevels();
+}
+
+void TestMsgPackHostile::deepestValueUnpacks()
+{
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, after);
+    const int levels = MsgPack::maxNesting / s_containers(before);
+    QVERIFY(MsgPack::maxNesting >= 8192);
+    QVariant deepest;
+    QVariant deeper;
+    s_onDefaultStack([&]() {
+        deepest = MsgPack::unpack(s_nested(before, after, levels));
+        deeper = MsgPack::unpack(s_nested(before, after, levels + 1));
+    });
+    QVERIFY(deepest.isValid());
+    QVERIFY(!deeper.isValid());
+    const QStringList lines = m_log.take();
+    QCOMPARE(lines.size(), 1);
+    QVERIFY2(lines.first().startsWith("warning: MsgPack::unpack"), qPrintable(lines.first()));
+    s_onDefaultStack([&]() { deepest.clear(); });
+}
+
+void TestMsgPackHostile::deepestValuePacks_data()
+{
+    QTest::addColumn<bool>("maps");
+    QTest::newRow("lists") << false;
+    QTest::newRow("maps") << true;
+}
+
+static QVariant s_deepValue(bool maps, int levels)
+{
+    QVariant value(true);
+    for (int i = 0; i < levels; ++i) {
+        value = maps ? QVariant(QVariantMap{{"a", value}}) : QVariant(QVariantList{value});
+    }
+    return value;
+}
+
+void TestMsgPackHostile::deepestValuePacks()
+{
+    QFETCH(bool, maps);
+    Bytes deepest;
+    Bytes deeper;
+    Bytes deeperInside;
+    s_onDefaultStack([&]() {
+        deepest = MsgPack::pack(s_deepValue(maps, MsgPack::maxNesting));
+        const QVariant tooDeep = s_deepValue(maps, MsgPack::maxNesting + 1);
+        deeper = MsgPack::pack(tooDeep);
+        deeperInside = MsgPack::pack(QVariantList{1, tooDeep, 2});
+    });
+    QVERIFY(deepest == s_nested(s_hex(maps ? "81a161" : "91"), Bytes(), MsgPack::maxNesting));
+    QCOMPARE(deeper, Bytes());
+    QCOMPARE(deeperInside, Bytes());
+    const QStringList lines = m_log.take();
+    QCOMPARE(lines.size(), 2);
+    for (const QString &line : lines) {
+        QVERIFY2(line.startsWith("warning: MsgPack::pack"), qPrintable(line));
+    }
+}
+
+void TestMsgPackHostile::depthIsCountedPerBranch()
+{
+    // Many containers side by side are not deep; and each of several values has the whole depth.
+    const Bytes side = Bytes("\xDD") + s_hex("00030d40") + s_hex("91c0").repeated(200000);
+    QCOMPARE(MsgPack::unpack(side).toList().size(), 200000);
+    const Bytes deep = s_nested("\x91", Bytes(), MsgPack::maxNesting - 1);
+    int size = 0;
+    s_onDefaultStack([&]() { size = MsgPack::unpack("\x93" + deep + deep + deep).toList().size(); });
+    QCOMPARE(size, 3);
+    s_onDefaultStack([&]() { size = MsgPack::unpack("\x91" + deep + "\x91" + deep).toList().size(); });
+    QCOMPARE(size, 2);
+}
+
+void TestMsgPackHostile::depthBehindOtherValuesIsRefused()
+{
+    QVariant value;
+    s_onDefaultStack([&]() {
+        value = MsgPack::unpack("\x05\x90" + s_nested("\x91", Bytes(), MsgPack::maxNesting + 1) + "\x05");
+    });
+    QVERIFY(!value.isValid());
+    QCOMPARE(m_log.take().size(), 1);
+}
+
+void TestMsgPackHostile::tenMillionLevelsAreRefusedAtOnce_data()
+{
+    s_levels();
+    s_keyLevels();
+}
+
+void TestMsgPackHostile::tenMillionLevelsAreRefusedAtOnce()
+{
+    QFETCH(QByteArray, before);
+    const Bytes wire = before.repeated(10000000);
+    bool valid = true;
+    qint64 milliseconds = 0;
+    size_t bytes = 0;
+    s_onDefaultStack([&]() {
+        QElapsedTimer timer;
+        timer.start();
+        const AllocationCounter allocated;
+        valid = MsgPack::unpack(wire).isValid();
+        bytes = allocated.bytes();
+        milliseconds = timer.elapsed();
+    });
+    QVERIFY(!valid);
+    QCOMPARE(m_log.take().size(), 1);
+    QVERIFY2(milliseconds < 1000, qPrintable(QString::number(milliseconds)));
+    // The part that was decoded, not the ten million.
+    QVERIFY2(bytes < s_fixedBytes + size_t(MsgPack::maxNesting) * 4 * s_bytesPerByte,
+             qPrintable(QString::number(bytes)));
+}
+
+void TestMsgPackHostile::announcedNumbers_data()
+{
+    QTest::addColumn<QByteArray>("hex");
+
+    const char *const headers[] = {"dd", "df", "db", "c6"};
+    const char *const numbers[] = {"00010000", "00ffffff", "10000000", "7ffffffe", "7fffffff",
+                                   "80000000", "80000001", "c0000000", "fffffff0", "ffffffff"};
+    for (const char *header : headers) {
+        for (const char *number : numbers) {
+            QTest::addRow("%s%s", header, number) << Bytes(header) + number;
+            QTest::addRow("%s%s and a byte", header, number) << Bytes(header) + number + "00";
+            QTest::addRow("%s%s and some bytes", header, number)
+                << Bytes(header) + number + "a161c0a162c3000102030405060708090a0b0c0d0e0f";
+        }
+    }
+    for (const char *number : numbers) {
+        QTest::addRow("c9%s", number) << Bytes("c9") + number;
+        QTest::addRow("c9%s and the type", number) << Bytes("c9") + number + "11";
+        QTest::addRow("c9%s and some bytes", number) << Bytes("c9") + number + "1100000000000000";
+    }
+    for (const char *hex : {"dcffff", "deffff", "daffff", "c5ffff", "c8ffff11", "9f", "8f", "bf", "d9ff",
+                            "c4ff", "c7ff11", "d811"}) {
+        QTest::newRow(hex) << Bytes(hex);
+    }
+}
+
+// Unpacks, and checks what that took. The lines of unknown extensions are let through: whether one that runs
+// short is still looked up is nobody's business.
+static void s_checkCost(const Bytes &bytes, LogCollector &log)
+{
+    QElapsedTimer timer;
+    timer.start();
+    const AllocationCounter allocated;
+    const QVariant value = MsgPack::unpack(bytes);
+    const size_t taken = allocated.bytes();
+    QVERIFY(!value.isValid());
+    QVERIFY2(taken < s_fixedBytes + s_bytesPerByte * size_t(bytes.size()),
+             qPrintable(QString::number(taken)));
+    QVERIFY2(timer.elapsed() < 1000 + bytes.size() / 1000, qPrintable(QString::number(timer.elapsed())));
+    for (const QString &line : log.take()) {
+        QCOMPARE(line, QStringLiteral("warning: MsgPack::unpack() unpacker for type 17 doesn't exist"));
+    }
+}
+
+void TestMsgPackHostile::announcedNumbers()
+{
+    QFETCH(QByteArray, hex);
+    const Bytes bytes = Bytes::fromHex(hex);
+    s_checkCost(bytes, m_log);
+    s_checkCost("\x91" + bytes, m_log);
+    s_checkCost("\x92\xC0" + bytes, m_log);
+    s_checkCost("\x81\xA1x" + bytes, m_log);
+    s_checkCost("\x81" + bytes, m_log);
+    s_checkCost("\x05" + bytes, m_log);
+}
+
+void TestMsgPackHostile::announcedNumbersInEveryLevel_data()
+{
+    QTest::addColumn<QByteArray>("level");
+
+    // Each level announces about what is left of the input, so that memory taken for it, however briefly,
+    // would add up to the square of the input's size.
+    QTest::newRow("arrays") << s_hex("dd00080000");
+    QTest::newRow("16-bit arrays") << s_hex("dcffff");
+    QTest::newRow("maps") << s_hex("df00040000a161");
+    QTest::newRow("maps as keys") << s_hex("df00040000");
+    QTest::newRow("arrays that announce everything") << s_hex("ddffffffff");
+}
+
+void TestMsgPackHostile::announcedNumbersInEveryLevel()
+{
+    QFETCH(QByteArray, level);
+    const Bytes bytes = level.repeated(8000) + Bytes(600000, '\xC0');
+    s_onDefaultStack([&]() { s_checkCost(bytes, m_log); });
+}
+
+void TestMsgPackHostile::announcedNumberBeforeALargeInput_data()
+{
+    QTest::addColumn<QByteArray>("header");
+    QTest::newRow("array") << s_hex("ddffffffff");
+    QTest::newRow("map") << s_hex("dfffffffff");
+    QTest::newRow("text") << s_hex("db7fffffff");
+    QTest::newRow("bytes") << s_hex("c67fffffff");
+    QTest::newRow("extension") << s_hex("c97fffffff11");
+}
+
+void TestMsgPackHostile::announcedNumberBeforeALargeInput()
+{
+    QFETCH(QByteArray, header);
+    s_checkCost(header + Bytes(4000000, '\xC0'), m_log);
+}
+
+void TestMsgPackHostile::costGrowsWithTheInput_data()
+{
+    QTest::addColumn<QByteArray>("unit");
+
+    QTest::newRow("nil") << s_hex("c0");
+    QTest::newRow("numbers") << s_hex("00");
+    QTest::newRow("empty texts") << s_hex("a0");
+    QTest::newRow("texts of a byte") << s_hex("a178");
+    QTest::newRow("empty byte arrays") << s_hex("c400");
+    QTest::newRow("empty arrays") << s_hex("90");
+    QTest::newRow("arrays of one") << s_hex("91c0");
+    QTest::newRow("empty maps") << s_hex("80");
+    QTest::newRow("maps of one") << s_hex("81a0c0");
+    QTest::newRow("maps with number keys") << s_hex("8100c0");
+    QTest::newRow("maps with float keys") << s_hex("81cb3fb999999999999ac0");
+}
+
+void TestMsgPackHostile::costGrowsWithTheInput()
+{
+    QFETCH(QByteArray, unit);
+    const int count = 200000;
+    const Bytes body = unit.repeated(count);
+    for (const Bytes &bytes : {body, s_hex("dd00030d40") + body}) {
+        QElapsedTimer timer;
+        timer.start();
+        const AllocationCounter allocated;
+        const QVariant value = MsgPack::unpack(bytes);
+        const size_t taken = allocated.bytes();
+        QCOMPARE(value.toList().size(), count);
+        QVERIFY2(taken < s_fixedBytes + s_bytesPerByte * size_t(bytes.size()),
+                 qPrintable(QString::number(double(taken) / bytes.size())));
+        QVERIFY2(timer.elapsed() < 3000, qPrintable(QString::number(timer.elapsed())));
+    }
+}
+
+void TestMsgPackHostile::longestHeadersOfNothing()
+{
+    // A 16-bit map whose keys are all the same: one entry is kept, and no more than one is held.
+    const Bytes bytes = s_hex("deffff") + s_hex("00c0").repeated(65535);
+    QCOMPARE(VariantNotation::notation(MsgPack::unpack(bytes)), QStringLiteral("{\"0\": nil}"));
+}
+
+static const Bytes s_unknown = s_hex("c70011");
+static const char s_unknownLine[] = "warning: MsgPack::unpack() unpacker for type 17 doesn't exist";
+
+void TestMsgPackHostile::repeatedElementsAreShared()
+{
+    const Bytes text = s_hex("db00002710") + Bytes(10000, 'x');
+    const AllocationCounter allocated;
+    const QVariantList list = MsgPack::unpack(s_hex("dc0065") + text + s_unknown.repeated(100)).toList();
+    QVERIFY2(allocated.bytes() < 512 * 1024, qPrintable(QString::number(allocated.bytes())));
+    QCOMPARE(list.size(), 101);
+    QVERIFY(list.last().toString() == QString(10000, QLatin1Char('x')));
+    QCOMPARE(m_log.take(), QVector<QString>(100, s_unknownLine).toList());
+}
+
+// Each level holds the one inside it twice.
+void TestMsgPackHostile::doublingLevels_data()
+{
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("after");
+
+    QTest::newRow("arrays") << s_hex("92") << s_unknown;
+    QTest::newRow("arrays of 32-bit count") << s_hex("dd00000002") << s_unknown;
+    QTest::newRow("maps by value") << s_hex("82a161") << s_hex("a162") + s_unknown;
+    QTest::newRow("arrays in maps") << s_hex("81a16192") << s_unknown;
+}
+
+void TestMsgPackHostile::doublingLevels()
+{
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, after);
+    const auto doubled = [&](int levels) {
+        return before.repeated(levels) + s_hex("c3") + after.repeated(levels);
+    };
+
+    const QVariant tenLevels = MsgPack::unpack(doubled(10));
+    QCOMPARE(VariantNotation::notation(tenLevels).count(QStringLiteral("true")), 1024);
+    QCOMPARE(m_log.take(), QVector<QString>(10, s_unknownLine).toList());
+
+    // Forty levels would be a million million values for whoever walks over them.
+    QElapsedTimer timer;
+    timer.start();
+    const AllocationCounter allocated;
+    const QVariant fortyLevels = MsgPack::unpack(doubled(40));
+    QVERIFY2(allocated.bytes() < 256 * 1024, qPrintable(QString::number(allocated.bytes())));
+    QVERIFY2(timer.elapsed() < 100, qPrintable(QString::number(timer.elapsed())));
+    QVERIFY(!fortyLevels.isValid());
+    const QStringList lines = m_log.take();
+    QCOMPARE(lines.size() - lines.count(s_unknownLine), 1);
+    QVERIFY2(lines.last().startsWith("warning: MsgPack::unpack"), qPrintable(lines.last()));
+    QVERIFY(lines.last() != s_unknownLine);
+}
+
+void TestMsgPackHostile::manyRepetitions_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    QTest::addColumn<int>("times");
+
+    QTest::newRow("long text") << s_hex("db000f4240") + Bytes(1000000, 'x') << 100000;
+    QTest::newRow("long bytes") << s_hex("c6000f4240") + Bytes(1000000, 'x') << 100000;
+    QTest::newRow("long list") << s_hex("dd000f4240") + Bytes(1000000, '\xC0') << 100000;
+    QTest::newRow("long key") << s_hex("81db000f4240") + Bytes(1000000, 'x') + s_hex("c0") << 100000;
+}
+
+void TestMsgPackHostile::manyRepetitions()
+{
+    QFETCH(QByteArray, value);
+    QFETCH(int, times);
+    const Bytes values = value + s_unknown.repeated(times);
+    for (const Bytes &bytes : {s_hex("dd000186a1") + values, s_hex("81c3dd000186a1") + values, values}) {
+        const QVariant unpacked = MsgPack::unpack(bytes);
+        QVERIFY(!unpacked.isValid());
+        const QStringList lines = m_log.take();
+        QCOMPARE(lines.size() - lines.count(s_unknownLine), 1);
+    }
+}
+
+QTEST_APPLESS_MAIN(TestMsgPackHostile)
+#include "tst_msgpack_hostile.moc"
