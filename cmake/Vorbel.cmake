@@ -39,8 +39,9 @@ function(vorbel_unit_test name)
     add_test(NAME unit.${name} COMMAND ${network} $<TARGET_FILE:${name}>)
 endfunction()
 
-# vorbel_fuzzer(NAME LIBRARIES target... [RUNS n])
-# Builds NAME.cpp as a libFuzzer program and registers a short run over the seeds in corpus/NAME.
+# vorbel_fuzzer(NAME LIBRARIES target... [SECONDS n])
+# Builds NAME.cpp as a libFuzzer program and registers a run of n seconds, 5 by default, that begins with the
+# seeds in corpus/NAME.
 function(vorbel_fuzzer name)
     cmake_parse_arguments(arg "" "SECONDS" "LIBRARIES" ${ARGN})
     if(NOT arg_SECONDS)
