@@ -53,6 +53,7 @@ function(vorbel_fuzzer name)
     add_test(NAME fuzz.${name}
              COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/run $<TARGET_FILE:${name}>
                      ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name} ${arg_SECONDS})
+    set_tests_properties(fuzz.${name} PROPERTIES LABELS fuzz)
 endfunction()
 
 # vorbel_benchmark(NAME LIBRARIES target...)
