@@ -1,6 +1,7 @@
 // Encoding of variants: the bytes of every format at its boundaries, the dispatch by type, user types and the
 // log lines of what can't be packed.
 #include "msgpack/msgpack.h"
+#include "msgpack/pack_p.h"
 #include "tests/unit/allocationcounter.h"
 #include "tests/unit/logcollector.h"
 
@@ -8,6 +9,8 @@
 #include <QRandomGenerator>
 #include <QtTest>
 
+#include <chrono>
+#include <future>
 #include <limits>
 
 using Bytes = QByteArray;
@@ -55,6 +58,8 @@ private slots:
     void packerRunsOncePerValueInOrder();
     void packerMayPack();
     void packerMayRegister();
+    void packerRunsWithoutLock();
+    void registryIsReadByManyAtOnce();
     void packerOfABuiltInIdIsFoundByTheId();
     void packerOfARowOfItsOwnIsNotAsked();
 
@@ -89,6 +94,7 @@ using Twice = Tagged<4>;
 using Never = Tagged<5>;
 using Hollow = Tagged<6>;
 using Missing = Tagged<7>;
+using Looking = Tagged<8>;
 Q_DECLARE_METATYPE(Numbered)
 Q_DECLARE_METATYPE(Packing)
 Q_DECLARE_METATYPE(Registering)
@@ -97,6 +103,7 @@ Q_DECLARE_METATYPE(Twice)
 Q_DECLARE_METATYPE(Never)
 Q_DECLARE_METATYPE(Hollow)
 Q_DECLARE_METATYPE(Missing)
+Q_DECLARE_METATYPE(Looking)
 
 // Compatibility mode for a scope.
 class CompatibilityMode
@@ -702,6 +709,30 @@ void TestMsgPackPack::packerMayRegister()
     QCOMPARE(MsgPack::pack(QVariant::fromValue(Registering())).toHex(), Bytes("d4052b"));
     QCOMPARE(int(MsgPack::msgpackType(qMetaTypeId<Registered>())), 6);
     QCOMPARE(MsgPack::pack(QVariant::fromValue(Registered())).toHex(), Bytes("d40672"));
+}
+
+void TestMsgPackPack::packerRunsWithoutLock()
+{
+    QVERIFY(MsgPack::registerPacker(qMetaTypeId<Looking>(), 9, [](const QVariant &) {
+        const bool isFree = MsgPackPrivate::packers_lock.tryLockForWrite();
+        if (isFree) {
+            MsgPackPrivate::packers_lock.unlock();
+        }
+        return Bytes(isFree ? "free" : "held");
+    }));
+    QCOMPARE(MsgPack::pack(QVariant::fromValue(Looking())), Bytes("\xD6\x09"
+                                                                  "free"));
+}
+
+void TestMsgPackPack::registryIsReadByManyAtOnce()
+{
+    s_registerBlob();
+    MsgPackPrivate::packers_lock.lockForRead();
+    auto packing = std::async(std::launch::async, []() { return MsgPack::pack(s_blob("a")); });
+    const bool waited = packing.wait_for(std::chrono::seconds(5)) == std::future_status::timeout;
+    MsgPackPrivate::packers_lock.unlock();
+    QVERIFY(!waited);
+    QCOMPARE(packing.get().toHex(), Bytes("d42a61"));
 }
 
 void TestMsgPackPack::packerOfABuiltInIdIsFoundByTheId()
