@@ -1,5 +1,7 @@
 // Frames to values: who gets the bytes, when the signal fires, and how the value map is built.
+#include "msgpack/msgpack.h"
 #include "schema/schemaconverter.h"
+#include "service/typedarrays.h"
 #include "tst_schematools.h"
 
 #include <QSignalSpy>
@@ -40,6 +42,7 @@ private slots:
     void negativeFlushSizeNeverSignals();
     void packedThrowsOnAnEmptyPayload();
     void packedThrowLeavesWaitingValues();
+    void charArraysCannotBePacked();
     void handlerMayLoadAnotherSchema();
     void nothingOnThisPathLogs();
 };
@@ -500,6 +503,24 @@ void TestSchemaConverterInbound::packedThrowLeavesWaitingValues()
     const QVariant taken = converter.takeVariantToSend(false);
     QCOMPARE(s_path(taken, {"a"}), QVariant(5));
     QCOMPARE(s_elements(s_path(taken, {"c"})), (QVector<double>{5, 6}));
+}
+
+void TestSchemaConverterInbound::charArraysCannotBePacked()
+{
+    registerTypedArrays();
+    SchemaConverter converter;
+    converter.loadSchema(
+        s_json(R"({"c": {"@mac": 1, "@format": "c", "@flushSize": 1}, "d": {"@mac": 1, "@format": "C"},
+                                    "e": {"@mac": 1, "@format": "C", "@flushSize": 1}})"));
+    converter.insertFrame(s_at(1, 0), s_hex("ff"));
+    const QVariant taken = converter.takeVariantToSend(false);
+    LogCollector log;
+    // The map counts three entries; that of "c" has a name and no value.
+    QCOMPARE(MsgPack::pack(taken).toHex(), QByteArray("83a163a164ccffa165d412ff"));
+    QVERIFY(!log.lines().isEmpty());
+    const QString line =
+        QString("warning: MsgPack::pack can't pack type: %1").arg(qMetaTypeId<QVector<char>>());
+    QCOMPARE(log.lines().filter(line).size(), log.lines().size());
 }
 
 void TestSchemaConverterInbound::handlerMayLoadAnotherSchema()
