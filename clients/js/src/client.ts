@@ -63,6 +63,8 @@ export class Client {
     #options: Required<ClientOptions>;
     #state: State = "closed";
     #reason = "not connected yet";
+    /** Why the last attempt or connection ended, until the next success. */
+    #failure: string | undefined;
     #hello: Hello | undefined;
     #schema: Schema | undefined;
     #socket: WebSocketLike | undefined;
@@ -125,7 +127,7 @@ export class Client {
         this.connect();
         if (this.#state === "connected") return Promise.resolve(this.#hello!);
         return new Promise((resolve, reject) => {
-            const fail = () => settle(() => reject(new NotConnectedError(`No connection to ${this.url}: ${this.#reason}`)));
+            const fail = () => settle(() => reject(new NotConnectedError(`No connection to ${this.url}: ${this.#failure ?? this.#reason}`)));
             const timer = timeout === Infinity ? undefined : setTimeout(fail, timeout);
             const off = this.on("state", (state) => {
                 if (state === "connected") settle(() => resolve(this.#hello!));
@@ -209,6 +211,7 @@ export class Client {
 
     #lose(reason: string): void {
         this.#dropSocket();
+        this.#failure = reason;
         const { firstDelay, longestDelay } = this.#options;
         const pause = Math.min(longestDelay, firstDelay * 2 ** this.#attempts++);
         // Half of it at random: many clients of a restarted daemon do not come back at the same moment.
@@ -252,6 +255,7 @@ export class Client {
     #welcome(): void {
         clearTimeout(this.#timer);
         this.#attempts = 0;
+        this.#failure = undefined;
         this.#enter("connected", `connected to ${this.url}`);
         if (this.#schema && this.#state === "connected") this.#sendSchema();
     }

@@ -122,7 +122,9 @@ describe("typed arrays", () => {
         const floats = { f: two("f", 4), scaled: two("C", 0, { "@factor": 2 }) };
         client.setSchema({ ...integers, ...floats }, { check: false }); // the leaves overlap
         const values = client.values();
-        await machine.replay(["(1.0) can0 041#FF010280FFFFFFFF", "(1.1) can0 041#00010000000080BF"], 3);
+        const [first, second] = ["(1.0) can0 041#FF010280FFFFFFFF", "(1.1) can0 041#00010000000080BF"];
+        const last = "(6.0) can0 7FF#"; // keeps the adapter plugged in meanwhile
+        await machine.replay([first, second, last], 3);
         expect((await values.next()).value).toStrictEqual({
             C: Uint8Array.of(255, 0),
             I: Uint32Array.of(0xffffffff, 0xbf800000),

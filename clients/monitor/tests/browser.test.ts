@@ -81,14 +81,7 @@ async function startSetting(path: string): Promise<void> {
 /** Waits until the text of an element is another. */
 async function changes(element: Locator): Promise<void> {
     const before = await element.textContent();
-    await eventually(async () => (await element.textContent()) !== before, "another text");
-}
-
-async function eventually(condition: () => Promise<boolean>, what: string): Promise<void> {
-    for (const end = Date.now() + 15_000; !(await condition()); ) {
-        if (Date.now() > end) throw new Error(`waited 15 s for ${what}`);
-        await page.waitForTimeout(50);
-    }
+    await expect.poll(() => element.textContent()).not.toBe(before);
 }
 
 /** How many pixels of a canvas have been drawn on in a strong colour. */
@@ -108,7 +101,7 @@ function coloredPixels(canvas: Locator): Promise<number> {
 test("connects to where the page came from and shows what the daemon is", async () => {
     await connected();
     await page.getByText("demo machine").waitFor();
-    expect(await page.locator(".device code").textContent()).toBe("A7");
+    await expect.poll(() => page.locator(".device code").textContent()).toBe("A7");
     await page.getByText("No values yet").waitFor();
     await shoot("connected");
 });
@@ -119,8 +112,8 @@ test("loads the machine's schema and sees its values change", async () => {
     await changes(value("motor.speed"));
     await value("battery.cells.a").getByText(/^5 × \[3\.9/).waitFor();
     await value("door.open").getByText(/true|false/).waitFor();
-    await eventually(async () => /^2\d$|^19$/.test((await row("motor.speed").locator(".rate").textContent())!), "20 per second");
-    await eventually(async () => (await coloredPixels(row("motor.speed").locator("canvas"))) > 30, "a sparkline");
+    await expect.poll(() => row("motor.speed").locator(".rate").textContent()).toMatch(/^(19|2\d)$/);
+    await expect.poll(() => coloredPixels(row("motor.speed").locator("canvas"))).toBeGreaterThan(30);
     await page.waitForTimeout(4000);
     await shoot("values");
 });
@@ -145,14 +138,14 @@ test("shows a schema's problems at their paths and does not send it", async () =
     const broken = { motor: { speed: { ...leaf, "@fator": 10 }, current: { ...leaf, "@skip": "2" } } };
     await page.getByLabel("Schema as JSON").fill(JSON.stringify(broken, null, 4));
     const problems = page.locator("#schema-problems li");
-    expect(await problems.allTextContents()).toEqual([
+    await expect.poll(() => problems.allTextContents()).toEqual([
         'error: motor.current "@skip" must be a whole number, not "2"',
         'error: motor.speed "@fator" is no option; did you mean "@factor"?',
     ]);
     expect(await page.getByRole("button", { name: "Send to the daemon" }).isDisabled()).toBe(true);
     await shoot("schema");
     await page.getByLabel("Schema as JSON").fill('{"motor": ');
-    expect(await problems.textContent()).toMatch(/^error: document is no JSON/);
+    await expect.poll(() => problems.allTextContents()).toEqual([expect.stringMatching(/^error: document is no JSON/)]);
 });
 
 test("plots values together, pauses and zooms", async () => {
@@ -163,11 +156,11 @@ test("plots values together, pauses and zooms", async () => {
     await value("battery.cells.a").getByText("5 × [").waitFor();
     await row("battery.cells.a").getByRole("button", { name: "Plot" }).click();
     const canvases = page.locator(".plots canvas");
-    await eventually(async () => (await canvases.count()) === 2, "a plot over time and a waveform");
+    await expect.poll(() => canvases.count()).toBe(2); // a plot over time and a waveform
     await page.getByLabel("Time span").selectOption("10 s");
     await page.waitForTimeout(6000);
-    expect(await coloredPixels(canvases.nth(0))).toBeGreaterThan(300);
-    expect(await coloredPixels(canvases.nth(1))).toBeGreaterThan(100);
+    await expect.poll(() => coloredPixels(canvases.nth(0))).toBeGreaterThan(300);
+    await expect.poll(() => coloredPixels(canvases.nth(1))).toBeGreaterThan(100);
     await shoot("plots");
 
     const picture = () => canvases.nth(0).evaluate((canvas) => (canvas as HTMLCanvasElement).toDataURL());
@@ -176,17 +169,17 @@ test("plots values together, pauses and zooms", async () => {
     await page.waitForTimeout(500);
     expect(await picture()).toBe(paused);
     await page.getByRole("button", { name: "Zoom in" }).click();
-    await eventually(async () => (await picture()) !== paused, "another picture");
+    await expect.poll(picture).not.toBe(paused);
     const box = (await canvases.nth(0).boundingBox())!;
     const zoomed = await picture();
     await page.mouse.move(box.x + box.width * 0.4, box.y + 100);
     await page.mouse.down();
     await page.mouse.move(box.x + box.width * 0.6, box.y + 110, { steps: 4 });
     await page.mouse.up();
-    await eventually(async () => (await picture()) !== zoomed, "the stretch that was dragged over");
+    await expect.poll(picture).not.toBe(zoomed);
     await page.getByRole("button", { name: "Go on" }).click();
     const live = await picture();
-    await eventually(async () => (await picture()) !== live, "a moving picture");
+    await expect.poll(picture).not.toBe(live);
 });
 
 describe("writing", () => {
@@ -196,14 +189,14 @@ describe("writing", () => {
         await row("motor.speed").getByRole("button", { name: "Plot" }).click();
         await startSetting("motor.setpoint");
         await page.keyboard.type("1200");
-        expect(await page.locator(".preview").textContent()).toBe("mac 5 cmd 3b0 04");
+        await expect.poll(() => page.locator(".preview").textContent()).toBe("mac 5 cmd 3b0 04");
         await page.keyboard.press("Enter");
         await until(() => machine.heard.length > 0, "a frame on the bus");
         expect(machine.heard).toEqual(["mac 5 cmd 3: b0 04"]);
         const entry = page.getByRole("log").getByRole("listitem").first();
-        expect(await entry.textContent()).toMatch(/^\d\d:\d\d:\d\dSent: motor\.setpoint = 1200mac 5 cmd 3: b0 04$/);
-        expect(await value("motor.setpoint").textContent()).toBe("sent 1200");
-        await eventually(async () => Number(await value("motor.speed").textContent()) > 1100, "the motor to follow");
+        await expect.poll(() => entry.textContent()).toMatch(/^\d\d:\d\d:\d\dSent: motor\.setpoint = 1200mac 5 cmd 3: b0 04$/);
+        await expect.poll(() => value("motor.setpoint").textContent()).toBe("sent 1200");
+        await expect.poll(async () => Number(await value("motor.speed").textContent())).toBeGreaterThan(1100);
         await shoot("writing");
     });
 
@@ -220,7 +213,8 @@ describe("writing", () => {
 
     test("sends the values of one frame together", async () => {
         await sendSchema();
-        await row("motor.current").getByRole("button", { name: "Set" }).click();
+        await value("motor.speed").getByText(/^\d+$/).waitFor(); // the link is open
+        await startSetting("motor.current");
         await page.getByLabel("motor.current", { exact: true }).fill("1.5");
         await page.getByLabel("motor.speed", { exact: true }).fill("-2");
         await page.keyboard.press("Enter");
@@ -287,19 +281,21 @@ test("says what is wrong with an address", async () => {
 });
 
 describe("by keyboard and search", () => {
+    const activeRow = () => page.getByRole("treegrid").getAttribute("aria-activedescendant");
+
     test("the table folds, plots and sets", async () => {
         await sendSchema();
         await value("motor.speed").getByText(/^\d+$/).waitFor();
         await page.getByRole("treegrid").focus();
         await page.keyboard.press("Home");
-        expect(await page.getByRole("treegrid").getAttribute("aria-activedescendant")).toBe("row-battery");
+        await expect.poll(activeRow).toBe("row-battery");
         await page.keyboard.press("ArrowLeft");
         await page.locator('[id="row-battery"][aria-expanded="false"]').waitFor();
         expect(await row("battery.charge").count()).toBe(0);
         await page.keyboard.press("ArrowRight");
         await row("battery.charge").waitFor();
         await page.keyboard.press("End");
-        expect(await page.getByRole("treegrid").getAttribute("aria-activedescendant")).toBe("row-motor.speed");
+        await expect.poll(activeRow).toBe("row-motor.speed");
         await page.keyboard.press("p");
         await page.locator(".plots canvas").first().waitFor();
         await page.keyboard.press("Enter");
@@ -312,9 +308,9 @@ describe("by keyboard and search", () => {
         await sendSchema();
         await page.getByLabel("Search values").fill("CELL b");
         const names = () => page.locator(".row .name span:last-child").allTextContents();
-        await eventually(async () => (await names()).join() === "battery,cells,a,b,c,d", "the cells"); // "b" is in "battery"
+        await expect.poll(async () => (await names()).join()).toBe("battery,cells,a,b,c,d"); // "b" is in "battery"
         await page.getByLabel("Search values").fill("cells.b");
-        await eventually(async () => (await names()).join() === "battery,cells,b", "one cell");
+        await expect.poll(async () => (await names()).join()).toBe("battery,cells,b");
     });
 });
 
@@ -333,7 +329,7 @@ test("fits a phone of 360 pixels, light and dark", async () => {
     await page.getByRole("button", { name: "plots" }).click();
     await page.waitForTimeout(500);
     expect(await width()).toBe(360);
-    expect(await coloredPixels(page.locator(".plots canvas"))).toBeGreaterThan(100);
+    await expect.poll(() => coloredPixels(page.locator(".plots canvas"))).toBeGreaterThan(100);
     await shoot("phone-plots");
     await page.getByRole("button", { name: "log", exact: true }).click();
     await page.getByRole("log").getByText("Schema of 11 leaves sent").waitFor();
