@@ -209,6 +209,7 @@ async def test_a_half_open_handshake_is_cut_after_five_seconds(daemon):
     writer.close()
 
 
+@pytest.mark.plain_build_only
 async def test_accepting_goes_on_after_descriptors_ran_out(daemon):
     spare = 5
     limit = daemon.highest_descriptor() + 1 + spare
