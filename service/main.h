@@ -71,6 +71,7 @@ private:
     void receiveBinary(const QByteArray &message);
     template <typename Send>
     void broadcast(Send send);
+    void flushClients();
 
     void superviseSerialPort();
     bool serialPortIsReplaced() const;

@@ -106,6 +106,7 @@ void Main::readSerialPort()
         insertFrame(header, QByteArray(reinterpret_cast<const char *>(frame.data), vek_payload_size(header)));
     });
     serialPort.skip(consumed);
+    flushClients();
 }
 
 void Main::writeToSerialPort(const QVariant &value)

@@ -62,6 +62,7 @@ void Main::readSocketCan()
             insertFrame(static_cast<quint16>(frame.frameId() & 0x7FF), frame.payload());
         }
     }
+    flushClients();
 }
 
 void Main::writeToSocketCan(const QVariant &value)

@@ -112,6 +112,13 @@ void Main::sendToWebSocket(const QVariant &value)
     broadcast([&value](QWebSocket *client) { client->sendBinaryMessage(MsgPack::pack(value)); });
 }
 
+// The messages of one read leave in one write per client, at once. Left to the event loop, they would wait
+// for another poll, which finds every socket writable and wakes a notifier for each.
+void Main::flushClients()
+{
+    broadcast([](QWebSocket *client) { client->flush(); });
+}
+
 void Main::sendTextToWebSocket(const QString &text)
 {
     broadcast([&text](QWebSocket *client) { client->sendTextMessage(text); });
