@@ -2,10 +2,9 @@
 //
 // Inbound cases do what the service does with a frame up to the packing of the value map: insert, and take in
 // the signal's handler. Frames visit all endpoints of their schema in a random order.
+#include "bench/suite.h"
 #include "schema/debuglog.h"
 #include "schema/schemaconverter.h"
-
-#include <benchmark/benchmark.h>
 
 #include <QJsonObject>
 
@@ -169,6 +168,14 @@ void s_debugLineOff(benchmark::State &state)
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
 }
 
+void s_parse(benchmark::State &state, int leaves)
+{
+    const QByteArray text = s_schema(leaves, QStringLiteral("s"), {}).toJson();
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(QJsonDocument::fromJson(text).toVariant());
+    }
+}
+
 void s_load(benchmark::State &state, int leaves)
 {
     const QByteArray text = s_schema(leaves, QStringLiteral("s"), {}).toJson();
@@ -178,44 +185,38 @@ void s_load(benchmark::State &state, int leaves)
     }
 }
 
-template <typename... Arguments>
-void s_register(const std::string &name, Arguments... arguments)
-{
-    benchmark::RegisterBenchmark(name.c_str(), arguments...);
-}
-
-void s_registerAll()
+void s_addAll(Suite &suite)
 {
     for (const int count : {1, 10, 50, 100, 500, 1000, 2048}) {
-        s_register("convert/inbound/" + std::to_string(count), s_inbound, count, QJsonObject());
+        suite.add("convert/inbound/" + std::to_string(count), s_inbound, count, QJsonObject());
     }
-    s_register("convert/inbound/unknown", s_repeat, 51, QJsonObject());
-    s_register("convert/inbound/scaled", s_inbound, 50, QJsonObject{{QStringLiteral("@factor"), 0.1}});
-    s_register("convert/inbound/observe", s_inbound, 50, QJsonObject{{QStringLiteral("@observe"), true}});
-    s_register("convert/inbound/observe_unchanged", s_repeat, 0,
-               QJsonObject{{QStringLiteral("@observe"), true}});
-    s_register("convert/inbound/array1000", s_inbound, 50, QJsonObject{{QStringLiteral("@flushSize"), 1000}});
+    suite.add("convert/inbound/unknown", s_repeat, 51, QJsonObject());
+    suite.add("convert/inbound/scaled", s_inbound, 50, QJsonObject{{QStringLiteral("@factor"), 0.1}});
+    suite.add("convert/inbound/observe", s_inbound, 50, QJsonObject{{QStringLiteral("@observe"), true}});
+    suite.add("convert/inbound/observe_unchanged", s_repeat, 0,
+              QJsonObject{{QStringLiteral("@observe"), true}});
+    suite.add("convert/inbound/array1000", s_inbound, 50, QJsonObject{{QStringLiteral("@flushSize"), 1000}});
     for (const int size : {10, 100, 1000, 10000}) {
-        s_register("convert/gather/" + std::to_string(size), s_repeat, 0,
-                   QJsonObject{{QStringLiteral("@flushSize"), size}});
+        suite.add("convert/gather/" + std::to_string(size), s_repeat, 0,
+                  QJsonObject{{QStringLiteral("@flushSize"), size}});
     }
-    s_register("convert/map3", s_map3);
-    s_register("convert/map3/floor", s_bareMap);
+    suite.add("convert/map3", s_map3);
+    suite.add("convert/map3/floor", s_bareMap);
     for (const int leaves : {1, 3, 10, 20, 100}) {
         const std::string name = "convert/outbound/" + std::to_string(leaves);
-        s_register(name + "/debug_on", s_outbound, leaves, true);
-        s_register(name + "/debug_off", s_outbound, leaves, false);
+        suite.add(name + "/debug_on", s_outbound, leaves, true);
+        suite.add(name + "/debug_off", s_outbound, leaves, false);
     }
-    s_register("convert/debug_line_off", s_debugLineOff);
-    s_register("schema/load_500", s_load, 500);
+    suite.add("convert/debug_line_off", s_debugLineOff);
+    suite.add("schema/load_500", s_load, 500);
+    suite.add("schema/load_500/floor", s_parse, 500);
 }
 
 } // namespace
 
 int main(int argc, char **argv)
 {
-    s_registerAll();
-    benchmark::Initialize(&argc, argv);
-    benchmark::RunSpecifiedBenchmarks();
-    return 0;
+    Suite suite(argc, argv);
+    s_addAll(suite);
+    return suite.run();
 }
