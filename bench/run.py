@@ -44,8 +44,9 @@ class Run:
     def timed(self, program, pattern):
         """Nanoseconds of each case that matches: the least of several repetitions, all of them interleaved."""
         least, repetitions = ("0.01", "3") if self.quick else ("0.05", "9")
-        result = subprocess.run([self.programs / program, f"--benchmark_filter={pattern}", "--benchmark_format=json",
-                                 f"--benchmark_min_time={least}", f"--benchmark_repetitions={repetitions}",
+        result = subprocess.run([self.programs / program, f"--benchmark_filter={pattern}",
+                                 "--benchmark_format=json", f"--benchmark_min_time={least}",
+                                 f"--benchmark_repetitions={repetitions}",
                                  "--benchmark_enable_random_interleaving=true"],
                                 check=True, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL)
         times = {}
@@ -99,8 +100,8 @@ def link(run):
 
 
 def convert(run):
-    for group in ("convert/inbound", "convert/gather", "convert/map3", "convert/outbound", "convert/debug_line_off",
-                  "schema/load_500"):
+    for group in ("convert/inbound", "convert/gather", "convert/map3", "convert/outbound",
+                  "convert/debug_line_off", "schema/load_500"):
         with_floors(run, "convert_bench", group)
     compare(run, "convert/inbound/2048", "convert/inbound/50", "x 50 endpoints")
     compare(run, "convert/gather/10000", "convert/gather/100", "x flush size 100")
@@ -150,18 +151,32 @@ TIMED = [codec, link, convert, of_service("broadcast", 5), of_service("latency",
          of_service("start_to_listen", 0)]
 
 
+VERDICTS = {None: "", True: "met", False: "MISSED"}
+
+
+def rows(table):
+    """What both tables show: case, figure, value, goal, verdict."""
+    return [(case, figure, f"{value:,}", goals.goal(case, figure), VERDICTS[goals.verdict(case, figure, value)])
+            for case, figures in table.items() for figure, value in figures.items()]
+
+
 def print_table(table):
-    """Returns the goals that are missed."""
-    missed = []
-    print(f"\n{'case':40}{'figure':34}{'value':>12}  {'goal':12}")
-    for case, figures in table.items():
-        for figure, value in figures.items():
-            met = goals.verdict(case, figure, value)
-            word = {None: "", True: "met", False: "MISSED"}[met]
-            print(f"{case:40}{figure:34}{value:>12,}  {goals.goal(case, figure):12}{word}".rstrip())
-            if met is False:
-                missed.append(f"{case}: {figure}")
-    return missed
+    print(f"\n{'case':40}{'figure':34}{'value':>12}  goal")
+    for case, figure, value, goal, verdict in rows(table):
+        print(f"{case:40}{figure:34}{value:>12}  {goal:12}{verdict}".rstrip())
+
+
+def markdown(table):
+    """The same table as documentation shows it."""
+    lines = ["| case | figure | value | goal | |", "| --- | --- | ---: | --- | --- |"]
+    return "\n".join(lines + [f"| {' | '.join(row)} |" for row in rows(table)]) + "\n"
+
+
+def write_results(table, folder):
+    folder.mkdir(parents=True, exist_ok=True)
+    (folder / "results.json").write_text(json.dumps(table, indent=2) + "\n")
+    (folder / "results.md").write_text(markdown(table))
+    chart.draw(table, folder / "results.svg")
 
 
 def main():
@@ -178,11 +193,11 @@ def main():
         measure(run)
     if not run.table:
         parser.error(f"no case begins with {options.only}")
-    missed = print_table(run.table)
-    options.results.mkdir(parents=True, exist_ok=True)
-    (options.results / "results.json").write_text(json.dumps(run.table, indent=2) + "\n")
-    chart.draw(run.table, options.results / "results.svg")
-    print(f"\n{len(missed)} goals missed. {options.results}: results.json, results.svg")
+    print_table(run.table)
+    write_results(run.table, options.results)
+    missed = [f"{case}: {figure}" for case, figure, _, _, verdict in rows(run.table)
+              if verdict == VERDICTS[False]]
+    print(f"\n{len(missed)} goals missed. More in {options.results}: results.json, results.md, results.svg")
     if options.check and missed:
         sys.exit("Gates broken: " + "; ".join(missed))
 

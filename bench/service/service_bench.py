@@ -329,6 +329,13 @@ def system_calls(build, seconds, table):
         "polls a batch": round(polls, 2), "all a batch": round(sum(each.values()), 2)}
 
 
+def profile(build, seconds, table):
+    """Writes the profile of 150 bursts to ten clients, for callgrind_annotate."""
+    path = "callgrind.out"
+    counted(build, 10, 150, counting.callgrind(path))
+    table["service/profile"] = {path: counting.Profile(path).total}
+
+
 def smoke(build, seconds, table):
     """Every program delivers what is fed to it; nothing is measured."""
     for program in ("vorbel", "qt", "epoll", "python"):
@@ -338,7 +345,7 @@ def smoke(build, seconds, table):
 
 
 CASES = {case.__name__: case for case in (broadcast, latency, memory, start_to_listen, instructions, system_calls,
-                                          smoke)}
+                                          profile, smoke)}
 
 
 def main():
