@@ -6,11 +6,11 @@
 #include "msgpack/msgpack.h"
 #include "schema/schemaconverter.h"
 #include "service/typedarrays.h"
+#include "tests/fuzz/fuzzing.h"
 
 #include <QJsonDocument>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <stdexcept>
 #include <vector>
@@ -20,21 +20,11 @@
 namespace
 {
 
-void s_require(bool condition)
-{
-    if (!condition) {
-        std::abort();
-    }
-}
-
 // Takes bytes from the front of the input; what is missing reads as nothing.
 class Input
 {
 public:
-    Input(const std::uint8_t *data, std::size_t size)
-        : m_bytes(reinterpret_cast<const char *>(data), static_cast<int>(size))
-    {
-    }
+    explicit Input(const QByteArray &bytes) : m_bytes(bytes) {}
 
     QByteArray line()
     {
@@ -78,7 +68,7 @@ bool s_throwsBadType(const Call &call)
     try {
         call();
     } catch (const std::runtime_error &error) {
-        s_require(std::strcmp(error.what(), "Bad type") == 0);
+        Fuzzing::require(std::strcmp(error.what(), "Bad type") == 0, "another error than bad type");
         return true;
     }
     return false;
@@ -94,9 +84,10 @@ void s_insertFrame(SchemaConverter &converter, Input &input)
     const QByteArray view = QByteArray::fromRawData(exact.data(), static_cast<int>(exact.size()));
     const bool thrown = s_throwsBadType([&] {
         const int status = converter.insertFrame(VEKEndpoint(mac, cmd, false), view);
-        s_require(status == 1 || status == 2);
+        Fuzzing::require(status == 1 || status == 2, "no such status");
     });
-    s_require(!thrown || payload.isEmpty()); // only the end of a packed value throws
+    Fuzzing::require(!thrown || payload.isEmpty(),
+                     "a payload with bytes made it throw"); // only the end of a packed value throws
 }
 
 // Packs what is ready, as for clients; every other time by force.
@@ -104,19 +95,20 @@ void s_take(SchemaConverter &converter, bool force)
 {
     const QVariant value = converter.takeVariantToSend(force);
     MsgPack::pack(value);
-    s_require(!converter.takeVariantToSend(force).isValid());
+    Fuzzing::require(!converter.takeVariantToSend(force).isValid(), "taken twice");
 }
 
 void s_checkRecords(const QByteArray &records)
 {
-    s_require(records.size() % VEK_FRAME_SIZE == 0);
+    Fuzzing::require(records.size() % VEK_FRAME_SIZE == 0, "a broken record");
     for (int at = 0; at < records.size(); at += VEK_FRAME_SIZE) {
         vek_frame_t frame;
         std::memcpy(&frame, records.constData() + at, sizeof frame);
         const std::uint16_t header = vek_frame_header(frame);
-        s_require(vek_frame_is_valid(&frame));
-        s_require(vek_header_rtr(header) == 0);
-        s_require(vek_header_dlc(header) >= 1 && vek_header_dlc(header) <= VEK_FRAME_DATA_SIZE);
+        Fuzzing::require(vek_frame_is_valid(&frame), "a record without its checksum");
+        Fuzzing::require(vek_header_rtr(header) == 0, "a remote request");
+        Fuzzing::require(vek_header_dlc(header) >= 1 && vek_header_dlc(header) <= VEK_FRAME_DATA_SIZE,
+                         "no possible length");
     }
 }
 
@@ -125,7 +117,8 @@ void s_send(SchemaConverter &converter, const QByteArray &message)
     const QVariant value = MsgPack::unpack(message);
     QByteArray records;
     const bool thrown = s_throwsBadType([&] { records = converter.toFrame(value); });
-    s_require(thrown == (value.userType() != QMetaType::QVariantMap)); // codec and JSON make no other maps
+    Fuzzing::require(thrown == (value.userType() != QMetaType::QVariantMap),
+                     "maps convert, nothing else does"); // codec and JSON make no other maps
     s_checkRecords(records);
 }
 
@@ -134,13 +127,13 @@ void s_send(SchemaConverter &converter, const QByteArray &message)
 extern "C" int LLVMFuzzerInitialize(int *, char ***)
 {
     registerTypedArrays();
-    qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {});
+    Fuzzing::silenceLog();
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size)
 {
-    Input input(data, size);
+    Input input(Fuzzing::bytes(data, size));
     SchemaConverter converter;
     int signalled = 0;
     QObject::connect(&converter, &SchemaConverter::variantToSend, [&signalled] { ++signalled; });
@@ -150,7 +143,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     for (unsigned i = 0; i < frames; ++i) {
         signalled = 0;
         s_insertFrame(converter, input);
-        s_require(signalled <= 1);
+        Fuzzing::require(signalled <= 1, "signalled twice");
         if (signalled == 1 && i % 3 != 0) {
             s_take(converter, i % 3 == 1);
         }
@@ -161,6 +154,6 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
     s_take(converter, true);
     converter.dump();
     converter.loadSchema(QJsonDocument());
-    s_require(!converter.takeVariantToSend(true).isValid());
+    Fuzzing::require(!converter.takeVariantToSend(true).isValid(), "values outlived their schema");
     return 0;
 }

@@ -3,6 +3,13 @@
 #include <atomic>
 
 static std::atomic<std::size_t> s_bytes{0};
+static std::atomic<std::size_t> s_allocations{0};
+
+static void s_count(std::size_t size)
+{
+    s_bytes.fetch_add(size, std::memory_order_relaxed);
+    s_allocations.fetch_add(1, std::memory_order_relaxed);
+}
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 
@@ -13,7 +20,7 @@ extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*mallocHook)(cons
 
 static void s_onMalloc(const volatile void *, std::size_t size)
 {
-    s_bytes.fetch_add(size, std::memory_order_relaxed);
+    s_count(size);
 }
 
 static void s_onFree(const volatile void *) {}
@@ -32,19 +39,19 @@ void *__libc_realloc(void *block, std::size_t size);
 
 void *malloc(std::size_t size)
 {
-    s_bytes.fetch_add(size, std::memory_order_relaxed);
+    s_count(size);
     return __libc_malloc(size);
 }
 
 void *calloc(std::size_t count, std::size_t size)
 {
-    s_bytes.fetch_add(count * size, std::memory_order_relaxed);
+    s_count(count * size);
     return __libc_calloc(count, size);
 }
 
 void *realloc(void *block, std::size_t size)
 {
-    s_bytes.fetch_add(size, std::memory_order_relaxed);
+    s_count(size);
     return __libc_realloc(block, size);
 }
 
@@ -52,9 +59,17 @@ void *realloc(void *block, std::size_t size)
 
 #endif
 
-AllocationCounter::AllocationCounter() : m_start(s_bytes.load()) {}
+AllocationCounter::AllocationCounter()
+    : m_startBytes(s_bytes.load()), m_startAllocations(s_allocations.load())
+{
+}
 
 std::size_t AllocationCounter::bytes() const
 {
-    return s_bytes.load() - m_start;
+    return s_bytes.load() - m_startBytes;
+}
+
+std::size_t AllocationCounter::allocations() const
+{
+    return s_allocations.load() - m_startAllocations;
 }

@@ -11,6 +11,10 @@ public:
     // Bytes asked for since construction by all threads, whether or not they were given back meanwhile.
     std::size_t bytes() const;
 
+    // How many times they asked.
+    std::size_t allocations() const;
+
 private:
-    std::size_t m_start;
+    std::size_t m_startBytes;
+    std::size_t m_startAllocations;
 };

@@ -2,7 +2,7 @@
 #include "msgpack/msgpack.h"
 #include "schema/schemaconverter.h"
 #include "service/typedarrays.h"
-#include "tst_schematools.h"
+#include "tests/unit/tst_schematools.h"
 
 #include <QSignalSpy>
 #include <QtTest>
@@ -514,7 +514,7 @@ void TestSchemaConverterInbound::charArraysCannotBePacked()
                                     "e": {"@mac": 1, "@format": "C", "@flushSize": 1}})"));
     converter.insertFrame(s_at(1, 0), s_hex("ff"));
     const QVariant taken = converter.takeVariantToSend(false);
-    LogCollector log;
+    LogScope log;
     // The map counts three entries; that of "c" has a name and no value.
     QCOMPARE(MsgPack::pack(taken).toHex(), QByteArray("83a163a164ccffa165d412ff"));
     QVERIFY(!log.lines().isEmpty());
@@ -536,7 +536,7 @@ void TestSchemaConverterInbound::handlerMayLoadAnotherSchema()
 
 void TestSchemaConverterInbound::nothingOnThisPathLogs()
 {
-    LogCollector log;
+    LogScope log;
     SchemaConverter converter;
     converter.loadSchema(s_json(R"({"x": {"@mac": 1, "@format": "C", "@skip": -1, "@factor": 0},
                                     "y": {"@mac": 1, "@format": "?"}, "z": {"@mac": 1, "@format": "p"},

@@ -3,7 +3,7 @@
 // The table of attributes is not public. What the walk made of a document shows in the endpoints that are
 // known, in the values that readings turn into, and in what can be written.
 #include "schema/schemaconverter.h"
-#include "tst_schematools.h"
+#include "tests/unit/tst_schematools.h"
 
 #include <QMetaMethod>
 #include <QSignalSpy>
@@ -94,7 +94,7 @@ void TestSchemaConverterLoad::startsEmpty()
     QCOMPARE(s_status(converter, 0, 0), 2);
     QVERIFY(!converter.takeVariantToSend(true).isValid());
     QCOMPARE(converter.toVEKFrames(QVariantMap()).size(), 0);
-    LogCollector log;
+    LogScope log;
     converter.dump();
     QCOMPARE(log.lines(), QStringList{"debug: QMap()"});
 }
@@ -302,7 +302,7 @@ void TestSchemaConverterLoad::dumpWritesTheDocument()
     QFETCH(QString, expected);
     SchemaConverter converter;
     converter.loadSchema(s_json(document));
-    LogCollector log;
+    LogScope log;
     converter.dump();
     QCOMPARE(log.lines(), QStringList{"debug: " + expected});
 }
@@ -316,7 +316,7 @@ void TestSchemaConverterLoad::loadsFromAFile()
     file.close();
 
     SchemaConverter converter;
-    LogCollector log;
+    LogScope log;
     converter.loadSchemaFromFile(file.fileName());
     QCOMPARE(s_status(converter, 5, 2), 1);
     QCOMPARE(s_status(converter, 5, 7), 1);
@@ -362,7 +362,7 @@ void TestSchemaConverterLoad::textThatIsNoObjectEmptiesTheSchema()
     converter.loadSchema(s_json(s_example));
     converter.loadSchema(QJsonDocument::fromJson(text));
     QCOMPARE(s_status(converter, 5, 2), 2);
-    LogCollector log;
+    LogScope log;
     converter.dump();
     QCOMPARE(log.lines(), QStringList{"debug: QMap()"});
 }
@@ -375,7 +375,7 @@ void TestSchemaConverterLoad::loadingReplacesTheWholeSchema()
     QCOMPARE(s_status(converter, 5, 2), 2);
     QCOMPARE(s_status(converter, 5, 7), 2);
     QCOMPARE(s_status(converter, 6, 0), 1);
-    LogCollector log;
+    LogScope log;
     QCOMPARE(converter.toVEKFrames(s_map(R"({"config": 1})")).size(), 0);
     QCOMPARE(log.lines("warning"), QStringList{R"(warning: Key: "config" does not exist in the schema)"});
 }
@@ -418,7 +418,7 @@ void TestSchemaConverterLoad::fileThatCannotBeOpenedLeavesTheSchema()
     SchemaConverter converter;
     converter.loadSchema(s_json(s_example));
     s_status(converter, 5, 2);
-    LogCollector log;
+    LogScope log;
     converter.loadSchemaFromFile(folder.filePath("missing.json"));
     converter.loadSchemaFromFile(folder.path()); // a folder
     QCOMPARE(log.lines(), QStringList());
@@ -437,7 +437,7 @@ void TestSchemaConverterLoad::fileThatIsNoJsonClearsTheSchema()
         file.close();
         SchemaConverter converter;
         converter.loadSchema(s_json(s_example));
-        LogCollector log;
+        LogScope log;
         converter.loadSchemaFromFile(file.fileName());
         QCOMPARE(s_status(converter, 5, 2), 2);
         QCOMPARE(log.lines(), QStringList());
@@ -456,7 +456,7 @@ void TestSchemaConverterLoad::branchOptionsReachNoLeaf()
 
 void TestSchemaConverterLoad::loadingLogsNothing()
 {
-    LogCollector log;
+    LogScope log;
     SchemaConverter converter;
     converter.loadSchema(s_json(s_example));
     converter.loadSchema(QJsonDocument());

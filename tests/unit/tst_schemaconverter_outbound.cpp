@@ -1,7 +1,7 @@
 // Values to frames: the bytes of every format, how payloads are cut into frames, and every log line on the
 // way.
 #include "schema/schemaconverter.h"
-#include "tst_schematools.h"
+#include "tests/unit/tst_schematools.h"
 
 #include <QtTest>
 
@@ -136,7 +136,7 @@ void TestSchemaConverterOutbound::emptyMapYieldsNoFrames()
 {
     SchemaConverter converter;
     converter.loadSchema(s_json(R"({"x": {"@mac": 1, "@format": "C"}})"));
-    LogCollector log;
+    LogScope log;
     QCOMPARE(converter.toFrame(QVariantMap()), QByteArray());
     QCOMPARE(log.lines(),
              (QStringList{"debug: Converting binary data into a frame QVariant(QVariantMap, QMap())",
@@ -223,7 +223,7 @@ void TestSchemaConverterOutbound::bytesOfEveryFormat()
     QFETCH(QByteArray, options);
     QFETCH(QVariant, value);
     QFETCH(QString, frame);
-    LogCollector log;
+    LogScope log;
     QCOMPARE(s_framesOfLeaf(options, value), QStringList{frame});
     QCOMPARE(log.lines("warning"), QStringList());
 }
@@ -378,7 +378,7 @@ void TestSchemaConverterOutbound::payloadsAreCutIntoFragments()
     converter.loadSchema(
         s_json(R"({"x": {"@mac": 1, "@cmd": 2, "@format": "C", "@fragmentation": true, "@skip": )" +
                QByteArray::number(skip) + "}}"));
-    LogCollector log;
+    LogScope log;
     const QList<vek_frame_t> frames = converter.toVEKFrames(QVariantMap{{"x", 0xA5}});
     QCOMPARE(log.lines("warning"), QStringList());
     QList<int> actual;
@@ -460,7 +460,7 @@ void TestSchemaConverterOutbound::packedFormat()
     QFETCH(QByteArray, schema);
     QFETCH(QVariantMap, value);
     QFETCH(QStringList, frames);
-    LogCollector log;
+    LogScope log;
     QCOMPARE(s_frames(schema, value), frames);
     QCOMPARE(log.lines("warning"), QStringList());
 }
@@ -495,11 +495,11 @@ void TestSchemaConverterOutbound::wholeLogOfOneConversion()
         "debug: Converted VEK frames: 1",
     };
     {
-        LogCollector log;
+        LogScope log;
         QCOMPARE(converter.toVEKFrames(value).size(), 1);
         QCOMPARE(log.lines(), conversion);
     }
-    LogCollector log;
+    LogScope log;
     QCOMPARE(converter.toFrame(value).size(), 11);
     QCOMPARE(log.lines(), QStringList{"debug: Converting binary data into a frame " + debugForm} +
                               conversion + QStringList{"debug: Converted size: 11"});
@@ -512,7 +512,7 @@ void TestSchemaConverterOutbound::wholeLogOfAFragmentedConversion()
         s_json(R"({"a": {"@mac": 63, "@cmd": 31, "@format": "C", "@skip": 17, "@fragmentation": true},
                                     "b": {"@mac": 1, "@cmd": 0, "@format": "i", "@skip": 6},
                                     "r": {"@mac": 1, "@cmd": 1, "@format": "C", "@mask": 1}})"));
-    LogCollector log;
+    LogScope log;
     QCOMPARE(converter.toFrame(QVariantMap{{"a", 171}, {"b", 0x04030201}, {"r", 1}}).size(), 44);
     const QString first =
         R"(debug: Converting binary data into a frame QVariant(QVariantMap, )"
@@ -570,7 +570,7 @@ void TestSchemaConverterOutbound::debugLinesOfPlacement()
     QFETCH(QByteArray, options);
     QFETCH(QVariant, value);
     QFETCH(QString, expected);
-    LogCollector log;
+    LogScope log;
     s_framesOfLeaf(options, value);
     QCOMPARE(log.lines().filter("insertToByteArray"),
              QStringList{"debug: insertToByteArray:  " + expected + " , dst:  0"});
@@ -601,11 +601,11 @@ void TestSchemaConverterOutbound::valueThatIsNoMapThrows()
     SchemaConverter converter;
     converter.loadSchema(s_json(R"({"x": {"@mac": 1, "@format": "C"}})"));
     {
-        LogCollector log;
+        LogScope log;
         COMPARE_THROWN(converter.toVEKFrames(value), "Bad type");
         QCOMPARE(log.lines(), QStringList{line});
     }
-    LogCollector log;
+    LogScope log;
     COMPARE_THROWN(converter.toFrame(value), "Bad type");
     QCOMPARE(log.lines(), (QStringList{line, line}));
 }
@@ -632,7 +632,7 @@ void TestSchemaConverterOutbound::unknownMembersAreSkipped()
     SchemaConverter converter;
     converter.loadSchema(
         s_json(R"({"branch": {"x": {"@mac": 1, "@format": "C"}, "note": "text"}, "list": [1]})"));
-    LogCollector log;
+    LogScope log;
     const QVariantMap value = s_map(
         R"({"branch": {"x": 5, "y": 6, "note": 7}, "list": 8, "": 9, "Branch": {"x": 1}, "a \"b\"": {}})");
     QCOMPARE(s_words(converter.toVEKFrames(value)), QStringList{"1/0 [1] 0500000000000000"});
@@ -644,7 +644,7 @@ void TestSchemaConverterOutbound::unknownMembersAreSkipped()
 void TestSchemaConverterOutbound::withoutASchemaEveryMemberIsUnknown()
 {
     SchemaConverter converter;
-    LogCollector log;
+    LogScope log;
     QCOMPARE(converter.toVEKFrames(s_map(R"({"a": 1, "b": {"c": 2}})")).size(), 0);
     QCOMPARE(log.lines("warning"), (QStringList{s_unknownWarning("a"), s_unknownWarning("b")}));
 }
@@ -671,7 +671,7 @@ void TestSchemaConverterOutbound::readOnlyLeavesAreSkipped()
 {
     QFETCH(QByteArray, options);
     QFETCH(QVariant, value);
-    LogCollector log;
+    LogScope log;
     QCOMPARE(s_framesOfLeaf(options, value), QStringList());
     QCOMPARE(log.lines("warning"), QStringList{s_readOnlyWarning("x")});
     QCOMPARE(log.lines().filter("insertToByteArray"), QStringList());
@@ -681,7 +681,7 @@ void TestSchemaConverterOutbound::nilWritesNothing()
 {
     for (const char *format : {"C", "c", "S", "s", "Q", "q", "I", "i", "f", "p"}) {
         for (const char *factor : {"1", "2"}) {
-            LogCollector log;
+            LogScope log;
             QCOMPARE(s_framesOfLeaf(QByteArray(R"("@format": ")") + format + R"(", "@factor": )" + factor,
                                     QVariant()),
                      QStringList());
@@ -705,7 +705,7 @@ void TestSchemaConverterOutbound::unknownFormatsWriteNothing()
 {
     QFETCH(QByteArray, format);
     for (const char *more : {"", R"(, "@factor": 2)", R"(, "@skip": -1)", R"(, "@skip": 70000)"}) {
-        LogCollector log;
+        LogScope log;
         QCOMPARE(s_framesOfLeaf(R"("@format": ")" + format + "\"" + more, 1), QStringList());
         QCOMPARE(log.lines().size(), 2);
         QCOMPARE(log.lines().last(), QString("debug: Converted VEK frames: 0"));
@@ -714,7 +714,7 @@ void TestSchemaConverterOutbound::unknownFormatsWriteNothing()
 
 void TestSchemaConverterOutbound::plainValueForABranch()
 {
-    LogCollector log;
+    LogScope log;
     QCOMPARE(s_frames(R"({"motor": {"speed": {"@mac": 1, "@format": "C"}}})", QVariantMap{{"motor", 5}}),
              QStringList());
     QCOMPARE(log.lines(), (QStringList{"debug: Converting binary data into a frame QVariant(QVariantMap, "
@@ -738,7 +738,7 @@ void TestSchemaConverterOutbound::mapForALeafWalksItsMembers()
     SchemaConverter converter;
     converter.loadSchema(
         s_json(R"({"x": {"@mac": 1, "@format": "C"}, "masked": {"@mac": 1, "@format": "C", "@mask": 1}})"));
-    LogCollector log;
+    LogScope log;
     QCOMPARE(converter.toVEKFrames(s_map(R"({"x": {"a": 1, "@mac": 2}, "masked": {"b": 1}})")).size(), 0);
     QCOMPARE(log.lines("warning"),
              (QStringList{s_unknownWarning("b"), s_unknownWarning("@mac"), s_unknownWarning("a")}));
@@ -747,7 +747,7 @@ void TestSchemaConverterOutbound::mapForALeafWalksItsMembers()
 void TestSchemaConverterOutbound::mapForALeafReachesItsChildren()
 {
     const QByteArray schema = R"({"x": {"@mac": 1, "@format": "C", "y": {"@mac": 2, "@format": "C"}}})";
-    LogCollector log;
+    LogScope log;
     QCOMPARE(s_frames(schema, s_map(R"({"x": {"y": 5}})")), QStringList{"2/0 [1] 0500000000000000"});
     QCOMPARE(s_frames(schema, s_map(R"({"x": 6})")), QStringList{"1/0 [1] 0600000000000000"});
     // A packed leaf takes the map as its value instead.
@@ -851,7 +851,7 @@ void TestSchemaConverterOutbound::saturationIsLogged()
     QFETCH(QString, numbers);
     QFETCH(QString, placed);
     QFETCH(QString, frame);
-    LogCollector log;
+    LogScope log;
     QCOMPARE(s_framesOfLeaf(options, value), QStringList{frame});
     QCOMPARE(log.lines().mid(1, 2),
              (QStringList{"warning: Invalid numeric conversion. Number overflow, value: " + numbers,
@@ -863,7 +863,7 @@ void TestSchemaConverterOutbound::tooLongPayloadIsTrimmed()
 {
     SchemaConverter converter;
     converter.loadSchema(s_json(R"({"x": {"@mac": 1, "@format": "i", "@skip": 6}})"));
-    LogCollector log;
+    LogScope log;
     QCOMPARE(s_words(converter.toVEKFrames(QVariantMap{{"x", 0x04030201}})),
              QStringList{"1/0 [8] 0000000000000102"});
     QCOMPARE(log.lines().mid(2),
@@ -873,7 +873,7 @@ void TestSchemaConverterOutbound::tooLongPayloadIsTrimmed()
 
 void TestSchemaConverterOutbound::trimmedEndpointDoesNotStopTheNext()
 {
-    LogCollector log;
+    LogScope log;
     QCOMPARE(
         s_frames(
             R"({"a": {"@mac": 1, "@format": "C", "@skip": 8}, "b": {"@mac": 2, "@format": "C", "@skip": 30},
@@ -945,7 +945,7 @@ void TestSchemaConverterOutbound::headerKeepsTheLowBits()
     SchemaConverter converter;
     converter.loadSchema(QJsonDocument::fromVariant(
         QVariantMap{{"x", QVariantMap{{"@mac", mac}, {"@cmd", cmd}, {"@format", "C"}}}}));
-    LogCollector log;
+    LogScope log;
     QCOMPARE(s_words(converter.toVEKFrames(QVariantMap{{"x", 5}})),
              QStringList{address + " [1] 0500000000000000"});
     const QStringList parts = address.split('/');
@@ -981,7 +981,7 @@ void TestSchemaConverterOutbound::offsetsOutOfRangeWriteNothing()
                 {"far away",
                  QVariantMap{{"@mac", 1}, {"@format", format}, {"@skip", skip}, {"@factor", factor}}},
                 {"near", QVariantMap{{"@mac", 1}, {"@format", "C"}}}}));
-            LogCollector log;
+            LogScope log;
             QCOMPARE(converter.toVEKFrames(QVariantMap{{"far away", 5}}).size(), 0);
             QCOMPARE(log.lines("warning").size(), 1);
             QVERIFY2(log.lines("warning").first().contains("\"far away\""),
@@ -1001,7 +1001,7 @@ void TestSchemaConverterOutbound::largestOffset()
         converter.loadSchema(
             s_json(R"({"x": {"@mac": 1, "@skip": 65535, "@fragmentation": true, "@format": ")" +
                    QByteArray(format) + "\"}}"));
-        LogCollector log;
+        LogScope log;
         const QList<vek_frame_t> frames = converter.toVEKFrames(QVariantMap{{"x", 1}});
         QCOMPARE(log.lines("warning"), QStringList());
         QCOMPARE(frames.size(), *format == 'C' ? 8192 : 8193); // 65,536 bytes, or a few more

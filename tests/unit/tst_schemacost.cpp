@@ -1,68 +1,11 @@
 // What conversion costs in memory: counted allocations, never time.
 #include "schema/schemaconverter.h"
-#include "tst_schematools.h"
+#include "tests/unit/allocationcounter.h"
+#include "tests/unit/tst_schematools.h"
 
 #include <QtTest>
 
-#include <cstdlib>
 #include <limits>
-
-// Every way into the heap is counted while s_counting is set. Under a sanitizer its hooks count;
-// elsewhere this program's own malloc does, which the C library's stands behind.
-static bool s_counting = false;
-static std::size_t s_allocations = 0;
-static std::size_t s_bytes = 0;
-
-static void s_count(std::size_t size)
-{
-    if (s_counting) {
-        s_allocations += 1;
-        s_bytes += size;
-    }
-}
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-
-// Of <sanitizer/allocator_interface.h>, which gcc does not install.
-extern "C" int __sanitizer_install_malloc_and_free_hooks(void (*)(const volatile void *, std::size_t),
-                                                         void (*)(const volatile void *));
-
-static void s_onAllocation(const volatile void *, std::size_t size)
-{
-    s_count(size);
-}
-
-static void s_onRelease(const volatile void *) {}
-
-static const int s_hooks = __sanitizer_install_malloc_and_free_hooks(s_onAllocation, s_onRelease);
-
-#else
-
-extern "C" {
-void *__libc_malloc(std::size_t);
-void *__libc_calloc(std::size_t, std::size_t);
-void *__libc_realloc(void *, std::size_t);
-
-void *malloc(std::size_t size)
-{
-    s_count(size);
-    return __libc_malloc(size);
-}
-
-void *calloc(std::size_t count, std::size_t size)
-{
-    s_count(count * size);
-    return __libc_calloc(count, size);
-}
-
-void *realloc(void *block, std::size_t size)
-{
-    s_count(size);
-    return __libc_realloc(block, size);
-}
-}
-
-#endif
 
 struct Cost {
     std::size_t allocations;
@@ -72,12 +15,9 @@ struct Cost {
 template <typename Call>
 static Cost s_costOf(const Call &call)
 {
-    s_allocations = 0;
-    s_bytes = 0;
-    s_counting = true;
+    const AllocationCounter counter;
     call();
-    s_counting = false;
-    return {s_allocations, s_bytes};
+    return {counter.allocations(), counter.bytes()};
 }
 
 class TestSchemaCost : public QObject
@@ -293,7 +233,7 @@ void TestSchemaCost::hostileOffsetsCostNothing()
     converter.loadSchema(QJsonDocument::fromVariant(QVariantMap{
         {"x", QVariantMap{{"@mac", 1}, {"@format", "i"}, {"@fragmentation", true}, {"@skip", skip}}}}));
     const QVariantMap value{{"x", 5}};
-    LogCollector log;
+    LogScope log;
     const Cost cost = s_costOf([&] { converter.toFrame(value); });
     QVERIFY2(cost.bytes < 60000, qPrintable(QString::number(cost.bytes)));
 }
@@ -303,7 +243,7 @@ void TestSchemaCost::largestOffsetCostsItsPayload()
     SchemaConverter converter;
     converter.loadSchema(s_json(R"({"x": {"@mac": 1, "@format": "C", "@skip": 65535}})"));
     const QVariantMap value{{"x", 5}};
-    LogCollector log;
+    LogScope log;
     const Cost cost = s_costOf([&] { converter.toFrame(value); }); // trimmed to one frame
     QVERIFY2(cost.bytes < 4 * 65536, qPrintable(QString::number(cost.bytes)));
 }
@@ -320,7 +260,7 @@ void TestSchemaCost::manyLargeOffsetsAreBounded()
     }
     SchemaConverter converter;
     converter.loadSchema(QJsonDocument::fromVariant(document));
-    LogCollector log;
+    LogScope log;
     const Cost cost = s_costOf([&] { converter.toFrame(value); });
     QVERIFY2(cost.bytes < 40000000, qPrintable(QString::number(cost.bytes)));
 }

@@ -1,6 +1,6 @@
 // One schema leaf: its options, its predicates, and the decoding of payloads into readings.
 #include "schema/schemadataattribute.h"
-#include "tst_schematools.h"
+#include "tests/unit/tst_schematools.h"
 
 #include <QtTest>
 
@@ -1096,7 +1096,7 @@ void TestSchemaDataAttribute::packedThatIsFullRefusesWithoutThrowing()
 
 void TestSchemaDataAttribute::nothingIsLogged()
 {
-    LogCollector log;
+    LogScope log;
     SchemaDataAttribute attribute = s_attribute(
         R"({"@format": "s", "@flushSize": "x", "@skip": [], "@mac": "y", "@factor": "z", "@mask": {}})");
     attribute.insert(s_hex("0100"));

@@ -1,7 +1,7 @@
 // The steps that formats share: keeping a reading, clamping a scaled value, placing a value in a payload.
 #include "schema/gathering.h"
 #include "schema/numericconversion.h"
-#include "tst_schematools.h"
+#include "tests/unit/tst_schematools.h"
 
 #include <QtTest>
 
@@ -102,7 +102,7 @@ static void s_checkClamped()
     QFETCH(float, value);
     QFETCH(int, expected);
     QFETCH(QString, warning);
-    LogCollector log;
+    LogScope log;
     const QVariant result = convert_to_qvariant_numeric<T>(value);
     QCOMPARE(result.userType(), qMetaTypeId<T>());
     QCOMPARE(result.toInt(), expected);
@@ -160,7 +160,7 @@ void TestSchemaHelpers::clampedToSignedChar()
 
 void TestSchemaHelpers::placesLittleEndianAndGrowsWithZeros()
 {
-    LogCollector log;
+    LogScope log;
     QByteArray payload;
     insertToByteArray<short>(payload, 3, 0x0102);
     QCOMPARE(payload.toHex(), QByteArray("0000000201"));

@@ -1,8 +1,11 @@
 // What the tests of schema conversion share: collected log lines, typed comparison of values, JSON shorthand.
 #pragma once
 
+#include "tests/unit/logcollector.h"
+
 #include <QByteArray>
 #include <QJsonDocument>
+#include <QRegExp>
 #include <QStringList>
 #include <QVariant>
 #include <QVector>
@@ -10,38 +13,24 @@
 #include <stdexcept>
 #include <string>
 
-// Collects every log line from its construction to its destruction as "level: text". One at a time.
-class LogCollector
+// The log lines from its construction on, each as "level: text". One at a time.
+class LogScope
 {
 public:
-    LogCollector()
+    LogScope() { m_collector.start(); }
+
+    QStringList lines()
     {
-        s_lines().clear();
-        m_previous = qInstallMessageHandler(collect);
+        m_lines += m_collector.take();
+        return m_lines;
     }
-    ~LogCollector() { qInstallMessageHandler(m_previous); }
-    Q_DISABLE_COPY(LogCollector)
 
-    QStringList lines() const { return s_lines(); }
-
-    // The collected lines whose level is `level`.
-    QStringList lines(const QString &level) const { return s_lines().filter(QRegExp("^" + level + ": ")); }
+    // Those whose level is `level`.
+    QStringList lines(const QString &level) { return lines().filter(QRegExp("^" + level + ": ")); }
 
 private:
-    static QStringList &s_lines()
-    {
-        static QStringList lines;
-        return lines;
-    }
-
-    static void collect(QtMsgType type, const QMessageLogContext &, const QString &text)
-    {
-        // In the order of QtMsgType.
-        static const char *const s_levels[] = {"debug", "warning", "critical", "fatal", "info"};
-        s_lines() << QString("%1: %2").arg(s_levels[type], text);
-    }
-
-    QtMessageHandler m_previous = nullptr;
+    LogCollector m_collector;
+    QStringList m_lines;
 };
 
 inline QJsonDocument s_json(const QByteArray &text)
