@@ -5,10 +5,13 @@ in one folder; ports are enumerated in the order of their names.
 """
 
 import errno
+import fcntl
 import os
 import pathlib
 import select
 import shutil
+import struct
+import termios
 import time
 import tty
 from typing import List, NamedTuple
@@ -123,6 +126,15 @@ class VirtualAdapter:
         ready = select.select(() if writable else fds, fds if writable else (), (),
                               max(0, deadline - time.monotonic()))
         return bool(ready[0] or ready[1])
+
+    def wait_taken(self, timeout: float = 10):
+        """Waits until the program under test has read everything that was written."""
+        deadline = time.monotonic() + timeout
+        time.sleep(0.005)  # the kernel hands bytes from one end of the pty to the other in the background
+        while struct.unpack("=i", fcntl.ioctl(self._slave, termios.FIONREAD, bytes(4)))[0]:
+            if time.monotonic() > deadline:
+                raise TimeoutError(f"{self.name}: bytes stay unread")
+            time.sleep(0.001)
 
     # Faults
 

@@ -9,7 +9,7 @@ PROJECT = pathlib.Path(__file__).resolve().parents[2]
 
 def build_dir() -> pathlib.Path:
     """The build tree: $VORBEL_BUILD_DIR, or that of the release preset."""
-    return pathlib.Path(os.environ.get("VORBEL_BUILD_DIR", PROJECT / "build" / "release"))
+    return pathlib.Path(os.environ.get("VORBEL_BUILD_DIR", PROJECT / "build" / "release")).resolve()
 
 
 def adapter_library() -> pathlib.Path:

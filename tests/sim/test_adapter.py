@@ -2,6 +2,8 @@
 
 import errno
 import os
+import signal
+import subprocess
 import time
 
 import pytest
@@ -97,6 +99,19 @@ def test_what_came_before_the_opening_is_lost(probe, adapter):
     running = opened(probe, adapter)
     adapter.write(b"in time")
     assert bytes.fromhex(running.line().split()[1]) == b"in time"
+
+
+def test_taken_means_read_by_the_program(probe, adapter):
+    running = opened(probe, adapter)
+    adapter.write(b"x" * 3000)
+    adapter.wait_taken()
+    taken = 0
+    while taken < 3000:
+        taken += len(running.line().split()[1]) // 2
+    running.process.send_signal(signal.SIGSTOP)
+    adapter.write(b"y")
+    with pytest.raises(TimeoutError):
+        adapter.wait_taken(timeout=0.2)
 
 
 # Rainy
@@ -195,7 +210,6 @@ def test_faults_end_with_the_plugging(probe, adapter):
 
 
 def test_other_programs_run_unharmed_behind_the_library(probe, adapter):
-    import subprocess
     run = subprocess.run(["sh", "-c", "ls / && cat /etc/passwd"], env={**os.environ, **adapter.env()},
                          capture_output=True, timeout=20)
     assert run.returncode == 0 and b"root:" in run.stdout

@@ -55,13 +55,11 @@ def test_written_frames_carry_the_time_of_writing(probe, bus):
 
 def test_many_frames_keep_their_order(probe, bus):
     connected(probe, bus)
-    frames = [CanFrame(number % 0x800, bytes([number & 0xFF])) for number in range(1000)]
-    echoed = []
-    for frame in frames:
-        bus.send(frame)
-        echoed += bus.receive(len(bus.written), timeout=0)
-    echoed += bus.receive(len(frames) - len(echoed))
-    assert [written.frame for written in echoed] == frames
+    for group in range(10):  # of fewer frames than a socket buffer holds: the device drops what finds no room
+        frames = [CanFrame(number, bytes([group])) for number in range(100)]
+        for frame in frames:
+            bus.send(frame)
+        assert [written.frame for written in bus.receive(100)] == frames
 
 
 # Rainy

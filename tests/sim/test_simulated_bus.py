@@ -1,7 +1,6 @@
 """The simulated bus as a program, on virtual hardware."""
 
 import json
-import os
 import signal
 import struct
 import subprocess
@@ -11,7 +10,7 @@ import time
 import pytest
 
 from conftest import PROJECT
-from vorbelsim import CanFrame, VirtualAdapter, build, vek
+from vorbelsim import CanFrame, vek
 
 PROGRAM = PROJECT / "sim" / "simulated_bus.py"
 
