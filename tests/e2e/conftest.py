@@ -1,6 +1,7 @@
 import pytest
 
 import harness
+from hardware import adapter, bus  # noqa: F401
 
 
 def pytest_collection_modifyitems(config, items):
