@@ -146,7 +146,7 @@ def of_service(name, seconds):
 
 
 GATED = [codec_instructions, convert_instructions, of_service("instructions", 0), of_service("system_calls", 0),
-         of_service("memory", 0)]
+         of_service("rss", 0)]
 TIMED = [codec, link, convert, of_service("broadcast", 5), of_service("latency", 5),
          of_service("start_to_listen", 0)]
 

@@ -262,7 +262,7 @@ def latency(build, seconds, table):
                            "p99 ms": round(statistics.quantiles(times, n=100)[98], 3)}
 
 
-def memory(build, seconds, table):
+def rss(build, seconds, table):
     """Resident memory: idle, of a client, and what a million frames add to it."""
     with running("vorbel", build, 0) as server:
         time.sleep(1.5)
@@ -324,7 +324,7 @@ def system_calls(build, seconds, table):
     each = {name: (count - counts[few].get(name, 0)) / (many - few) for name, count in counts[many].items()}
     writes = each.get("write", 0) + each.get("send", 0) + each.get("sendto", 0) + each.get("sendmsg", 0)
     polls = each.get("poll", 0) + each.get("ppoll", 0)
-    table["service/system calls/10 clients"] = {
+    table["service/system_calls/10 clients"] = {
         "writes a client and batch": round(writes / 10, 2), "reads a batch": round(each.get("read", 0), 2),
         "polls a batch": round(polls, 2), "all a batch": round(sum(each.values()), 2)}
 
@@ -344,7 +344,7 @@ def smoke(build, seconds, table):
     table["service/smoke"] = {"programs deliver": 4}
 
 
-CASES = {case.__name__: case for case in (broadcast, latency, memory, start_to_listen, instructions, system_calls,
+CASES = {case.__name__: case for case in (broadcast, latency, rss, start_to_listen, instructions, system_calls,
                                           profile, smoke)}
 
 
