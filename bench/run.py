@@ -7,6 +7,7 @@
 import argparse
 import json
 import pathlib
+import re
 import subprocess
 import sys
 import time
@@ -59,7 +60,12 @@ class Run:
 
 
 def rounded(value):
-    return round(value, 2 if value < 100 else 0)
+    return round(value, 2) if value < 100 else round(value)
+
+
+def natural(name):
+    """A key that sorts numbers in names by their size."""
+    return [(int(part), "") if part.isdigit() else (0, part) for part in re.split(r"(\d+)", name)]
 
 
 # Timed cases
@@ -82,7 +88,7 @@ def with_floors(run, program, group):
         return
     run.say(group)
     times = run.timed(program, f"^{group}(/|$)")
-    for case, took in times.items():
+    for case, took in sorted(times.items(), key=lambda item: natural(item[0])):
         if not case.endswith("/floor"):
             figures = run.table.setdefault(case, {"ns": rounded(took)})
             if f"{case}/floor" in times:
