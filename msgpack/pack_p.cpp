@@ -102,7 +102,8 @@ Bits s_bits(Real real)
 template <class T>
 const T &s_held(const QVariant &v)
 {
-    return *static_cast<const T *>(v.constData());
+    const QVariant::DataPtr &d = v.data_ptr();
+    return *static_cast<const T *>(d.is_shared ? d.data.shared->ptr : &d.data.ptr);
 }
 
 // Counts the containers around what is packed while it lives.
@@ -134,16 +135,24 @@ packer_t s_findPacker(int metatype)
     return found == user_packers.constEnd() ? packer_t{nullptr, -1} : *found;
 }
 
-// Null if there is no packer for the value, never null if there is.
-QByteArray s_makePayload(const QVariant &v)
+user_payload_t s_makePayload(const QVariant &v)
 {
     const packer_t entry = s_findPacker(v.userType());
     if (!entry.packer) {
         qWarning() << "MsgPack::pack can't pack type:" << v.userType();
-        return QByteArray();
+        return {false, 0, QByteArray()};
     }
-    const QByteArray payload = entry.packer(v);
-    return payload.isNull() ? QByteArray("") : payload;
+    return {true, entry.type, entry.packer(v)};
+}
+
+// The payload of a user value: in the sizing pass a new one, in the writing pass the one made there.
+user_payload_t s_nextPayload(const QVariant &v, bool wr, pack_context &context)
+{
+    if (wr) {
+        return std::move(context.payloads[context.taken++]);
+    }
+    context.payloads.append(s_makePayload(v));
+    return context.payloads.constLast();
 }
 
 } // namespace
@@ -151,7 +160,7 @@ QByteArray s_makePayload(const QVariant &v)
 position_t MsgPackPrivate::pack(const QVariant &v, position_t p, bool wr, pack_context &context)
 {
     // The values are looked at where they are: toMap() and its like hand out copies.
-    switch (v.userType()) {
+    switch (v.data_ptr().type) {
     case QMetaType::UnknownType:
     case QMetaType::Nullptr:
         return pack_nil(p, wr);
@@ -160,7 +169,7 @@ position_t MsgPackPrivate::pack(const QVariant &v, position_t p, bool wr, pack_c
     case QMetaType::UInt:
         return pack_uint(s_held<uint>(v), p, wr);
     case QMetaType::Bool:
-        return pack_bool(v, p, wr);
+        return s_putByte(s_held<bool>(v) ? True : False, p, wr);
     case QMetaType::QString:
         return pack_string(s_held<QString>(v), p, wr);
     case QMetaType::QVariantList:
@@ -251,6 +260,15 @@ position_t MsgPackPrivate::pack_double(double d, position_t p, bool wr)
 
 position_t MsgPackPrivate::pack_string(const QString &string, position_t p, bool wr)
 {
+    if (wr) {
+        // Nearly all strings are ASCII: taken for it, a string is read once here, not twice. Others take no
+        // less space, so that what this leaves behind is written over.
+        const auto size = static_cast<quint32>(string.size());
+        const position_t body = pack_string_header(size, p, true);
+        if (utf8_write_ascii(string, s_address(body))) {
+            return body + size;
+        }
+    }
     const quint32 length = utf8_length(string);
     p = pack_string_header(length, p, wr);
     if (wr) {
@@ -359,17 +377,13 @@ position_t MsgPackPrivate::pack_ext_header(quint32 length, qint8 type, position_
 
 position_t MsgPackPrivate::pack_user(const QVariant &v, position_t p, bool wr, pack_context &context)
 {
-    if (!wr) {
-        context.payloads.append(s_makePayload(v));
-    }
-    const QByteArray payload =
-        wr ? std::exchange(context.payloads[context.taken++], QByteArray()) : context.payloads.constLast();
-    if (payload.isNull()) {
+    const user_payload_t payload = s_nextPayload(v, wr, context);
+    if (!payload.packed) {
         return p;
     }
-    const auto length = static_cast<quint32>(payload.size());
-    p = pack_ext_header(length, msgpack_type(v.userType()), p, wr);
-    return s_putBytes(payload.constData(), length, p, wr);
+    const auto length = static_cast<quint32>(payload.bytes.size());
+    p = pack_ext_header(length, payload.type, p, wr);
+    return s_putBytes(payload.bytes.constData(), length, p, wr);
 }
 
 bool MsgPackPrivate::register_packer(int metatype, qint8 type, pack_user_f packer)

@@ -33,12 +33,19 @@ extern QHash<int, packer_t> user_packers; // by metatype id; entries are only ev
 extern QReadWriteLock packers_lock;       // guards user_packers; never held while a packer runs
 extern std::atomic<bool> compatibilityMode;
 
+// What became of a user value in the sizing pass.
+struct user_payload_t {
+    bool packed; // false if there is no packer for it
+    qint8 type;
+    QByteArray bytes;
+};
+
 // What one call of MsgPack::pack carries through its two passes.
 struct pack_context {
-    // The payloads of the user values in the order in which both passes meet them: the sizing pass appends,
-    // the writing pass takes from the front. A null array stands for a value that can't be packed, so that
-    // the passes agree on that even when another thread registers its packer in between.
-    QVector<QByteArray> payloads;
+    // The user values in the order in which both passes meet them: the sizing pass appends, the writing pass
+    // takes from the front. It asks nothing else, so that the passes agree even when another thread registers
+    // a packer in between.
+    QVector<user_payload_t> payloads;
     int taken = 0;        // how many of them the writing pass has taken
     int nesting = 0;      // containers around the current value
     bool tooDeep = false; // a container lies deeper than MsgPack::maxNesting and was not packed
@@ -76,3 +83,5 @@ bool register_packer(int metatype, qint8 type, pack_user_f packer);
 qint8 msgpack_type(int metatype);
 
 } // namespace MsgPackPrivate
+
+Q_DECLARE_TYPEINFO(MsgPackPrivate::user_payload_t, Q_MOVABLE_TYPE);

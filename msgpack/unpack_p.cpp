@@ -39,6 +39,14 @@ bool s_hasNumber(const quint8 *p, const unpack_context &context)
     return s_has(p, 1 + sizeof(T), context);
 }
 
+// Makes `v` an empty T and gives access to it, to be filled in place.
+template <class T>
+T &s_become(QVariant &v)
+{
+    v = QVariant(T());
+    return *static_cast<T *>(v.data());
+}
+
 const quint8 *s_unpackNil(QVariant &v, const quint8 *p, unpack_context &)
 {
     v = QVariant();
@@ -77,13 +85,18 @@ const quint8 *s_unpackReal(QVariant &v, const quint8 *p, unpack_context &context
     return p + 1 + sizeof(Bits);
 }
 
-const quint8 *s_unpackString(QVariant &v, const quint8 *p, quint32 length, unpack_context &context)
+const quint8 *s_readString(QString &string, const quint8 *p, quint32 length, const unpack_context &context)
 {
     if (!s_has(p, length, context)) {
         return nullptr;
     }
-    v = QVariant(utf8_read(p, static_cast<int>(length)));
+    string = utf8_read(p, static_cast<int>(length));
     return p + length;
+}
+
+const quint8 *s_unpackString(QVariant &v, const quint8 *p, quint32 length, unpack_context &context)
+{
+    return s_readString(s_become<QString>(v), p, length, context);
 }
 
 const quint8 *s_unpackBytes(QVariant &v, const quint8 *p, quint32 length, unpack_context &context)
@@ -144,8 +157,17 @@ bool s_repeatsTooMuch(unpack_context &context)
     return true;
 }
 
-// Decodes one value into `v`, which holds the value before it in the same container. `size` is that value's
-// size before, and the new one's afterwards.
+// What the target of the value at `p` has to hold before that is decoded, given what held the value before it
+// in the same container. An extension that nobody decodes leaves its target as it is, so that the value
+// before it shows up again: clients know this as the sign of an extension that the service does not
+// understand.
+QVariant s_targetFor(const quint8 *p, const QVariant *previous)
+{
+    return isExtension(*p) && previous ? *previous : QVariant();
+}
+
+// Decodes one value into its target. `size` is the size of the value before it in the same container, and
+// the new one's afterwards.
 const quint8 *s_unpackNext(QVariant &v, quint64 &size, const quint8 *p, unpack_context &context)
 {
     const quint64 repeatedBefore = context.repeated;
@@ -157,23 +179,24 @@ const quint8 *s_unpackNext(QVariant &v, quint64 &size, const quint8 *p, unpack_c
     return next;
 }
 
-// Decodes one value into a new element of `list`. An extension that nobody decodes leaves its target as it
-// is, and the target of each element is what held the element before it: so that is what the new one starts
-// as. Clients know the repeated value as the sign of an extension that the service does not understand.
 const quint8 *s_unpackElement(QVariantList &list, quint64 &size, const quint8 *p, unpack_context &context)
 {
     if (p > context.end) {
         return nullptr;
     }
-    list.append(isExtension(*p) && !list.isEmpty() ? list.constLast() : QVariant());
+    list.append(s_targetFor(p, list.isEmpty() ? nullptr : &list.constLast()));
     return s_unpackNext(list.last(), size, p, context);
 }
 
-// Decodes the key of a map entry. `key` is the key of the entry before it, for the same reason.
+// Decodes the key of a map entry. `key` is that of the entry before it, and stays for an extension that
+// nobody decodes.
 const quint8 *s_unpackKey(QString &key, const quint8 *p, unpack_context &context)
 {
     if (p > context.end) {
         return nullptr;
+    }
+    if (isFixstr(*p)) {
+        return s_readString(key, p + 1, *p & 0x1f, context);
     }
     QVariant v(key);
     context.held = 0; // a repeated key makes no further entry
@@ -221,17 +244,21 @@ const unpacker_t MsgPackPrivate::unpackers[32] = {
 
 QVariant MsgPackPrivate::unpack(const quint8 *first, const quint8 *last)
 {
+    if (first > last) {
+        return QVariantList();
+    }
     unpack_context context{last};
-    const quint8 *p = first;
-    QVariantList list;
+    QVariant v;
     quint64 size = 0;
+    const quint8 *p = s_unpackNext(v, size, first, context);
+    if (p == last + 1) {
+        return v;
+    }
+    QVariantList list{v};
     while (p && p <= last) {
         p = s_unpackElement(list, size, p, context);
     }
-    if (!p) {
-        return QVariant();
-    }
-    return list.size() == 1 ? list.constFirst() : QVariant(list);
+    return p ? QVariant(list) : QVariant();
 }
 
 const quint8 *MsgPackPrivate::unpack_type(QVariant &v, const quint8 *p, unpack_context &context)
@@ -264,12 +291,11 @@ const quint8 *MsgPackPrivate::unpack_array_len(QVariant &v, const quint8 *p, qui
         return nullptr;
     }
     ++context.nesting;
-    QVariantList list;
+    auto &list = s_become<QVariantList>(v);
     quint64 size = 0;
     for (; p && count > 0; --count) {
         p = s_unpackElement(list, size, p, context);
     }
-    v = QVariant(list);
     --context.nesting;
     return p;
 }
@@ -281,22 +307,19 @@ const quint8 *MsgPackPrivate::unpack_map_len(QVariant &v, const quint8 *p, quint
         return nullptr;
     }
     ++context.nesting;
-    QVariantMap map;
+    auto &map = s_become<QVariantMap>(v);
     QString key;
-    QVariant value;
+    QVariant *value = nullptr;
     quint64 size = 0;
-    for (; count > 0; --count) {
+    for (; p && count > 0; --count) {
         p = s_unpackKey(key, p, context);
         if (!p || p > context.end) {
             return nullptr;
         }
-        p = s_unpackNext(value, size, p, context);
-        if (!p) {
-            return nullptr;
-        }
-        map.insert(map.cend(), key, value); // most senders write ascending keys
+        // Most senders write ascending keys: each goes to the end.
+        value = &*map.insert(map.cend(), key, s_targetFor(p, value));
+        p = s_unpackNext(*value, size, p, context);
     }
-    v = QVariant(map);
     --context.nesting;
     return p;
 }

@@ -8,45 +8,59 @@ namespace
 constexpr quint64 aboveAsciiUnits = 0xff80ff80ff80ff80;
 constexpr quint64 aboveAsciiBytes = 0x8080808080808080;
 
-// Both tests take eight bytes at a time, and the last eight once more rather than the rest singly.
-bool s_isAscii(const ushort *units, int length)
+// What follows goes over the text eight bytes at a time, and over the last eight of them even if it has been
+// over some of these before: that is shorter than to do the rest singly. Only texts of less than eight bytes
+// are done singly.
+
+template <class Word, class Unit>
+Word s_load(const Unit *units)
 {
-    quint64 four;
-    if (length < 4) {
+    Word word;
+    std::memcpy(&word, units, sizeof word);
+    return word;
+}
+
+// Whether `length` units, characters or bytes, have none of the bits of `aboveAscii` set.
+template <class Unit>
+bool s_isAscii(const Unit *units, int length, quint64 aboveAscii)
+{
+    constexpr int perWord = sizeof(quint64) / sizeof(Unit);
+    if (length < perWord) {
         uint all = 0;
         for (int i = 0; i < length; ++i) {
             all |= units[i];
         }
         return all < 0x80;
     }
-    for (int i = 0; i < length - 4; i += 4) {
-        std::memcpy(&four, units + i, sizeof four);
-        if (four & aboveAsciiUnits) {
+    for (int i = 0; i < length - perWord; i += perWord) {
+        if (s_load<quint64>(units + i) & aboveAscii) {
             return false;
         }
     }
-    std::memcpy(&four, units + length - 4, sizeof four);
-    return !(four & aboveAsciiUnits);
+    return !(s_load<quint64>(units + length - perWord) & aboveAscii);
 }
 
-bool s_isAscii(const quint8 *bytes, int length)
+// Writes four units as bytes, in either byte order. False if they are not all ASCII.
+bool s_narrowFour(const ushort *units, quint8 *bytes)
 {
-    quint64 eight;
-    if (length < 8) {
-        uint all = 0;
-        for (int i = 0; i < length; ++i) {
-            all |= bytes[i];
-        }
-        return all < 0x80;
+    quint64 word = s_load<quint64>(units);
+    if (word & aboveAsciiUnits) {
+        return false;
     }
-    for (int i = 0; i < length - 8; i += 8) {
-        std::memcpy(&eight, bytes + i, sizeof eight);
-        if (eight & aboveAsciiBytes) {
-            return false;
-        }
+    word = (word | word >> 8) & 0x0000ffff0000ffff;
+    const auto narrow = static_cast<quint32>(word | word >> 16);
+    std::memcpy(bytes, &narrow, sizeof narrow);
+    return true;
+}
+
+bool s_narrowFew(const ushort *units, int length, quint8 *bytes)
+{
+    uint all = 0;
+    for (int i = 0; i < length; ++i) {
+        all |= units[i];
+        bytes[i] = static_cast<quint8>(units[i]);
     }
-    std::memcpy(&eight, bytes + length - 8, sizeof eight);
-    return !(eight & aboveAsciiBytes);
+    return all < 0x80;
 }
 
 // The code point that begins at `*unit`, which then points behind it; a question mark, as toUtf8() has it,
@@ -87,13 +101,18 @@ quint8 *s_writeCodePoint(uint codePoint, quint8 *at)
     return at;
 }
 
+const ushort *s_units(const QString &string)
+{
+    return reinterpret_cast<const ushort *>(string.constData());
+}
+
 } // namespace
 
 quint32 MsgPackPrivate::utf8_length(const QString &string)
 {
-    const ushort *unit = string.utf16();
+    const ushort *unit = s_units(string);
     const ushort *end = unit + string.size();
-    if (s_isAscii(unit, string.size())) {
+    if (s_isAscii(unit, string.size(), aboveAsciiUnits)) {
         return static_cast<quint32>(string.size());
     }
     quint32 length = 0;
@@ -105,19 +124,31 @@ quint32 MsgPackPrivate::utf8_length(const QString &string)
 
 void MsgPackPrivate::utf8_write(const QString &string, quint8 *bytes)
 {
-    const ushort *unit = string.utf16();
+    const ushort *unit = s_units(string);
     const ushort *end = unit + string.size();
-    if (s_isAscii(unit, string.size())) {
-        std::copy(unit, end, bytes);
-        return;
-    }
     while (unit != end) {
         bytes = s_writeCodePoint(s_takeCodePoint(unit, end), bytes);
     }
 }
 
+bool MsgPackPrivate::utf8_write_ascii(const QString &string, quint8 *bytes)
+{
+    const ushort *units = s_units(string);
+    const int length = string.size();
+    if (length < 4) {
+        return s_narrowFew(units, length, bytes);
+    }
+    for (int i = 0; i < length - 4; i += 4) {
+        if (!s_narrowFour(units + i, bytes + i)) {
+            return false;
+        }
+    }
+    return s_narrowFour(units + length - 4, bytes + length - 4);
+}
+
 QString MsgPackPrivate::utf8_read(const quint8 *bytes, int length)
 {
     const auto *text = reinterpret_cast<const char *>(bytes);
-    return s_isAscii(bytes, length) ? QString::fromLatin1(text, length) : QString::fromUtf8(text, length);
+    return s_isAscii(bytes, length, aboveAsciiBytes) ? QString::fromLatin1(text, length)
+                                                     : QString::fromUtf8(text, length);
 }

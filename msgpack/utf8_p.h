@@ -14,6 +14,10 @@ quint32 utf8_length(const QString &string);
 // becomes a question mark.
 void utf8_write(const QString &string, quint8 *bytes);
 
+// The same for a string of nothing but ASCII, a byte for each character. Any other makes it return false,
+// with some of these bytes written or none.
+bool utf8_write_ascii(const QString &string, quint8 *bytes);
+
 // The string of the `length` bytes at `bytes`.
 QString utf8_read(const quint8 *bytes, int length);
 
