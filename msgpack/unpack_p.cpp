@@ -166,9 +166,10 @@ QVariant s_targetFor(const quint8 *p, const QVariant *previous)
     return isExtension(*p) && previous ? *previous : QVariant();
 }
 
-// Decodes one value into its target. `size` is the size of the value before it in the same container, and
-// the new one's afterwards.
-const quint8 *s_unpackNext(QVariant &v, quint64 &size, const quint8 *p, unpack_context &context)
+// Decodes one value into its target; inlined, to spare each level of nesting a frame. `size` is the size of
+// the value before it in the same container, and the new one's afterwards.
+Q_ALWAYS_INLINE const quint8 *s_unpackNext(QVariant &v, quint64 &size, const quint8 *p,
+                                           unpack_context &context)
 {
     const quint64 repeatedBefore = context.repeated;
     context.held = size;
@@ -186,6 +187,15 @@ const quint8 *s_unpackElement(QVariantList &list, quint64 &size, const quint8 *p
     }
     list.append(s_targetFor(p, list.isEmpty() ? nullptr : &list.constLast()));
     return s_unpackNext(list.last(), size, p, context);
+}
+
+// Makes the entry for `key`, with the target for its value at `p`. Most senders write ascending keys, so the
+// end is where to look first. Not inlined: what it needs of the stack is not wanted once per level of
+// nesting.
+Q_NEVER_INLINE QVariant *s_insertEntry(QVariantMap &map, const QString &key, const quint8 *p,
+                                       const QVariant *previous)
+{
+    return &*map.insert(map.cend(), key, s_targetFor(p, previous));
 }
 
 // Decodes the key of a map entry. `key` is that of the entry before it, and stays for an extension that
@@ -316,8 +326,7 @@ const quint8 *MsgPackPrivate::unpack_map_len(QVariant &v, const quint8 *p, quint
         if (!p || p > context.end) {
             return nullptr;
         }
-        // Most senders write ascending keys: each goes to the end.
-        value = &*map.insert(map.cend(), key, s_targetFor(p, value));
+        value = s_insertEntry(map, key, p, value);
         p = s_unpackNext(*value, size, p, context);
     }
     --context.nesting;
