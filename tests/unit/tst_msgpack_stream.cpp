@@ -1268,10 +1268,14 @@ void TestMsgPackStream::announcedLengthTakesNoMemory_data()
     QTest::addColumn<QString>("name");
     QTest::addColumn<QByteArray>("hex");
 
+    QTest::newRow("bin 32 of 2^24") << "bytes" << Bytes("c60100000000");
+    QTest::newRow("bin 32 of 2^30") << "bytes" << Bytes("c64000000000");
     QTest::newRow("bin 32 of 2^31 - 1") << "bytes" << Bytes("c67fffffff00");
     QTest::newRow("bin 32 of 2^31") << "bytes" << Bytes("c68000000000");
     QTest::newRow("bin 32 of 2^32 - 1") << "bytes" << Bytes("c6ffffffff00");
     QTest::newRow("bin 16") << "bytes" << Bytes("c5ffff00");
+    QTest::newRow("str 32 of 2^24") << "text" << Bytes("db0100000000");
+    QTest::newRow("str 32 of 2^30") << "text" << Bytes("db4000000000");
     QTest::newRow("str 32 of 2^31 - 1") << "text" << Bytes("db7fffffff00");
     QTest::newRow("str 32 of 2^31") << "text" << Bytes("db8000000000");
     QTest::newRow("str 32 of 2^32 - 1") << "text" << Bytes("dbffffffff00");
