@@ -51,6 +51,7 @@ private slots:
     void repeatedElementsAreShared();
     void doublingLevels_data();
     void doublingLevels();
+    void repetitionsUpToTheBound();
     void manyRepetitions_data();
     void manyRepetitions();
 
@@ -456,6 +457,20 @@ void TestMsgPackHostile::doublingLevels()
     QCOMPARE(lines.size() - lines.count(s_unknownLine), 1);
     QVERIFY2(lines.last().startsWith("warning: MsgPack::unpack"), qPrintable(lines.last()));
     QVERIFY(lines.last() != s_unknownLine);
+}
+
+void TestMsgPackHostile::repetitionsUpToTheBound()
+{
+    const int size = 65536;
+    const Bytes value = s_hex("c5fffd") + Bytes(size - 3, 'x');
+    const int times = int(MsgPack::maxRepeated / size);
+    QCOMPARE(quint64(times) * size, MsgPack::maxRepeated);
+
+    QCOMPARE(MsgPack::unpack(value + s_unknown.repeated(times)).toList().size(), times + 1);
+    QCOMPARE(m_log.take(), QVector<QString>(times, s_unknownLine).toList());
+    QVERIFY(!MsgPack::unpack(value + s_unknown.repeated(times + 1)).isValid());
+    const QStringList lines = m_log.take();
+    QCOMPARE(lines.size() - lines.count(s_unknownLine), 1);
 }
 
 void TestMsgPackHostile::manyRepetitions_data()
