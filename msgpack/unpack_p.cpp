@@ -174,7 +174,8 @@ Q_ALWAYS_INLINE const quint8 *s_unpackNext(QVariant &v, quint64 &size, const qui
     const quint64 repeatedBefore = context.repeated;
     context.held = size;
     const quint8 *next = unpack_type(v, p, context);
-    if (next) {
+    const bool isTheOneBefore = isExtension(*p) && context.repeated != repeatedBefore;
+    if (next && !isTheOneBefore) {
         size = static_cast<quint64>(next - p) + (context.repeated - repeatedBefore);
     }
     return next;
