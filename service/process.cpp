@@ -30,7 +30,7 @@ void preferPlainEventLoop()
 
 void releaseFreeMemory()
 {
-    constexpr std::size_t worthReleasing = 8 * 1024 * 1024;
+    constexpr std::size_t worthReleasing = 4 * 1024 * 1024;
     if (mallinfo2().fordblks > worthReleasing) {
         malloc_trim(0);
     }

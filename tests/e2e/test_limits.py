@@ -84,7 +84,7 @@ async def test_dropping_it_gives_the_memory_back(start_daemon):
     stalled = await raw_handshake(receive_buffer=4096)
     while not daemon.count(DROPPED):
         await serves_the_next_client()
-    await eventually(lambda: daemon.status("VmRSS") < before + 5, what="the memory to come back")
+    await eventually(lambda: daemon.status("VmRSS") < before + 6, what="the memory to come back")
     stalled.close()
 
 
