@@ -51,6 +51,8 @@ private slots:
     void repeatedElementsAreShared();
     void doublingLevels_data();
     void doublingLevels();
+    void runsOfUnknownExtensions_data();
+    void runsOfUnknownExtensions();
     void repetitionsUpToTheBound();
     void manyRepetitions_data();
     void manyRepetitions();
@@ -408,6 +410,11 @@ void TestMsgPackHostile::longestHeadersOfNothing()
 }
 
 static const Bytes s_unknown = s_hex("c70011");
+static Bytes s_bigEndian16(int number)
+{
+    return Bytes(1, static_cast<char>(number >> 8)) + static_cast<char>(number & 0xFF);
+}
+
 static const char s_unknownLine[] = "warning: MsgPack::unpack() unpacker for type 17 doesn't exist";
 
 void TestMsgPackHostile::repeatedElementsAreShared()
@@ -457,6 +464,44 @@ void TestMsgPackHostile::doublingLevels()
     QCOMPARE(lines.size() - lines.count(s_unknownLine), 1);
     QVERIFY2(lines.last().startsWith("warning: MsgPack::unpack"), qPrintable(lines.last()));
     QVERIFY(lines.last() != s_unknownLine);
+}
+
+// What clients do send: many extensions that the service does not decode, one after another. Each repeats the
+// value before the first of them, which is small or nothing at all, however long the extensions are.
+void TestMsgPackHostile::runsOfUnknownExtensions_data()
+{
+    QTest::addColumn<QByteArray>("before");
+    QTest::addColumn<QByteArray>("extension");
+    QTest::addColumn<int>("times");
+
+    QTest::newRow("many short ones behind a number") << s_hex("05") << s_unknown << 20000;
+    QTest::newRow("many short ones behind nothing") << Bytes() << s_unknown << 20000;
+    QTest::newRow("long ones behind a number") << s_hex("05") << s_hex("c80fa011") + Bytes(4000, 'x') << 1000;
+    QTest::newRow("long ones behind nothing") << Bytes() << s_hex("c80fa011") + Bytes(4000, 'x') << 1000;
+}
+
+void TestMsgPackHostile::runsOfUnknownExtensions()
+{
+    QFETCH(QByteArray, before);
+    QFETCH(QByteArray, extension);
+    QFETCH(int, times);
+    const QVariant repeated = before.isEmpty() ? QVariant() : QVariant(5U);
+    const QVector<QString> log(times, s_unknownLine);
+
+    const Bytes inArray =
+        s_hex("dc") + s_bigEndian16(before.size() + times) + before + extension.repeated(times);
+    QCOMPARE(MsgPack::unpack(inArray).toList(), QVector<QVariant>(before.size() + times, repeated).toList());
+    QCOMPARE(m_log.take(), log.toList());
+
+    Bytes inMap = s_hex("de") + s_bigEndian16(before.size() + times) +
+                  (before.isEmpty() ? Bytes() : s_hex("a0") + before);
+    for (int key = 0; key < times; ++key) {
+        inMap += s_hex("cd") + s_bigEndian16(key) + extension;
+    }
+    const QVariantMap map = MsgPack::unpack(inMap).toMap();
+    QCOMPARE(map.size(), before.size() + times);
+    QCOMPARE(map.value(QString::number(times - 1), QStringLiteral("missing")), repeated);
+    QCOMPARE(m_log.take(), log.toList());
 }
 
 void TestMsgPackHostile::repetitionsUpToTheBound()
