@@ -53,6 +53,7 @@ private slots:
     void doublingLevels();
     void runsOfUnknownExtensions_data();
     void runsOfUnknownExtensions();
+    void nothingTakesNothingToRepeat();
     void repetitionsUpToTheBound();
     void manyRepetitions_data();
     void manyRepetitions();
@@ -502,6 +503,15 @@ void TestMsgPackHostile::runsOfUnknownExtensions()
     QCOMPARE(map.size(), before.size() + times);
     QCOMPARE(map.value(QString::number(times - 1), QStringLiteral("missing")), repeated);
     QCOMPARE(m_log.take(), log.toList());
+}
+
+// The first extension of a container stands for nothing, whatever its own length; so do those that follow.
+void TestMsgPackHostile::nothingTakesNothingToRepeat()
+{
+    const int times = 20000;
+    const Bytes bytes = s_hex("c8ffff11") + Bytes(65535, 'x') + s_unknown.repeated(times);
+    QCOMPARE(MsgPack::unpack(bytes).toList(), QVector<QVariant>(times + 1).toList());
+    QCOMPARE(m_log.take(), QVector<QString>(times + 1, s_unknownLine).toList());
 }
 
 void TestMsgPackHostile::repetitionsUpToTheBound()
