@@ -173,8 +173,9 @@ Q_ALWAYS_INLINE const quint8 *s_unpackNext(QVariant &v, quint64 &size, const qui
 {
     const quint64 repeatedBefore = context.repeated;
     context.held = size;
+    context.isKept = false;
     const quint8 *next = unpack_type(v, p, context);
-    const bool isTheOneBefore = isExtension(*p) && context.repeated != repeatedBefore;
+    const bool isTheOneBefore = isExtension(*p) && context.isKept;
     if (next && !isTheOneBefore) {
         size = static_cast<quint64>(next - p) + (context.repeated - repeatedBefore);
     }
@@ -347,6 +348,7 @@ const quint8 *MsgPackPrivate::unpack_ext(QVariant &v, const quint8 *p, qint8 typ
     } else {
         locker.unlock(); // whoever handles the message may use the codec
         qWarning() << "MsgPack::unpack() unpacker for type" << int(type) << "doesn't exist";
+        context.isKept = true;
         if (s_repeatsTooMuch(context)) {
             return nullptr;
         }

@@ -23,6 +23,7 @@ struct unpack_context {
     const quint8 *end;    // the last byte
     int nesting = 0;      // containers around the current value
     quint64 held = 0;     // size of what the target of the current value still holds from before
+    bool isKept = false;  // whether the extension just met left its target as it was
     quint64 repeated = 0; // size of all that was taken over from a target, for extensions nobody decodes
 };
 
