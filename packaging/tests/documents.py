@@ -1,0 +1,22 @@
+"""Configuration files as the documentation prints them."""
+
+import re
+
+
+class Blocks:
+    """The fenced blocks of a Markdown page, by the file's path at the beginning of the line before them."""
+
+    def __init__(self, page):
+        text = page.read_text()
+        self.blocks = dict(re.findall(r"^`(/[^`]+)`[^\n]*:\n+```\w*\n(.*?)^```$", text, re.M | re.S))
+
+    def __getitem__(self, path):
+        assert path in self.blocks, f"no block for {path}, only for {sorted(self.blocks)}"
+        return self.blocks[path]
+
+
+def commands(page, beginning):
+    """The block of commands whose first line begins so."""
+    (block,) = (block for block in re.findall(r"^```\w*\n(.*?)^```$", page.read_text(), re.M | re.S)
+                if block.startswith(beginning))
+    return block
