@@ -6,7 +6,7 @@ import sys
 import pytest
 
 PROJECT = pathlib.Path(__file__).parents[2]
-sys.path.insert(0, str(PROJECT / "sim"))
+sys.path[:0] = [str(PROJECT / "sim"), str(PROJECT / "packaging" / "tests")]
 
 import documents
 from guest import Guest
@@ -57,14 +57,10 @@ def deb(guest, packages):
     return "/host/vorbel.deb"
 
 
-@pytest.fixture(scope="session")
-def installed(guest, deb):
-    """What dpkg says while it installs the package on a system that never had it."""
-    return guest.run(f"dpkg -i {deb}", limit=60)
-
-
-@pytest.fixture
-def service(guest, installed):
+@pytest.fixture(scope="module")
+def service(guest, deb):
+    """The service, installed by dpkg on a system that fulfils the package's dependencies and not much more."""
+    guest.run(f"[ -e /usr/bin/vorbel ] || dpkg -i {deb}", limit=120)
     return Service(guest)
 
 

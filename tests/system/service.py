@@ -8,10 +8,26 @@ import time
 import msgpack
 import websockets
 
+WAIT_LISTENING = """
+for i in $(seq 100); do ss -Hltn 'sport = 10443' | grep -q . && break; sleep 0.1; done
+ss -Hltn 'sport = 10443' | grep -q .
+"""
+START = f"""
+cp /host/settings /etc/default/vorbel
+systemctl restart vorbel
+{WAIT_LISTENING}
+systemctl show --value -P InvocationID vorbel
+"""
+JOURNAL = "journalctl --follow --lines=all --unit=vorbel --output=json --all >/host/journal 2>&1 &"
+
 
 class Service:
     def __init__(self, guest):
         self.guest = guest
+        self.invocation = None
+        self.journal = guest.share / "journal"
+        if not self.journal.exists():
+            guest.run(JOURNAL)
 
     def configure(self, *, debug=True, **variables):
         """Writes the environment file and restarts the service; returns when it listens."""
@@ -19,33 +35,43 @@ class Service:
             variables["QT_LOGGING_RULES"] = "*.debug=true"
         lines = "".join(f"{name}={value}\n" for name, value in variables.items())
         (self.guest.share / "settings").write_text(lines)
-        self.guest.run("cp /host/settings /etc/default/vorbel; systemctl restart vorbel")
-        self.wait_listening()
+        self.invocation = self.guest.run(START).strip()
 
     def wait_listening(self):
-        # The forwarded port accepts in any case; what counts is who listens inside.
-        self.guest.run("for i in $(seq 100); do ss -Hltn 'sport = 10443' | grep -q . && exit; sleep 0.1; done; exit 1")
-
-    def pid(self):
-        return int(self.property("MainPID"))
+        self.guest.run(WAIT_LISTENING)
 
     def property(self, name):
         return self.guest.run(f"systemctl show --value -P {name} vorbel").strip()
 
-    def log(self):
-        """The lines that the daemon has logged since it was last started."""
-        return self.guest.run(f"journalctl -o cat --no-pager _COMM=vorbel _SYSTEMD_INVOCATION_ID="
-                              f"{self.property('InvocationID')} || true").splitlines()
+    def pid(self):
+        return int(self.property("MainPID"))
 
-    def wait_for_log(self, pattern, count=1, limit=15):
-        """Waits until `count` of the daemon's lines match as a whole; returns all lines."""
+    def entries(self):
+        """What the daemon has logged since it was last configured, as the journal has it."""
+        complete = self.journal.read_text(errors="replace").rpartition("\n")[0].splitlines()
+        return [entry for entry in map(json.loads, complete)
+                if entry.get("_SYSTEMD_INVOCATION_ID") == self.invocation and entry.get("_COMM") == "vorbel"]
+
+    def log(self):
+        return [entry["MESSAGE"] for entry in self.entries()]
+
+    def wait_for_log(self, pattern, count=1, limit=30):
+        """Waits until `count` of the daemon's lines match as a whole."""
         deadline = time.monotonic() + limit
-        while True:
-            lines = self.log()
-            if sum(1 for line in lines if re.fullmatch(pattern, line)) >= count:
-                return lines
-            assert time.monotonic() < deadline, f"waited for {count} x {pattern!r}, but got:\n" + "\n".join(lines)
-            time.sleep(0.2)
+        while self.count(pattern) < count:
+            assert time.monotonic() < deadline, f"waited for {count} x {pattern!r}, but got:\n" + "\n".join(self.log())
+            time.sleep(0.1)
+
+    def count(self, pattern):
+        return sum(1 for line in self.log() if re.fullmatch(pattern, line))
+
+    async def reachable(self, limit=8):
+        """Whether a client outside gets an answer."""
+        try:
+            async with websockets.connect(f"ws://127.0.0.1:{self.guest.port}", open_timeout=limit):
+                return True
+        except (asyncio.TimeoutError, OSError, websockets.InvalidMessage):
+            return False
 
     def connect(self):
         return Client(self.guest.port)
@@ -74,7 +100,7 @@ class Client:
 
     async def round_trip(self):
         """Returns once the daemon has handled everything that was sent before."""
-        await asyncio.wait_for(await self.socket.ping(), 20)
+        await asyncio.wait_for(await self.socket.ping(), 30)
 
     async def hello(self, limit=20):
         if not self.hellos:
