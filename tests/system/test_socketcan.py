@@ -49,11 +49,13 @@ async def test_a_remote_frame_is_taken_like_a_data_frame(bus, service):
 
 
 @virtual_only  # the emulated controllers know classic frames only
-async def test_all_bytes_of_an_fd_frame_arrive(bus, service):
+async def test_an_fd_frame_costs_nothing_but_itself(bus, service):
+    """The device is used as Qt makes it, without any parameter set, and Qt's takes classic frames only then."""
     async with service.connect() as client:
-        await client.send_schema({"last": {"@mac": 5, "@cmd": 2, "@format": "I", "@skip": 8}})
+        await client.send_schema({"first": {"@mac": 5, "@cmd": 2, "@format": "C"}})
         bus.send("085##0000000000000000078563412")
-        assert await client.value() == {"last": 0x12345678}
+        bus.send("085#2A")
+        assert await client.value() == {"first": 42}
 
 
 async def test_generated_frames_arrive_all_and_in_order(bus, service, guest):
