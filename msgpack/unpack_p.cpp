@@ -17,8 +17,15 @@ QReadWriteLock unpackers_lock;
 
 using namespace MsgPackPrivate;
 
+// For what needs objects of its own beside the functions that call each other for every level of nesting.
+// Their frames stay small without it, in any kind of build: the stack has to do for MsgPack::maxNesting of
+// them.
+#define OUT_OF_LINE Q_NEVER_INLINE
+
 namespace
 {
+
+const QVariant invalid; // one for all: making it anew was a tenth of the time of unpacking a list of numbers
 
 // Whether `length` bytes at `p` lie within the input and, being part of one value, within what Qt can hold.
 bool s_has(const quint8 *p, quint32 length, const unpack_context &context)
@@ -41,7 +48,7 @@ bool s_hasNumber(const quint8 *p, const unpack_context &context)
 
 // Makes `v` an empty T and gives access to it, to be filled in place.
 template <class T>
-T &s_become(QVariant &v)
+OUT_OF_LINE T &s_become(QVariant &v)
 {
     v = QVariant(T());
     return *static_cast<T *>(v.data());
@@ -57,6 +64,14 @@ template <bool value>
 const quint8 *s_unpackBool(QVariant &v, const quint8 *p, unpack_context &)
 {
     v = QVariant(value);
+    return p + 1;
+}
+
+// A number that is the first byte itself.
+template <class Wire, class Value>
+OUT_OF_LINE const quint8 *s_unpackFixint(QVariant &v, const quint8 *p)
+{
+    v = QVariant(static_cast<Value>(static_cast<Wire>(*p)));
     return p + 1;
 }
 
@@ -161,9 +176,24 @@ bool s_repeatsTooMuch(unpack_context &context)
 // in the same container. An extension that nobody decodes leaves its target as it is, so that the value
 // before it shows up again: clients know this as the sign of an extension that the service does not
 // understand.
-QVariant s_targetFor(const quint8 *p, const QVariant *previous)
+const QVariant &s_contentFor(const quint8 *p, const QVariant *previous)
 {
-    return isExtension(*p) && previous ? *previous : QVariant();
+    return isExtension(*p) && previous ? *previous : invalid;
+}
+
+// The target for the value at `p`, as the last element of `list`.
+OUT_OF_LINE QVariant &s_newElement(QVariantList &list, const quint8 *p)
+{
+    list.append(s_contentFor(p, list.isEmpty() ? nullptr : &list.constLast()));
+    return list.last();
+}
+
+// The target for the value at `p`, as the entry for `key`. `previous` is that of the entry before it, or
+// null. Most senders write ascending keys, so the end is where to look first.
+OUT_OF_LINE QVariant *s_newEntry(QVariantMap &map, const QString &key, const quint8 *p,
+                                 const QVariant *previous)
+{
+    return &*map.insert(map.cend(), key, s_contentFor(p, previous));
 }
 
 // Decodes one value into its target; inlined, to spare each level of nesting a frame. `size` is the size of
@@ -182,22 +212,13 @@ Q_ALWAYS_INLINE const quint8 *s_unpackNext(QVariant &v, quint64 &size, const qui
     return next;
 }
 
-const quint8 *s_unpackElement(QVariantList &list, quint64 &size, const quint8 *p, unpack_context &context)
+OUT_OF_LINE const quint8 *s_unpackConvertedKey(QString &key, const quint8 *p, unpack_context &context)
 {
-    if (p > context.end) {
-        return nullptr;
-    }
-    list.append(s_targetFor(p, list.isEmpty() ? nullptr : &list.constLast()));
-    return s_unpackNext(list.last(), size, p, context);
-}
-
-// Makes the entry for `key`, with the target for its value at `p`. Most senders write ascending keys, so the
-// end is where to look first. Not inlined: what it needs of the stack is not wanted once per level of
-// nesting.
-Q_NEVER_INLINE QVariant *s_insertEntry(QVariantMap &map, const QString &key, const quint8 *p,
-                                       const QVariant *previous)
-{
-    return &*map.insert(map.cend(), key, s_targetFor(p, previous));
+    QVariant v(key);
+    context.held = 0; // a repeated key makes no further entry
+    p = unpack_type(v, p, context);
+    key = v.toString();
+    return p;
 }
 
 // Decodes the key of a map entry. `key` is that of the entry before it, and stays for an extension that
@@ -207,14 +228,8 @@ const quint8 *s_unpackKey(QString &key, const quint8 *p, unpack_context &context
     if (p > context.end) {
         return nullptr;
     }
-    if (isFixstr(*p)) {
-        return s_readString(key, p + 1, *p & 0x1f, context);
-    }
-    QVariant v(key);
-    context.held = 0; // a repeated key makes no further entry
-    p = unpack_type(v, p, context);
-    key = v.toString();
-    return p;
+    return isFixstr(*p) ? s_readString(key, p + 1, *p & 0x1f, context)
+                        : s_unpackConvertedKey(key, p, context);
 }
 
 } // namespace
@@ -268,7 +283,7 @@ QVariant MsgPackPrivate::unpack(const quint8 *first, const quint8 *last)
     }
     QVariantList list{v};
     while (p && p <= last) {
-        p = s_unpackElement(list, size, p, context);
+        p = s_unpackNext(s_newElement(list, p), size, p, context);
     }
     return p ? QVariant(list) : QVariant();
 }
@@ -277,12 +292,10 @@ const quint8 *MsgPackPrivate::unpack_type(QVariant &v, const quint8 *p, unpack_c
 {
     const quint8 first = *p;
     if (first < Fixmap) {
-        v = QVariant(static_cast<uint>(first));
-        return p + 1;
+        return s_unpackFixint<quint8, uint>(v, p);
     }
     if (first >= NegativeFixint) {
-        v = QVariant(static_cast<int>(static_cast<qint8>(first)));
-        return p + 1;
+        return s_unpackFixint<qint8, int>(v, p);
     }
     if (first < Fixarray) {
         return unpack_map_len(v, p + 1, first & 0x0f, context);
@@ -306,7 +319,10 @@ const quint8 *MsgPackPrivate::unpack_array_len(QVariant &v, const quint8 *p, qui
     auto &list = s_become<QVariantList>(v);
     quint64 size = 0;
     for (; p && count > 0; --count) {
-        p = s_unpackElement(list, size, p, context);
+        if (p > context.end) {
+            return nullptr;
+        }
+        p = s_unpackNext(s_newElement(list, p), size, p, context);
     }
     --context.nesting;
     return p;
@@ -328,7 +344,7 @@ const quint8 *MsgPackPrivate::unpack_map_len(QVariant &v, const quint8 *p, quint
         if (!p || p > context.end) {
             return nullptr;
         }
-        value = s_insertEntry(map, key, p, value);
+        value = s_newEntry(map, key, p, value);
         p = s_unpackNext(*value, size, p, context);
     }
     --context.nesting;
