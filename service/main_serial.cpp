@@ -46,7 +46,7 @@ bool Main::openSerialPort()
                    << "error" << serialPort.errorString();
         return false;
     }
-    // Set once more on the open port: only now does the device hear of it.
+    // Opening has set it already; adapters have always been told twice, the second time when they are open.
     serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
     serialPort.setRequestToSend(true);
     serialPort.setDataTerminalReady(false);

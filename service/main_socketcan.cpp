@@ -24,6 +24,9 @@ QCanBusFrame s_canFrame(const vek_frame_t &frame)
 
 } // namespace
 
+// The device gets no parameters: bit rate and all else are those of the system's interface, and Qt's plugin
+// takes classic frames only then. The number of the interface tells one that was deleted and made again, for
+// which Qt reports no error to a reader.
 void Main::superviseSocketCan()
 {
     if (canDevice && canDevice->error() == QCanBusDevice::NoError &&
