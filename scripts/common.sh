@@ -34,7 +34,7 @@ build_packages=(cmake ninja-build g++ qtbase5-dev libqt5websockets5-dev libqt5se
                 libqt5serialbus5-dev libqt5serialbus5-plugins libudev-dev)
 client_packages=(python3 python3-websockets python3-msgpack python3-rich)
 test_packages=("${build_packages[@]}" "${client_packages[@]}" python3-pytest python3-pytest-asyncio
-               python3-numpy python3-matplotlib iproute2 util-linux procps chromium systemd nginx-light openssl)
+               python3-numpy python3-matplotlib iproute2 util-linux procps chromium systemd nginx-light openssl man-db)
 fuzz_packages=(clang libclang-rt-14-dev)
 
 # need_npm: Node.js and npm from anywhere, or from Debian when there are none.
