@@ -12,6 +12,7 @@ DEPENDENCIES = {"libc6", "libgcc-s1", "libstdc++6", "systemd", "libqt5core5a", "
                 "libqt5serialbus5-plugins", "libqt5serialport5", "libqt5websockets5"}
 FILES = {"/usr/bin/vorbel", "/lib/systemd/system/vorbel.service", "/usr/lib/sysusers.d/vorbel.conf",
          "/lib/udev/rules.d/65-vorbel.rules", "/etc/default/vorbel", "/usr/share/man/man8/vorbel.8.gz"}
+MONITOR = {"index.html", "icon.svg", "assets/index-*.js", "assets/index-*.css"}
 DOCUMENTS = {"protocol.md", "deployment.md", "copyright", "changelog.gz", "examples/machine.schema.json"}
 
 
@@ -31,6 +32,11 @@ def contents(package):
 
 def files(package):
     return {path for path, (mode, _) in contents(package).items() if not mode.startswith("d")}
+
+
+def without_hash(path):
+    """The name of a file of the monitor, without what changes with its content."""
+    return re.sub(r"-[\w-]{8}\.", "-*.", path.removeprefix("/usr/share/vorbel/monitor/"))
 
 
 @pytest.fixture(params=["amd64", "arm64"])
@@ -59,6 +65,15 @@ def test_it_holds_these_files_and_no_others(package):
     monitor = {file for file in held if file.startswith("/usr/share/vorbel/monitor/")}
     assert held - examples - monitor == FILES | {f"/usr/share/doc/vorbel/{name}" for name in DOCUMENTS} - examples
     assert examples
+    assert len(monitor) == len(MONITOR) and {without_hash(file) for file in monitor} == MONITOR
+
+
+def test_the_monitors_page_asks_for_files_that_are_there(package, tmp_path):
+    subprocess.run(["dpkg-deb", "-x", package, tmp_path], check=True)
+    monitor = tmp_path / "usr/share/vorbel/monitor"
+    wanted = re.findall(r'(?:src|href)="\./([^"]+)"', (monitor / "index.html").read_text())
+    assert {without_hash(name) for name in wanted} == MONITOR - {"index.html"}
+    assert all((monitor / name).is_file() for name in wanted)
 
 
 def test_anybody_may_read_and_only_programs_run(any_package):
