@@ -1,71 +1,64 @@
 """The reverse proxy of the deployment page, as it is printed there, in front of the running daemon."""
 
 import asyncio
+import base64
+import http.client
 import os
 import pathlib
+import socket
 import ssl
 import subprocess
-import tempfile
-import time
 
-import documents
+import proxy
 import pytest
 import websockets
 
-PROJECT = pathlib.Path(__file__).parents[2]
-NAME = "board.example.com"
 HELLO = '{"hello":{"type":"unknown"}}'
+# Files like those of the monitor.
+PAGE = {"index.html": "text/html", "icon.svg": "image/svg+xml", "assets/index-Ab1_.js": "application/javascript",
+        "assets/index-Cd2-.css": "text/css"}
 
 
 @pytest.fixture(scope="module")
 def daemon():
     process = subprocess.Popen([pathlib.Path(os.environ["VORBEL_BUILD_DIR"]) / "vorbel"],
                                env={**os.environ, "VORBEL_SOURCE": "none"}, stderr=subprocess.DEVNULL)
+    proxy.wait_for_port(10443)
     yield process
     process.terminate()
     process.wait(10)
 
 
 @pytest.fixture(scope="module")
-def root():
-    """A folder in the place of the system's root. Unlike pytest's own, the proxy's unprivileged workers see it."""
-    with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o755)
-        yield pathlib.Path(folder)
+def certificate(daemon, tmp_path_factory):
+    page = tmp_path_factory.mktemp("monitor")
+    for name in PAGE:
+        (page / name).parent.mkdir(exist_ok=True)
+        (page / name).write_text(f"this is {name}")
+    with proxy.running(page) as certificate:
+        yield certificate
 
 
-@pytest.fixture(scope="module")
-def certificate(daemon, root):
-    """Runs the proxy as it is printed, but for the folder that /etc is in; returns its certificate."""
-    for folder in ("etc/ssl/private", "etc/ssl/certs", "etc/nginx", "log"):
-        (root / folder).mkdir(parents=True)
-    commands = documents.commands(PROJECT / "docs" / "deployment.md", "openssl req")
-    commands = commands.replace("/etc/", f"{root}/etc/").replace("passwd -apr1", "passwd -apr1 secret")
-    subprocess.run(["sh", "-ec", commands], check=True, capture_output=True)
-    site = documents.Blocks(PROJECT / "docs" / "deployment.md")["/etc/nginx/conf.d/vorbel.conf"]
-    (root / "site.conf").write_text(site.replace("/etc/", f"{root}/etc/"))
-    (root / "nginx.conf").write_text(f"daemon off; pid {root}/pid; error_log {root}/log/error.log; events {{}} "
-                                     f"http {{ access_log off; include {root}/site.conf; }}")
-    proxy = subprocess.Popen(["nginx", "-c", root / "nginx.conf", "-e", root / "log" / "error.log"])
-    yield root / "etc/ssl/certs/vorbel.pem"
-    proxy.terminate()
-    proxy.wait(10)
-    print((root / "log" / "error.log").read_text())
+def trusting(certificate):
+    return ssl.create_default_context(cafile=str(certificate))
 
 
-async def connect(certificate, credentials="", path="/vorbel"):
-    """Tries while daemon and proxy are starting."""
-    context = ssl.create_default_context(cafile=str(certificate))
-    deadline = time.monotonic() + 10
-    while True:
-        try:
-            return await websockets.connect(f"wss://{credentials}{NAME}{path}", host="127.0.0.1", ssl=context,
-                                            server_hostname=NAME, open_timeout=10)
-        except (ConnectionRefusedError, websockets.InvalidStatusCode) as error:
-            starting = isinstance(error, ConnectionRefusedError) or error.status_code == 502
-            if not starting or time.monotonic() > deadline:
-                raise
-            await asyncio.sleep(0.1)
+async def connect(certificate, credentials="", path="/vorbel", **options):
+    return await websockets.connect(f"wss://{credentials}{proxy.NAME}{path}", host="127.0.0.1", open_timeout=10,
+                                    ssl=trusting(certificate), server_hostname=proxy.NAME, **options)
+
+
+def get(certificate, path, credentials=None):
+    """The proxy's answer over TLS, and its body."""
+    plain = socket.create_connection(("127.0.0.1", 443), timeout=10)
+    connection = http.client.HTTPConnection(proxy.NAME)
+    connection.sock = trusting(certificate).wrap_socket(plain, server_hostname=proxy.NAME)
+    headers = {"Authorization": f"Basic {base64.b64encode(credentials).decode()}"} if credentials else {}
+    connection.request("GET", path, headers=headers)
+    answer = connection.getresponse()
+    body = answer.read().decode()
+    connection.close()
+    return answer, body
 
 
 async def test_with_name_and_password_the_daemon_answers_over_tls(certificate):
@@ -79,7 +72,6 @@ async def test_with_name_and_password_the_daemon_answers_over_tls(certificate):
 
 @pytest.mark.parametrize("credentials", ["", "alice:wrong@", "bob:secret@"], ids=["none", "password", "name"])
 async def test_anybody_else_is_turned_away(certificate, credentials):
-    await (await connect(certificate, "alice:secret@")).close()
     with pytest.raises(websockets.InvalidStatusCode) as refused:
         await connect(certificate, credentials)
     assert refused.value.status_code == 401
@@ -91,8 +83,42 @@ async def test_nothing_but_the_one_path_leads_to_the_daemon(certificate):
     assert refused.value.status_code == 404
 
 
+async def test_the_monitors_own_page_may_connect(certificate):
+    await (await connect(certificate, "alice:secret@", origin=f"https://{proxy.NAME}")).close()
+
+
+@pytest.mark.parametrize("origin", ["https://elsewhere.example", f"http://{proxy.NAME}", f"https://{proxy.NAME}.evil",
+                                    f"https://{proxy.NAME}:444", "null"])
+async def test_a_page_of_another_site_may_not(certificate, origin):
+    with pytest.raises(websockets.InvalidStatusCode) as refused:
+        await connect(certificate, "alice:secret@", origin=origin)
+    assert refused.value.status_code == 403
+
+
 async def test_the_certificate_is_the_documented_one(certificate):
     await (await connect(certificate, "alice:secret@")).close()
     with pytest.raises(ssl.SSLCertVerificationError):
-        await websockets.connect(f"wss://{NAME}/vorbel", host="127.0.0.1", server_hostname=NAME,
+        await websockets.connect(f"wss://{proxy.NAME}/vorbel", host="127.0.0.1", server_hostname=proxy.NAME,
                                  ssl=ssl.create_default_context())
+
+
+@pytest.mark.parametrize("path", ["", *PAGE])
+def test_the_monitor_is_served_with_the_types_that_browsers_insist_on(certificate, path):
+    answer, body = get(certificate, f"/{path}", b"alice:secret")
+    name = path or "index.html"
+    assert (answer.status, answer.headers["Content-Type"], body) == (200, PAGE[name], f"this is {name}")
+
+
+def test_the_page_is_never_an_old_one_nor_in_anothers_frame(certificate):
+    headers = get(certificate, "/", b"alice:secret")[0].headers
+    assert headers["Cache-Control"] == "no-cache" and headers["ETag"]
+    assert headers["Content-Security-Policy"] == "frame-ancestors 'none'"
+    assert headers["X-Content-Type-Options"] == "nosniff"
+    assert headers["Referrer-Policy"] == "no-referrer"
+
+
+@pytest.mark.parametrize("path", ["", *PAGE])
+def test_without_password_there_is_no_page_either(certificate, path):
+    answer, body = get(certificate, f"/{path}")
+    assert answer.status == 401 and "this is" not in body
+    assert answer.headers["WWW-Authenticate"] == 'Basic realm="CAN bus"'

@@ -6,7 +6,7 @@ import { extname, join, resolve } from "node:path";
 import { fileURLToPath } from "node:url";
 import { chromium, type BrowserContext } from "playwright-core";
 
-const dist = resolve(fileURLToPath(import.meta.url), "../../dist");
+export const dist = resolve(fileURLToPath(import.meta.url), "../../dist");
 const types: Record<string, string> = {
     ".html": "text/html", ".js": "text/javascript", ".css": "text/css", ".svg": "image/svg+xml",
 };
@@ -28,7 +28,7 @@ export async function serve(): Promise<{ server: Server; url: string }> {
 }
 
 /** Debian's Chromium with a profile of its own, which is removed by end(). */
-export async function startBrowser(): Promise<{ browser: BrowserContext; end: () => Promise<void> }> {
+export async function startBrowser(more: string[] = []): Promise<{ browser: BrowserContext; end: () => Promise<void> }> {
     const profile = mkdtempSync(join(tmpdir(), "vorbel-chromium-"));
     const browser = await chromium.launchPersistentContext(profile, {
         executablePath: "/usr/bin/chromium",
@@ -36,6 +36,7 @@ export async function startBrowser(): Promise<{ browser: BrowserContext; end: ()
         args: [
             "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
             "--disable-component-update", "--disable-sync", "--disable-dev-shm-usage",
+            ...more,
         ],
         viewport: { width: 1280, height: 800 },
         acceptDownloads: true,
