@@ -64,6 +64,7 @@ private:
     void listen();
     void superviseLinks();
     void superviseListener();
+    void superviseClients();
 
     void acceptClient();
     void forgetClient(QWebSocket *client);

@@ -71,6 +71,7 @@ void Main::superviseLinks()
 {
     releaseFreeMemory();
     superviseListener();
+    superviseClients();
     if (source == SourceSerialPort) {
         superviseSerialPort();
     } else if (source == SourceSocketCan) {

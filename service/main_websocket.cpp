@@ -119,6 +119,12 @@ void Main::flushClients()
     broadcast([](QWebSocket *client) { client->flush(); });
 }
 
+// Without a broadcast a client is not looked at, yet Qt answers its pings, and it need not read the answers.
+void Main::superviseClients()
+{
+    broadcast([](QWebSocket *) {});
+}
+
 void Main::sendTextToWebSocket(const QString &text)
 {
     broadcast([&text](QWebSocket *client) { client->sendTextMessage(text); });

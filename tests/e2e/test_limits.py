@@ -88,6 +88,23 @@ async def test_dropping_it_gives_the_memory_back(start_daemon):
     stalled.close()
 
 
+async def send_for_ever(sock, data):
+    while True:
+        await asyncio.get_running_loop().sock_sendall(sock, data)
+
+
+async def test_answers_to_pings_that_nobody_reads_count_too(daemon):
+    """The daemon answers by itself; it sends nothing else here."""
+    stalled = await raw_handshake(receive_buffer=4096)
+    pings = (bytes([0x89, 0x80 | 125]) + bytes(4 + 125)) * 8192
+    with contextlib.suppress(ConnectionError):
+        await asyncio.wait_for(send_for_ever(stalled, pings), 5 * harness.TICK)
+    await eventually(lambda: daemon.count(CLOSED))
+    assert daemon.count(DROPPED) == 1
+    stalled.close()
+    await serves_the_next_client()
+
+
 # Incoming size
 
 
