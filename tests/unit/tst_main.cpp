@@ -17,6 +17,7 @@ private slots:
     // Happy
     void metaObjectHasTheNameAndNothingElse();
     void takesAParent();
+    void everyHelloReadsTheEnvironmentAnew();
 
     // Rainy
     void endsCleanlyWithLiveClients();
@@ -49,6 +50,23 @@ void TestMain::takesAParent()
     QObject parent;
     auto *bridge = new Main(&parent);
     QCOMPARE(bridge->parent(), &parent);
+}
+
+void TestMain::everyHelloReadsTheEnvironmentAnew()
+{
+    Main bridge(nullptr);
+    QWebSocket client;
+    QSignalSpy greeted(&client, &QWebSocket::textMessageReceived);
+    client.open(s_url);
+    QVERIFY(greeted.wait());
+    QCOMPARE(greeted.takeFirst().at(0).toString(), QStringLiteral(R"({"hello":{"type":"unknown"}})"));
+    qputenv("VORBEL_DEVICE_TYPE", "gateway");
+    qputenv("VORBEL_DEVICE_ID", "A7");
+    bridge.sendHelloMessage();
+    qunsetenv("VORBEL_DEVICE_TYPE");
+    qunsetenv("VORBEL_DEVICE_ID");
+    QVERIFY(greeted.wait());
+    QCOMPARE(greeted.takeFirst().at(0).toString(), QStringLiteral(R"({"hello":{"id":"A7","type":"gateway"}})"));
 }
 
 void TestMain::endsCleanlyWithLiveClients()
