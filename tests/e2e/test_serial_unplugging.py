@@ -143,6 +143,16 @@ async def test_pulled_after_another_error_it_comes_back_all_the_same(opened, ada
     await comes_back(opened, adapter)
 
 
+async def test_replaced_between_two_ticks_after_another_error(opened, adapter):
+    """The port is open and deaf, its node is there: only that the node is a new one tells."""
+    adapter.fail("read", errno.EIO)
+    await write_something()
+    adapter.unplug()
+    adapter.plug()
+    await gate_open(adapter, 2, timeout=WITHIN_TWO_TICKS)
+    await hears(adapter)
+
+
 async def test_pulled_after_a_failed_write_to_the_dead_port(opened, adapter):
     async with counting_client() as client:
         adapter.unplug()
