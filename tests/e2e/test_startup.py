@@ -3,6 +3,7 @@
 import contextlib
 import os
 import pathlib
+import resource
 import socket
 import subprocess
 import time
@@ -118,11 +119,13 @@ def test_listening_is_not_tried_again_and_the_link_works_on(start_daemon):
 
 
 def test_soft_descriptor_limit_is_raised_to_the_hard_one(start_daemon):
-    daemon = start_daemon(VORBEL_SOURCE="none")
-    row = next(line for line in pathlib.Path(f"/proc/{daemon.pid}/limits").read_text().splitlines()
-               if line.startswith("Max open files"))
-    soft, hard = row.split()[3:5]
-    assert soft == hard
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    resource.setrlimit(resource.RLIMIT_NOFILE, (256, hard))
+    try:
+        daemon = start_daemon(VORBEL_SOURCE="none")
+    finally:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (soft, hard))
+    assert resource.prlimit(daemon.pid, resource.RLIMIT_NOFILE) == (hard, hard)
 
 
 def test_broken_pipes_are_ignored_and_no_other_signal_is_handled(daemon):
