@@ -1,11 +1,14 @@
 // The Main object in a process of its own making: what it is, and that its end is clean while clients are
 // there.
 #include "service/main.h"
+#include "tests/unit/logcollector.h"
 
 #include <QCoreApplication>
 #include <QMetaObject>
 #include <QWebSocket>
 #include <QtTest>
+
+#include <memory>
 
 class TestMain : public QObject
 {
@@ -73,16 +76,18 @@ void TestMain::endsCleanlyWithLiveClients()
 {
     QWebSocket first;
     QWebSocket second;
-    {
-        Main bridge(nullptr);
-        for (QWebSocket *client : {&first, &second}) {
-            QSignalSpy greeted(client, &QWebSocket::textMessageReceived);
-            client->open(s_url);
-            QVERIFY(greeted.wait());
-        }
+    auto bridge = std::make_unique<Main>(nullptr);
+    for (QWebSocket *client : {&first, &second}) {
+        QSignalSpy greeted(client, &QWebSocket::textMessageReceived);
+        client->open(s_url);
+        QVERIFY(greeted.wait());
     }
+    LogCollector log;
+    log.start();
+    bridge.reset();
     QTRY_COMPARE(first.state(), QAbstractSocket::UnconnectedState);
     QTRY_COMPARE(second.state(), QAbstractSocket::UnconnectedState);
+    QCOMPARE(log.finish(), QStringList());
 }
 
 void TestMain::endsCleanlyWhileClientsSend()
