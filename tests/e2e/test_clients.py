@@ -176,6 +176,20 @@ async def test_not_a_websocket_client(daemon):
         await receive(client)
 
 
+@pytest.mark.plain_build_only
+async def test_many_visits_leave_nothing_behind(daemon):
+    async def visits(count):
+        before = daemon.count(CLOSED)
+        for _ in range(count):
+            async with connect() as client:
+                await receive(client)
+        await eventually(lambda: daemon.count(CLOSED) == before + count)
+        return daemon.status("VmRSS")
+
+    settled = await visits(100)
+    assert await visits(1000) < settled + 2
+
+
 async def test_two_hundred_clients_at_once(daemon):
     before = daemon.descriptors()
     clients = [await connect() for _ in range(200)]

@@ -1,7 +1,10 @@
 """From the adapter's bytes to the clients' values."""
 
 import random
+import socket
+import time
 
+import msgpack
 import pytest
 import pytest_asyncio
 
@@ -129,12 +132,32 @@ async def test_a_partial_record_waits_behind_whole_ones(line):
     await line.hears(3)
 
 
+@pytest.mark.plain_build_only
+async def test_values_do_not_wait_for_the_acknowledgement_of_the_one_before(line):
+    """Nagle's algorithm would hold each back until the client's kernel acknowledges, which takes it 40 ms."""
+    slow = 0
+    for n in range(50):
+        line.client.transport.get_extra_info("socket").setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 0)
+        started = time.monotonic()
+        line.write(number(n))
+        assert await next_value(line.client) == {"n": n}
+        slow += time.monotonic() - started > 0.03
+    assert slow < 10
+
+
 async def test_idle_line_of_zero_bytes_is_empty_frames_of_node_zero(line):
     await load(line.client, {"n": counter_leaf(), "x": {"@mac": 0, "@cmd": 0, "@format": THROWING_FORMAT}})
     line.write(bytes(11 * 20))
     await eventually(lambda: line.failures() == 20)
     line.write(number(1))
     await line.hears(1)
+
+
+async def test_gathered_readings_come_as_one_array_and_not_before(line):
+    await load(line.client, {"n": counter_leaf(), "a": {"@mac": 1, "@cmd": 1, "@format": "S", "@flushSize": 3}})
+    reading = [vek.record(1, 1, value.to_bytes(2, "little")) for value in (1, 0x0203, 0xFFFF)]
+    line.write(reading[0] + reading[1] + number(1) + reading[2])
+    assert await values(line.client, 2) == [{"n": 1}, {"a": msgpack.ExtType(20, bytes.fromhex("01000302ffff"))}]
 
 
 # Rainy
