@@ -17,8 +17,7 @@
 
 #pragma pack(push, 1)
 typedef struct vek_frame {
-    std::uint16_t
-        header; // as on the wire: read and write it through vek_frame_header and vek_frame_set_header
+    std::uint16_t header; // little-endian: see vek_frame_header() and vek_frame_set_header()
     std::uint8_t data[8];
     std::uint8_t crc;
 } vek_frame_t;

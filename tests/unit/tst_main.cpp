@@ -69,7 +69,8 @@ void TestMain::everyHelloReadsTheEnvironmentAnew()
     qunsetenv("VORBEL_DEVICE_TYPE");
     qunsetenv("VORBEL_DEVICE_ID");
     QVERIFY(greeted.wait());
-    QCOMPARE(greeted.takeFirst().at(0).toString(), QStringLiteral(R"({"hello":{"id":"A7","type":"gateway"}})"));
+    QCOMPARE(greeted.takeFirst().at(0).toString(),
+             QStringLiteral(R"({"hello":{"id":"A7","type":"gateway"}})"));
 }
 
 void TestMain::endsCleanlyWithLiveClients()

@@ -51,6 +51,7 @@ private slots:
     void unpackerGetsThePayload();
     void unpackerMayPack();
     void unpackerRunsUnderTheReadLock();
+    void whoeverHandlesAWarningFindsTheLockFree();
     void unpackersResultIsStored_data();
     void unpackersResultIsStored();
 
@@ -546,6 +547,22 @@ void TestMsgPackUnpack::unpackerRunsUnderTheReadLock()
     QCOMPARE(s_unpacked(s_hex("d4f700")), QStringLiteral("\"held for reading\""));
     QVERIFY(MsgPackPrivate::unpackers_lock.tryLockForWrite());
     MsgPackPrivate::unpackers_lock.unlock();
+}
+
+void TestMsgPackUnpack::whoeverHandlesAWarningFindsTheLockFree()
+{
+    static int free = 0;
+    const QtMessageHandler previous =
+        qInstallMessageHandler([](QtMsgType, const QMessageLogContext &, const QString &) {
+            if (MsgPackPrivate::unpackers_lock.tryLockForWrite()) {
+                ++free;
+                MsgPackPrivate::unpackers_lock.unlock();
+            }
+        });
+    MsgPack::unpack(Bytes::fromHex("d46000"));
+    MsgPack::registerUnpacker(s_recordingType, [](const QByteArray &) { return QVariant(); });
+    qInstallMessageHandler(previous);
+    QCOMPARE(free, 2);
 }
 
 void TestMsgPackUnpack::unpackersResultIsStored_data()
