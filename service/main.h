@@ -80,6 +80,7 @@ private:
     void writeToSerialPort(const QVariant &value);
 
     void superviseSocketCan();
+    bool canInterfaceIsReplaced() const;
     void readSocketCan();
     void writeToSocketCan(const QVariant &value);
 

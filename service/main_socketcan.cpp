@@ -9,6 +9,8 @@
 
 #include <net/if.h>
 
+#include <cerrno>
+
 namespace
 {
 
@@ -25,12 +27,10 @@ QCanBusFrame s_canFrame(const vek_frame_t &frame)
 } // namespace
 
 // The device gets no parameters: bit rate and all else are those of the system's interface, and Qt's plugin
-// takes classic frames only then. The number of the interface tells one that was deleted and made again, for
-// which Qt reports no error to a reader.
+// takes classic frames only then.
 void Main::superviseSocketCan()
 {
-    if (canDevice && canDevice->error() == QCanBusDevice::NoError &&
-        if_nametoindex(interfaceName) == canInterfaceIndex) {
+    if (canDevice && canDevice->error() == QCanBusDevice::NoError && !canInterfaceIsReplaced()) {
         return;
     }
     if (canDevice) {
@@ -47,6 +47,15 @@ void Main::superviseSocketCan()
         qCritical() << "Socket can cannot connect.";
     }
     startRead();
+}
+
+// Qt reports no error to a reader when the interface is deleted and made again: its number tells. That it
+// cannot be asked for, for want of a descriptor, says nothing.
+bool Main::canInterfaceIsReplaced() const
+{
+    const unsigned index = if_nametoindex(interfaceName);
+    const bool isKnown = index != 0 || errno == ENODEV;
+    return isKnown && index != canInterfaceIndex;
 }
 
 void Main::startRead()

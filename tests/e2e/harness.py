@@ -2,9 +2,11 @@
 
 import asyncio
 import contextlib
+import itertools
 import os
 import pathlib
 import re
+import resource
 import signal
 import socket
 import subprocess
@@ -98,6 +100,12 @@ class Daemon:
 
     def highest_descriptor(self):
         return max(map(int, os.listdir(f"/proc/{self.pid}/fd")))
+
+    def take_descriptors_away(self):
+        """From now on it cannot open anything; what it has open stays."""
+        taken = set(map(int, os.listdir(f"/proc/{self.pid}/fd")))
+        first_free = next(number for number in itertools.count() if number not in taken)
+        resource.prlimit(self.pid, resource.RLIMIT_NOFILE, (first_free, first_free))
 
     def cpu_seconds(self):
         fields = pathlib.Path(f"/proc/{self.pid}/stat").read_text().rsplit(")", 1)[1].split()

@@ -17,10 +17,26 @@ CANNOT_CONNECT = "critical Socket can cannot connect."
 # qCritical() sets a blank behind the text, which ends with one.
 CREATION_FAILED = 'critical Socket can creation failed:  "%s"'
 NULL_SENDER = "warning QObject::connect(QCanBusDevice, Unknown): invalid nullptr parameter"
-# Any interface of that name will do: the frames are those of the virtual bus.
-ADD_CAN0 = ["ip", "link", "add", "can0", "type", "veth", "peer", "name", "far"]
-DELETE_CAN0 = ["ip", "link", "del", "can0"]
 ABSENT = CREATION_FAILED % "There is no virtual CAN bus named can0"
+
+
+class Interface:
+    """An interface named can0. It may be of any kind: the frames are those of the virtual bus."""
+
+    def add(self):
+        subprocess.run(["ip", "link", "add", "can0", "type", "veth", "peer", "name", "far"], check=True)
+
+    def delete(self):
+        subprocess.run(["ip", "link", "del", "can0"], check=True)
+
+
+@pytest.fixture
+def can0():
+    """An interface that is there when the test begins."""
+    interface = Interface()
+    interface.add()
+    yield interface
+    interface.delete()
 
 
 def about_the_link(daemon):
@@ -155,17 +171,40 @@ async def test_a_bus_that_goes_away_and_comes_back(start_daemon, tmp_path):
     assert about_the_link(daemon)[:4] == [CLOSE, CANNOT_CONNECT, CLOSE, CANNOT_CONNECT]
 
 
-async def test_an_interface_that_was_made_again_is_connected_again(start_daemon, bus):
+async def test_an_interface_that_was_made_again_is_connected_again(start_daemon, bus, can0):
     """Qt reports no error to somebody who only reads: the kernel's number of the interface tells."""
     daemon = start_daemon(**bus.env())
     bus.wait_connected()
-    for connections, change in ((2, ADD_CAN0), (3, DELETE_CAN0), (4, ADD_CAN0)):
-        subprocess.run(change, check=True)
+    for connections, change in ((2, can0.delete), (3, can0.add)):
+        change()
         bus.wait_connected(connections, timeout=2 * TICK)
         await hears(bus, daemon)
     time.sleep(1.2 * TICK)
-    assert about_the_link(daemon) == [CLOSE] * 3
-    assert bus.accepted == 4
+    assert about_the_link(daemon) == [CLOSE] * 2
+    assert bus.accepted == 3
+
+
+async def test_an_interface_made_again_between_two_ticks_is_another_one(start_daemon, bus, can0):
+    daemon = start_daemon(**bus.env())
+    bus.wait_connected()
+    can0.delete()
+    can0.add()
+    bus.wait_connected(2, timeout=2 * TICK)
+    await hears(bus, daemon)
+    assert about_the_link(daemon) == [CLOSE]
+
+
+@pytest.mark.plain_build_only
+async def test_a_daemon_without_descriptors_keeps_its_healthy_device(start_daemon, bus, can0):
+    """It cannot even look for the interface then."""
+    daemon = start_daemon(**bus.env())
+    bus.wait_connected()
+    async with counting_client() as client:
+        daemon.take_descriptors_away()
+        daemon.wait_for("warning No file descriptor is left.*", 3)
+        assert daemon.count(CLOSE) == 0
+        bus.send(CanFrame.vek(5, 2, counted(70000)))
+        assert await next_value(client) == {"n": 70000}
 
 
 async def test_a_failed_write_is_seen_by_the_next_tick(start_daemon, bus):
