@@ -8,6 +8,14 @@
 #include <limits>
 #include <type_traits>
 
+struct Pair {
+    short first;
+    short second;
+
+    QVector<short> toVector() const { return {first, second}; }
+};
+Q_DECLARE_METATYPE(Pair)
+
 class TestSchemaHelpers : public QObject
 {
     Q_OBJECT
@@ -17,6 +25,7 @@ private slots:
     void singleReadings();
     void gatheredReadings();
     void gatheredBools();
+    void whatConvertsToAnArrayIsAppendedTo();
     void clampedToInt_data();
     void clampedToInt();
     void clampedToShort_data();
@@ -83,6 +92,15 @@ void TestSchemaHelpers::gatheredBools()
     QCOMPARE(appendOrSet_variant<float>(value, std::numeric_limits<float>::quiet_NaN(), true, true), 3UL);
     QVERIFY(s_holds<float>(value));
     QCOMPARE(s_elements(value), (QVector<double>{0, 1, 1}));
+}
+
+void TestSchemaHelpers::whatConvertsToAnArrayIsAppendedTo()
+{
+    QVERIFY(QMetaType::registerConverter(&Pair::toVector));
+    QVariant value = QVariant::fromValue(Pair{5, -6});
+    QCOMPARE(appendOrSet_variant<short>(value, short(7), true, false), 3UL);
+    QVERIFY(s_holds<short>(value));
+    QCOMPARE(s_elements(value), (QVector<double>{5, -6, 7}));
 }
 
 static void s_clampColumns()
