@@ -7,8 +7,8 @@
 //   QDate      date field                                         an invalid date
 //   QDateTime  date field, time field as in QTime; no time zone   an invalid date-time
 //   QPoint     x, y as MessagePack integers                       (0, 0)
-//   QSize      width, height as MessagePack integers              an invalid size, packed for any negative
-//   side QRect      left, top, right, bottom as MessagePack integers   an invalid rectangle
+//   QSize      width, height as MessagePack integers              an invalid size: one that is negative
+//   QRect      left, top, right, bottom as MessagePack integers   an invalid rectangle
 //
 //   time field  2 bytes: hour (4 bits), minute (6), second (6); then 2 bytes of milliseconds, if any
 //   date field  3 bytes: bit 4 of the day (1 bit), year (15), month (4), bits 3 to 0 of the day (4)
