@@ -141,7 +141,7 @@ const user_payload_t &s_nextPayload(const QVariant &v, bool wr, pack_context &co
         return context.payloads.at(context.taken++);
     }
     context.payloads.append(s_makePayload(v));
-    return context.payloads.constLast();
+    return context.payloads.last();
 }
 
 } // namespace

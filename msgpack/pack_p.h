@@ -10,7 +10,7 @@
 #include <QHash>
 #include <QReadWriteLock>
 #include <QStringList>
-#include <QVector>
+#include <QVarLengthArray>
 
 #include <atomic>
 
@@ -45,7 +45,7 @@ struct pack_context {
     // The user values in the order in which both passes meet them: the sizing pass appends, the writing pass
     // takes from the front. It asks nothing else, so that the passes agree even when another thread registers
     // a packer in between.
-    QVector<user_payload_t> payloads;
+    QVarLengthArray<user_payload_t, 8> payloads;
     int taken = 0;        // how many of them the writing pass has taken
     int nesting = 0;      // containers around the current value
     bool tooDeep = false; // a container lies deeper than MsgPack::maxNesting and was not packed
