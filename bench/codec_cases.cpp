@@ -177,7 +177,9 @@ void Blueprint::add(const QVariant &value)
     } else if (metatype == QMetaType::QByteArray) {
         m_steps.push_back({metatype, 0, 0, value.toByteArray()});
     } else if (metatype == qMetaTypeId<QVector<short>>()) {
-        m_steps.push_back({metatype, 0, 0, TypedArrays::pack<short>(value)});
+        QByteArray payload = TypedArrays::pack<short>(value);
+        payload.detach(); // from `value`
+        m_steps.push_back({metatype, 0, 0, payload});
     } else {
         m_steps.push_back({metatype, 0, s_scalarBits(value), QByteArray()});
     }

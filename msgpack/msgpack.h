@@ -48,7 +48,8 @@
 namespace MsgPackPrivate
 {
 // Makes the payload of an extension value, without header and type byte, from a variant of the metatype that
-// the function was registered for. Whatever it returns is sent.
+// the function was registered for. Whatever it returns is sent. It may be the variant's own memory
+// (QByteArray::fromRawData): it is let go of before the variant is.
 using pack_user_f = QByteArray (*)(const QVariant &);
 // Makes a value from the payload of an extension value. Must cope with any bytes of any length.
 using unpack_user_f = QVariant (*)(const QByteArray &);

@@ -14,12 +14,18 @@
 namespace TypedArrays
 {
 
-// The payload of a variant that holds a QVector<T> or converts to one; empty if it does not.
+// The payload of a variant that holds a QVector<T> or converts to one; empty if it does not. Where memory has
+// the elements as the payload wants them, it is the memory of the vector that `variant` holds, to be used no
+// longer than that vector stays as it is.
 template <class T>
 QByteArray pack(const QVariant &variant)
 {
+    const bool isHeld = variant.userType() == qMetaTypeId<QVector<T>>();
     const auto elements = variant.value<QVector<T>>();
     const int size = elements.size() * static_cast<int>(sizeof(T));
+    if (isHeld && Q_BYTE_ORDER == Q_LITTLE_ENDIAN) {
+        return QByteArray::fromRawData(reinterpret_cast<const char *>(elements.constData()), size);
+    }
     QByteArray payload(size, Qt::Uninitialized);
     qToLittleEndian<T>(elements.constData(), elements.size(), payload.data());
     return payload;

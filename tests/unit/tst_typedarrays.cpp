@@ -1,6 +1,7 @@
 // The typed numeric arrays: extension payloads, texts, and the types that are none of them.
 #include "msgpack/msgpack.h"
 #include "service/typedarrays.h"
+#include "tests/unit/allocationcounter.h"
 #include "tests/unit/logcollector.h"
 
 #include <QtTest>
@@ -12,6 +13,14 @@ using Bytes = QByteArray;
 Q_DECLARE_METATYPE(QVector<signed char>)
 Q_DECLARE_METATYPE(QVector<unsigned char>)
 Q_DECLARE_METATYPE(QVector<char>)
+
+struct Pair {
+    short first;
+    short second;
+
+    QVector<short> toVector() const { return {first, second}; }
+};
+Q_DECLARE_METATYPE(Pair)
 
 class TestTypedArrays : public QObject
 {
@@ -32,6 +41,8 @@ private slots:
     void longArrays_data();
     void longArrays();
     void packedPayloadOutlivesTheVector();
+    void elementsAreCopiedOnce();
+    void variantsThatConvertToAVector();
 
     // Rainy
     void variantsThatHoldNoVector();
@@ -190,6 +201,23 @@ void TestTypedArrays::packedPayloadOutlivesTheVector()
         elements.fill(-1);
     }
     QCOMPARE(packed.toHex(), Bytes("c70613010002000300"));
+}
+
+void TestTypedArrays::elementsAreCopiedOnce()
+{
+    const QVariant array = QVariant::fromValue(QVector<float>(100000, 1.0F));
+    const AllocationCounter allocated;
+    const Bytes packed = MsgPack::pack(array);
+    QVERIFY2(allocated.bytes() < 400000 + 4096, qPrintable(QString::number(allocated.bytes())));
+    QCOMPARE(packed.size(), 6 + 400000);
+}
+
+// The vector that is made for it ends before its payload is looked at.
+void TestTypedArrays::variantsThatConvertToAVector()
+{
+    QVERIFY(QMetaType::registerConverter(&Pair::toVector));
+    const Bytes payload = TypedArrays::pack<short>(QVariant::fromValue(Pair{1, 513}));
+    QCOMPARE(payload.toHex(), Bytes("01000102"));
 }
 
 void TestTypedArrays::variantsThatHoldNoVector()
