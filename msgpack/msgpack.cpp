@@ -1,5 +1,6 @@
 #include "msgpack/msgpack.h"
 
+#include "msgpack/limits_p.h"
 #include "msgpack/msgpackcommon.h"
 #include "msgpack/pack_p.h"
 #include "msgpack/unpack_p.h"
@@ -16,8 +17,8 @@ QByteArray MsgPack::pack(const QVariant &variant)
         qWarning() << "MsgPack::pack can't pack more than" << maxNesting << "nested arrays and maps";
         return QByteArray();
     }
-    if (size > maxPackedSize) {
-        qWarning() << "MsgPack::pack can't pack into more than" << maxPackedSize << "bytes";
+    if (size > maxByteArraySize) {
+        qWarning() << "MsgPack::pack can't pack into more than" << maxByteArraySize << "bytes";
         return QByteArray();
     }
     QByteArray bytes(static_cast<int>(size), Qt::Uninitialized);

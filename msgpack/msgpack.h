@@ -84,9 +84,10 @@ QByteArray pack(const QVariant &variant);
 // The value that `data` holds. Several values one after another come back as a QVariantList of them, and no
 // bytes at all as an empty one.
 //
-// Invalid when a value claims bytes past the end of `data`, or 2^31 and more of them: decoding stops there,
-// nothing past the end is read, and memory is taken only for what was there. Also invalid, with a warning,
-// when nested deeper than maxNesting and when it repeats more than maxRepeated.
+// Invalid when a value claims bytes past the end of `data`, or more of them than Qt holds: nearly 2^31 in a
+// byte array or an extension, nearly 2^30 in a text. Decoding stops there, nothing past the end is read, and
+// memory is taken only for what was there. Also invalid, with a warning, when nested deeper than maxNesting
+// and when it repeats more than maxRepeated.
 //
 // An extension whose type number has no unpacker is skipped with the warning "MsgPack::unpack() unpacker for
 // type N doesn't exist" and stands for the value before it in the same array or map (the same goes for the

@@ -1,6 +1,7 @@
 #include "msgpack/msgpackstream.h"
 
 #include "msgpack/formats_p.h"
+#include "msgpack/limits_p.h"
 #include "msgpack/pack_p.h"
 #include "msgpack/utf8_p.h"
 
@@ -154,7 +155,7 @@ bool s_readBytes(MsgPackStream &stream, quint32 length, QByteArray &bytes)
     while (bytes.size() < end) {
         const int at = bytes.size();
         const int count = qMin(end - at, chunkSize);
-        if (at + count > static_cast<int>(maxPackedSize)) {
+        if (at + count > static_cast<int>(maxByteArraySize)) {
             return s_corrupt(stream); // so much did come, but no QByteArray holds it
         }
         bytes.resize(at + count);
@@ -423,7 +424,8 @@ MsgPackStream &MsgPackStream::operator>>(QString &string)
     }
     quint32 length = first - Fixstr;
     QByteArray read;
-    if ((isFixstr(first) || s_readLength(*this, first, Str8, length)) && s_readBytes(*this, length, read)) {
+    if ((isFixstr(first) || s_readLength(*this, first, Str8, length)) && s_readBytes(*this, length, read) &&
+        (length <= maxStringSize || s_corrupt(*this))) {
         string = utf8_read(reinterpret_cast<const quint8 *>(read.constData()), read.size());
     }
     return *this;

@@ -21,9 +21,6 @@ namespace MsgPackPrivate
 // rather than a pointer, for no arithmetic is allowed on a pointer to nothing.
 using position_t = quintptr;
 
-// What a QByteArray holds: it keeps its own bookkeeping within the range of an int, too.
-constexpr quint32 maxPackedSize = 0x7fffffff - 64;
-
 struct packer_t {
     pack_user_f packer; // may be null: the type can't be packed then
     qint8 type;         // written as the type byte of the extension

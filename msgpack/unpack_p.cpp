@@ -1,13 +1,13 @@
 #include "msgpack/unpack_p.h"
 
 #include "msgpack/formats_p.h"
+#include "msgpack/limits_p.h"
 #include "msgpack/utf8_p.h"
 
 #include <QDebug>
 #include <QtEndian>
 
 #include <cstring>
-#include <limits>
 
 namespace MsgPackPrivate
 {
@@ -30,7 +30,7 @@ const QVariant invalid; // one for all: making it anew was a tenth of the time o
 // Whether `length` bytes at `p` lie within the input and, being part of one value, within what Qt can hold.
 bool s_has(const quint8 *p, quint32 length, const unpack_context &context)
 {
-    return length <= std::numeric_limits<int>::max() && context.end - p >= static_cast<qptrdiff>(length) - 1;
+    return length <= maxByteArraySize && context.end - p >= static_cast<qptrdiff>(length) - 1;
 }
 
 // The number of type T behind the first byte at `p`.
@@ -102,7 +102,7 @@ const quint8 *s_unpackReal(QVariant &v, const quint8 *p, unpack_context &context
 
 const quint8 *s_readString(QString &string, const quint8 *p, quint32 length, const unpack_context &context)
 {
-    if (!s_has(p, length, context)) {
+    if (length > maxStringSize || !s_has(p, length, context)) {
         return nullptr;
     }
     string = utf8_read(p, static_cast<int>(length));

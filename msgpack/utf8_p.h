@@ -18,7 +18,7 @@ void utf8_write(const QString &string, quint8 *bytes);
 // with some of these bytes written or none.
 bool utf8_write_ascii(const QString &string, quint8 *bytes);
 
-// The string of the `length` bytes at `bytes`.
+// The string of the `length` bytes at `bytes`, at most maxStringSize.
 QString utf8_read(const quint8 *bytes, int length);
 
 } // namespace MsgPackPrivate

@@ -10,7 +10,10 @@
 #include <QVector>
 #include <QtTest>
 
+#include <cstring>
 #include <functional>
+
+#include <sys/mman.h>
 
 using Bytes = QByteArray;
 
@@ -41,6 +44,8 @@ private slots:
     void announcedNumbersInEveryLevel();
     void announcedNumberBeforeALargeInput_data();
     void announcedNumberBeforeALargeInput();
+    void textsBeyondWhatQtHolds_data();
+    void textsBeyondWhatQtHolds();
 
     // Cost by size
     void costGrowsWithTheInput_data();
@@ -366,6 +371,61 @@ void TestMsgPackHostile::announcedNumberBeforeALargeInput()
 {
     QFETCH(QByteArray, header);
     s_checkCost(header + Bytes(4000000, '\xC0'), m_log);
+}
+
+// `header` and `count` zeros. They take no memory: the kernel has one page for all that nobody wrote to.
+class ManyZeros
+{
+public:
+    ManyZeros(const Bytes &header, size_t count)
+        : m_size(static_cast<size_t>(header.size()) + count),
+          m_memory(mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
+                        -1, 0))
+    {
+        if (isThere()) {
+            std::memcpy(m_memory, header.constData(), static_cast<size_t>(header.size()));
+        }
+    }
+    ~ManyZeros()
+    {
+        if (isThere()) {
+            munmap(m_memory, m_size);
+        }
+    }
+    Q_DISABLE_COPY(ManyZeros)
+
+    bool isThere() const { return m_memory != MAP_FAILED; }
+    Bytes bytes() const
+    {
+        return Bytes::fromRawData(static_cast<const char *>(m_memory), static_cast<int>(m_size));
+    }
+
+private:
+    size_t m_size;
+    void *m_memory;
+};
+
+void TestMsgPackHostile::textsBeyondWhatQtHolds_data()
+{
+    QTest::addColumn<QByteArray>("header");
+    QTest::addColumn<uint>("size");
+
+    QTest::newRow("text") << s_hex("db40000000") << 0x40000000U;
+    QTest::newRow("smallest") << s_hex("db3fffffe0") << 0x3fffffe0U;
+    QTest::newRow("largest") << s_hex("db7fffff00") << 0x7fffff00U;
+    QTest::newRow("element") << s_hex("92c3db40000000") << 0x40000000U;
+    QTest::newRow("key") << s_hex("81db40000000") << 0x40000001U;
+}
+
+void TestMsgPackHostile::textsBeyondWhatQtHolds()
+{
+    QFETCH(QByteArray, header);
+    QFETCH(uint, size);
+    const ManyZeros zeros(header, size);
+    QVERIFY(zeros.isThere());
+    const AllocationCounter allocated;
+    QVERIFY(!MsgPack::unpack(zeros.bytes()).isValid());
+    QVERIFY2(allocated.bytes() < s_fixedBytes, qPrintable(QString::number(allocated.bytes())));
 }
 
 void TestMsgPackHostile::costGrowsWithTheInput_data()
