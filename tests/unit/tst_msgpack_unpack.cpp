@@ -654,6 +654,11 @@ void TestMsgPackUnpack::holderIsUsedAgain_data()
     QTest::newRow("first map value is nil") << Bytes("82a161d41100a16205") << 1 << "{\"a\": nil, \"b\": u5}";
     QTest::newRow("map values repeat in wire order, not in key order")
         << Bytes("83a16305a161d41100a16206") << 1 << "{\"a\": u5, \"b\": u6, \"c\": u5}";
+    QTest::newRow("map value is not that of the last key")
+        << Bytes("83a16205a16106a163d41100") << 1 << "{\"a\": u6, \"b\": u5, \"c\": u6}";
+    QTest::newRow("map value is not that of the key itself")
+        << Bytes("83a16105a16207a161d41100") << 1 << "{\"a\": u7, \"b\": u7}";
+    QTest::newRow("map value of the same key again") << Bytes("82a16105a161d41100") << 1 << "{\"a\": u5}";
     QTest::newRow("key repeats the one before and replaces its value")
         << Bytes("82a16105d4110006") << 1 << "{\"a\": u6}";
     QTest::newRow("first key is empty") << Bytes("81d4110005") << 1 << "{\"\": u5}";
