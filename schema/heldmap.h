@@ -1,6 +1,7 @@
-// Access to the map within a QVariant.
+// Access to the map within a QVariant, and to what lies in maps within maps.
 #pragma once
 
+#include <QStringList>
 #include <QVariant>
 
 #include <stdexcept>
@@ -13,4 +14,24 @@ inline const QVariantMap &heldMap(const QVariant &value)
         throw std::runtime_error("Bad type");
     }
     return *static_cast<const QVariantMap *>(value.constData());
+}
+
+// What stands at `path` in maps nested within `map`, which have to be maps and not only convert to them. Null
+// if nothing does, and for the empty path.
+inline const QVariant *heldAt(const QVariantMap &map, const QStringList &path)
+{
+    const QVariantMap *members = &map;
+    const QVariant *found = nullptr;
+    for (const QString &name : path) {
+        if (!members) {
+            return nullptr;
+        }
+        const auto member = members->constFind(name);
+        if (member == members->cend()) {
+            return nullptr;
+        }
+        found = &*member;
+        members = found->userType() == QMetaType::QVariantMap ? &heldMap(*found) : nullptr;
+    }
+    return found;
 }

@@ -8,25 +8,6 @@
 
 #include <cstring>
 
-// What stands at `path` in nested maps; null if there is nothing, or the path is empty.
-static const QVariant *s_find(const QVariantMap &map, const QStringList &path)
-{
-    const QVariantMap *members = &map;
-    const QVariant *found = nullptr;
-    for (const QString &name : path) {
-        if (!members) {
-            return nullptr;
-        }
-        const auto member = members->constFind(name);
-        if (member == members->cend()) {
-            return nullptr;
-        }
-        found = &*member;
-        members = found->userType() == QMetaType::QVariantMap ? &heldMap(*found) : nullptr;
-    }
-    return found;
-}
-
 SchemaDataAttribute::SchemaDataAttribute(const QVariant &definition, const QStringList &path)
     : SchemaDataAttribute(SchemaPath(path), heldMap(definition))
 {
@@ -137,7 +118,7 @@ void SchemaDataAttribute::decodePacked(const QByteArray &payload)
         return;
     }
     const QVariant message = MsgPack::unpack(m_data.value<QByteArray>());
-    if (const QVariant *value = s_find(heldMap(message), path())) {
+    if (const QVariant *value = heldAt(heldMap(message), path())) {
         m_data = *value;
         m_count = 1;
     }

@@ -1,5 +1,7 @@
-// The steps that formats share: keeping a reading, clamping a scaled value, placing a value in a payload.
+// The steps that formats share: keeping a reading, clamping a scaled value, placing a value in a payload,
+// finding a value in nested maps.
 #include "schema/gathering.h"
+#include "schema/heldmap.h"
 #include "schema/numericconversion.h"
 #include "tests/unit/tst_schematools.h"
 
@@ -33,6 +35,8 @@ private slots:
     void clampedToSignedChar_data();
     void clampedToSignedChar();
     void placesLittleEndianAndGrowsWithZeros();
+    void findsWhatStandsAtAPath_data();
+    void findsWhatStandsAtAPath();
 
     // Rainy
     void whateverIsNoArrayIsReplacedByOne_data();
@@ -196,6 +200,35 @@ void TestSchemaHelpers::placesLittleEndianAndGrowsWithZeros()
 }
 
 // ---- Rainy ----
+
+void TestSchemaHelpers::findsWhatStandsAtAPath_data()
+{
+    QTest::addColumn<QStringList>("path");
+    QTest::addColumn<QVariantList>("found"); // none or one
+
+    const QVariantMap inner{{"b", 2}, {"c", QVariant()}};
+    QTest::newRow("a value") << QStringList{"x"} << QVariantList{1};
+    QTest::newRow("a map") << QStringList{"a"} << QVariantList{inner};
+    QTest::newRow("a value in a map") << QStringList{"a", "b"} << QVariantList{2};
+    QTest::newRow("nil") << QStringList{"a", "c"} << QVariantList{QVariant()};
+    QTest::newRow("empty name") << QStringList{""} << QVariantList{3};
+    QTest::newRow("empty path") << QStringList() << QVariantList();
+    QTest::newRow("missing") << QStringList{"y"} << QVariantList();
+    QTest::newRow("missing in a map") << QStringList{"a", "x"} << QVariantList();
+    QTest::newRow("behind a value") << QStringList{"x", "x"} << QVariantList();
+    QTest::newRow("behind nil") << QStringList{"a", "c", "b"} << QVariantList();
+    QTest::newRow("behind what converts to a map") << QStringList{"h", "b"} << QVariantList();
+}
+
+void TestSchemaHelpers::findsWhatStandsAtAPath()
+{
+    QFETCH(QStringList, path);
+    QFETCH(QVariantList, found);
+    const QVariantMap inner{{"b", 2}, {"c", QVariant()}};
+    const QVariantMap map{{"a", inner}, {"x", 1}, {"", 3}, {"h", QVariantHash{{"b", 4}}}};
+    const QVariant *value = heldAt(map, path);
+    QCOMPARE(value ? QVariantList{*value} : QVariantList(), found);
+}
 
 void TestSchemaHelpers::whateverIsNoArrayIsReplacedByOne_data()
 {
