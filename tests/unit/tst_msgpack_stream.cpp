@@ -443,6 +443,7 @@ void TestMsgPackStream::writtenBytes_data()
     same("text", s_writer(QString(QChar(0xE9))), "a2c3a9");
     same("raw text", s_writer<const char *>("\xff\xfe"), "a2fffe");
     same("empty raw text", s_writer<const char *>(""), "a0");
+    same("no raw text", s_writer<const char *>(nullptr), "a0");
 
     const Bytes x31 = Bytes(31, 'x').toHex();
     const Bytes x32 = Bytes(32, 'x').toHex();
