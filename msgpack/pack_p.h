@@ -41,7 +41,7 @@ struct user_payload_t {
 struct pack_context {
     // The user values in the order in which both passes meet them: the sizing pass appends, the writing pass
     // takes from the front. It asks nothing else, so that the passes agree even when another thread registers
-    // a packer in between.
+    // a packer in between. Few messages hold more of them than take no allocation here.
     QVarLengthArray<user_payload_t, 8> payloads;
     int taken = 0;        // how many of them the writing pass has taken
     int nesting = 0;      // containers around the current value

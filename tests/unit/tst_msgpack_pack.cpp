@@ -56,6 +56,7 @@ private slots:
     void extensionTypeIsSigned_data();
     void extensionTypeIsSigned();
     void packerRunsOncePerValueInOrder();
+    void manyUserValues();
     void packerMayPack();
     void packerMayRegister();
     void packerRunsWithoutLock();
@@ -684,6 +685,19 @@ void TestMsgPackPack::packerRunsOncePerValueInOrder()
     // Nothing is carried over into the next call.
     QCOMPARE(MsgPack::pack(numbered(7)).toHex(), Bytes("d5033766"));
     QCOMPARE(calls, 6);
+}
+
+void TestMsgPackPack::manyUserValues()
+{
+    s_registerBlob();
+    QVariantList blobs;
+    Bytes expected = s_hex("dc03e8");
+    for (int i = 1000; i < 2000; ++i) {
+        const Bytes payload = Bytes::number(i);
+        blobs << s_blob(payload);
+        expected += "\xD6\x2A" + payload;
+    }
+    QVERIFY(MsgPack::pack(blobs) == expected);
 }
 
 void TestMsgPackPack::packerMayPack()
