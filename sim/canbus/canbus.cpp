@@ -145,12 +145,12 @@ void VirtualCanBus::readMessages()
         }
     }
     const bool lost = length == 0 || errno != EAGAIN;
-    if (lost) {
-        notifier->setEnabled(false);
-        setError(QStringLiteral("The virtual CAN bus is gone"), QCanBusDevice::ReadError);
-    }
     if (!frames.isEmpty()) {
         enqueueReceivedFrames(frames);
+    }
+    if (lost) { // told after the last frames: reading a frame takes an error back
+        notifier->setEnabled(false);
+        setError(QStringLiteral("The virtual CAN bus is gone"), QCanBusDevice::ReadError);
     }
 }
 
