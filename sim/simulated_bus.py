@@ -14,6 +14,8 @@ import time
 
 from vorbelsim import canframe, links, nodes
 
+PATIENCE = 30  # seconds for the daemon to come
+
 
 class Ticker:
     """Calls functions at their own periods, and tells how long until the next is due."""
@@ -42,6 +44,15 @@ def pump(link, hear, timeout: float):
         hear(frame)
 
 
+def wait_for_daemon(link, seconds: float, announce):
+    """Waits so long, and on until the daemon is there."""
+    start = time.monotonic()
+    while (waited := time.monotonic() - start) < seconds or not link.is_heard():
+        if waited > seconds + PATIENCE:
+            raise TimeoutError(f"no daemon came within {waited:.0f} s")
+        pump(link, announce, 0.05)
+
+
 def simulate(link, rng: random.Random, rate: float, announce):
     """The machine's life: physics in steps of 10 ms, telemetry `rate` times as often as the nodes intend."""
     machine = nodes.machine(rng)
@@ -64,10 +75,13 @@ def simulate(link, rng: random.Random, rate: float, announce):
 def replay(link, lines, full_speed: bool, announce):
     """Sends the frames of a log, at the log's own pace or as fast as they are taken. Returns their number."""
     start, first, count = time.monotonic(), None, 0
-    for line in lines:
+    for number, line in enumerate(lines, 1):
         if not line.strip():
             continue
-        stamp, frame = canframe.parse_log_line(line)
+        try:
+            stamp, frame = canframe.parse_log_line(line)
+        except ValueError as error:
+            raise ValueError(f"line {number}: {error}") from None
         first = stamp if first is None else first
         while not full_speed and (wait := start + stamp - first - time.monotonic()) > 0:
             pump(link, announce, wait)
@@ -90,7 +104,8 @@ def arguments():
     parser.add_argument("--seed", type=int, help="make the machine's randomness repeatable")
     parser.add_argument("--replay", metavar="LOG", help="send the frames of a log of `candump -l` instead")
     parser.add_argument("--full-speed", action="store_true", help="replay without the log's pauses")
-    parser.add_argument("--wait", type=float, default=0, metavar="SECONDS", help="let the daemon come up before")
+    parser.add_argument("--wait", type=float, default=0, metavar="SECONDS",
+                        help="wait so long before, and on virtual hardware until the daemon is there")
     parser.add_argument("--quiet", action="store_true", help="do not print the frames that the daemon sends")
     return parser.parse_args()
 
@@ -126,13 +141,13 @@ def run(options):
         return
     announce = (lambda frame: None) if options.quiet else announce_to(sys.stdout)
     with link:
-        deadline = time.monotonic() + options.wait
-        while (left := deadline - time.monotonic()) > 0:
-            pump(link, announce, left)
+        if options.wait > 0:
+            wait_for_daemon(link, options.wait, announce)
         if not options.replay:
             simulate(link, rng, options.rate, announce)
-        with open(options.replay, encoding="ascii") as log:
+        with open(options.replay, encoding="ascii", errors="backslashreplace") as log:
             count = replay(link, log, options.full_speed, announce)
+        link.finish()
         print(f"replayed {count} frames, {link.unsuitable} of them not fit for this link", flush=True)
 
 

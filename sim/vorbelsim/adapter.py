@@ -36,6 +36,7 @@ class VirtualAdapter:
         self.name = name
         self.properties = {"ID_MODEL": description.replace(" ", "_"), **properties}
         self._master = self._slave = -1
+        self._plugged_at = 0.0
         for folder in ("ports", "dev", "history"):
             (self.directory / folder).mkdir(parents=True, exist_ok=True)
 
@@ -58,8 +59,18 @@ class VirtualAdapter:
     def plugged(self) -> bool:
         return self._master != -1
 
+    @property
+    def opened(self) -> bool:
+        """Whether the program under test has it open and has raised DTR: what is written now, it hears."""
+        raised = False
+        for event in self.history():
+            if event.time >= self._plugged_at and event.name in ("dtr", "close"):
+                raised = event.name == "dtr" and event.value == 1
+        return raised
+
     def plug(self) -> "VirtualAdapter":
         assert not self.plugged
+        self._plugged_at = time.monotonic()
         self._master, self._slave = os.openpty()
         # Kept open: the line keeps its settings, and reading here does not fail, while nobody else has it open.
         tty.setraw(self._slave)

@@ -4,6 +4,8 @@
     receive()          the frames that came, without waiting
     offer(frame)       sends a frame as a live node does: what finds no room is lost
     send(frame)        sends a frame, waiting for room
+    is_heard()         whether the daemon is there, as far as one can know
+    finish()           returns when the daemon has what was sent
 """
 
 import socket
@@ -47,6 +49,13 @@ class AdapterLink:
     def send(self, frame: CanFrame):
         self._adapter.write(self._bytes(frame))
 
+    def is_heard(self) -> bool:
+        return self._adapter.opened
+
+    def finish(self):
+        if self.is_heard():
+            self._adapter.wait_taken()
+
     def _bytes(self, frame: CanFrame) -> bytes:
         if frame.extended or frame.error or frame.fd:
             self.unsuitable += 1
@@ -79,6 +88,12 @@ class VirtualCanLink:
     def receive(self):
         self._bus.poll()
         return [written.frame for written in self._bus.receive(len(self._bus.written), timeout=0)]
+
+    def is_heard(self) -> bool:
+        return self._bus.connected > 0
+
+    def finish(self):
+        """A local socket hands over what it has taken even when this side has closed it."""
 
 
 class SocketCanLink:
@@ -122,6 +137,12 @@ class SocketCanLink:
             self._socket.send(frame.pack())
         except BlockingIOError:
             pass
+
+    def is_heard(self) -> bool:
+        return True
+
+    def finish(self):
+        """The kernel has it."""
 
     def send(self, frame: CanFrame):
         self._socket.settimeout(10)

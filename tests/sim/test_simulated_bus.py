@@ -152,9 +152,10 @@ def test_ends_cleanly(simulated_bus, tmp_path, number):
 
 
 def test_bad_log_is_an_error(simulated_bus, tmp_path):
-    (tmp_path / "log").write_text("nonsense\n")
+    (tmp_path / "log").write_text("(1.5) can0 123#00\n\nnonsense \xe4\n", encoding="latin-1")
     process = simulated_bus("--adapter", tmp_path, "--replay", tmp_path / "log")
-    assert process.communicate(timeout=10)[1] == "simulated_bus: not a line of a candump log: 'nonsense'\n"
+    assert process.communicate(timeout=10)[1] == (
+        "simulated_bus: line 3: not a line of a candump log: 'nonsense \\\\xe4'\n")
     assert process.returncode == 1
 
 

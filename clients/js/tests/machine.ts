@@ -36,10 +36,7 @@ export class Machine {
         await this.#startBus("--seed", "1", "--noise", "0");
     }
 
-    /**
-     * Sends the frames of the lines of a `candump -l` log, at its pace, `seconds` after the adapter was plugged in.
-     * The adapter is pulled after the last one, which is lost if it is not read at once.
-     */
+    /** Sends the frames of the lines of a `candump -l` log, at its pace, `seconds` after the adapter was plugged in. */
     async replay(lines: string[], seconds: number): Promise<void> {
         const log = join(this.#folder, "frames.log");
         writeFileSync(log, lines.join("\n"));
