@@ -35,6 +35,13 @@ def test_plain(value, as_json):
     assert plain(value) == as_json
 
 
+def test_plain_of_all_that_can_be_decoded():
+    value = 7
+    for _ in range(500):
+        value = {"n": value}
+    assert plain(value) == value
+
+
 def after(*readings):
     """The row of "a" after (time, value) readings."""
     table = Table()
@@ -55,6 +62,10 @@ def after(*readings):
 ], ids=["first reading", "rising", "falling", "only the last two seconds", "still", "bool", "still bool", "array"])
 def test_change(readings, change):
     assert after(*readings).change(readings[-1][0]) == change
+
+
+def test_change_of_what_changes_more_often_than_is_remembered():
+    assert after(*((10 + at / 500, at % 2 == 1) for at in range(600))).change(10 + 599 / 500).startswith("50")
 
 
 def test_age():

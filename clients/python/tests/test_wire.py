@@ -86,6 +86,13 @@ def test_what_is_no_complete_value(message):
         wire.decode(bytes.fromhex(message))
 
 
+@pytest.mark.parametrize("head", ["81 a1 6e", "91"], ids=["maps", "arrays"])
+def test_nesting_is_bounded(head):
+    assert wire.decode(bytes.fromhex(500 * head + "05"))
+    with pytest.raises(ValueError, match="nested more than 500 deep"):
+        wire.decode(bytes.fromhex(501 * head + "05"))
+
+
 def test_payload_that_is_no_whole_number_of_elements(flavour):
     with pytest.raises(ValueError):
         wire.decode(bytes.fromhex("c7 03 13 00 00 00"))

@@ -38,7 +38,8 @@ class Row:
                 return ""
             return f"{(numbers[-1][1] - numbers[0][1]) / (numbers[-1][0] - numbers[0][0]):+.3g}/s"
         changes = sum(now - when <= WINDOW for when in self._changes)
-        return f"{changes / WINDOW:.1f}×/s" if changes else ""
+        span = WINDOW if changes < HISTORY else now - self._changes[0]
+        return f"{changes / span:.1f}×/s" if changes else ""
 
     def age(self, now: float) -> str:
         seconds = max(0.0, now - self.time)
@@ -46,20 +47,29 @@ class Row:
 
 
 class Table:
-    """Rows by dotted path, in the order of the paths."""
+    """Rows by dotted path."""
 
     def __init__(self):
-        self.rows = {}
         self.messages = 0
+        self._rows = {}
+        self._in_order = True
+
+    @property
+    def rows(self) -> dict:
+        """In the order of the paths."""
+        if not self._in_order:
+            self._rows = dict(sorted(self._rows.items()))
+            self._in_order = True
+        return self._rows
 
     def update(self, event):
         """Takes in a Values event."""
         self.messages += 1
         for path, value in event.flat().items():
-            if path not in self.rows:
-                self.rows[path] = Row()
-                self.rows = dict(sorted(self.rows.items()))
-            self.rows[path].update(value, event.time)
+            if path not in self._rows:
+                self._rows[path] = Row()
+                self._in_order = False
+            self._rows[path].update(value, event.time)
 
 
 def is_number(value) -> bool:
@@ -88,7 +98,10 @@ def sparkline(values, width: int) -> str:
 def plain(value):
     """A value as JSON knows it: arrays as lists, bytes in hexadecimal, what is not finite as text."""
     if isinstance(value, dict):
-        return {name: plain(member) for name, member in value.items()}
+        members = {}
+        for name, member in value.items():  # no comprehension: that is a second call for each level of nesting
+            members[name] = plain(member)
+        return members
     if wire.is_array(value) or isinstance(value, (list, tuple)):
         return [plain(number(element)) for element in value]
     if isinstance(value, bytes):

@@ -10,6 +10,8 @@ try:
 except ImportError:
     numpy = None
 
+NESTING_LIMIT = 500  # maps in maps; Python's msgpack packs 511 of them, and what walks them here recurses
+
 # Extension type: (type code of array.array, numpy's type). The payload is the elements, little-endian.
 ARRAYS = {
     17: ("b", "<i1"),
@@ -25,12 +27,15 @@ ARRAYS = {
 def decode(message: bytes):
     """The value in a binary message: nested dicts, numbers, bools, arrays; None for an empty report.
 
-    Raises ValueError for bytes that are no complete value.
+    Raises ValueError for bytes that are no complete value, and for values nested too deep.
     """
     try:
-        return msgpack.unpackb(message, ext_hook=_extension)
+        value = msgpack.unpackb(message, ext_hook=_extension)
     except TypeError as error:  # a map that stands where a key should be
         raise ValueError(str(error)) from None
+    if _is_too_deep(value):
+        raise ValueError(f"nested more than {NESTING_LIMIT} deep")
+    return value
 
 
 def encode(values) -> bytes:
@@ -43,6 +48,21 @@ def encode(values) -> bytes:
 
 def is_array(value) -> bool:
     return isinstance(value, array.array) or (numpy is not None and isinstance(value, numpy.ndarray))
+
+
+def _is_too_deep(value) -> bool:
+    level = [value]
+    for _ in range(NESTING_LIMIT + 1):
+        level = [member for each in level for member in _members(each)]
+        if not level:
+            return False
+    return True
+
+
+def _members(value):
+    if isinstance(value, dict):
+        return value.values()
+    return value if isinstance(value, list) else ()
 
 
 def _extension(code: int, payload: bytes):
