@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 
-from support import TOOL, Bridge
+from support import TOOL, Bridge, SerialBridge
 
 
 @pytest.fixture
@@ -16,6 +16,23 @@ def bridge(tmp_path):
     finally:
         running.stop()
         running.can.stop()
+
+
+@pytest.fixture
+def serial_bridge(tmp_path):
+    """Started, with its adapter opened."""
+    running = SerialBridge(tmp_path)
+    try:
+        yield running.start()
+    finally:
+        running.stop()
+        running.unplug()
+
+
+@pytest.fixture(params=["bridge", "serial_bridge"])
+def either_bridge(request):
+    """On the one link and on the other."""
+    return request.getfixturevalue(request.param)
 
 
 @pytest.fixture
@@ -32,13 +49,14 @@ def schema_file(tmp_path):
 def tool():
     """tool(WORD...) runs the tool to its end: (status, output, errors). tool.start(WORD...) leaves it running.
 
-    Both take variables of its environment as keywords.
+    Both take variables of its environment as keywords. Its output is buffered as a person's is.
     """
     running = []
+    inherited = {name: value for name, value in os.environ.items() if name != "PYTHONUNBUFFERED"}
 
-    def start(*words, **environment):
-        running.append(subprocess.Popen([TOOL, *map(str, words)], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
-                                        stderr=subprocess.PIPE, text=True, env={**os.environ, **environment}))
+    def start(*words, stdout=subprocess.PIPE, **environment):
+        running.append(subprocess.Popen([TOOL, *map(str, words)], stdin=subprocess.DEVNULL, stdout=stdout,
+                                        stderr=subprocess.PIPE, text=True, env={**inherited, **environment}))
         return running[-1]
 
     def run(*words, **environment):

@@ -3,7 +3,7 @@
 import pathlib
 
 import harness
-from vorbelsim import CanFrame, VirtualCanBus
+from vorbelsim import CanFrame, VirtualAdapter, VirtualCanBus, vek
 
 PROJECT = pathlib.Path(__file__).resolve().parents[3]
 TOOL = PROJECT / "clients" / "python" / "vorbel-cli"
@@ -38,3 +38,32 @@ class Bridge:
         """(mac, cmd, payload as hex) of the next frames that the daemon wrote."""
         frames = [written.frame for written in self.can.receive(count, timeout)]
         return [(frame.mac, frame.cmd, frame.payload.hex(" ")) for frame in frames]
+
+
+class SerialBridge(Bridge):
+    """The same with a bus behind a serial adapter."""
+
+    def __init__(self, folder):
+        self._folder = folder
+        self._adapter = VirtualAdapter(folder).plug()
+        self.daemon = None
+
+    def start(self, **environment):
+        opened_before = self._raised()
+        self.daemon = harness.Daemon(self._folder, {**self._adapter.env(), **environment})
+        self.daemon.wait_listening()
+        self._adapter.wait_for("dtr", 1, count=opened_before + 1)  # what is written now, it hears
+        return self
+
+    def _raised(self):
+        return sum(event.value for event in self._adapter.history("dtr"))
+
+    def unplug(self):
+        self._adapter.__exit__()
+
+    def say(self, mac, cmd, *payloads):
+        self._adapter.write(b"".join(vek.record(mac, cmd, bytes.fromhex(payload)) for payload in payloads))
+
+    def heard(self, count=1, timeout=5):
+        frames = vek.Scanner().feed(self._adapter.read(count * vek.SIZE, timeout))
+        return [(mac, cmd, payload.hex(" ")) for mac, cmd, payload in frames]

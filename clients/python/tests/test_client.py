@@ -139,6 +139,48 @@ async def test_events_for_some_seconds(bridge):
         assert [type(event) async for event in client.events(0.2)] == [Hello]
 
 
+async def test_a_round_on_either_link(either_bridge):
+    """What a client sees does not depend on the link: hello, schema, values, arrays, written frames."""
+    schema = {**MOTOR, "cells": {"@mac": 9, "@cmd": 1, "@format": "S", "@flushSize": 2, "@factor": 1000}}
+    async with connect(schema=schema) as client:
+        assert client.hello == Hello("unknown")
+        await client.confirmed()
+        either_bridge.say(5, 2, "58 02 90 01")
+        either_bridge.say(9, 1, "6e 0f", "a0 0f")
+        values = client.values()
+        assert await anext(values) == {"motor": {"speed": 600, "current": 4.0}}
+        assert [round(float(volts), 3) for volts in (await anext(values))["cells"]] == [3.95, 4.0]
+        await client.set("motor.setpoint", 1200)
+        await client.write({"motor": {"speed": -2, "current": 1.5}})
+        assert either_bridge.heard(2) == [(5, 3, "b0 04"), (5, 2, "fe ff 96 00")]
+
+
+async def test_a_restarted_daemon_on_either_link(either_bridge):
+    async with connect(schema=MOTOR) as client:
+        events = client.events()
+        either_bridge.stop()
+        await next_of(Disconnected, events)
+        await asyncio.to_thread(either_bridge.start)
+        await next_of(Hello, events)
+        await client.confirmed()
+        either_bridge.say(5, 2, "58 02 90 01")
+        assert (await next_of(Values, events)).flat() == {"motor.speed": 600, "motor.current": 4.0}
+
+
+async def test_pauses_grow_to_a_bound_and_differ_from_client_to_client(bridge):
+    """Each is between half and all of 0.02 s, doubled each time up to 0.1 s."""
+    options = {"pauses": (0.02, 0.1)}
+    async with vorbel.connect("127.0.0.1", **options) as here, vorbel.connect("127.0.0.1", **options) as there:
+        bridge.stop()
+        both = []
+        for events in (here.events(), there.events()):
+            both.append([(await next_of(Disconnected, events)).retry_in for _ in range(8)])
+    for pauses in both:
+        bounds = [0.02, 0.04, 0.08] + 5 * [0.1]
+        assert all(bound / 2 <= pause <= bound for pause, bound in zip(pauses, bounds))
+    assert both[0] != both[1]
+
+
 # Rainy
 
 
@@ -204,9 +246,33 @@ async def test_a_value_that_cannot_be_sent(bridge, value, reason):
 
 
 async def test_no_daemon():
-    with pytest.raises(vorbel.ConnectError, match="No daemon at ws://127.0.0.1:10443 within 0.3 s: Connect call"):
+    with pytest.raises(vorbel.ConnectError, match="No daemon at ws://127.0.0.1:10443 within 0.3 s: Connection refused"):
         async with connect(timeout=0.3):
             pass
+
+
+@pytest.mark.parametrize("address", ["", "host:port", "host:70000", "http://host", "ws://"])
+def test_what_no_attempt_could_reach_is_told_at_once(address):
+    with pytest.raises(vorbel.ConnectError, match="is no address of a daemon: "):
+        vorbel.connect(address)
+
+
+async def test_a_server_that_does_not_greet(monkeypatch):
+    monkeypatch.setattr(vorbel.client, "HELLO_TIMEOUT", 0.1)
+    async with harness.websockets.serve(lambda socket: socket.wait_closed(), "127.0.0.1", harness.PORT):
+        with pytest.raises(vorbel.ConnectError, match="it does not answer in time"):
+            async with connect(timeout=1):
+                pass
+
+
+async def test_values_nested_too_deep_to_be_handled_are_reported(bridge):
+    schema = SPEED
+    for _ in range(501):
+        schema = {"n": schema}
+    async with connect(schema=schema, check=False) as client:
+        await client.confirmed()
+        bridge.say(5, 2, "07 00")
+        assert (await next_of(Undecodable, client.events())).reason == "nested more than 500 deep"
 
 
 async def answering(answer):
@@ -252,6 +318,7 @@ async def test_a_consumer_that_falls_behind_loses_the_oldest(bridge, monkeypatch
 
 @pytest.mark.parametrize("address, uri", [
     ("localhost", "ws://localhost:10443"), ("10.0.0.5:8080", "ws://10.0.0.5:8080"), ("[::1]", "ws://[::1]:10443"),
+    ("::1", "ws://[::1]:10443"),
     ("[::1]:80", "ws://[::1]:80"), ("wss://plant.example/vorbel", "wss://plant.example/vorbel")])
 def test_addresses(address, uri):
     assert vorbel.client.uri_of(address) == uri

@@ -13,6 +13,11 @@ def test_there_and_back(names, path):
     assert paths.split(path) == names
 
 
+def test_shown():
+    assert paths.shown("motor.ü.日本 \\.") == "motor.ü.日本 \\."
+    assert paths.shown("a\tb\n\x1b[31m\ud800") == "a\\tb\\n\\x1b[31m\\ud800"
+
+
 def test_flatten_and_nest():
     assert paths.flatten({"a": {"b": 1, "c.d": [2]}, "e": True}) == {"a.b": 1, "a.c\\.d": [2], "e": True}
     assert paths.nest("a.c\\.d", 7) == {"a": {"c.d": 7}}

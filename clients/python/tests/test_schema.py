@@ -71,7 +71,12 @@ ERRORS = {
     "unknown format": (
         {"a": leaf(format="d")},
         'a: "@format" is "d": it must be one of C c S s Q q I i f p; the daemon neither reads nor writes any other'),
-    "factor 0": ({"a": leaf(factor=0)}, 'a: "@factor" is 0: readings are divided by it'),
+    "factor 0": ({"a": leaf(factor=0)}, 'a: "@factor" is 0: readings are divided by it in single precision'),
+    "factor that is 0 in single precision": (
+        {"a": leaf(factor=1e-50)}, 'a: "@factor" is 1e-50: readings are divided by it in single precision'),
+    "beyond any float": ({"a": leaf(skip=10**400)}, f'a: "@skip" is 1{36 * "0"}...: it must be a whole number'),
+    "name that a terminal would obey": ({"a\x1b[2J": leaf(mac=64)},
+                                        'a\\x1b[2J: "@mac" is 64: it must be from 0 to 63'),
     "array of c": (
         {"a": leaf(format="c", flushSize=4)},
         'a: "c" with "@flushSize" makes every message that carries it unreadable for all clients: '
@@ -166,8 +171,13 @@ def test_files_that_are_no_schema(schema_file, text, message):
     assert str(path) in str(raised.value) and message in str(raised.value)
 
 
+def test_file_that_begins_with_a_byte_order_mark(tmp_path):
+    (tmp_path / "marked.json").write_text('{"a": 1}', encoding="utf-8-sig")
+    assert load_schema(tmp_path / "marked.json") == {"a": 1}
+
+
 def test_missing_file(tmp_path):
-    with pytest.raises(SchemaError, match="none.json cannot be read: .*No such file"):
+    with pytest.raises(SchemaError, match="none.json cannot be read: No such file or directory$"):
         load_schema(tmp_path / "none.json")
 
 
@@ -187,11 +197,11 @@ def test_larger_than_the_daemon_takes():
 WRITABLE = {"c": leaf(format="C"), "s": leaf(skip=1), "i": leaf(format="i", skip=3), "f": leaf(format="f", cmd=3),
             "scaled": leaf(format="S", cmd=4, factor=100), "flag": leaf(format="C", cmd=5, asBool=True),
             "masked": leaf(format="C", cmd=6, mask=3), "packed": leaf(format="p", cmd=7), "group": {"x": leaf(cmd=8)},
-            "odd": leaf(format="d", cmd=9)}
+            "odd": leaf(format="d", cmd=9), "whole": leaf(format="I", cmd=10, mask=2**32 - 1)}
 
 ACCEPTED = [("c", 255), ("c", -128), ("c", True), ("c", None), ("s", 65535), ("s", -32768), ("s", 2.5),
             ("i", 2**32 - 1), ("f", 1e30), ("f", float("nan")), ("scaled", 327.67), ("packed", {"any": ["thing"]}),
-            ("group", {"x": 1})]
+            ("group", {"x": 1}), ("whole", 1)]
 
 
 @pytest.mark.parametrize("name, value", ACCEPTED)
@@ -212,7 +222,8 @@ REFUSED = {
     "text": ({"c": "12"}, 'c: takes a number, not "12"'),
     "list": ({"c": [1]}, "c: takes a number, not [1]"),
     "group for a value": ({"c": {"x": 1}}, 'c: takes a number, not {"x": 1}'),
-    "no number": ({"c": float("nan")}, "c: takes a finite number, not nan"),
+    "no number": ({"c": float("nan")}, "c: takes a finite number, not NaN"),
+    "beyond any float": ({"c": 10**400}, f"c: takes a finite number, not 1{36 * '0'}..."),
     "format that writes nothing": ({"odd": 1}, 'odd: has the format "d", which cannot be written'),
 }
 
@@ -220,6 +231,11 @@ REFUSED = {
 @pytest.mark.parametrize("values, message", REFUSED.values(), ids=REFUSED)
 def test_values_that_are_refused(values, message):
     assert [str(problem) for problem in check_write(WRITABLE, values)] == [message]
+
+
+def test_the_root_is_no_place_for_a_value():
+    assert [str(problem) for problem in check_write(leaf(), 5)] == [
+        "the root: values are written as a map from names, not as a value of its own"]
 
 
 def test_checks_leave_the_schema_alone():

@@ -12,6 +12,7 @@ import subprocess
 import termios
 import time
 
+import harness
 import pytest
 
 from support import MACHINE, PROJECT, TOOL
@@ -42,7 +43,7 @@ def missing(tmp_path):
     return without
 
 
-# hello, set, schema check
+# hello, and what all commands share
 
 
 def test_hello(bridge, tool):
@@ -55,7 +56,73 @@ def test_hello(bridge, tool):
 def test_no_daemon_is_told(tool):
     status, output, errors = tool("hello", "-a", "127.0.0.1", "--timeout", "0.3")
     assert (status, output) == (1, "")
-    assert errors.startswith("vorbel-cli: No daemon at ws://127.0.0.1:10443 within 0.3 s: Connect call failed")
+    assert errors.startswith("vorbel-cli: No daemon at ws://127.0.0.1:10443 within 0.3 s: Connection refused\n")
+
+
+def test_address_that_cannot_be(tool):
+    assert tool("hello", "-a", "host:port") == (
+        1, "", "vorbel-cli: ws://host:port is no address of a daemon: Port could not be cast to integer value as "
+               "'port'\n")
+
+
+@pytest.mark.parametrize("words, message", [
+    (("hello", "--timeout", "soon"), "argument --timeout: must be a number above 0"),
+    (("record", "x.csv", "--max-size", "5x"), "argument --max-size: must be a number of bytes, with k, M or G"),
+    (("watch", "--nosuch"), "unrecognized arguments: --nosuch"),
+    ((), "the following arguments are required: COMMAND"),
+], ids=["no number", "no size", "unknown option", "no command"])
+def test_wrong_command_lines(tool, words, message):
+    status, output, errors = tool(*words)
+    assert (status, output) == (2, "") and message in errors
+
+
+# Where output goes
+
+
+@pytest.fixture(params=["hello", "watch", "watch --once 1", "schema check"])
+def saying(request):
+    """The words of commands that write to standard output."""
+    words = request.param.split()
+    return [*words, MACHINE] if words[0] == "schema" else [*words, "--schema", MACHINE]
+
+
+def test_output_that_finds_no_room(machine, tool, saying):
+    with open("/dev/full", "w") as full:
+        process = tool.start(*saying, stdout=full)
+        errors = process.communicate(timeout=20)[1]
+    assert errors.splitlines()[-1] == "vorbel-cli: standard output: No space left on device"
+    assert process.returncode == 1
+
+
+def test_output_that_nobody_reads(machine, tool, saying):
+    process = tool.start(*saying)
+    process.stdout.close()
+    assert process.wait(20) == 0
+    assert not set(process.stderr.read().splitlines()) - {"vorbel-cli: hello: type unknown"}
+
+
+def test_output_that_cannot_show_every_character(machine, tool):
+    status, output, errors = tool("watch", "--schema", MACHINE, "--once", "3", PYTHONIOENCODING="ascii")
+    assert (status, errors) == (0, "") and "5 \\xd7 \\u2026 " in output
+
+
+def test_names_that_a_terminal_would_obey(bridge, tool, schema_file):
+    schema = schema_file({"a\tb\x1b[2J": LEAF})
+    process = tool.start("watch", "--schema", schema)
+    bridge.daemon.wait_for("info Received schema: .*")
+    bridge.say(5, 2, "05 00")
+    assert process.stdout.readline().split("\t")[1:] == ["a\\tb\\x1b[2J", "5\n"]
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_watch_until_told_to_end(bridge, tool, number):
+    process = tool.start("watch")
+    process.stderr.readline()
+    process.send_signal(number)
+    assert process.communicate(timeout=10) == ("", "") and process.returncode == 0
+
+
+# set, schema check
 
 
 def test_set(bridge, tool):
@@ -67,7 +134,11 @@ def test_set(bridge, tool):
     ("motor.enabled", "true", 'motor.enabled: is read-only, because its schema has "@asBool"'),
     ("motor.setpoint", "fast", 'motor.setpoint: takes a number, not "fast"'),
     ("motor.nosuch", "1", "motor.nosuch: does not exist in the schema"),
-], ids=["read-only", "text", "unknown"])
+    ("motor", "1", 'motor: is a group of values, not a value: "speed", "current", "enabled", "setpoint"'),
+    ("", "1", "the root: values are written as a map from names, not as a value of its own"),
+    ("motor.setpoint", "9" * 400, f"motor.setpoint: takes a finite number, not {37 * '9'}..."),
+    ("motor.setpoint", "[" * 9999, f'motor.setpoint: takes a number, not "{36 * "["}...'),
+], ids=["read-only", "text", "unknown", "a group", "the root", "beyond any number", "nested without end"])
 def test_set_refuses(bridge, tool, path, value, message):
     assert tool("set", path, value, "--schema", MACHINE) == (1, "", f"vorbel-cli: Not written: {message}\n")
     assert bridge.heard(timeout=0.2) == []
@@ -235,16 +306,40 @@ def test_watch_on_a_terminal(bridge, terminal):
 
 
 def test_table_outlives_the_daemon(bridge, terminal):
+    """Meanwhile nothing is written: nobody expects an old set point to take effect by itself."""
     screen = terminal("watch", "--schema", MACHINE)
-    screen.wait_for("unknown")
+    screen.wait_for("no values yet")
     bridge.stop()
     screen.wait_for("no connection to ws://localhost:10443")
+    screen.wait_for("no connection: Connection refused; trying again")
+    screen.type("set motor.setpoint 5\r")
+    screen.wait_for("Not written: no connection")
     bridge.start()
     bridge.daemon.wait_for("info Received schema: .*", timeout=20)
+    screen.wait_for("connected again")
+    assert bridge.heard(timeout=0.2) == []
     bridge.say(12, 1, "01")
     screen.wait_for("door.open")
     screen.type("\x04")
     assert screen.end() == 0
+
+
+def test_line_longer_than_the_terminal_shows_its_end(bridge, terminal):
+    screen = terminal("watch")
+    screen.wait_for("unknown")
+    screen.type("set a.path " + 200 * "7" + "890")
+    screen.wait_for(93 * "7" + "890")
+    screen.type("\x15quit\r")
+    assert screen.end() == 0
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_terminal_is_given_back(bridge, terminal, number):
+    screen = terminal("watch")
+    screen.wait_for("unknown")
+    os.kill(screen.process, number)
+    assert screen.end() == 0
+    assert screen.seen.endswith("\x1b[?1049l")
 
 
 def test_without_rich_there_are_lines(bridge, terminal, missing):
@@ -302,7 +397,7 @@ def test_record_until_interrupted(bridge, tool, tmp_path):
 
 def test_record_shows_its_progress_on_a_terminal(machine, terminal, tmp_path):
     screen = terminal("record", tmp_path / "run.csv", "--schema", MACHINE, "--for", "3")
-    screen.wait_for(" MB, 1 files")
+    screen.wait_for(" MB, 1 file")
     assert screen.end() == 0
     assert "\x1b[Kvorbel-cli: recorded " in screen.seen  # in place of the progress
 
@@ -315,6 +410,41 @@ def test_record_keeps_what_cannot_be_decoded(bridge, tool, schema_file, tmp_path
     process.communicate(timeout=10)
     entry = json.loads((tmp_path / "run.jsonl").read_text())
     assert entry["undecodable"] == "81a3626164" and entry["reason"] == "Unpack failed: incomplete input"
+
+
+def test_record_tells_a_lost_connection_once(bridge, tool, tmp_path):
+    file = tmp_path / "run.jsonl"
+    process = tool.start("record", file, "--schema", MACHINE)
+    bridge.daemon.wait_for("info Received schema: .*")
+    bridge.stop()
+    time.sleep(2)
+    bridge.start()
+    bridge.daemon.wait_for("info Received schema: .*", timeout=20)
+    bridge.say(12, 1, "01")
+    harness.wait_until(lambda: '"values"' in file.read_text())
+    process.send_signal(signal.SIGTERM)
+    errors = process.communicate(timeout=10)[1]
+    entries = [json.loads(line) for line in file.read_text().splitlines()]
+    assert [set(entry) for entry in entries] == [{"time", "disconnected"}, {"time", "values"}]
+    assert errors.splitlines()[-2:] == [
+        "vorbel-cli: connected again",
+        f"vorbel-cli: recorded 1 messages, {file.stat().st_size} bytes in 1 file at {file}"]
+
+
+def test_record_of_nothing_leaves_nothing(tool, tmp_path):
+    file = tmp_path / "run.csv"
+    assert tool("record", file, "--timeout", "0.3") == (
+        1, "", f"vorbel-cli: nothing was recorded to {file}\n"
+               "vorbel-cli: No daemon at ws://localhost:10443 within 0.3 s: Connection refused\n")
+    assert not file.exists()
+
+
+def test_record_on_a_full_disk(machine, tool, tmp_path):
+    file = tmp_path / "run.jsonl"
+    file.symlink_to("/dev/full")
+    status, output, errors = tool("record", file, "--append", "--schema", MACHINE)
+    assert (status, output) == (1, "")
+    assert errors.splitlines()[-1] == f"vorbel-cli: {file}: No space left on device"
 
 
 def test_record_does_not_overwrite(bridge, tool, tmp_path):
@@ -355,6 +485,35 @@ def test_plot_of_a_path_that_does_not_come(machine, tool, tmp_path):
     status, _, errors = tool("plot", "motor.spede", "-o", tmp_path / "x.png", "--for", "2", "--schema", MACHINE)
     assert status == 1 and not (tmp_path / "x.png").exists()
     assert errors.startswith("vorbel-cli: no numbers came for motor.spede; there were: ") and "motor.speed" in errors
+
+
+@pytest.mark.parametrize("name, message", [
+    ("x.txt", "says by its suffix what to draw: it must be one of .png, .svg, .pdf"),
+    ("nosuch/x.png", "there is no such folder"),
+], ids=["suffix", "folder"])
+def test_plot_that_could_not_be_written_is_told_before_it_is_collected(tool, tmp_path, name, message):
+    pytest.importorskip("matplotlib")
+    status, _, errors = tool("plot", "motor.speed", "-o", tmp_path / name)
+    assert status == 1 and message in errors
+
+
+def test_plot_on_a_full_disk(machine, tool, tmp_path):
+    pytest.importorskip("matplotlib")
+    file = tmp_path / "x.png"
+    file.symlink_to("/dev/full")
+    status, _, errors = tool("plot", "motor.speed", "-o", file, "--for", "1", "--schema", MACHINE)
+    assert (status, errors) == (
+        1, f"vorbel-cli: The plot cannot be written to {file}: No space left on device\n")
+
+
+def test_plot_of_names_that_look_like_formulas(bridge, tool, schema_file, tmp_path):
+    pytest.importorskip("matplotlib")
+    process = tool.start("plot", "$x_{", "日本", "-o", tmp_path / "x.png", "--for", "2", "--schema",
+                         schema_file({"$x_{": LEAF, "日本": {**LEAF, "@cmd": 3}}))
+    bridge.daemon.wait_for("info Received schema: .*")
+    bridge.say(5, 2, "05 00")
+    bridge.say(5, 3, "05 00")
+    assert process.communicate(timeout=20) == (f"{tmp_path}/x.png: 2 points\n", "")
 
 
 def test_plot_without_matplotlib(tool, missing):

@@ -6,10 +6,11 @@ import datetime
 import json
 import os
 import re
+import signal
 import sys
 import time
 
-from . import client as clients, commands, once, plotting, schema as schemas, table
+from . import client as clients, commands, once, paths, plotting, schema as schemas, table
 from .client import connect
 from .errors import VorbelError
 from .recording import Recorder
@@ -18,21 +19,49 @@ UNITS = {"": 1, "k": 1024, "M": 1024**2, "G": 1024**3}
 
 
 def main(arguments=None) -> int:
-    options = _parser().parse_args(arguments)
+    _prepare_streams()
     try:
-        return asyncio.run(options.run(options))
+        return _run(arguments)
     except VorbelError as error:
         say(str(error))
         return 1
-    except BrokenPipeError:
-        # Whoever read our lines has had enough; Python would complain once more on its way out.
-        os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
+    except BrokenPipeError:  # whoever read our lines has had enough
+        _drop_output()
         return 0
     except OSError as error:
-        say(f"{error.filename}: {error.strerror}" if error.filename else str(error))
+        if not error.filename:
+            _drop_output()
+        say(f"{error.filename or 'standard output'}: {error.strerror or error}")
         return 1
-    except KeyboardInterrupt:
+
+
+def _run(arguments) -> int:
+    try:
+        options = _parser().parse_args(arguments)
+        return asyncio.run(_until_terminated(options.run(options)))
+    except (KeyboardInterrupt, asyncio.CancelledError):
         return options.interrupted
+    finally:
+        sys.stdout.flush()
+
+
+async def _until_terminated(command) -> int:
+    """Being told to end is as good as Ctrl-C: files are closed, the terminal is as it was."""
+    asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, asyncio.current_task().cancel)
+    return await command
+
+
+def _prepare_streams():
+    """What they cannot show is escaped; those that are closed swallow everything."""
+    for name in ("stdin", "stdout", "stderr"):
+        stream = getattr(sys, name) or open(os.devnull, "r" if name == "stdin" else "w", encoding="utf-8")
+        stream.reconfigure(errors="backslashreplace")
+        setattr(sys, name, stream)
+
+
+def _drop_output():
+    """Python would complain once more on its way out about what could not be written."""
+    os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
 
 
 def say(text: str):
@@ -60,15 +89,15 @@ async def set_value(options) -> int:
         value = commands.parse_value(options.value)
         await client.set(options.path, value)
         await client.confirmed()
-    print(f"{options.path} = {table.shown(value)} sent")
+    print(f"{paths.shown(options.path)} = {table.shown(value)} sent")
     return 0
 
 
 async def hello(options) -> int:
     async with _connect(options) as client:
-        print(f"type: {client.hello.type}")
+        print(f"type: {paths.shown(client.hello.type)}")
         if client.hello.id is not None:
-            print(f"id: {client.hello.id}")
+            print(f"id: {paths.shown(client.hello.id)}")
     return 0
 
 
@@ -95,20 +124,28 @@ async def record(options) -> int:
             async for event in client.events(options.seconds):
                 session.take(event)
                 recorder.record(event)
-                progress.show(f"{recorder.messages} messages, {recorder.written / 1e6:.1f} MB, "
-                              f"{recorder.files} files")
+                progress.show(f"{recorder.messages} messages, {recorder.written / 1e6:.1f} MB, {_files(recorder)}")
                 lost = client.lost
     finally:
         recorder.close()
         progress.end()
-        say(f"recorded {recorder.messages} messages, {recorder.written} bytes in {recorder.files} "
-            f"{'file' if recorder.files == 1 else 'files'} at {options.file}"
-            + (f"; {lost} more came faster than they could be written" if lost else ""))
+        say(_recorded(recorder, options.file, lost))
     return 0 if recorder.messages else 1
 
 
+def _recorded(recorder, file, lost) -> str:
+    if recorder.written == 0:
+        return f"nothing was recorded to {file}"
+    more = f"; {lost} more came faster than they could be written" if lost else ""
+    return f"recorded {recorder.messages} messages, {recorder.written} bytes in {_files(recorder)} at {file}{more}"
+
+
+def _files(recorder) -> str:
+    return f"{recorder.files} {'file' if recorder.files == 1 else 'files'}"
+
+
 async def plot(options) -> int:
-    plotting.require_matplotlib()
+    plotting.prepare(options.output)
     courses = {path: plotting.Course() for path in options.paths}
     progress = Progress()
     async with _connect(options) as client:
@@ -124,7 +161,8 @@ async def plot(options) -> int:
     progress.end()
     empty = [path for path, course in courses.items() if not course.times]
     if empty:
-        say(f"no numbers came for {', '.join(empty)}; there were: {', '.join(session.table.rows) or 'none at all'}")
+        say(paths.shown(f"no numbers came for {', '.join(empty)}; "
+                        f"there were: {', '.join(session.table.rows) or 'none at all'}"))
     courses = {path: course for path, course in courses.items() if course.times}
     if courses:
         plotting.draw(courses, options.output, title)
@@ -194,7 +232,7 @@ async def _watch_plain(session) -> int:
             when = _local_time(event.time)
             for path, value in event.flat().items():
                 if session.filter in path:
-                    print(when, path, json.dumps(table.plain(value), ensure_ascii=False), sep="\t")
+                    print(when, paths.shown(path), json.dumps(table.plain(value), ensure_ascii=False), sep="\t")
             sys.stdout.flush()
     return 0
 
@@ -242,7 +280,7 @@ def _parser():
 
     command = add("set", set_value, "write one value to the bus")
     command.add_argument("path", metavar="PATH")
-    command.add_argument("value", metavar="VALUE", help="as JSON, or text")
+    command.add_argument("value", metavar="VALUE", help="as JSON, or text; one like -1e3 goes behind --")
 
     add("hello", hello, "print which device answers")
 
@@ -278,9 +316,12 @@ def _add_connection(command):
 
 
 def _seconds(text: str) -> float:
-    seconds = float(text)
+    try:
+        seconds = float(text)
+    except ValueError:
+        seconds = 0
     if not 0 < seconds < float("inf"):
-        raise argparse.ArgumentTypeError("must be above 0")
+        raise argparse.ArgumentTypeError("must be a number above 0")
     return seconds
 
 

@@ -5,12 +5,15 @@ import collections
 import contextlib
 import json
 import logging
+import os
 import random
+import re
 import time
 from dataclasses import dataclass, field
 from typing import Optional
 
 import websockets
+import websockets.uri
 
 from . import paths, schema as schemas, wire
 from .errors import ConnectError, WriteError
@@ -32,7 +35,7 @@ class Hello:
     id: Optional[str] = None
 
     def __str__(self):
-        return f"type {self.type}" + (f", id {self.id}" if self.id is not None else "")
+        return paths.shown(f"type {self.type}" + (f", id {self.id}" if self.id is not None else ""))
 
 
 @dataclass(frozen=True)
@@ -81,8 +84,19 @@ def uri_of(address: str) -> str:
     """The URI for "host", "host:port" or a URI."""
     if "://" in address:
         return address
+    if address.count(":") > 1 and "[" not in address:
+        address = f"[{address}]"  # IPv6, bare
     has_port = address.rpartition("]")[2].count(":") == 1
     return f"ws://{address}" if has_port else f"ws://{address}:{PORT}"
+
+
+def _checked(uri: str) -> str:
+    """The URI. Raises ConnectError for what no attempt could ever reach."""
+    try:
+        websockets.uri.parse_uri(uri)
+    except (ValueError, websockets.InvalidURI) as error:
+        raise ConnectError(f"{uri} is no address of a daemon: {error}") from None
+    return uri
 
 
 class Client:
@@ -98,7 +112,7 @@ class Client:
 
     def __init__(self, address="localhost", *, schema=None, check=True, timeout: Optional[float] = 10.0,
                  pauses=(0.2, 10.0)):
-        self.uri = uri_of(address)
+        self.uri = _checked(uri_of(address))
         self.timeout = timeout
         self.hello: Optional[Hello] = None
         self.schema: Optional[dict] = None
@@ -140,8 +154,9 @@ class Client:
 
     async def close(self):
         """Ends the connection and the stream of events."""
-        self._task.cancel()
-        await asyncio.wait({self._task})
+        while not self._task.done():  # what is called in there may miss to be cancelled
+            self._task.cancel()
+            await asyncio.wait({self._task}, timeout=5)
 
     # What comes
 
@@ -156,8 +171,9 @@ class Client:
             if self._is_over() or (left is not None and left <= 0):
                 return
             self._arrived.clear()
-            with contextlib.suppress(asyncio.TimeoutError):
-                await asyncio.wait_for(self._arrived.wait(), left)
+            with contextlib.suppress(TimeoutError):
+                async with asyncio.timeout(left):
+                    await self._arrived.wait()
 
     async def values(self, flat: bool = False):
         """The values of each message, nested or by dotted path. What else happens goes to the log "vorbel"."""
@@ -205,8 +221,9 @@ class Client:
         """Returns when the daemon has handled everything that was sent before: it answers in that order."""
         await self.connected()
         try:
-            await asyncio.wait_for(await self._socket.ping(), self.timeout)
-        except (websockets.ConnectionClosed, asyncio.TimeoutError, AttributeError):
+            async with asyncio.timeout(self.timeout):
+                await (await self._socket.ping())
+        except (websockets.ConnectionClosed, TimeoutError, AttributeError):
             raise ConnectError(f"{self.uri} did not confirm what was sent; nothing says whether it arrived") from None
 
     # Inside
@@ -255,7 +272,7 @@ class Client:
                 async for message in socket:
                     self._take(message)
             return "the daemon ended the connection"
-        except asyncio.TimeoutError:
+        except TimeoutError:
             return "it does not answer in time"
         except (OSError, ValueError, websockets.WebSocketException) as error:
             return _told(error)
@@ -264,7 +281,8 @@ class Client:
             self._ready.clear()
 
     async def _greet(self, socket):
-        message = await asyncio.wait_for(socket.recv(), HELLO_TIMEOUT)
+        async with asyncio.timeout(HELLO_TIMEOUT):
+            message = await socket.recv()
         if _hello_in(message) is None:
             raise ValueError(f"no Vorbel daemon: it greets with {message[:60]!r}")
         self._take(message)
@@ -310,4 +328,6 @@ def _told(error) -> str:
         return "the connection broke"
     if isinstance(error, websockets.InvalidHandshake):
         return f"something else than a Vorbel daemon answers ({error})"
+    if refused := re.search(r"\[Errno (\d+)\] Connect call failed", str(error)):  # maybe at several addresses
+        return os.strerror(int(refused[1]))
     return getattr(error, "strerror", None) or str(error) or type(error).__name__

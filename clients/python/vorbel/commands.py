@@ -3,7 +3,7 @@
 import json
 import shlex
 
-from . import client as clients, schema as schemas
+from . import client as clients, paths, schema as schemas
 from .errors import VorbelError
 from .table import Table, shown
 
@@ -18,7 +18,7 @@ def parse_value(text: str):
     """A typed value: JSON where it is JSON, otherwise the text itself."""
     try:
         return json.loads(text)
-    except ValueError:
+    except (ValueError, RecursionError):
         return text
 
 
@@ -32,6 +32,7 @@ class Session:
         self.state = ""
         self.up = False
         self.filter = ""
+        self._trouble = ""
 
     async def follow(self):
         async for event in self.client.events():
@@ -41,12 +42,23 @@ class Session:
         if isinstance(event, clients.Values):
             self.table.update(event)
         elif isinstance(event, clients.Hello):
-            self.up, self.state = True, f"at {self.client.uri}"
+            self._take_hello()
         elif isinstance(event, clients.Disconnected):
-            self.up, self.state = False, f"no connection to {self.client.uri}"
-            self.note(f"{event.reason}; next attempt in {event.retry_in:.1f} s")
+            self._take_disconnected(event)
         else:
             self.note(str(event))
+
+    def _take_hello(self):
+        if self._trouble:
+            self.note("connected again")
+        self.up, self.state, self._trouble = True, f"at {self.client.uri}", ""
+
+    def _take_disconnected(self, event):
+        """Each attempt that fails is told in the state, but only once for each reason in a note."""
+        self.up, self.state = False, f"no connection to {self.client.uri}, next attempt in {event.retry_in:.1f} s"
+        if event.reason != self._trouble:
+            self._trouble = event.reason
+            self.note(f"no connection: {event.reason}; trying again")
 
     def shown_rows(self) -> list:
         return [(path, row) for path, row in self.table.rows.items() if self.filter in path]
@@ -73,9 +85,11 @@ class Session:
         return HELP
 
     async def _set(self, path, value) -> str:
+        if not self.up:  # nobody wants it written at some later time
+            return "Not written: no connection"
         await self.client.set(path, value)
         await self.client.confirmed()
-        return f"{path} = {shown(value)} sent"
+        return f"{paths.shown(path)} = {shown(value)} sent"
 
     def complete(self, text: str) -> str:
         """The text with its last word completed as far as there is one way to go on."""

@@ -14,7 +14,7 @@ from rich.live import Live
 from rich.table import Table as Grid
 from rich.text import Text
 
-from . import commands, table
+from . import commands, paths, table
 from .prompt import Prompt
 
 REFRESH = 0.2  # seconds
@@ -31,34 +31,46 @@ class Screen:
         self.prompt = Prompt(session.complete)
 
     def note(self, text: str):
-        self.notes.extend(f"{time.strftime('%H:%M:%S')}  {line}" for line in text.splitlines())
+        self.notes.extend(f"{time.strftime('%H:%M:%S')}  {paths.shown(line)}" for line in text.splitlines())
 
-    def draw(self, height: int) -> Group:
+    def draw(self, width: int, height: int) -> Group:
         rows = self.session.shown_rows()
         room = max(1, height - FRAME_LINES - len(self.notes))
-        parts = [self._header(), self._grid(rows[:room])]
-        if len(rows) > room:
-            parts.append(Text(f"  … {len(rows) - room} more; narrow them down with: filter TEXT", style="dim"))
-        parts += [Text(note, style="yellow", overflow="ellipsis", no_wrap=True) for note in self.notes]
-        parts.append(Text.assemble(("> ", "bold cyan"), self.prompt.text, ("█", "dim")))
+        remark = self._remark(len(rows) - room)
+        parts = [self._header(), self._grid(rows[:room], width)]
+        parts += [_line(f"  {remark}", "dim")] if remark else []
+        parts += [_line(note, "yellow") for note in self.notes]
+        parts.append(self._prompt_line(width))
         return Group(*parts)
 
+    def _remark(self, hidden: int) -> str:
+        """On what is not in the table."""
+        if not self.session.table.rows:
+            return "no values yet: do frames come, and is there a schema for them? The command: schema FILE"
+        return f"… {hidden} more; narrow them down with: filter TEXT" if hidden > 0 else ""
+
+    def _prompt_line(self, width: int) -> Text:
+        """A line that is too long for the terminal shows its end, where the cursor is."""
+        text = self.prompt.text[-max(1, width - 4):]
+        return Text.assemble(("> ", "bold cyan"), text, ("█", "dim"), overflow="crop", no_wrap=True)
+
     def _header(self) -> Text:
-        hello, messages = self.session.client.hello, self.session.table.messages
-        style = "bold green" if self.session.up else "bold red"
-        device = str(hello or "not greeted yet")
-        return Text.assemble((f" {device} ", style), f" {self.session.state}  {messages} messages  ",
+        session = self.session
+        state = (f" {session.client.hello} ", "bold green" if session.up else "bold red")
+        filtered = f"  filter: {session.filter}" if session.filter else ""
+        return Text.assemble(state, f" {session.state}  {session.table.messages} messages{filtered}  ",
                              ("help: commands", "dim"), overflow="ellipsis", no_wrap=True)
 
-    def _grid(self, rows) -> Grid:
+    def _grid(self, rows, width: int) -> Grid:
         now = time.time()
+        points = max(5, 5 * (width - 24) // 9 - 18)  # what the value's column leaves beside count and last element
         grid = Grid(box=None, header_style="bold", pad_edge=False, expand=True)
-        for name, justify, ratio in (("path", "left", 3), ("value", "left", 4), ("change", "right", 1),
-                                     ("age", "right", 1)):
-            grid.add_column(name, justify=justify, ratio=ratio, no_wrap=True, overflow="ellipsis")
+        for name, justify, size in (("path", "left", {"ratio": 4}), ("value", "left", {"ratio": 5}),
+                                    ("change", "right", {"width": 11}), ("age", "right", {"width": 7})):
+            grid.add_column(name, justify=justify, no_wrap=True, overflow="ellipsis", **size)
         for path, row in rows:
             stale = "dim" if now - row.time > 10 else ""
-            cells = (path, table.shown(row.value), row.change(now), row.age(now))
+            cells = (paths.shown(path), table.shown(row.value, points), row.change(now), row.age(now))
             grid.add_row(*map(Text, cells), style=stale)
         return grid
 
@@ -97,8 +109,20 @@ async def _obey(session, lines, screen):
 
 async def _refresh(live, screen, console):
     while True:
-        live.update(screen.draw(console.size.height), refresh=True)
+        live.update(screen.draw(*console.size), refresh=True)
         await asyncio.sleep(REFRESH)
+
+
+def _line(text: str, style: str) -> Text:
+    return Text(text, style=style, overflow="ellipsis", no_wrap=True)
+
+
+def _read(descriptor) -> str:
+    """What was typed; when the terminal has gone, the keys that clear the line and end."""
+    try:
+        return os.read(descriptor, 4096).decode(errors="ignore") or "\x15\x04"
+    except OSError:
+        return "\x15\x04"
 
 
 @contextlib.contextmanager
@@ -108,7 +132,7 @@ def _keyboard(typed):
     before = termios.tcgetattr(descriptor)
     loop = asyncio.get_running_loop()
     tty.setcbreak(descriptor)
-    loop.add_reader(descriptor, lambda: typed(os.read(descriptor, 4096).decode(errors="ignore")))
+    loop.add_reader(descriptor, lambda: typed(_read(descriptor)))
     try:
         yield
     finally:

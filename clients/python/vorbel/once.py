@@ -3,7 +3,7 @@
 import time
 from typing import NamedTuple
 
-from . import client as clients, commands, schema as schemas
+from . import client as clients, commands, paths, schema as schemas
 from .errors import VorbelError
 from .table import is_number, number, shown
 from .wire import is_array
@@ -15,7 +15,7 @@ class Expectation(NamedTuple):
     tolerance: float = 0
 
     def __str__(self):
-        return f"{self.path} = {shown(self.value)}" + (f" ± {self.tolerance:g}" if self.tolerance else "")
+        return f"{paths.shown(self.path)} = {shown(self.value)}" + (f" ± {self.tolerance:g}" if self.tolerance else "")
 
     def is_met_by(self, value) -> bool:
         """Of an array, the last element counts."""
@@ -86,10 +86,11 @@ def report(session, look, expectations, assignments, seconds) -> tuple:
         lines.append(f"schema: sent, {len(schemas.leaves(client.schema))} leaves")
     lines.append(f"values: {table.messages} messages within {seconds:g} s, {len(table.rows)} paths")
     now = time.time()
-    width = max(map(len, table.rows), default=0)
-    lines += [f"  {path:{width}}  {shown(row.value)}  {row.change(now)}".rstrip() for path, row in table.rows.items()]
+    rows = {paths.shown(path): row for path, row in table.rows.items()}
+    width = max(map(len, rows), default=0)
+    lines += [f"  {path:{width}}  {shown(row.value)}  {row.change(now)}".rstrip() for path, row in rows.items()]
     if table.messages:
-        lines += [f"set {path} = {shown(value)}: sent" for path, value in assignments]
+        lines += [f"set {paths.shown(path)} = {shown(value)}: sent" for path, value in assignments]
     for expectation in expectations:
         seen = f"seen after {look.met[expectation]:.1f} s" if expectation in look.met else "NOT SEEN"
         lines.append(f"expected {expectation}: {seen}")

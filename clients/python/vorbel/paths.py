@@ -17,6 +17,13 @@ def split(path: str) -> tuple:
     return tuple(re.sub(r"\\(.)", r"\1", part) for part in parts)
 
 
+def shown(path: str) -> str:
+    """The path as it can be shown in one line: what a terminal would obey or cannot show is written as \\x1b."""
+    if path.isprintable():
+        return path
+    return "".join(each if each.isprintable() else each.encode("unicode_escape").decode() for each in path)
+
+
 def flatten(values, names=()) -> dict:
     """{dotted path: leaf value} of nested maps, in their order."""
     if not isinstance(values, dict):

@@ -1,8 +1,16 @@
 """Values over time as a picture."""
 
+import os
+import pathlib
+import warnings
+
+from . import paths
 from .errors import VorbelError
 from .table import is_number, number
 from .wire import is_array
+
+
+SUFFIXES = (".png", ".svg", ".pdf")
 
 
 class Course:
@@ -32,31 +40,38 @@ class Course:
         self.values.append(value)
 
 
-def require_matplotlib():
-    """Raises VorbelError, before anything is collected, when nothing can be drawn."""
+def prepare(output: str):
+    """Raises VorbelError, before anything is collected, when nothing can be drawn or written."""
     try:
         import matplotlib
     except ImportError:
         raise VorbelError("plot needs matplotlib: apt install python3-matplotlib") from None
     matplotlib.use("Agg")  # a file, whether or not there is a display
+    path = pathlib.Path(output)
+    if path.suffix.lower() not in SUFFIXES:
+        raise VorbelError(f"{output} says by its suffix what to draw: it must be one of {', '.join(SUFFIXES)}")
+    if path.is_dir() or not os.access(path if path.exists() else path.parent, os.W_OK):
+        raise VorbelError(f"The plot cannot be written to {output}: there is no such folder, or it is not yours")
 
 
 def draw(courses: dict, output: str, title: str):
     """One panel for each path, with a common axis of seconds; the suffix of `output` says the format."""
     from matplotlib import pyplot
 
+    warnings.filterwarnings("ignore", "Glyph")  # characters that the font lacks are drawn as boxes
     start = min(course.times[0] for course in courses.values())
     figure, panels = pyplot.subplots(len(courses), sharex=True, squeeze=False, layout="constrained",
                                      figsize=(9, 1 + 1.8 * len(courses)))
     for panel, (path, course) in zip(panels[:, 0], courses.items()):
         panel.plot([time - start for time in course.times], course.values, ".-", markersize=3, linewidth=1)
-        panel.set_title(path, loc="left", fontsize="medium")
+        panel.set_title(paths.shown(path), loc="left", fontsize="medium", parse_math=False)
         panel.grid(alpha=0.3)
     panels[-1, 0].set_xlabel("seconds")
-    figure.suptitle(title)
+    figure.suptitle(title, parse_math=False)
     try:
         figure.savefig(output)
     except (OSError, ValueError) as error:
-        raise VorbelError(f"The plot cannot be written to {output}: {error}") from None
+        reason = getattr(error, "strerror", None) or error
+        raise VorbelError(f"The plot cannot be written to {output}: {reason}") from None
     finally:
         pyplot.close(figure)

@@ -45,7 +45,7 @@ FORMATS = {".jsonl": (json_lines, ""), ".ndjson": (json_lines, ""), ".csv": (csv
 
 class Recorder:
     """Writes events to `path`. A file that reached `max_size` bytes is put aside as NAME.1.SUFFIX, NAME.2.SUFFIX and
-    so on; of those the latest `keep` stay (0: all)."""
+    so on; of those the latest `keep` stay (0: all). Raises OSError with the file's name."""
 
     def __init__(self, path, max_size=0, keep=0, append=False):
         self.path = pathlib.Path(path)
@@ -56,32 +56,47 @@ class Recorder:
         self._text_of, self._header = FORMATS[self.path.suffix]
         self._max_size = max_size
         self._keep = keep
+        self._is_new = not self.path.exists()
+        self._was_disconnected = False
         self.messages = self.written = 0
         self.files = 1
         self._open()
 
     def record(self, event):
-        text = self._text_of(event)
-        if not text:
-            return
-        size = len(text.encode())
-        if self._max_size and self._size > len(self._header) and self._size + size > self._max_size:
-            self._put_aside()
-        self._file.write(text)
-        self._file.flush()
-        self._size += size
-        self.written += size
-        self.messages += 1
+        """Of attempts to connect that fail one after another, only the first is recorded."""
+        is_disconnected = isinstance(event, clients.Disconnected)
+        text = "" if is_disconnected and self._was_disconnected else self._text_of(event)
+        self._was_disconnected = is_disconnected
+        if text:
+            self._append(text.encode(errors="backslashreplace"))
+            self.messages += not is_disconnected
 
     def close(self):
+        """A file that was begun here, and into which nothing came, is taken away again."""
         self._file.close()
+        if self._is_new and self.written == 0:
+            self.path.unlink(missing_ok=True)
+
+    def _append(self, line: bytes):
+        if self._max_size and self._size > len(self._header) and self._size + len(line) > self._max_size:
+            self._put_aside()
+        self._write(line)
+        self.written += len(line)
 
     def _open(self):
-        self._file = open(self.path, "a", encoding="utf-8", newline="")
+        self._file = open(self.path, "ab", buffering=0)
         self._size = self._file.tell()
         if self._size == 0:
-            self._file.write(self._header)
-            self._size = len(self._header)
+            self._write(self._header.encode())
+
+    def _write(self, data: bytes):
+        rest = memoryview(data)
+        try:
+            while rest:
+                rest = rest[self._file.write(rest):]
+        except OSError as error:
+            raise OSError(error.errno, error.strerror, str(self.path)) from None
+        self._size += len(data)
 
     def _put_aside(self):
         self._file.close()

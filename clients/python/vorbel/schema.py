@@ -12,14 +12,15 @@ from typing import NamedTuple
 
 from . import paths
 from .errors import SchemaError
+from .wire import NESTING_LIMIT  # the daemon reads 1024 in a schema, but its values have to be decoded, too
 
 MESSAGE_LIMIT = 4 * 1024 * 1024  # bytes the daemon takes in one message
-NESTING_LIMIT = 500  # maps in maps; Python's msgpack packs 511 of them, the daemon reads 1024 in a schema
 
 FRAME_BYTES = 8
 FD_FRAME_BYTES = 64
 WIDTHS = {"C": 1, "c": 1, "S": 2, "s": 2, "Q": 2, "q": 2, "I": 4, "i": 4, "f": 4}  # "p" has none of its own
 MASKED = set("CcSsIi")
+ALL_BITS = (-1, 2**32 - 1)  # a mask that masks nothing, signed or unsigned
 
 # What an option holds: the word for it in messages, the least and the largest value.
 OPTIONS = {
@@ -44,7 +45,7 @@ class Problem(NamedTuple):
     error: bool = True
 
     def __str__(self):
-        return f"{self.path or 'the root'}: {'' if self.error else 'warning: '}{self.message}"
+        return f"{paths.shown(self.path) or 'the root'}: {'' if self.error else 'warning: '}{self.message}"
 
 
 def load_schema(source) -> dict:
@@ -52,10 +53,12 @@ def load_schema(source) -> dict:
     if isinstance(source, dict):
         return source
     try:
-        with open(source, encoding="utf-8") as file:
+        with open(source, encoding="utf-8-sig") as file:  # some editors begin a file with a byte order mark
             text = file.read()
-    except (OSError, UnicodeDecodeError) as error:
-        raise SchemaError(f"The schema {os.fspath(source)} cannot be read: {error}") from None
+    except OSError as error:
+        raise SchemaError(f"The schema {os.fspath(source)} cannot be read: {error.strerror}") from None
+    except UnicodeDecodeError as error:
+        raise SchemaError(f"The schema {os.fspath(source)} is no text in UTF-8: {error}") from None
     return parse_schema(text, os.fspath(source))
 
 
@@ -118,11 +121,13 @@ def leaves(schema: dict) -> dict:
 
 def is_read_only(leaf: dict) -> bool:
     """Whether readings lose bits on the way in, so that the daemon refuses to write them back."""
-    return bool(leaf.get("@asBool")) or leaf.get("@mask", -1) != -1
+    return bool(leaf.get("@asBool")) or leaf.get("@mask", -1) not in ALL_BITS
 
 
 def check_write(schema: dict, values: dict) -> list:
     """What the daemon would ignore, or write otherwise than it stands in `values`, as a list of Problem."""
+    if not isinstance(values, dict):
+        return [Problem("", "values are written as a map from names, not as a value of its own")]
     return _check_members(schema, values, ())
 
 
@@ -196,8 +201,8 @@ def _check_leaf(leaf):
         return
     if len(leaf["@format"]) > 1:
         yield f'only the first character of "@format" counts: {_shown(leaf["@format"])} is "{code}"', False
-    if leaf.get("@factor", 1) == 0:
-        yield '"@factor" is 0: readings are divided by it', True
+    if not _has_reciprocal(leaf.get("@factor", 1)):
+        yield f'"@factor" is {leaf["@factor"]:g}: readings are divided by it in single precision', True
     yield from (_check_packed(leaf) if code == "p" else _check_fixed(leaf, code))
     if leaf.get("@observe") and leaf.get("@flushSize", 0) != 0:
         yield '"@observe" has no effect beside "@flushSize"', False
@@ -222,7 +227,7 @@ def _check_fixed(leaf, code):
     if code == "c" and leaf.get("@flushSize", 0) > 0 and leaf.get("@factor", 1) == 1:
         yield ('"c" with "@flushSize" makes every message that carries it unreadable for all clients: '
                'use "C", which reads the same'), True
-    if leaf.get("@mask", -1) != -1 and code not in MASKED:
+    if leaf.get("@mask", -1) not in ALL_BITS and code not in MASKED:
         yield f'"@mask" is not applied by the format "{code}" and only makes the leaf read-only', False
 
 
@@ -271,9 +276,21 @@ def _is_kind(kind, value):
         return isinstance(value, str)
     if kind == "true or false":
         return isinstance(value, bool)
-    if isinstance(value, bool) or not isinstance(value, (int, float)) or not math.isfinite(value):
+    if isinstance(value, bool) or not isinstance(value, (int, float)) or not _is_finite(value):
         return False
     return kind == "a number" or value == int(value)
+
+
+def _is_finite(number):
+    try:
+        return math.isfinite(number)
+    except OverflowError:  # a whole number beyond any float
+        return False
+
+
+def _has_reciprocal(factor):
+    """Whether dividing by the factor gives something else than 0 or infinity, as 32-bit floats go."""
+    return 3e-39 < abs(factor) < 3.4e38
 
 
 def _shown(value):
@@ -325,9 +342,9 @@ def _check_number(leaf, code, value):
     factor = leaf.get("@factor", 1)
     if not hasattr(value, "__float__") or hasattr(value, "__len__"):
         yield f"takes a number, not {_shown(value)}"
-    elif not math.isfinite(value):
+    elif not _is_finite(value):
         if code != "f" or factor != 1:
-            yield f"takes a finite number, not {value}"
+            yield f"takes a finite number, not {_shown(value)}"
     elif code != "f" or factor != 1:
         yield from _check_range(WIDTHS[code] * 8, value, factor)
 
