@@ -208,16 +208,6 @@ async def test_values_go_on_behind_such_a_message_which_is_logged(bridge, caplog
         assert "81 a3 62 61 64" in caplog.text
 
 
-async def test_empty_reports_are_no_values(bridge):
-    """A negative flush size makes the daemon send a nil for every frame."""
-    schema = {"never": {"@mac": 1, "@cmd": 1, "@format": "C", "@flushSize": -1}, "good": {**SPEED}}
-    async with connect(schema=schema, check=False) as client:
-        await client.confirmed()
-        bridge.say(1, 1, "07")
-        bridge.say(5, 2, "05 00")
-        assert await anext(client.values()) == {"good": 5}
-
-
 async def test_a_faulty_schema_is_not_sent(bridge):
     async with connect(schema=MOTOR) as client:
         await client.confirmed()

@@ -11,6 +11,7 @@ import pytest
 
 from harness import connect, eventually, receive, round_trip
 from support import PROJECT
+from vorbelsim import CanFrame
 from vorbel import wire
 
 PAGE = (PROJECT / "docs" / "protocol.md").read_text()
@@ -35,7 +36,7 @@ def value_of(text):
 async def test_numbers(bridge, value, message):
     """Each is sent by the daemon for a frame that holds it, read in some format."""
     value, width = value_of(value), {"5": "C", "200": "C", "600": "S", "4294967295": "I", "1.0": "f"}.get(value, "i")
-    schema = {"@mac": 1, "@cmd": 1, "@format": width, "@asBool": value is True}
+    schema = {"@mac": 1, "@cmd": 1, "@format": width, "@asBool": isinstance(value, bool)}
     payload = {"C": lambda: bytes([value]), "f": lambda: bytes.fromhex("0000803f")}.get(
         width, lambda: int(value).to_bytes({"S": 2}.get(width, 4), "little", signed=value < 0))()
     async with connect() as client:
@@ -92,6 +93,71 @@ async def test_the_message_with_a_gap(bridge):
         await round_trip(client)
         bridge.say(1, 1, "07 05")
         assert (await receive(client)).hex(" ") == gap
+
+
+async def values_of(bridge, schema, *frames):
+    """What comes for frames, (identifier, payload) each, up to the value of the leaf "end"."""
+    async with connect() as client:
+        await receive(client)
+        await client.send(json.dumps({**schema, "end": {"@mac": 63, "@cmd": 31, "@format": "C"}}))
+        await round_trip(client)
+        for number, payload in frames:
+            bridge.can.send(CanFrame(number, bytes.fromhex(payload), extended=number > 0x7FF))
+        bridge.say(63, 31, "00")
+        values = []
+        while (value := msgpack.unpackb(await receive(client))) != {"end": 0}:
+            values.append(value)
+        return values
+
+
+LEAF = {"@mac": 5, "@cmd": 2, "@format": "s"}
+SAID_OF_READINGS = {
+    "the lower 6 bits of the frame's identifier": (LEAF, [(0x85, "01 00")], [1]),
+    "numbers up to 65535 match no frame": ({**LEAF, "@mac": 69}, [(0x85, "01 00")], []),
+    "Of\nan extended identifier the lower 11 bits count": (LEAF, [(0x12345085, "01 00")], [1]),
+    "below 0: none is ever sent": ({**LEAF, "@flushSize": -1}, [(0x85, "01 00")], []),
+    "A leaf of another format, or of none, is neither read": ({**LEAF, "@format": "x"}, [(0x85, "01 00")], []),
+    '(`"5"` is 5, 1 is true)': ({**LEAF, "@mac": "5", "@asBool": 1}, [(0x85, "01 00")], [True]),
+    "counts as 0 or false if it\ncannot be": ({**LEAF, "@skip": [1], "@asBool": None}, [(0x85, "07 00")], [7]),
+    "a frame too short for a leaf gives that leaf none": (LEAF, [(0x85, "01"), (0x85, "02 00")], [2]),
+    "The first\n  reading under a new schema counts as a change": (
+        {**LEAF, "@observe": True}, [(0x85, "01 00"), (0x85, "01 00"), (0x85, "02 00")], [1, 2]),
+}
+
+
+@pytest.mark.parametrize("sentence, case", SAID_OF_READINGS.items(), ids=range(len(SAID_OF_READINGS)))
+async def test_what_is_said_of_readings(bridge, sentence, case):
+    assert sentence in PAGE
+    leaf, frames, values = case
+    assert await values_of(bridge, {"a": leaf}, *frames) == [{"a": value} for value in values]
+
+
+SAID_OF_WRITING = {
+    "lose their upper bits when written": ({"a": {**LEAF, "@mac": 69}}, {"a": 1}, [(5, 2, "01 00")]),
+    "any but -1 makes the leaf read-only": (
+        {"a": {**LEAF, "@mask": -1}, "b": {**LEAF, "@mask": 1, "@skip": 2}}, {"a": 1, "b": 1}, [(5, 2, "01 00")]),
+    "Any form of a number will do, also one of 64 bits": (
+        {"a": LEAF, "b": {**LEAF, "@skip": 2}}, {"a": 2.0**33 + 1, "b": 2**33 + 2}, [(5, 2, "01 00 02 00")]),
+    "and, without one, a number where\nthe schema has a group": (
+        {"a": {"x": LEAF}, "b": LEAF}, {"a": 5, "b": 1}, [(5, 2, "01 00")]),
+    "Bytes before it that no value of this message covers are\n  0": (
+        {"a": {**LEAF, "@skip": 2}}, {"a": 1}, [(5, 2, "00 00 01 00")]),
+    "Frames go out in the order of commands, then of nodes": (
+        {"a": {**LEAF, "@mac": 9, "@cmd": 1}, "b": LEAF, "c": {**LEAF, "@cmd": 1}}, {"a": 1, "b": 2, "c": 3},
+        [(5, 1, "03 00"), (9, 1, "01 00"), (5, 2, "02 00")]),
+}
+
+
+@pytest.mark.parametrize("sentence, case", SAID_OF_WRITING.items(), ids=range(len(SAID_OF_WRITING)))
+async def test_what_is_said_of_writing(bridge, sentence, case):
+    assert sentence in PAGE
+    schema, values, frames = case
+    async with connect() as client:
+        await receive(client)
+        await client.send(json.dumps(schema))
+        await client.send(msgpack.packb(values))
+        await round_trip(client)
+        assert bridge.heard(len(frames)) == frames
 
 
 async def test_packed_example(bridge):

@@ -48,10 +48,6 @@ def test_nested_values():
     assert wire.decode(message) == {"a": {"x": 5, "y": 1.0}, "b": True}
 
 
-def test_nil_is_an_empty_report():
-    assert wire.decode(b"\xc0") is None
-
-
 def test_other_extensions_are_handed_on():
     assert wire.decode(bytes.fromhex("d4 05 01")) == (5, b"\x01")
 

@@ -292,7 +292,7 @@ class Client:
         self._ready.set()
 
     def _take(self, message):
-        """A text is a hello; other texts are for clients of another time. None stands for an empty report."""
+        """A text is a hello; other texts are for clients of another time."""
         if isinstance(message, str):
             hello = _hello_in(message)
             if hello:
@@ -304,8 +304,7 @@ class Client:
         except ValueError as error:
             self._emit(Undecodable(message, str(error)))
             return
-        if data is not None:
-            self._emit(Values(data))
+        self._emit(Values(data))
 
     def _emit(self, event):
         if len(self._events) == EVENTS_KEPT:

@@ -25,7 +25,7 @@ ARRAYS = {
 
 
 def decode(message: bytes):
-    """The value in a binary message: nested dicts, numbers, bools, arrays; None for an empty report.
+    """The value in a binary message: nested dicts, numbers, bools, arrays.
 
     Raises ValueError for bytes that are no complete value, and for values nested too deep.
     """
