@@ -286,7 +286,7 @@ def terminal():
             each.end()
 
 
-def test_watch_on_a_terminal(bridge, terminal):
+def test_watch_on_a_terminal(bridge, terminal, schema_file):
     screen = terminal("watch", "--schema", MACHINE)
     screen.wait_for("unknown")
     bridge.daemon.wait_for("info Received schema: .*")
@@ -300,6 +300,12 @@ def test_watch_on_a_terminal(bridge, terminal):
     screen.wait_for("Not written: motor.enabled: is read-only")
     screen.type("nonsense\r")
     screen.wait_for("quit              ends")
+    screen.seen = ""
+    screen.type(f"schema {schema_file({'other': LEAF})}\r")
+    screen.wait_for("no values yet")
+    screen.wait_for("schema sent")
+    bridge.say(5, 2, "05 00")
+    screen.wait_for("other")
     screen.type("quit\r")
     assert screen.end() == 0
     assert screen.seen.endswith("\x1b[?1049l")  # the terminal is as it was

@@ -78,6 +78,7 @@ class Session:
             return await self._set(words[1], parse_value(" ".join(words[2:])))
         if words[0] == "schema" and len(words) == 2:
             warnings = await self.client.send_schema(words[1])
+            self.table = Table()  # what the old schema named comes no more
             return "\n".join(["schema sent", *map(str, warnings)])
         if words[0] == "filter":
             self.filter = " ".join(words[1:])
