@@ -8,12 +8,16 @@
     finish()           returns when the daemon has what was sent
 """
 
+import errno
 import socket
+import time
 
 from . import vek
 from .adapter import VirtualAdapter
 from .canbus import VirtualCanBus
 from .canframe import CanFrame, unpack
+
+PATIENCE = 10  # seconds for room in the queue of a CAN interface
 
 
 class AdapterLink:
@@ -133,10 +137,7 @@ class SocketCanLink:
             return frames
 
     def offer(self, frame: CanFrame):
-        try:
-            self._socket.send(frame.pack())
-        except BlockingIOError:
-            pass
+        self._is_taken(frame)
 
     def is_heard(self) -> bool:
         return True
@@ -145,8 +146,18 @@ class SocketCanLink:
         """The kernel has it."""
 
     def send(self, frame: CanFrame):
-        self._socket.settimeout(10)
+        deadline = time.monotonic() + PATIENCE
+        while not self._is_taken(frame):
+            if time.monotonic() > deadline:
+                raise TimeoutError(f"the CAN interface {self._interface} takes no frames")
+            time.sleep(0.001)
+
+    def _is_taken(self, frame: CanFrame) -> bool:
         try:
             self._socket.send(frame.pack())
-        finally:
-            self._socket.setblocking(False)
+            return True
+        except OSError as error:
+            # A full queue of the interface is told as ENOBUFS; no poll waits for room in it.
+            if error.errno in (errno.EAGAIN, errno.ENOBUFS):
+                return False
+            raise OSError(error.errno, f"the CAN interface {self._interface}: {error.strerror}") from None

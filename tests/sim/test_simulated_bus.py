@@ -1,6 +1,8 @@
 """The simulated bus as a program, on virtual hardware."""
 
+import errno
 import json
+import os
 import signal
 import struct
 import subprocess
@@ -10,7 +12,8 @@ import time
 import pytest
 
 from conftest import PROJECT
-from vorbelsim import CanFrame, vek
+from vorbelsim import CanFrame, links, vek
+from vorbelsim.links import SocketCanLink
 
 PROGRAM = PROJECT / "sim" / "simulated_bus.py"
 
@@ -140,6 +143,50 @@ def test_adapter_takes_only_what_a_record_can_hold(simulated_bus, tmp_path):
 
 
 # Rainy
+
+
+class Interface:
+    """Stands in for the socket of a CAN interface, which not every kernel has; answers with errors first."""
+
+    def __init__(self, *errors):
+        self._errors = list(errors)
+        self.sent = []
+
+    def send(self, data):
+        if self._errors:
+            number = self._errors.pop(0)
+            raise OSError(number, os.strerror(number))
+        self.sent.append(data)
+
+
+def interface_link(*errors):
+    link = SocketCanLink("can0")
+    link._socket = Interface(*errors)
+    return link
+
+
+def test_full_queue_of_an_interface_is_waited_for():
+    link = interface_link(errno.ENOBUFS, errno.EAGAIN, errno.ENOBUFS)
+    link.send(CanFrame(0x123, b"x"))
+    assert link._socket.sent == [CanFrame(0x123, b"x").pack()]
+
+
+def test_full_queue_of_an_interface_loses_what_is_only_offered():
+    link = interface_link(errno.ENOBUFS)
+    link.offer(CanFrame(0x123, b"x"))
+    assert link._socket.sent == []
+
+
+@pytest.mark.parametrize("way", ["send", "offer"])
+def test_interface_that_is_down_is_an_error(way):
+    with pytest.raises(OSError, match="the CAN interface can0: Network is down"):
+        getattr(interface_link(errno.ENETDOWN), way)(CanFrame(0x123))
+
+
+def test_interface_that_never_takes_a_frame_is_an_error(monkeypatch):
+    monkeypatch.setattr(links, "PATIENCE", 0.05)
+    with pytest.raises(TimeoutError, match="the CAN interface can0 takes no frames"):
+        interface_link(*[errno.ENOBUFS] * 10000).send(CanFrame(0x123))
 
 
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
