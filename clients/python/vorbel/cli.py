@@ -38,17 +38,11 @@ def main(arguments=None) -> int:
 def _run(arguments) -> int:
     try:
         options = _parser().parse_args(arguments)
-        return asyncio.run(_until_terminated(options.run(options)))
+        return asyncio.run(options.run(options))
     except (KeyboardInterrupt, asyncio.CancelledError):
         return options.interrupted
     finally:
         sys.stdout.flush()
-
-
-async def _until_terminated(command) -> int:
-    """Being told to end is as good as Ctrl-C: files are closed, the terminal is as it was."""
-    asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, asyncio.current_task().cancel)
-    return await command
 
 
 def _prepare_streams():
@@ -205,6 +199,8 @@ def _connect(options):
     if options.check and client.schema is not None:
         for warning in schemas.check(client.schema):
             say(str(warning))
+    # From here on being told to end is as good as Ctrl-C: files are closed, the terminal is as it was.
+    asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, asyncio.current_task().cancel)
     return client
 
 
