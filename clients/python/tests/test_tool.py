@@ -514,8 +514,8 @@ def test_plot_on_a_full_disk(machine, tool, tmp_path):
 
 def test_plot_of_names_that_look_like_formulas(bridge, tool, schema_file, tmp_path):
     pytest.importorskip("matplotlib")
-    process = tool.start("plot", "$x_{", "日本", "-o", tmp_path / "x.png", "--for", "2", "--schema",
-                         schema_file({"$x_{": LEAF, "日本": {**LEAF, "@cmd": 3}}))
+    process = tool.start("plot", "$x_{$", "日本", "-o", tmp_path / "x.png", "--for", "2", "--schema",
+                         schema_file({"$x_{$": LEAF, "日本": {**LEAF, "@cmd": 3}}))
     bridge.daemon.wait_for("info Received schema: .*")
     bridge.say(5, 2, "05 00")
     bridge.say(5, 3, "05 00")
