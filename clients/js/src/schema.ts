@@ -279,20 +279,39 @@ function distance(a: string, b: string): number {
     return row[b.length]!;
 }
 
+/** Thousands of leaves on one byte make millions of pairs; nobody reads on. */
+const MOST_SHARING = 1000;
+
 /** What leaves of the same frames do to each other. */
 function sharedFrameProblems(schema: Schema): Problem[] {
     const byFrame = new Map<number, Leaf[]>();
     for (const leaf of leavesOf(schema)) {
         const key = leaf.cmd * 64 + leaf.mac;
-        byFrame.set(key, [...(byFrame.get(key) ?? []), leaf]);
+        const leaves = byFrame.get(key);
+        if (leaves) leaves.push(leaf);
+        else byFrame.set(key, [leaf]);
     }
-    return [...byFrame.values()].flatMap((leaves) => [...overlaps(leaves), ...mixedFragmentation(leaves)]);
+    const problems: Problem[] = [];
+    for (const leaves of byFrame.values()) {
+        for (const problem of sharingProblems(leaves)) {
+            if (problems.length === MOST_SHARING) return problems;
+            problems.push(problem);
+        }
+    }
+    return problems;
+}
+
+function* sharingProblems(leaves: Leaf[]): Generator<Problem> {
+    yield* overlaps(leaves);
+    yield* mixedFragmentation(leaves);
 }
 
 function* overlaps(leaves: Leaf[]): Generator<Problem> {
     const inOrder = [...leaves].sort((a, b) => a.skip - b.skip);
     for (const [at, first] of inOrder.entries()) {
+        const end = first.skip + FORMATS[first.format]!.width;
         for (const second of inOrder.slice(at + 1)) {
+            if (second.skip >= end) break;
             const shared = sharedBytes(first, second);
             if (!shared) continue;
             const bothWritable = !readOnlyReason(first) && !readOnlyReason(second);
