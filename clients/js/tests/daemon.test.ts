@@ -1,7 +1,7 @@
 import { afterEach, beforeEach, describe, expect, onTestFinished, test, vi } from "vitest";
 import { WebSocket } from "ws";
 import { Client, flatten, NotConnectedError, SchemaError, type ClientOptions, type Undecodable, type Value, type WebSocketConstructor } from "../src/index.js";
-import { ADDRESS, Machine, machineSchema, until } from "./machine.js";
+import { ADDRESS, Machine, machineSchema, until, type Link } from "./machine.js";
 
 function newClient(options: ClientOptions = {}): Client {
     const client = new Client(ADDRESS, {
@@ -27,8 +27,11 @@ let machine: Machine;
 beforeEach(() => void (machine = new Machine()));
 afterEach(() => machine.stop());
 
-describe("a running machine", () => {
+const links: Link[] = ["serialport", "socketcan"];
+
+describe.each(links)("a running machine on the link %s", (link) => {
     beforeEach(async () => {
+        machine = new Machine(link);
         await machine.play();
         await machine.startDaemon();
     });
@@ -110,8 +113,9 @@ describe("a running machine", () => {
     });
 });
 
-describe("typed arrays", () => {
+describe.each(links)("typed arrays on the link %s", (link) => {
     test("of every format arrive as sent on the bus", async () => {
+        machine = new Machine(link);
         await machine.startDaemon();
         const client = newClient();
         await client.ready();
@@ -123,7 +127,7 @@ describe("typed arrays", () => {
         client.setSchema({ ...integers, ...floats }, { check: false }); // the leaves overlap
         const values = client.values();
         const [first, second] = ["(1.0) can0 041#FF010280FFFFFFFF", "(1.1) can0 041#00010000000080BF"];
-        const last = "(6.0) can0 7FF#"; // keeps the adapter plugged in meanwhile
+        const last = "(6.0) can0 7FF#"; // keeps the link up meanwhile
         await machine.replay([first, second, last], 3);
         expect((await values.next()).value).toStrictEqual({
             C: Uint8Array.of(255, 0),

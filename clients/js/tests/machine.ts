@@ -23,7 +23,10 @@ export async function until(condition: () => boolean, what: string, seconds = 10
     }
 }
 
-/** The daemon of this build on a virtual adapter, and what plays on the adapter. */
+/** As VORBEL_SOURCE names them. */
+export type Link = "serialport" | "socketcan";
+
+/** The daemon of this build on a virtual adapter or CAN bus, and what plays there. */
 export class Machine {
     readonly #folder = mkdtempSync(join(tmpdir(), "vorbel-"));
     readonly #running = new Set<ChildProcess>();
@@ -31,12 +34,14 @@ export class Machine {
     /** What the daemon put on the bus: "mac 5 cmd 3: b0 04". */
     readonly heard: string[] = [];
 
+    constructor(readonly link: Link = "serialport") {}
+
     /** Starts the simulated machine: motor, battery and door. */
     async play(): Promise<void> {
         await this.#startBus("--seed", "1", "--noise", "0");
     }
 
-    /** Sends the frames of the lines of a `candump -l` log, at its pace, `seconds` after the adapter was plugged in. */
+    /** Sends the frames of the lines of a `candump -l` log, at its pace, `seconds` after the link came up. */
     async replay(lines: string[], seconds: number): Promise<void> {
         const log = join(this.#folder, "frames.log");
         writeFileSync(log, lines.join("\n"));
@@ -45,7 +50,7 @@ export class Machine {
 
     async startDaemon(environment: Record<string, string> = {}): Promise<void> {
         this.#daemon = this.#spawn(join(build, "vorbel"), [], {
-            ...this.#adapterEnvironment(),
+            ...this.#linkEnvironment(),
             VORBEL_DEVICE_TYPE: "demo machine",
             VORBEL_DEVICE_ID: "A7",
             ...environment,
@@ -64,11 +69,12 @@ export class Machine {
     }
 
     #bus(...options: string[]): string[] {
-        return [join(project, "sim/simulated_bus.py"), "--adapter", this.#folder, ...options];
+        const link = { serialport: "--adapter", socketcan: "--virtual-can" }[this.link];
+        return [join(project, "sim/simulated_bus.py"), link, this.#folder, ...options];
     }
 
-    /** The bus tells, as shell assignments, how a program finds its adapter. */
-    #adapterEnvironment(): Record<string, string> {
+    /** The bus tells, as shell assignments, how a program finds it. */
+    #linkEnvironment(): Record<string, string> {
         const script = `unset $(env | sed -n 's/^\\(VORBEL_[A-Z_]*\\)=.*/\\1/p'); eval "$0"; exec env -0`;
         const assignments = execFileSync(python, this.#bus("--env"), { encoding: "utf8", env: this.#environment });
         const variables = execFileSync("sh", ["-c", script, assignments], { encoding: "utf8" });
