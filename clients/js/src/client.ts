@@ -25,6 +25,7 @@ type Events = {
 /** The part of the browsers' WebSocket that is used; the `ws` package offers it too. */
 export type WebSocketLike = {
     binaryType: string;
+    readonly readyState: number;
     onmessage: ((event: { data: any }) => void) | null;
     onclose: ((event: { code: number; reason: string }) => void) | null;
     onerror: ((event: any) => void) | null;
@@ -46,6 +47,9 @@ export type ClientOptions = {
 
 /** What the daemon takes in one message, in bytes; it ends the connection at more. */
 const MESSAGE_LIMIT = 4 * 1024 * 1024;
+
+/** The WebSocket's readyState while it can send. */
+const OPEN = 1;
 
 /** Thrown when something is to be sent and no daemon is there to take it. */
 export class NotConnectedError extends Error {
@@ -165,7 +169,8 @@ export class Client {
         if (!isMap(values)) throw new TypeError("Only a map of values, named as in the schema, can be written");
         const message = encodeValues(values);
         assertSize(message, "The message");
-        if (this.#state !== "connected") {
+        // A socket that is closing takes what it is given and sends nothing of it.
+        if (this.#state !== "connected" || this.#socket!.readyState !== OPEN) {
             throw new NotConnectedError(`Not connected to ${this.url} (${this.#reason}): nothing was written`);
         }
         this.#socket!.send(message);
@@ -204,9 +209,15 @@ export class Client {
         socket.binaryType = "arraybuffer";
         let failure = "";
         socket.onerror = (event) => (failure = event?.message ?? "");
-        socket.onclose = (event) => this.#lose(failure || event.reason || `connection closed (code ${event.code})`);
+        socket.onclose = (event) => this.#lose(failure || event.reason || this.#closing(event.code));
         socket.onmessage = (event) => this.#receive(event.data);
         this.#timer = setTimeout(() => this.#lose("no hello came in time"), this.#options.patience);
+    }
+
+    /** Browsers tell a page no more than a code; 1006 stands for whatever was no proper end. */
+    #closing(code: number): string {
+        if (code !== 1006) return `connection closed (code ${code})`;
+        return this.#state === "connected" ? "the connection broke off" : `nothing answers at ${this.url}`;
     }
 
     #lose(reason: string): void {

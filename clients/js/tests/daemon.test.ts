@@ -187,6 +187,22 @@ describe("connections", () => {
         await expect(Promise.race([client.values().next(), "nothing"])).resolves.toBe("nothing");
     });
 
+    test("that are closing take no values, which would be lost", async () => {
+        await machine.startDaemon({ VORBEL_SOURCE: "none" });
+        let socket: WebSocket | undefined;
+        class Closing extends WebSocket {
+            constructor(url: string) {
+                super(url);
+                socket = this;
+            }
+        }
+        const client = newClient({ WebSocket: Closing as unknown as WebSocketConstructor });
+        await client.ready();
+        socket!.close();
+        expect(client.state).toBe("connected"); // the handshake of closing is not over
+        expect(() => client.set("a", 1)).toThrow(NotConnectedError);
+    });
+
     test("have one schema sent per connection, not per hello", async () => {
         await machine.startDaemon({ VORBEL_SOURCE: "none" });
         const sent: unknown[] = [];
