@@ -78,7 +78,10 @@ const refuseNumericArrays = {
     decode: extensions.decode.bind(extensions),
 };
 
-const encoder = new Encoder({ extensionCodec: refuseNumericArrays, useBigInt64: true });
+/** As deep as schemas can be, and the value. */
+const DEPTH = 1025;
+
+const encoder = new Encoder({ extensionCodec: refuseNumericArrays, useBigInt64: true, maxDepth: DEPTH });
 
 /**
  * Encodes values for the daemon, which converts each by its leaf's format: whole numbers of up to 32 bits as

@@ -82,5 +82,9 @@ describe("paths", () => {
     test("a leaf at the root has the empty path", () => expect([...flatten(7)]).toEqual([["", 7]]));
     test("an empty map holds no values", () => expect([...flatten({ motor: {} })]).toEqual([]));
     test("nest", () => expect(nest(["motor", "setpoint"], 5)).toEqual({ motor: { setpoint: 5 } }));
+    test("are written as deep as schemas can be", () => {
+        const path = Array.from({ length: 1024 }, () => "a");
+        expect(encodeValues(nest(path, 5))).toHaveLength(3 * 1024 + 1);
+    });
     test("nothing is nested at the root", () => expect(() => nest([], 5)).toThrow(RangeError));
 });

@@ -65,7 +65,7 @@ export class Machine {
 
     async stop(): Promise<void> {
         await Promise.all([...this.#running].map(end));
-        rmSync(this.#folder, { recursive: true });
+        rmSync(this.#folder, { recursive: true, force: true });
     }
 
     #bus(...options: string[]): string[] {
