@@ -1,12 +1,14 @@
 import { leavesOf, type Leaf, type Value } from "vorbel";
-import { describe, expect, test } from "vitest";
+import { afterEach, beforeEach, describe, expect, test, vi } from "vitest";
 import { decimate } from "../src/model/decimate";
 import { History } from "../src/model/history";
 import { Log } from "../src/model/log";
 import { Rate } from "../src/model/rate";
+import { Source } from "../src/model/source";
 import { ageText, numberText, rateText, valueText } from "../src/model/text";
 import { Tree } from "../src/model/tree";
 import { parseInput, payloadOf, rangeText } from "../src/model/writing";
+import { follow } from "../src/view/frame";
 
 function historyOf(readings: [number, number][], limit = 1000): History {
     const history = new History(limit);
@@ -71,7 +73,7 @@ describe("decimation", () => {
 
     test("keeps the extremes of every stretch, in order", () => {
         const { line } = draw([[10, 5], [11, 9], [12, 1], [13, 4], [20, 7]], 10, 30, 2);
-        expect(line.slice(0, 4)).toEqual([9, 1, 7, null]);
+        expect(line.slice(0, 4)).toEqual([9, 1, 7, undefined]);
     });
     test("has its stretches on a grid that time does not move", () => {
         expect(draw([], 100, 200, 10).times.slice(0, 3)).toEqual([100, 105, 110]);
@@ -85,10 +87,16 @@ describe("decimation", () => {
     });
     test("draws on what holds", () => {
         expect(draw([[150, 1]], 100, 200, 10, true).line.at(-1)).toBe(1);
-        expect(draw([], 100, 200, 10, true).line.at(-1)).toBeNull();
+        expect(draw([], 100, 200, 10, true).line.at(-1)).toBeUndefined();
     });
-    test("leaves out what is no finite number", () => {
-        expect(draw([[101, NaN], [102, Infinity]], 100, 200, 10).line.every((value) => value === null)).toBe(true);
+    test("has a gap from what is no finite number to the next that is one", () => {
+        const { line } = draw([[100, 1], [115, NaN], [145, 2], [146, Infinity], [147, 3]], 100, 160, 6);
+        const none = undefined;
+        expect(line).toEqual([1, none, none, none, null, null, null, null, 2, 3, none, none, none, none]);
+    });
+    test("does not draw on across a gap that is open", () => {
+        expect(draw([[101, 1], [102, NaN]], 100, 140, 4, true).line.slice(0, 4)).toEqual([1, undefined, null, null]);
+        expect(draw([[101, 1], [102, NaN]], 100, 140, 4, true).line.at(-1)).toBeNull();
     });
 });
 
@@ -120,6 +128,29 @@ describe("the tree", () => {
         tree.find(["a"])!.collapsed = true;
         expect(names(tree)).toEqual(["a", "d"]);
         expect(names(tree, "c")).toEqual(["a", "a.b", "a.b.c"]);
+    });
+    test("interrupts the curves of all that has come", () => {
+        const tree = new Tree();
+        tree.update({ a: 1, b: { c: true } }, 5);
+        tree.interrupt(7);
+        const { history } = tree.find(["b", "c"])!.series!;
+        expect(contents(history)).toEqual([[5, 1], [7, NaN]]);
+    });
+    test("tells apart paths that read the same", () => {
+        const tree = new Tree();
+        tree.update({ "a.b": 1, a: { b: 2 } }, 0);
+        const [one, other] = [tree.find(["a.b"])!, tree.find(["a", "b"])!];
+        expect(one.dotted).toBe(other.dotted);
+        expect(one.id).not.toBe(other.id);
+    });
+    test("counts the values that its schema does not have", () => {
+        const tree = new Tree();
+        tree.useSchema({ a: { "@mac": 1, "@cmd": 1, "@format": "s" } });
+        tree.update({ a: 1 }, 0);
+        expect(tree.unexplained).toBe(0);
+        tree.update({ b: 1 }, 0);
+        tree.update({ b: 2 }, 1);
+        expect(tree.unexplained).toBe(1);
     });
     test("keeps the readings of the leaves that a new schema still has", () => {
         const leaf = { "@mac": 1, "@cmd": 1, "@format": "s" };
@@ -176,6 +207,52 @@ describe("writing", () => {
 
     test("does not guess the payload of packed values", () => {
         expect(payloadOf(new Map([[leafOf({ "@format": "p" }), 1]]))).toBeUndefined();
+    });
+});
+
+describe("drawing", () => {
+    /** Counts the drawings of a source that changes, frame by frame of a screen that is moved on by hand. */
+    function drawings(pause: number) {
+        const frames: (() => void)[] = [];
+        vi.stubGlobal("requestAnimationFrame", (draw: () => void) => frames.push(draw));
+        vi.stubGlobal("window", globalThis);
+        const source = new Source();
+        let count = 0;
+        const stop = follow(source, () => count++, pause);
+        const showFrame = () => frames.splice(0).forEach((draw) => draw());
+        return { source, showFrame, stop, count: () => count };
+    }
+    beforeEach(() => void vi.useFakeTimers());
+    afterEach(() => {
+        vi.useRealTimers();
+        vi.unstubAllGlobals();
+    });
+
+    test("happens once a frame, however often values change", () => {
+        const { source, showFrame, count } = drawings(0);
+        for (let frame = 0; frame < 3; frame++) {
+            for (let change = 0; change < 1000; change++) source.changed();
+            showFrame();
+        }
+        expect(count()).toBe(3);
+        showFrame();
+        expect(count()).toBe(3);
+    });
+    test("happens no more often than asked for, and not too seldom", () => {
+        const { source, showFrame, count } = drawings(100);
+        for (let time = 0; time < 1000; time += 10) {
+            source.changed();
+            showFrame();
+            vi.advanceTimersByTime(10);
+        }
+        expect(count()).toBe(10);
+    });
+    test("ends", () => {
+        const { source, showFrame, stop, count } = drawings(0);
+        source.changed();
+        stop();
+        showFrame();
+        expect(count()).toBe(0);
     });
 });
 

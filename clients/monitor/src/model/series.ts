@@ -22,8 +22,19 @@ export class Series {
         }
     }
 
+    /** A gap in the curve: readings may have been missed from a time on. */
+    interrupt(time: number): void {
+        if (this.history.length > 0) this.history.push(time, NaN);
+    }
+
     keepForPlot(): void {
         this.history.limit = KEPT_ON_PLOT;
+    }
+
+    /** The last reading as a number; of an array its last element. */
+    get number(): number | undefined {
+        const last = this.waveform ? this.waveform[this.waveform.length - 1] : this.value;
+        return typeof last === "number" ? last : undefined;
     }
 
     /** The array, when the value is one: a waveform instead of a history. */

@@ -3,8 +3,12 @@ import { Series } from "./series";
 
 const byName = new Intl.Collator("en", { numeric: true }).compare;
 
+let nodes = 0;
+
 /** A name of the schema or of a message, with what is known of it. */
 export class TreeNode {
+    /** Tells nodes apart in the page: names may hold dots and blanks, so that two paths can read the same. */
+    readonly id = `node-${nodes++}`;
     readonly children = new Map<string, TreeNode>();
     readonly depth: number;
     readonly dotted: string;
@@ -31,6 +35,8 @@ export class TreeNode {
 export class Tree {
     root = new TreeNode([]);
     shape = 0;
+    /** How many values have come whose names the schema does not have. */
+    unexplained = 0;
 
     /** Takes the values of one message. */
     update(values: Value, time: number): void {
@@ -40,8 +46,7 @@ export class Tree {
     /** Shows the leaves of a schema, and forgets names that it does not have. */
     useSchema(schema: Schema): void {
         const old = this.root;
-        this.root = new TreeNode([]);
-        this.shape++;
+        this.forget();
         for (const leaf of leavesOf(schema)) {
             const node = this.#add(leaf.path);
             node.leaf = leaf;
@@ -52,6 +57,12 @@ export class Tree {
     forget(): void {
         this.root = new TreeNode([]);
         this.shape++;
+        this.unexplained = 0;
+    }
+
+    /** Values may have been missed from a time on. */
+    interrupt(time: number): void {
+        for (const { series } of this.#all(this.root)) series?.interrupt(time);
     }
 
     find(path: Path): TreeNode | undefined {
@@ -72,14 +83,15 @@ export class Tree {
 
     #update(node: TreeNode, value: Value, time: number): void {
         if (!isMap(value)) {
-            (node.series ??= this.#newSeries()).update(value, time);
+            (node.series ??= this.#newSeries(node)).update(value, time);
             return;
         }
         for (const name in value) this.#update(this.#child(node, name), value[name]!, time);
     }
 
-    #newSeries(): Series {
+    #newSeries(node: TreeNode): Series {
         this.shape++; // a row that was a mere name, or the root, becomes a value
+        if (!node.leaf) this.unexplained++;
         return new Series();
     }
 
