@@ -15,9 +15,9 @@ function draw(canvas: HTMLCanvasElement, series: Series): void {
     const { context, width, height } = contextOf(canvas);
     const points = pointsOf(series).filter(Number.isFinite);
     if (points.length < 2) return;
-    const [least, most] = [Math.min(...points), Math.max(...points)];
+    const [least, most] = rangeOf(points, series.isFlag);
     const x = (at: number) => 1 + (at * (width - 2)) / (points.length - 1);
-    const y = (value: number) => height - 3 - ((value - least) / (most - least || 1)) * (height - 6);
+    const y = (value: number) => height - 3 - ((value - least) / (most - least)) * (height - 6);
     context.beginPath();
     for (const [at, value] of points.entries()) {
         if (series.isFlag && at > 0) context.lineTo(x(at), y(points[at - 1]!));
@@ -27,6 +27,13 @@ function draw(canvas: HTMLCanvasElement, series: Series): void {
     context.lineWidth = 1.4;
     context.lineJoin = "round";
     context.stroke();
+}
+
+/** What is drawn between bottom and top: a flag's two states always; what does not change lies in the middle. */
+function rangeOf(points: number[], isFlag: boolean): [number, number] {
+    if (isFlag) return [0, 1];
+    const [least, most] = [Math.min(...points), Math.max(...points)];
+    return most > least ? [least, most] : [least - 1, most + 1];
 }
 
 function pointsOf({ waveform, history }: Series): number[] {
