@@ -15,6 +15,7 @@ export function PlotPanel({ session }: { session: Session }) {
     const [ownScales, setOwnScales] = useState(true);
     const arrays = session.plotted.filter((node) => node.series?.waveform);
     const curves = session.plotted.filter((node) => node.series && !node.series.waveform);
+    const height = curves.length > 0 && arrays.length > 0 ? 180 : 230;
 
     const shown = (): Window => frozen ?? latest(span);
     const zoom = (factor: number) => {
@@ -31,7 +32,7 @@ export function PlotPanel({ session }: { session: Session }) {
         const actions: Record<string, () => void> = {
             " ": pause, "+": () => zoom(0.5), "-": () => zoom(2), ArrowLeft: () => shift(-0.25), ArrowRight: () => shift(0.25),
         };
-        if ((event.target as Element).tagName === "BUTTON" || !actions[event.key]) return;
+        if (event.ctrlKey || event.metaKey || event.altKey || !actions[event.key]) return;
         actions[event.key]!();
         event.preventDefault();
     };
@@ -62,12 +63,12 @@ export function PlotPanel({ session }: { session: Session }) {
             )}
             {curves.length > 0 && (
                 <figure tabIndex={0} onKeyDown={press} aria-label={`Plot of ${curves.map((node) => node.dotted).join(", ")} over time. Space pauses, plus and minus zoom, arrows move.`}>
-                    <TimePlot session={session} nodes={curves} span={span} frozen={frozen} ownScales={ownScales} zoomTo={setFrozen} />
+                    <TimePlot session={session} nodes={curves} span={span} frozen={frozen} ownScales={ownScales} height={height} zoomTo={setFrozen} />
                 </figure>
             )}
             {arrays.length > 0 && (
                 <figure aria-label={`Waveforms of ${arrays.map((node) => node.dotted).join(", ")}`}>
-                    <WavePlot session={session} nodes={arrays} paused={frozen !== undefined} />
+                    <WavePlot session={session} nodes={arrays} paused={frozen !== undefined} height={height} />
                 </figure>
             )}
             {session.plotted.length > 0 && <Legend session={session} />}
@@ -91,7 +92,7 @@ function Legend({ session }: { session: Session }) {
     return (
         <ul class="legend" aria-label="On the plot">
             {session.plotted.map((node, at) => (
-                <li key={node.dotted} class={`line-${at % 8}`}>
+                <li key={node.id} class={`line-${at % 8}`}>
                     <span class="swatch" />
                     <span class="name">{node.dotted}</span>
                     <span class="number">{node.series ? valueText(node.series.value) : "–"}</span>

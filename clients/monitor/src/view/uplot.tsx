@@ -16,28 +16,26 @@ export function latest(span: number): Window {
     return { from: now - span * 1000, to: now };
 }
 
-const HEIGHT = 230;
-
 /** The colour of a plotted value, by its place among all that are plotted. */
 function lineColor(session: Session, node: TreeNode): string {
     return color(`--line-${session.plotted.indexOf(node) % 8}`);
 }
 
 /** A plot as wide as its parent, made anew when `make` gives other options, and destroyed at the end. */
-function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, sources: unknown[]) {
+function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, height: number, sources: unknown[]) {
     const box = useRef<HTMLDivElement>(null);
     const plot = useRef<uPlot | null>(null);
     useEffect(() => {
         const build = () => {
             plot.current?.destroy();
             const width = Math.max(100, box.current!.clientWidth);
-            plot.current = new uPlot({ ...make(), width, height: HEIGHT }, [[], []] as unknown as uPlot.AlignedData, box.current!);
+            plot.current = new uPlot({ ...make(), width, height }, [[], []] as unknown as uPlot.AlignedData, box.current!);
             refresh(plot.current);
         };
         build();
         const observer = new ResizeObserver(() => {
             const width = Math.max(100, box.current!.clientWidth);
-            if (plot.current && plot.current.width !== width) plot.current.setSize({ width, height: HEIGHT });
+            if (plot.current && plot.current.width !== width) plot.current.setSize({ width, height });
         });
         observer.observe(box.current!);
         window.addEventListener("themechange", build);
@@ -47,7 +45,7 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, sou
             plot.current?.destroy();
             plot.current = null;
         };
-    }, sources);
+    }, [height, ...sources]);
     return { box, plot };
 }
 
@@ -88,11 +86,12 @@ type TimePlotProps = {
     span: number;
     frozen: Window | undefined;
     ownScales: boolean;
+    height: number;
     /** Shows a time for good; undefined goes on with the present. */
     zoomTo: (window: Window | undefined) => void;
 };
 
-export function TimePlot({ session, nodes, span, frozen, ownScales, zoomTo }: TimePlotProps) {
+export function TimePlot({ session, nodes, span, frozen, ownScales, height, zoomTo }: TimePlotProps) {
     const props = useRef({ span, frozen });
     props.current = { span, frozen };
 
@@ -105,8 +104,8 @@ export function TimePlot({ session, nodes, span, frozen, ownScales, zoomTo }: Ti
         plot.setData([times.map((time) => time / 1000), ...lines] as uPlot.AlignedData, false);
         plot.setScale("x", { min: from / 1000, max: to / 1000 });
     };
-    const key = `${nodes.map((node) => `${session.plotted.indexOf(node)}${node.dotted}${node.series!.isFlag}`)}|${ownScales}`;
-    const { box, plot } = useUPlot(() => timeOptions(session, nodes, ownScales, zoomTo), refresh, [key]);
+    const key = `${nodes.map((node) => `${session.plotted.indexOf(node)} ${node.id} ${node.series!.isFlag}`)}|${ownScales}`;
+    const { box, plot } = useUPlot(() => timeOptions(session, nodes, ownScales, zoomTo), refresh, height, [key]);
 
     useEffect(() => {
         if (plot.current) refresh(plot.current);
@@ -147,7 +146,7 @@ class Clock {
 }
 
 function timeOptions(session: Session, nodes: TreeNode[], ownScales: boolean, zoomTo: (window: Window) => void): uPlot.Options {
-    const scaleOf = (node: TreeNode) => (node.series!.isFlag ? "flags" : ownScales ? node.dotted : "values");
+    const scaleOf = (node: TreeNode) => (node.series!.isFlag ? "flags" : ownScales ? node.id : "values");
     const numbers = nodes.filter((node) => !node.series!.isFlag);
     const named = new Map(numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: lineColor(session, node) }]));
     const scales: uPlot.Scales = { x: { time: true, auto: false }, flags: { range: [-0.25, 1.25] } };
@@ -166,7 +165,6 @@ function timeOptions(session: Session, nodes: TreeNode[], ownScales: boolean, zo
                 scale: scaleOf(node),
                 stroke: lineColor(session, node),
                 width: 1.6,
-                spanGaps: true,
                 points: { show: false },
                 ...(node.series!.isFlag ? { paths: uPlot.paths.stepped!({ align: 1 }) } : {}),
             })),
@@ -184,18 +182,30 @@ function timeOptions(session: Session, nodes: TreeNode[], ownScales: boolean, zo
     };
 }
 
-export function WavePlot({ session, nodes, paused }: { session: Session; nodes: TreeNode[]; paused: boolean }) {
+type WavePlotProps = { session: Session; nodes: TreeNode[]; paused: boolean; height: number };
+
+export function WavePlot({ session, nodes, paused, height }: WavePlotProps) {
+    const drawn = useRef<unknown[]>([]);
     const refresh = (plot: uPlot) => {
         const waves = nodes.map(({ series }) => series?.waveform ?? []);
-        const length = Math.max(...waves.map((wave) => wave.length));
-        const indices = Array.from({ length }, (_, at) => at);
-        plot.setData([indices, ...waves.map((wave) => indices.map((at) => wave[at] ?? null))] as uPlot.AlignedData);
+        const indices = Array.from({ length: Math.max(2, ...waves.map((wave) => wave.length)) }, (_, at) => at);
+        const last = indices.length - 1;
+        const { min, max } = plot.scales["x"]!;
+        const zoomed = min != null && (min !== 0 || max !== plot.data[0].at(-1));
+        const lines = waves.map((wave) => Array.from(wave, (value) => (Number.isFinite(value) ? value : null)));
+        plot.setData([indices, ...lines], false);
+        plot.setScale("x", zoomed ? { min, max: max! } : { min: 0, max: last });
+        drawn.current = waves;
     };
-    const key = nodes.map((node) => `${session.plotted.indexOf(node)}${node.dotted}`).join();
-    const { box, plot } = useUPlot(() => waveOptions(session, nodes), refresh, [key]);
+    const key = nodes.map((node) => `${session.plotted.indexOf(node)} ${node.id}`).join();
+    const { box, plot } = useUPlot(() => waveOptions(session, nodes), refresh, height, [key]);
     useEffect(() => {
         if (paused) return undefined;
-        return follow(session.values, () => plot.current && refresh(plot.current), 50);
+        const draw = () => {
+            const isNew = nodes.some(({ series }, at) => series?.waveform !== drawn.current[at]);
+            if (isNew && plot.current) refresh(plot.current);
+        };
+        return follow(session.values, draw, 50);
     }, [key, paused]);
     return <div ref={box} class="uplot-box" />;
 }
