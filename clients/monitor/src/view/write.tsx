@@ -1,5 +1,5 @@
 import { useLayoutEffect, useRef, useState } from "preact/hooks";
-import { dotted, readOnlyReason, type Leaf, type Value } from "vorbel";
+import { dotted, readOnlyReason, writableRange, type Leaf, type Value } from "vorbel";
 import type { Session } from "../model/session";
 import { clockText, hexText, numberText } from "../model/text";
 import type { TreeNode } from "../model/tree";
@@ -46,13 +46,14 @@ function Refusal({ name, reason }: { name: string; reason: string }) {
 }
 
 function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
-    const nodes = [node, ...session.tree.sameFrame(node.leaf!).filter((each) => each !== node && !readOnlyReason(each.leaf!))];
-    const [texts, setTexts] = useState(() => new Map(nodes.map((each) => [each.dotted, presentText(each)])));
+    const [nodes] = useState(() => writableTogether(session, node));
+    const [texts, setTexts] = useState(() => new Map(nodes.map((each) => [each, presentText(each)])));
     const [outcome, setOutcome] = useState<{ sent: boolean; text: string }>();
-    const { values, problems } = parseAll(nodes, texts, node);
+    const { values, problems } = parseAll(texts);
+    const ready = problems.size === 0 && values.has(node.leaf!);
     const send = (event: Event) => {
         event.preventDefault();
-        if (problems.size > 0) return;
+        if (!ready) return;
         try {
             session.write(values);
             setOutcome({ sent: true, text: `Sent at ${clockText(Date.now())}` });
@@ -64,13 +65,14 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
         <form onSubmit={send}>
             {nodes.map((each) => (
                 <LeafInput
-                    key={each.dotted}
+                    key={each.id}
+                    id={`set-${each.id}`}
                     leaf={each.leaf!}
                     main={each === node}
-                    text={texts.get(each.dotted)!}
+                    text={texts.get(each)!}
                     problem={problems.get(each.leaf!)}
                     change={(text) => {
-                        setTexts(new Map(texts).set(each.dotted, text));
+                        setTexts(new Map(texts).set(each, text));
                         setOutcome(undefined);
                     }}
                 />
@@ -79,7 +81,7 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
                 <p class="quiet">These share one frame. What is left empty goes out as zero bytes, or not at all at its end.</p>
             )}
             <div class="actions">
-                <button type="submit" class="primary" disabled={problems.size > 0}>
+                <button type="submit" class="primary" disabled={!ready}>
                     Send
                 </button>
                 <FramePreview leaf={node.leaf!} values={values} />
@@ -91,15 +93,23 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
     );
 }
 
-function LeafInput(props: { leaf: Leaf; main: boolean; text: string; problem: string | undefined; change: (text: string) => void }) {
-    const { leaf, main, text, problem, change } = props;
+type LeafInputProps = {
+    id: string;
+    leaf: Leaf;
+    /** Whether it is the one that was asked for. */
+    main: boolean;
+    text: string;
+    problem: string | undefined;
+    change: (text: string) => void;
+};
+
+function LeafInput({ id, leaf, main, text, problem, change }: LeafInputProps) {
     const input = useRef<any>(null);
     useLayoutEffect(() => {
         if (!main) return;
         input.current.focus();
         input.current.select();
     }, []);
-    const id = `set-${dotted(leaf.path)}`;
     const shared = {
         id,
         ref: input,
@@ -116,7 +126,7 @@ function LeafInput(props: { leaf: Leaf; main: boolean; text: string; problem: st
             {leaf.format === "p" ? (
                 <textarea {...shared} rows={4} spellcheck={false} />
             ) : (
-                <input {...shared} inputMode={leaf.factor === 1 && leaf.format !== "f" ? "numeric" : "decimal"} autocomplete="off" />
+                <input {...shared} inputMode={keypad(leaf)} autocomplete="off" autocapitalize="off" spellcheck={false} />
             )}
             <small id={`${id}-help`} class={problem ? "problem" : "quiet"}>
                 {problem ?? rangeText(leaf)}
@@ -135,21 +145,33 @@ function FramePreview({ leaf, values }: { leaf: Leaf; values: Map<Leaf, Value> }
     );
 }
 
+/** The leaf and the others of its frame, as far as they can be written. */
+function writableTogether({ tree }: Session, node: TreeNode): TreeNode[] {
+    return [node, ...tree.sameFrame(node.leaf!).filter((each) => each !== node && !readOnlyReason(each.leaf!))];
+}
+
+/** The on-screen keyboard that a leaf needs: some phones' keypads of digits have no minus sign. */
+function keypad(leaf: Leaf): "text" | "numeric" | "decimal" {
+    const { least, step } = writableRange(leaf)!;
+    if (least < 0) return "text";
+    return step === 1 ? "numeric" : "decimal";
+}
+
 /** What a leaf's bytes hold at present, as far as it is known. */
 function presentText({ series, sent }: TreeNode): string {
-    const present = series?.value ?? sent;
+    const present = series?.number ?? sent;
     return typeof present === "number" ? numberText(present) : "";
 }
 
-function parseAll(nodes: TreeNode[], texts: Map<string, string>, main: TreeNode) {
+/** What was typed, leaf by leaf; nothing for those left empty. */
+function parseAll(texts: Map<TreeNode, string>) {
     const values = new Map<Leaf, Value>();
     const problems = new Map<Leaf, string>();
-    for (const node of nodes) {
-        const text = texts.get(node.dotted)!;
-        if (text === "" && node !== main) continue;
-        const { value, problem } = parseInput(node.leaf!, text);
-        if (problem === undefined) values.set(node.leaf!, value!);
-        else problems.set(node.leaf!, problem);
+    for (const [{ leaf }, text] of texts) {
+        if (text === "") continue;
+        const { value, problem } = parseInput(leaf!, text);
+        if (problem === undefined) values.set(leaf!, value!);
+        else problems.set(leaf!, problem);
     }
     return { values, problems };
 }
