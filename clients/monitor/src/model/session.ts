@@ -1,4 +1,5 @@
 import {
+    assertSchema,
     checkSchema,
     Client,
     dotted,
@@ -44,42 +45,45 @@ export class Session {
     reason = "not connected";
     hello: Hello | undefined;
     undecodable = 0;
-    /** The schema that explains the values here; `schemaSent` tells whether this page gave it to the daemon. */
+    /** The schema that explains the values here, whether it was sent to the daemon or not. */
     schema: Schema | undefined;
-    schemaSent = false;
     /** The same as people wrote it. */
     schemaText = "";
     plotted: TreeNode[] = [];
+    /** Paths to plot as soon as they are known. */
+    #wanted: string[];
     writing: TreeNode | undefined;
     #client: Client | undefined;
 
     constructor() {
-        const asked = new URLSearchParams(window.location.search).get("address");
-        this.address = asked ?? load("address") ?? defaultAddress();
+        const asked = new URLSearchParams(window.location.search);
+        this.address = asked.get("address") ?? load("address") ?? defaultAddress();
+        this.#wanted = asked.get("plot")?.split(",") ?? [];
         this.schemaText = load("schema") ?? "";
-        if (this.schemaText && isUsable(this.schemaText)) this.#use(JSON.parse(this.schemaText), false);
+        if (this.schemaText && isUsable(this.schemaText)) this.#use(JSON.parse(this.schemaText));
+        const schema = asked.get("schema");
+        if (schema) void this.#loadSchema(schema);
         this.connect(this.address);
     }
 
     /** Leaves the present daemon for that at an address, or tries that one again at once; returns what is wrong with the address. */
     connect(address: string): string | undefined {
+        let url: string;
         try {
-            toUrl(address);
+            url = toUrl(address);
         } catch (error) {
             return (error as Error).message;
         }
-        if (this.state === "waiting" && this.#client?.url === toUrl(address)) {
-            this.#client.connect();
-            return undefined;
-        }
-        this.disconnect();
-        if (this.#client && this.#client.url !== toUrl(address)) this.#forgetReadings();
         this.address = address;
         save("address", address);
-        this.hello = undefined;
-        this.schemaSent = false;
-        this.#client = this.#newClient(address);
+        if (this.#client?.url !== url) {
+            this.disconnect();
+            if (this.#client) this.#forgetReadings();
+            this.hello = undefined;
+            this.#client = this.#newClient(address);
+        }
         this.#client.connect();
+        this.status.changed();
         return undefined;
     }
 
@@ -93,11 +97,24 @@ export class Session {
         if (send) this.#client?.setSchema(schema);
         this.schemaText = text;
         save("schema", text);
-        this.#use(schema, send);
+        this.#use(schema);
         const leaves = `${leavesOf(schema).length} leaves`;
         if (!send) this.log.add("schema", `Schema of ${leaves} used here`, "not sent to the daemon");
         else if (this.state === "connected") this.log.add("schema", `Schema of ${leaves} sent`);
         else this.log.add("schema", `Schema of ${leaves} kept`, "goes out with the next connection");
+    }
+
+    /** Uses a schema that lies beside the page on its server. */
+    async #loadSchema(name: string): Promise<void> {
+        try {
+            const response = await fetch(name);
+            if (!response.ok) throw new Error(`the page's server answers ${response.status}`);
+            const text = await response.text();
+            assertSchema(parseJson(text));
+            this.setSchema(text, false);
+        } catch (error) {
+            this.log.add("problem", `The schema ${name} could not be loaded`, (error as Error).message);
+        }
     }
 
     /** Writes values of leaves of the same frames; throws when they cannot be sent now. */
@@ -123,6 +140,13 @@ export class Session {
         this.status.changed();
     }
 
+    #plotWanted(): void {
+        if (this.#wanted.length === 0) return;
+        const found = this.tree.rows().filter((node) => node.series && this.#wanted.includes(node.dotted));
+        this.#wanted = this.#wanted.filter((path) => !found.some(({ dotted }) => dotted === path));
+        this.plotted = [...this.plotted, ...found];
+    }
+
     startWriting(node: TreeNode | undefined): void {
         this.writing = node;
         this.status.changed();
@@ -132,8 +156,9 @@ export class Session {
     #forgetReadings(): void {
         this.tree.forget();
         this.plotted = [];
+        this.writing = undefined;
         this.undecodable = 0;
-        if (this.schema) this.#use(this.schema, false);
+        if (this.schema) this.#use(this.schema);
     }
 
     #newClient(address: string): Client {
@@ -155,10 +180,13 @@ export class Session {
 
     #entered(state: State, reason: string): void {
         const lost = this.state === "connected" && state !== "connected";
-        if (lost) this.log.add("connection", state === "closed" ? "Disconnected" : "Connection lost", reason);
+        if (lost) {
+            this.log.add("connection", state === "closed" ? "Disconnected" : "Connection lost", reason);
+            this.tree.interrupt(Date.now());
+        }
         if (state === "connected") {
             this.log.add("connection", "Connected", this.#client?.url);
-            if (this.schemaSent) this.log.add("schema", "Schema sent again", "a restarted daemon has none");
+            if (this.#client?.schema) this.log.add("schema", "Schema sent", "as after every connection: a restarted daemon has none");
         }
         this.state = state;
         this.reason = reason;
@@ -166,15 +194,20 @@ export class Session {
     }
 
     #received(values: Value): void {
-        const { shape } = this.tree;
+        const { shape, unexplained } = this.tree;
         this.tree.update(values, Date.now());
         this.values.changed();
-        if (this.tree.shape !== shape) this.status.changed();
+        if (this.tree.shape === shape) return;
+        this.#plotWanted();
+        for (const { series } of this.plotted) series?.keepForPlot();
+        if (this.schema && unexplained === 0 && this.tree.unexplained > 0) {
+            this.log.add("schema", "Values come that the schema here does not have", "another client may have changed the daemon's");
+        }
+        this.status.changed();
     }
 
-    #use(schema: Schema, sent: boolean): void {
+    #use(schema: Schema): void {
         this.schema = schema;
-        this.schemaSent = sent;
         this.tree.useSchema(schema);
         this.plotted = this.plotted.flatMap((node) => this.tree.find(node.path) ?? []);
         this.writing = undefined;
