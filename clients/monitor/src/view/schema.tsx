@@ -1,24 +1,33 @@
-import { useEffect, useRef, useState } from "preact/hooks";
+import { useEffect, useMemo, useRef, useState } from "preact/hooks";
 import { dotted, type Problem } from "vorbel";
 import { problemsOf, type Session } from "../model/session";
 import { Icon } from "./icons";
+
+/** More problems than this are told by their number. */
+const SHOWN = 100;
 
 /** Opens, shows, checks, sends and saves the schema. */
 export function SchemaDialog({ session, close }: { session: Session; close: () => void }) {
     const dialog = useRef<HTMLDialogElement>(null);
     const [text, setText] = useState(session.schemaText);
+    const [refusal, setRefusal] = useState<string>();
     useEffect(() => dialog.current!.showModal(), []);
-    const problems = text.trim() === "" ? [] : problemsOf(text);
+    const problems = useMemo(() => (text.trim() === "" ? [] : problemsOf(text)), [text]);
     const useless = text.trim() === "" || problems.some(({ severity }) => severity === "error");
+    const leave = () => dialog.current!.close(); // which gives the focus back to where it was
     const apply = (send: boolean) => {
-        session.setSchema(text, send);
-        close();
+        try {
+            session.setSchema(text, send);
+            leave();
+        } catch (error) {
+            setRefusal((error as Error).message);
+        }
     };
     return (
         <dialog ref={dialog} class="schema" onClose={close} aria-labelledby="schema-title">
             <div class="title">
                 <h2 id="schema-title">Schema</h2>
-                <button class="square" onClick={close} aria-label="Close">
+                <button class="square" onClick={leave} aria-label="Close">
                     <Icon name="close" />
                 </button>
             </div>
@@ -48,6 +57,7 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
             />
             <Problems text={text} problems={problems} />
             <div class="actions end">
+                <p class="problem" role="alert">{refusal}</p>
                 <button onClick={() => apply(false)} disabled={useless}>
                     Use here only
                 </button>
@@ -79,12 +89,12 @@ function FileButton({ setText }: { setText: (text: string) => void }) {
 
 function Problems({ text, problems }: { text: string; problems: Problem[] }) {
     return (
-        <div id="schema-problems" class="problems" role="status">
+        <div id="schema-problems" class="problems" role="status" tabIndex={problems.length > 0 ? 0 : undefined}>
             {text.trim() !== "" && problems.length === 0 && <p class="fine">No problems found.</p>}
             {problems.length > 0 && (
                 <ul>
-                    {problems.map(({ severity, path, message }) => (
-                        <li key={`${dotted(path)}${message}`} class={severity}>
+                    {problems.slice(0, SHOWN).map(({ severity, path, message }) => (
+                        <li key={`${path.join("/")} ${message}`} class={severity}>
                             <Icon name="problem" />
                             <span>
                                 <span class="hidden">{severity}: </span>
@@ -92,6 +102,7 @@ function Problems({ text, problems }: { text: string; problems: Problem[] }) {
                             </span>
                         </li>
                     ))}
+                    {problems.length > SHOWN && <li>… and {problems.length - SHOWN} more.</li>}
                 </ul>
             )}
         </div>
