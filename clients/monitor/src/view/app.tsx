@@ -23,8 +23,8 @@ export function App({ session }: { session: Session }) {
             <main data-tab={tab}>
                 <ValueTable session={session} openSchema={() => openSchema(true)} />
                 <div class="side">
+                    {writing && <WritePanel key={writing.id} session={session} node={writing} />}
                     <PlotPanel session={session} />
-                    {writing && <WritePanel key={writing.dotted} session={session} node={writing} />}
                     <LogPanel log={session.log} />
                 </div>
             </main>

@@ -14,10 +14,12 @@ export function Header({ session, openSchema }: { session: Session; openSchema: 
                 Vorbel
             </h1>
             <Address session={session} />
-            <p class={`state ${state}`} role="status" title={reason}>
+            <p class={`state ${state}`} title={reason}>
                 <span class="dot" />
-                <strong>{stateWords[state]}</strong>
-                {state === "connected" && hello && <Device type={hello.type} id={hello.id} />}
+                <span role="status">
+                    <strong>{stateWords[state]}</strong>
+                    {state === "connected" && hello && <Device type={hello.type} id={hello.id} />}
+                </span>
                 {state === "waiting" && <span class="quiet reason">{reason}</span>}
             </p>
             {undecodable > 0 && (
@@ -58,7 +60,10 @@ function Address({ session }: { session: Session }) {
                 <span class="hidden">Address of the daemon</span>
                 <input
                     value={text}
-                    onInput={(event) => setText(event.currentTarget.value)}
+                    onInput={(event) => {
+                        setText(event.currentTarget.value);
+                        setProblem(undefined);
+                    }}
                     placeholder="host or host:port"
                     autocomplete="url"
                     autocapitalize="off"

@@ -11,6 +11,8 @@ import { Sparkline } from "./sparkline";
 const PAUSE = 100;
 const SPARE_ROWS = 4;
 const NARROW = 560;
+/** The heights that the style sheet gives to rows, in pixels. */
+const ROW = { wide: 38, narrow: 56 };
 
 /** All values as a tree of their names; only the rows in sight exist. */
 export function ValueTable({ session, openSchema }: { session: Session; openSchema: () => void }) {
@@ -67,7 +69,7 @@ function Grid({ session, rows, searching }: GridProps) {
     const grid = useRef<HTMLDivElement>(null);
     const [view, setView] = useState({ top: 0, height: 600, narrow: false });
     const [active, setActive] = useState<TreeNode>();
-    const rowHeight = view.narrow ? 62 : 38;
+    const rowHeight = view.narrow ? ROW.narrow : ROW.wide;
     const activeIndex = active ? rows.indexOf(active) : -1;
     useView(grid, setView);
 
@@ -88,6 +90,7 @@ function Grid({ session, rows, searching }: GridProps) {
         session.status.changed();
     };
     const press = (event: KeyboardEvent) => {
+        if (event.ctrlKey || event.metaKey || event.altKey) return; // the browser's own: printing, going back
         if (event.key === "Enter" && event.target !== grid.current) return; // a button in the row takes it
         const handled = pressed(event.key, { session, rows, index: activeIndex, page: Math.floor(view.height / rowHeight), goTo, fold });
         if (handled) event.preventDefault();
@@ -103,7 +106,7 @@ function Grid({ session, rows, searching }: GridProps) {
             role="treegrid"
             aria-label="Values. Arrow keys move and fold, P plots, Enter sets."
             aria-rowcount={rows.length + 1}
-            aria-activedescendant={active && `row-${active.dotted}`}
+            aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
             tabIndex={0}
             onKeyDown={press}
             onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
@@ -112,7 +115,7 @@ function Grid({ session, rows, searching }: GridProps) {
             <div class="all" role="rowgroup" style={{ height: `${rows.length * rowHeight}px` }}>
                 {rows.slice(first, last).map((node, at) => (
                     <Row
-                        key={node.dotted}
+                        key={node.id}
                         session={session}
                         node={node}
                         index={first + at}
@@ -204,7 +207,7 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
     const branch = node.children.size > 0;
     return (
         <div
-            id={`row-${node.dotted}`}
+            id={node.id}
             class={`row${active ? " active" : ""}${isValue(node) ? "" : " branch"}`}
             role="row"
             aria-rowindex={index + 2}
@@ -212,11 +215,22 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
             aria-expanded={branch ? open : undefined}
             aria-selected={active}
             style={{ transform: `translateY(${top}px)` }}
-            onClick={activate}
+            onClick={() => {
+                activate();
+                if (branch && !isValue(node)) fold(node, !node.collapsed);
+            }}
         >
             <div role="gridcell" class="name" style={{ paddingLeft: `${Math.max(0, node.depth - 1) * 16}px` }} title={node.dotted}>
                 {branch ? (
-                    <button class={`fold${open ? " open" : ""}`} tabIndex={-1} aria-label={open ? "Fold" : "Unfold"} onClick={() => fold(node, !node.collapsed)}>
+                    <button
+                        class={`fold${open ? " open" : ""}`}
+                        tabIndex={-1}
+                        aria-label={open ? "Fold" : "Unfold"}
+                        onClick={(event) => {
+                            event.stopPropagation(); // the row would fold it back
+                            fold(node, !node.collapsed);
+                        }}
+                    >
                         <Icon name="open" />
                     </button>
                 ) : (
