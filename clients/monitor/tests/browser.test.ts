@@ -1,102 +1,9 @@
-import { mkdirSync, readFileSync } from "node:fs";
-import type { Server } from "node:http";
-import { join, resolve } from "node:path";
-import { fileURLToPath } from "node:url";
-import type { BrowserContext, Locator, Page } from "playwright-core";
-import { afterAll, afterEach, beforeAll, beforeEach, describe, expect, test } from "vitest";
-import { Machine, machineSchema, until } from "../../js/tests/machine.js";
-import { serve, startBrowser } from "./page.js";
-
-const screenshots = resolve(fileURLToPath(import.meta.url), "../../../../docs/screenshots");
-const keepScreenshots = process.env["VORBEL_SCREENSHOTS"] !== undefined;
-
-let machine: Machine;
-let server: Server;
-let url: string;
-let browser: BrowserContext;
-let endBrowser: () => Promise<void>;
-let page: Page;
-/** What the page asked for from anywhere but its own server and the daemon, and what it complained of. */
-let strange: string[];
-
-beforeAll(async () => {
-    ({ server, url } = await serve());
-    ({ browser, end: endBrowser } = await startBrowser());
-});
-afterAll(async () => {
-    await endBrowser();
-    server.close();
-});
-
-beforeEach(async () => {
-    machine = new Machine();
-    await machine.play();
-    await machine.startDaemon();
-    page = await browser.newPage();
-    strange = [];
-    page.on("request", (request) => {
-        if (!request.url().startsWith(url) && !/^(data|blob):/.test(request.url())) strange.push(request.url());
-    });
-    page.on("pageerror", (error) => strange.push(String(error)));
-    page.on("console", (message) => {
-        const expected = message.text().includes("ERR_CONNECTION_REFUSED"); // while the daemon is away
-        if (message.type() === "error" && !expected) strange.push(message.text());
-    });
-    await page.goto(url);
-    await page.evaluate(() => localStorage.clear());
-    await page.reload();
-});
-afterEach(async () => {
-    await page.close();
-    await machine.stop();
-    expect(strange).toEqual([]);
-});
-
-async function shoot(name: string): Promise<void> {
-    if (!keepScreenshots) return;
-    mkdirSync(screenshots, { recursive: true });
-    await page.screenshot({ path: join(screenshots, `${name}.png`) });
-}
-
-const row = (path: string) => page.locator(`[id="row-${path}"]`);
-const value = (path: string) => row(path).locator(".value");
-const connected = () => page.getByRole("status").getByText("Connected").waitFor();
-
-async function openSchema(): Promise<void> {
-    await page.getByRole("button", { name: "Schema", exact: true }).click();
-}
-
-async function sendSchema(schema: object = machineSchema): Promise<void> {
-    await connected();
-    await openSchema();
-    await page.getByLabel("Schema as JSON").fill(JSON.stringify(schema, null, 4));
-    await page.getByRole("button", { name: "Send to the daemon" }).click();
-}
-
-async function startSetting(path: string): Promise<void> {
-    await row(path).getByRole("button", { name: "Set" }).click();
-    await page.getByLabel(path, { exact: true }).waitFor();
-}
-
-/** Waits until the text of an element is another. */
-async function changes(element: Locator): Promise<void> {
-    const before = await element.textContent();
-    await expect.poll(() => element.textContent()).not.toBe(before);
-}
-
-/** How many pixels of a canvas have been drawn on in a strong colour. */
-function coloredPixels(canvas: Locator): Promise<number> {
-    return canvas.evaluate((element) => {
-        const { width, height } = element as HTMLCanvasElement;
-        const { data } = (element as HTMLCanvasElement).getContext("2d")!.getImageData(0, 0, width, height);
-        let count = 0;
-        for (let at = 0; at < data.length; at += 4) {
-            const [red, green, blue, alpha] = data.subarray(at, at + 4) as unknown as [number, number, number, number];
-            if (alpha > 128 && Math.max(red, green, blue) - Math.min(red, green, blue) > 60) count++;
-        }
-        return count;
-    });
-}
+import { readFileSync } from "node:fs";
+import { describe, expect, test } from "vitest";
+import { machineSchema, until, type Link } from "../../js/tests/machine.js";
+import {
+    changes, coloredPixels, connected, machine, newPage, openSchema, page, row, sendSchema, shoot, startMachine, startSetting, value,
+} from "./fixture.js";
 
 test("connects to where the page came from and shows what the daemon is", async () => {
     await connected();
@@ -118,6 +25,39 @@ test("loads the machine's schema and sees its values change", async () => {
     await shoot("values");
 });
 
+test.each<Link>(["serialport", "socketcan"])("works on the link %s, from the bus to the page and back", async (link) => {
+    await machine.stop();
+    await startMachine(link);
+    await sendSchema();
+    await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await changes(value("motor.speed"));
+    await row("motor.speed").getByRole("button", { name: "Plot" }).click();
+    await expect.poll(() => coloredPixels(page.locator(".plots canvas"))).toBeGreaterThan(10);
+    await startSetting("motor.setpoint");
+    await page.keyboard.type("1200");
+    await page.keyboard.press("Enter");
+    await until(() => machine.heard.length > 0, "a frame on the bus");
+    expect(machine.heard).toEqual(["mac 5 cmd 3: b0 04"]);
+});
+
+test("takes the schema and the plot that a link asks for", async () => {
+    await sendSchema(); // what explains the values to the daemon
+    const other = await newPage("?schema=machine.schema.json&plot=motor.speed,door.open&address=localhost");
+    await other.getByRole("button", { name: "Set motor.setpoint" }).waitFor();
+    const plotted = async () => (await other.locator(".legend .name").allTextContents()).sort();
+    await expect.poll(plotted).toEqual(["door.open", "motor.speed"]);
+    await expect.poll(() => coloredPixels(other.locator(".plots canvas"))).toBeGreaterThan(10);
+    expect(await other.getByLabel("Address of the daemon").inputValue()).toBe("localhost");
+    await other.close();
+});
+
+test("tells which schema of a link could not be loaded", async () => {
+    const other = await newPage("?schema=missing.json");
+    await other.getByRole("log").getByText("The schema missing.json could not be loaded").waitFor();
+    await other.getByRole("log").getByText("the page's server answers 404").waitFor();
+    await other.close();
+});
+
 test("opens a schema from a file and saves the one in use", async () => {
     await connected();
     await openSchema();
@@ -129,6 +69,28 @@ test("opens a schema from a file and saves the one in use", async () => {
     await openSchema();
     const [download] = await Promise.all([page.waitForEvent("download"), page.getByRole("button", { name: "Save as file" }).click()]);
     expect(readFileSync(await download.path(), "utf8")).toBe(text);
+});
+
+test("opens a schema file that is dropped", async () => {
+    await openSchema();
+    const dropped = await page.evaluateHandle(() => {
+        const transfer = new DataTransfer();
+        transfer.items.add(new File(['{"dropped": {}}'], "a.json"));
+        return transfer;
+    });
+    await page.getByLabel("Schema as JSON").dispatchEvent("drop", { dataTransfer: dropped });
+    await expect.poll(() => page.getByLabel("Schema as JSON").inputValue()).toBe('{"dropped": {}}');
+});
+
+test("keeps a schema that is set while disconnected for the next connection", async () => {
+    await connected();
+    await page.getByRole("button", { name: "Disconnect" }).click();
+    await openSchema();
+    await page.getByLabel("Schema as JSON").fill(JSON.stringify(machineSchema));
+    await page.getByRole("button", { name: "Send to the daemon" }).click();
+    await page.getByRole("log").getByText("goes out with the next connection").waitFor();
+    await page.getByRole("button", { name: "Connect" }).click();
+    await value("motor.speed").getByText(/^\d+$/).waitFor();
 });
 
 test("shows a schema's problems at their paths and does not send it", async () => {
@@ -182,6 +144,33 @@ test("plots values together, pauses and zooms", async () => {
     await expect.poll(picture).not.toBe(live);
 });
 
+test("keeps the stretch of a waveform that was zoomed into", async () => {
+    await sendSchema();
+    await value("battery.cells.a").getByText("5 × [").waitFor();
+    await row("battery.cells.a").getByRole("button", { name: "Plot" }).click();
+    const canvas = page.locator(".plots canvas");
+    await expect.poll(() => coloredPixels(canvas)).toBeGreaterThan(100);
+    const box = (await canvas.boundingBox())!;
+    await page.mouse.move(box.x + box.width * 0.3, box.y + 100);
+    await page.mouse.down();
+    await page.mouse.move(box.x + box.width * 0.6, box.y + 110, { steps: 4 });
+    await page.mouse.up();
+    /** The numbers below the curve: the canvas's last rows, which new readings leave alone. */
+    const axis = () =>
+        canvas.evaluate((element) => {
+            const { width, height } = element as HTMLCanvasElement;
+            const lowest = (element as HTMLCanvasElement).getContext("2d")!.getImageData(0, height - 25, width, 25);
+            return lowest.data.join();
+        });
+    await page.waitForTimeout(300);
+    const zoomed = await axis();
+    await changes(page.locator(".legend .number"));
+    await page.waitForTimeout(300);
+    expect(await axis()).toBe(zoomed);
+    await page.mouse.dblclick(box.x + box.width * 0.4, box.y + 100);
+    await expect.poll(axis).not.toBe(zoomed);
+});
+
 describe("writing", () => {
     test("puts the exact frame on the bus and echoes it", async () => {
         await sendSchema();
@@ -203,6 +192,8 @@ describe("writing", () => {
     test("refuses what the leaf cannot hold", async () => {
         await sendSchema();
         await startSetting("motor.setpoint");
+        await page.getByText("a whole number, -32768 to 32767").waitFor(); // no complaint before anything is typed
+        expect(await page.getByRole("button", { name: "Send", exact: true }).isDisabled()).toBe(true);
         await page.keyboard.type("40000");
         await page.getByText("must lie between -32768 and 32767").waitFor();
         expect(await page.getByRole("button", { name: "Send", exact: true }).isDisabled()).toBe(true);
@@ -222,6 +213,29 @@ describe("writing", () => {
         expect(machine.heard).toEqual(["mac 5 cmd 2: fe ff 96 00"]);
     });
 
+    test("offers the last readings, of arrays the last element", async () => {
+        await sendSchema();
+        await value("battery.cells.a").getByText("5 × [").waitFor();
+        await startSetting("battery.cells.b");
+        for (const cell of ["a", "b", "c", "d"]) {
+            expect(await page.getByLabel(`battery.cells.${cell}`, { exact: true }).inputValue()).toMatch(/^3\.9\d*$/);
+        }
+    });
+
+    test("is refused while the daemon is away, and not kept for later", async () => {
+        await sendSchema();
+        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await startSetting("motor.setpoint");
+        await page.keyboard.type("1200");
+        await machine.stopDaemon();
+        await page.getByText("Not connected", { exact: true }).waitFor();
+        await page.keyboard.press("Enter");
+        await page.getByRole("log").getByText("Not sent: motor.setpoint = 1200").waitFor();
+        await machine.startDaemon();
+        await changes(value("motor.speed"));
+        expect(machine.heard).toEqual([]);
+    });
+
     test("is refused for read-only leaves, with the reason", async () => {
         await sendSchema();
         await row("door.open").getByRole("button", { name: "Why door.open cannot be set" }).click();
@@ -230,9 +244,11 @@ describe("writing", () => {
     });
 });
 
-test("survives a daemon restart, schema and all", async () => {
+test("survives a daemon restart, schema, plot and all", async () => {
     await sendSchema();
     await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await row("motor.speed").getByRole("button", { name: "Plot" }).click();
+    await page.waitForTimeout(3000);
     await machine.stopDaemon();
     await page.getByRole("status").getByText("Not connected").waitFor();
     await page.waitForTimeout(2500);
@@ -240,7 +256,10 @@ test("survives a daemon restart, schema and all", async () => {
     await machine.startDaemon();
     await connected();
     await changes(value("motor.speed"));
-    await page.getByRole("log").getByText("Schema sent again").waitFor();
+    await page.getByRole("log").getByText("as after every connection").waitFor();
+    const canvas = page.locator(".plots canvas");
+    const pixels = await coloredPixels(canvas);
+    await expect.poll(() => coloredPixels(canvas)).not.toBe(pixels);
 });
 
 test("tells of messages that cannot be decoded, with their bytes, and goes on", async () => {
@@ -281,27 +300,63 @@ test("says what is wrong with an address", async () => {
 });
 
 describe("by keyboard and search", () => {
-    const activeRow = () => page.getByRole("treegrid").getAttribute("aria-activedescendant");
+    /** The path of the row that a screen reader is told of. */
+    const activeRow = () =>
+        page.evaluate(() => {
+            const id = document.querySelector("[role=treegrid]")!.getAttribute("aria-activedescendant");
+            return document.getElementById(id ?? "")?.querySelector(".name")?.getAttribute("title");
+        });
 
     test("the table folds, plots and sets", async () => {
         await sendSchema();
         await value("motor.speed").getByText(/^\d+$/).waitFor();
         await page.getByRole("treegrid").focus();
         await page.keyboard.press("Home");
-        await expect.poll(activeRow).toBe("row-battery");
+        await expect.poll(activeRow).toBe("battery");
         await page.keyboard.press("ArrowLeft");
-        await page.locator('[id="row-battery"][aria-expanded="false"]').waitFor();
+        await row("battery").and(page.locator('[aria-expanded="false"]')).waitFor();
         expect(await row("battery.charge").count()).toBe(0);
         await page.keyboard.press("ArrowRight");
         await row("battery.charge").waitFor();
         await page.keyboard.press("End");
-        await expect.poll(activeRow).toBe("row-motor.speed");
+        await expect.poll(activeRow).toBe("motor.speed");
         await page.keyboard.press("p");
         await page.locator(".plots canvas").first().waitFor();
         await page.keyboard.press("Enter");
         await page.getByRole("heading", { name: "Set motor.speed" }).waitFor();
         await page.keyboard.press("Escape");
         expect(await page.evaluate(() => document.activeElement?.id)).toBe("values-grid");
+    });
+
+    test("the browser's own keys stay the browser's", async () => {
+        await sendSchema();
+        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await page.getByRole("treegrid").focus();
+        await page.keyboard.press("End");
+        await page.keyboard.press("Control+p");
+        await page.keyboard.press("Alt+ArrowUp");
+        await expect.poll(activeRow).toBe("motor.speed");
+        expect(await page.locator(".plots canvas").count()).toBe(0);
+    });
+
+    test("the schema's dialog gives the focus back", async () => {
+        await connected();
+        await openSchema();
+        await page.getByRole("button", { name: "Close" }).click();
+        await page.getByRole("dialog").waitFor({ state: "detached" });
+        expect(await page.evaluate(() => document.activeElement?.textContent?.trim())).toBe("Schema");
+    });
+
+    test("the plot pauses and zooms", async () => {
+        await sendSchema();
+        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await row("motor.speed").getByRole("button", { name: "Plot" }).click();
+        await page.locator("figure").focus();
+        await page.keyboard.press("Space");
+        await page.getByRole("button", { name: "Go on", pressed: true }).waitFor();
+        await page.keyboard.press("Space");
+        await page.keyboard.press("+");
+        await expect.poll(() => page.getByLabel("Time span").locator("option:checked").textContent()).toBe("30 s");
     });
 
     test("the search leaves the paths that have all words", async () => {
@@ -325,6 +380,7 @@ test("fits a phone of 360 pixels, light and dark", async () => {
     const width = () => page.evaluate(() => document.documentElement.scrollWidth);
     expect(await width()).toBe(360);
     await page.emulateMedia({ colorScheme: "dark" });
+    await page.waitForTimeout(700); // the sparklines are drawn anew
     await shoot("phone-values");
     await page.getByRole("button", { name: "plots" }).click();
     await page.waitForTimeout(500);

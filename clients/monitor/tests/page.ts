@@ -7,17 +7,18 @@ import { fileURLToPath } from "node:url";
 import { chromium, type BrowserContext } from "playwright-core";
 
 export const dist = resolve(fileURLToPath(import.meta.url), "../../dist");
+const examples = resolve(fileURLToPath(import.meta.url), "../../../../examples");
 const types: Record<string, string> = {
-    ".html": "text/html", ".js": "text/javascript", ".css": "text/css", ".svg": "image/svg+xml",
+    ".html": "text/html", ".js": "text/javascript", ".css": "text/css", ".svg": "image/svg+xml", ".json": "application/json",
 };
 
-/** Serves the built page, and nothing else, on a port of 127.0.0.1. */
+/** Serves the built page, with the machine's schema beside it, on a port of 127.0.0.1. */
 export async function serve(): Promise<{ server: Server; url: string }> {
     const server = createServer((request, response) => {
         const path = new URL(request.url!, "http://here").pathname;
         const file = path === "/" ? "/index.html" : path;
         try {
-            const content = readFileSync(join(dist, file));
+            const content = readFileSync(join(file === "/machine.schema.json" ? examples : dist, file));
             response.setHeader("content-type", types[extname(file)] ?? "application/octet-stream").end(content);
         } catch {
             response.writeHead(404).end();
