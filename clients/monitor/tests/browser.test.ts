@@ -124,6 +124,8 @@ test("plots values together, pauses and zooms", async () => {
     await expect.poll(() => coloredPixels(canvases.nth(0))).toBeGreaterThan(300);
     await expect.poll(() => coloredPixels(canvases.nth(1))).toBeGreaterThan(100);
     await shoot("plots");
+    const sticksOut = () => page.locator(".side").evaluate((side) => side.scrollWidth - side.clientWidth);
+    expect(await sticksOut()).toBe(0);
 
     const picture = () => canvases.nth(0).evaluate((canvas) => (canvas as HTMLCanvasElement).toDataURL());
     await page.getByRole("button", { name: "Pause" }).click();
