@@ -89,7 +89,7 @@ test("thousands of values at the rate of the line: only rows in sight, drawn ten
     await busy.replay(bigLog(leaves, 7000, 25), 5);
     await busy.startDaemon({ QT_LOGGING_RULES: "default.debug=false" });
     await sendFile(bigSchema(leaves));
-    await row("group0.value0").locator(".rate").getByText(/^\d\d$/).waitFor();
+    await row("group0.value0").locator(".rate").getByText(/\d/).waitFor();
     await expect.poll(() => page.locator(".title .quiet").first().textContent()).toBe(String(leaves));
 
     const drawings = () =>
