@@ -59,7 +59,7 @@ export async function newPage(query = ""): Promise<Page> {
     tab.on("pageerror", (error) => strange.push(String(error)));
     tab.on("console", (message) => {
         // While the daemon is away, and of what a link names wrongly.
-        const expected = message.text().includes("ERR_CONNECTION_REFUSED") || message.location().url.includes("missing");
+        const expected = message.text().startsWith("WebSocket connection to") || message.location().url.includes("missing");
         if (message.type() === "error" && !expected) strange.push(message.text());
     });
     await tab.goto(url + query);
