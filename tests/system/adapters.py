@@ -74,9 +74,10 @@ class FtdiAdapter:
             del self.received[:size]
             return data
 
-    def discard(self):
-        """Forgets what arrived so far."""
+    def discard_through(self, end, limit=20):
+        """Forgets what arrives until it ends so."""
         with self.arrived:
+            assert self.arrived.wait_for(lambda: self.received.endswith(end), limit), self.received
             self.received.clear()
 
     def control_requests(self):
@@ -159,11 +160,21 @@ class GadgetAdapter:
             assert time.monotonic() < deadline, f"{file.stat().st_size} of {size} bytes within {limit} s"
             time.sleep(0.1)
         data = file.read_bytes()
-        self.discard()
+        self._discard()
         return data
 
-    def discard(self):
-        """Forgets what arrived so far: while the service opens the port, the terminal echoes what it is sent."""
+    def discard_through(self, end, limit=20):
+        """
+        Forgets what arrives until it ends so. Until the service has set the port up, the terminal echoes what it is
+        sent, and what the driver has no room for waits for the next write.
+        """
+        deadline = time.monotonic() + limit
+        while not (data := (self.guest.share / "to-host").read_bytes()).endswith(end):
+            assert time.monotonic() < deadline, data
+            time.sleep(0.1)
+        self._discard()
+
+    def _discard(self):
         self.guest.run(": >/host/to-host")
 
     def class_requests(self):

@@ -45,7 +45,7 @@ def adapter(request):
 
 
 async def link_up(client, adapter):
-    """Returns once frames from the adapter arrive, with none left on the way."""
+    """Returns once frames pass both ways, with none left on the way."""
     probes = 0
 
     def probe():
@@ -56,7 +56,8 @@ async def link_up(client, adapter):
     value = await client.value_of(probe)
     while value["alive"] != probes:
         value = await client.value()
-    adapter.discard()
+    await client.send({"alive": 0xFF})
+    adapter.discard_through(vek.record(6, 1, b"\xff"))
 
 
 # Finding and opening

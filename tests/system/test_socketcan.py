@@ -1,8 +1,13 @@
 """The SocketCAN link on the kernel's own drivers: a virtual interface, and two emulated controllers on one bus."""
 
+import pathlib
+import shutil
+
 import pytest
 from canbus import CONTROLLERS, VIRTUAL, CanBus
-from vorbelsim.canframe import CanFrame
+from vorbelsim.canframe import CanFrame, parse_log_line
+
+SIM = pathlib.Path(__file__).parents[2] / "sim"
 
 MOTOR = {"motor": {"speed": {"@mac": 5, "@cmd": 2, "@format": "s"},
                    "current": {"@mac": 5, "@cmd": 2, "@format": "S", "@skip": 2, "@factor": 100}}}
@@ -65,6 +70,24 @@ async def test_generated_frames_arrive_all_and_in_order(bus, service, guest):
         await client.send_schema({"count": {"@mac": 5, "@cmd": 2, "@format": "I"}})
         guest.run(f"cangen {bus.peer} -g {gap} -I 085 -L 4 -D i -n {count}", limit=60)
         assert await client.values(count) == [{"count": number} for number in range(count)]
+
+
+@virtual_only  # the emulated controllers know neither remote nor FD frames
+async def test_the_simulated_bus_replays_a_recording_frame_by_frame(bus, service, guest):
+    shutil.copytree(SIM, guest.share / "sim", ignore=shutil.ignore_patterns("__pycache__"), dirs_exist_ok=True)
+    frames = [f"085#{number:08X}" for number in range(200)] + ["00012345#2A", "085#R", "085##00102030405060708090A0B0C"]
+    # At full speed candump would lose frames, which the emulated processor runs too slowly.
+    log = [f"({1700000000 + number * 0.005:.6f}) can0 {frame}" for number, frame in enumerate(frames)]
+    (guest.share / "recording.log").write_text("\n".join(log) + "\n")
+    async with service.connect() as client:
+        await client.send_schema({"count": {"@mac": 5, "@cmd": 2, "@format": "I"}})
+        with bus.record(len(frames)) as recording:
+            told = guest.run(f"/usr/bin/python3 -B /host/sim/simulated_bus.py --can {bus.peer} --quiet "
+                             "--replay /host/recording.log")
+        values = await client.values(200)
+    assert told == f"replayed {len(frames)} frames, 0 of them not fit for this link\n"
+    assert [frame for _, frame in recording.frames] == [parse_log_line(line)[1] for line in log]
+    assert values == [{"count": int.from_bytes(number.to_bytes(4, "big"), "little")} for number in range(200)]
 
 
 # Outbound
