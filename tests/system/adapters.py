@@ -166,7 +166,7 @@ class GadgetAdapter:
     def discard_through(self, end, limit=20):
         """
         Forgets what arrives until it ends so. Until the service has set the port up, the terminal echoes what it is
-        sent, and what the driver has no room for waits for the next write.
+        sent, and a part of that echo may come as late as the service's next write.
         """
         deadline = time.monotonic() + limit
         while not (data := (self.guest.share / "to-host").read_bytes()).endswith(end):
