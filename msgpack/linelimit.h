@@ -1,0 +1,34 @@
+// How many lines of one kind one message may leave in the log.
+#pragma once
+
+#include <QDebug>
+
+// Counts the lines of one kind that one message causes. A message of a few MiB can name a million things that
+// nobody knows, and the log is everybody's: the first lines are written, the others are counted, and when the
+// message is done with, one more line of the same level says how many they were and of which kind.
+//
+//   LineLimit unknownKeys(QtWarningMsg, "Key: ... does not exist in the schema");
+//   ...
+//   if (unknownKeys.takeLine()) {
+//       qWarning() << "Key:" << key << "does not exist in the schema";
+//   }
+//
+// One object per kind and message, on the stack of whoever handles the message; one thread.
+class LineLimit
+{
+public:
+    static constexpr int linesOfOneKind = 1000;
+
+    // `kind`, a literal, shows in the last line which lines are meant.
+    LineLimit(QtMsgType level, const char *kind) : m_level(level), m_kind(kind) {}
+    ~LineLimit();
+    Q_DISABLE_COPY(LineLimit)
+
+    // Whether one more line may be written; it counts as written or as left out.
+    bool takeLine() { return ++m_lines <= linesOfOneKind; }
+
+private:
+    const QtMsgType m_level;
+    const char *const m_kind;
+    qint64 m_lines = 0;
+};
