@@ -4,6 +4,7 @@
 #include <QDebug>
 
 #include <exception>
+#include <type_traits>
 #include <utility>
 
 // Wraps a functor so that an exception ends the functor and nothing else: one critical line says what was
@@ -17,12 +18,11 @@ template <typename Functor>
 auto contained(Functor functor)
 {
     // The return type lets connect() see which arguments of a signal the functor takes.
-    return
-        [functor](auto &&...arguments) -> decltype(functor(std::forward<decltype(arguments)>(arguments)...)) {
-            try {
-                functor(std::forward<decltype(arguments)>(arguments)...);
-            } catch (const std::exception &exception) {
-                qCritical() << "Input dropped, its conversion failed:" << exception.what();
-            }
-        };
+    return [functor](auto &&...arguments) -> std::invoke_result_t<const Functor &, decltype(arguments)...> {
+        try {
+            functor(std::forward<decltype(arguments)>(arguments)...);
+        } catch (const std::exception &exception) {
+            qCritical() << "Input dropped, its conversion failed:" << exception.what();
+        }
+    };
 }

@@ -49,7 +49,9 @@ public:
     void startRead();
 
     // Broadcasts to all clients, in the order in which they connected: `value` as a MessagePack binary
-    // message, `text` as a text message. A client that leaves more than 16 MiB unread is dropped.
+    // message, `text` as a text message. A client that leaves more than 16 MiB unread is dropped, or more
+    // than three times the largest message that is on its way; of many that leave 96 MiB together, those that
+    // leave most.
     void sendToWebSocket(const QVariant &value);
     void sendTextToWebSocket(const QString &text);
 
@@ -73,6 +75,8 @@ private:
     template <typename Send>
     void broadcast(Send send);
     void flushClients();
+    qint64 unreadAllowed() const;
+    void dropSlowestClients();
 
     void superviseSerialPort();
     bool serialPortIsReplaced() const;
@@ -96,4 +100,6 @@ private:
     QTimer timer;
     QByteArray portLocation;        // device node of the serial port last selected
     unsigned canInterfaceIndex = 0; // the kernel's number of "can0" when canDevice was connected
+    qint64 largestMessage = 0;      // in bytes, of those that may be on their way to a client
+    qint64 unreadByAll = 0;         // bytes that waited for all clients together after the last broadcast
 };

@@ -112,7 +112,8 @@ void Main::readSerialPort()
 void Main::writeToSerialPort(const QVariant &value)
 {
     const QByteArray records = converter.toFrame(value);
-    if (serialPort.bytesToWrite() > unwrittenLimit) {
+    // A closed port may still have what its adapter did not take. It is never sent: opening clears it.
+    if (serialPort.isOpen() && serialPort.bytesToWrite() > unwrittenLimit) {
         qWarning() << "Dropping a message of" << records.size() << "bytes: the serial port leaves"
                    << serialPort.bytesToWrite() << "bytes unwritten";
         return;

@@ -5,6 +5,7 @@
 #include <QCanBus>
 #include <QCanBusDevice>
 #include <QCanBusFrame>
+#include <QPointer>
 #include <QThread>
 
 #include <net/if.h>
@@ -17,12 +18,32 @@ namespace
 constexpr char interfaceName[] = "can0";
 constexpr unsigned long pauseBeforeFrame = 10; // ms; nodes on the bus lose frames that come faster
 
+// What one message may put on the bus: with the pause before each, over a minute in which nobody else is
+// served.
+constexpr int framesOfOneMessage = 8192;
+
 QCanBusFrame s_canFrame(const vek_frame_t &frame)
 {
     const std::uint16_t header = vek_frame_header(frame);
     return QCanBusFrame(vek_header_can_id(header),
                         QByteArray(reinterpret_cast<const char *>(frame.data), vek_payload_size(header)));
 }
+
+// What a device reports while it is written to: one error for each frame that it does not take. It is
+// listened to for the log alone; what the service does depends on no write.
+struct CanErrors {
+    explicit CanErrors(QCanBusDevice *device)
+    {
+        QObject::connect(device, &QCanBusDevice::errorOccurred, &listener, contained([this, device] {
+                             ++count;
+                             last = device->errorString();
+                         }));
+    }
+
+    int count = 0;
+    QString last;
+    QObject listener; // its end is the end of listening
+};
 
 } // namespace
 
@@ -58,10 +79,16 @@ bool Main::canInterfaceIsReplaced() const
     return isKnown && index != canInterfaceIndex;
 }
 
+// The device may outlive this object, which embedders are free to delete while frames come in.
 void Main::startRead()
 {
+    const auto read = [self = QPointer<Main>(this)] {
+        if (self) {
+            self->readSocketCan();
+        }
+    };
     if (source == SourceSocketCan) {
-        connect(canDevice, &QCanBusDevice::framesReceived, contained([this] { readSocketCan(); }));
+        connect(canDevice, &QCanBusDevice::framesReceived, contained(read));
     }
 }
 
@@ -80,9 +107,19 @@ void Main::readSocketCan()
 void Main::writeToSocketCan(const QVariant &value)
 {
     const QList<vek_frame_t> frames = converter.toVEKFrames(value);
+    if (frames.size() > framesOfOneMessage) {
+        qWarning() << "Dropping a message of" << frames.size() << "frames: can0 takes at most"
+                   << framesOfOneMessage << "of one message";
+        return;
+    }
+    const CanErrors errors(canDevice);
     for (const vek_frame_t &frame : frames) {
         const QCanBusFrame canFrame = s_canFrame(frame);
         QThread::msleep(pauseBeforeFrame);
         canDevice->writeFrame(canFrame);
+    }
+    if (errors.count > 0) {
+        qWarning() << "Lost" << errors.count << "of" << frames.size()
+                   << "frames of one message, can0 says:" << errors.last;
     }
 }

@@ -2,12 +2,15 @@
 
 #include "msgpack/msgpack.h"
 #include "service/containment.h"
+#include "service/decodedsize.h"
 
 #include <QHostAddress>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcessEnvironment>
 #include <QWebSocket>
+
+#include <algorithm>
 
 namespace
 {
@@ -16,8 +19,15 @@ namespace
 // a message of this size can take 40 times as much once it is decoded. Qt's own limit is 2 GiB.
 constexpr quint64 incomingLimit = 4 * 1024 * 1024;
 
-// What may wait for a client that does not read. Qt's own buffer has no limit.
+// What a message may take once it is decoded. Under a schema that fills its own limit, both together leave a
+// fifth of the memory that the packaged unit grants.
+constexpr qint64 decodedMessageLimit = 96 * 1024 * 1024;
+constexpr qint64 decodedSchemaLimit = 128 * 1024 * 1024;
+
+// What may wait for a client that does not read, and for all of them together. Qt's own buffers have no
+// limit.
 constexpr qint64 unreadLimit = 16 * 1024 * 1024;
+constexpr qint64 unreadByAllLimit = 96 * 1024 * 1024;
 
 QString s_trimmedVariable(const QProcessEnvironment &environment, const QString &name,
                           const QString &fallback)
@@ -47,13 +57,24 @@ void s_limitIncoming(QWebSocket *client)
 }
 
 // abort(), not close(): a closing handshake would keep the unread bytes until the client takes part in it.
-void s_dropIfNotReading(QWebSocket *client)
+void s_dropForNotReading(QWebSocket *client)
 {
-    if (client->bytesToWrite() > unreadLimit) {
-        qWarning() << "Dropping the client at" << client->peerAddress() << "which leaves"
-                   << client->bytesToWrite() << "bytes unread";
-        client->abort();
-    }
+    qWarning() << "Dropping the client at" << client->peerAddress() << "which leaves"
+               << client->bytesToWrite() << "bytes unread";
+    client->abort();
+}
+
+QWebSocket *s_slowest(const QList<QWebSocket *> &clients)
+{
+    return *std::max_element(clients.cbegin(), clients.cend(), [](QWebSocket *a, QWebSocket *b) {
+        return a->bytesToWrite() < b->bytesToWrite();
+    });
+}
+
+void s_logRefusal(const char *what, int size, qint64 decodedSize, qint64 limit)
+{
+    qWarning() << "Dropping" << what << "of" << size << "bytes: decoded it takes up to" << decodedSize
+               << "bytes of memory, and" << limit << "are granted";
 }
 
 } // namespace
@@ -82,34 +103,90 @@ void Main::forgetClient(QWebSocket *client)
 // A text that is not JSON gives a null document, and that clears the schema.
 void Main::receiveText(const QString &message)
 {
-    const QJsonDocument document = QJsonDocument::fromJson(message.toUtf8());
+    const QByteArray text = message.toUtf8();
+    const qint64 size = parsedSize(text);
+    if (size > decodedSchemaLimit) {
+        s_logRefusal("a schema", text.size(), size, decodedSchemaLimit);
+        return;
+    }
+    const QJsonDocument document = QJsonDocument::fromJson(text);
     converter.loadSchema(document);
     qInfo() << "Received schema:" << document;
 }
 
 void Main::receiveBinary(const QByteArray &message)
 {
-    if (source == SourceSerialPort) {
-        writeToSerialPort(MsgPack::unpack(message));
-    } else if (source == SourceSocketCan && canDevice) {
-        writeToSocketCan(MsgPack::unpack(message));
+    const bool hasLink = source == SourceSerialPort || (source == SourceSocketCan && canDevice);
+    if (!hasLink) {
+        return;
     }
+    const qint64 size = unpackedSize(message);
+    if (size > decodedMessageLimit) {
+        s_logRefusal("a message", message.size(), size, decodedMessageLimit);
+        return;
+    }
+    const QVariant value = MsgPack::unpack(message);
+    if (source == SourceSerialPort) {
+        writeToSerialPort(value);
+    } else {
+        writeToSocketCan(value);
+    }
+}
+
+// A client that reads has no more waiting than it can do something about: a message that is as large as the
+// limit by itself, and the next one, are on their way to whoever reads.
+qint64 Main::unreadAllowed() const
+{
+    return std::max(unreadLimit, 3 * largestMessage);
 }
 
 // Walks a copy of the list: dropping a client takes it out of `clients` before abort() returns.
 template <typename Send>
 void Main::broadcast(Send send)
 {
+    if (unreadByAll > unreadByAllLimit) {
+        dropSlowestClients();
+    }
     const QList<QWebSocket *> receivers = clients;
+    bool isBehind = false;
+    unreadByAll = 0;
     for (QWebSocket *client : receivers) {
         send(client);
-        s_dropIfNotReading(client);
+        const qint64 unread = client->bytesToWrite();
+        if (unread > unreadAllowed()) {
+            s_dropForNotReading(client);
+            continue;
+        }
+        isBehind = isBehind || unread > unreadLimit;
+        unreadByAll += unread;
+    }
+    largestMessage = isBehind ? largestMessage : 0;
+}
+
+// Each of many clients may stay below its own limit and all of them together fill the memory. Those that
+// leave most go first, and what the system takes at once is no fault of theirs.
+void Main::dropSlowestClients()
+{
+    qint64 unread = 0;
+    const QList<QWebSocket *> receivers = clients;
+    for (QWebSocket *client : receivers) {
+        client->flush();
+        unread += client->bytesToWrite();
+    }
+    while (unread > unreadByAllLimit && !clients.isEmpty()) {
+        QWebSocket *slowest = s_slowest(clients);
+        unread -= slowest->bytesToWrite();
+        s_dropForNotReading(slowest);
     }
 }
 
 void Main::sendToWebSocket(const QVariant &value)
 {
-    broadcast([&value](QWebSocket *client) { client->sendBinaryMessage(MsgPack::pack(value)); });
+    broadcast([this, &value](QWebSocket *client) {
+        const QByteArray message = MsgPack::pack(value);
+        largestMessage = std::max<qint64>(largestMessage, message.size());
+        client->sendBinaryMessage(message);
+    });
 }
 
 // The messages of one read leave in one write per client, at once. Left to the event loop, they would wait
