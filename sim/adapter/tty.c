@@ -199,6 +199,13 @@ static void record_baud_rates(int fd, const struct adapter *adapter)
     }
 }
 
+/* As it was asked for: a pty refuses all but eight bits without parity. */
+static void record_framing(const struct adapter *adapter, const struct termios *line)
+{
+    record(adapter, "framing", line->c_cflag & (CSIZE | PARENB | PARODD | CSTOPB | CRTSCTS));
+    record(adapter, "software-flow", line->c_iflag & (IXON | IXOFF));
+}
+
 int tcsetattr(int fd, int actions, const struct termios *line)
 {
     static int (*next)(int, int, const struct termios *);
@@ -210,6 +217,9 @@ int tcsetattr(int fd, int actions, const struct termios *line)
     const struct adapter *adapter = adapter_of(fd);
     if (adapter && result == 0) {
         record_baud_rates(fd, adapter);
+    }
+    if (adapter) {
+        record_framing(adapter, line);
     }
     return result;
 }

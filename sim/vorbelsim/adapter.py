@@ -166,7 +166,8 @@ class VirtualAdapter:
     # What the other side did
 
     def history(self, name: str = None) -> List[Event]:
-        """All events so far, over all pluggings, or those of one name: open, close, baud-in, baud-out, rts, dtr."""
+        """All events so far, over all pluggings, or those of one name: open, close, rts, dtr, and for every setting of
+        the line baud-in, baud-out, framing (the bits of termios' c_cflag) and software-flow (of c_iflag)."""
         try:
             lines = (self.directory / "history" / self.name).read_text().splitlines()
         except FileNotFoundError:

@@ -8,7 +8,9 @@ import struct
 import pytest
 
 import harness
+from hardware import load
 from harness import connect, eventually, receive, round_trip, silent
+from vorbelsim import CanFrame
 
 OPENED = r'info New connection incoming from QHostAddress\("::ffff:127\.0\.0\.1"\)'
 CLOSED = r'info Connection closed QHostAddress\("::ffff:127\.0\.0\.1"\)'
@@ -72,6 +74,22 @@ async def test_a_text_is_logged_as_the_document_and_not_answered(daemon):
 async def test_server_name(daemon):
     async with connect() as client:
         assert client.response_headers["Server"] == "vorbel"
+
+
+async def test_a_value_is_packed_again_for_every_client(start_daemon, bus):
+    """The log tells: packing says each time what it leaves out, and an array of this format is left out."""
+    daemon = start_daemon(**bus.env())
+    bus.wait_connected()
+    async with connect() as first, connect() as second, connect() as third:
+        await load(first, {"x": {"@mac": 5, "@cmd": 2, "@format": "c", "@flushSize": 1}})
+        bus.send(CanFrame.vek(5, 2, b"a"))
+        messages = []
+        for client in (first, second, third):
+            while isinstance(message := await receive(client), str):
+                pass
+            messages.append(message)
+        assert messages == [b"\x81\xa1x"] * 3
+    assert daemon.count(r"warning MsgPack::pack can't pack type: \d+") == 3
 
 
 async def test_without_a_link_binary_messages_are_ignored_without_unpacking(daemon):

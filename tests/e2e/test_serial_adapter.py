@@ -1,6 +1,7 @@
 """Finding the serial adapter, opening it, and the lines it is driven by."""
 
 import errno
+import termios
 import time
 
 import pytest
@@ -71,6 +72,14 @@ async def test_an_open_healthy_port_is_left_alone(start_daemon, adapter):
         assert await no_value(client, 2.5 * TICK)
     assert adapter.history() == before
     assert [line for line in daemon.lines() if "onnection" not in line] == [FOUND, DEVICE, DEVICE]
+
+
+def test_data_bits_parity_stop_bits_and_flow_control_are_the_usual_ones(start_daemon, adapter):
+    """Eight bits, no parity, one stop bit, no flow control: as Qt opens a port unless told otherwise."""
+    start_daemon(**adapter.plug().env())
+    adapter.wait_for("dtr", 1)
+    assert {event.value for event in adapter.history("framing")} == {termios.CS8}
+    assert {event.value for event in adapter.history("software-flow")} == {0}
 
 
 def test_baud_rate_is_set_for_both_directions_and_again_once_open(start_daemon, adapter):

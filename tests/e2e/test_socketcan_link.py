@@ -1,6 +1,9 @@
 """The SocketCAN device: created, connected, lost, recreated."""
 
+import asyncio
 import contextlib
+import errno
+import os
 import re
 import shutil
 import subprocess
@@ -9,7 +12,7 @@ import time
 import pytest
 
 import harness
-from hardware import counted, counting_client, next_value, no_value, send_value
+from hardware import counted, counter_leaf, counting_client, load, next_value, no_value, send_value
 from harness import TICK, connect, receive, round_trip
 from vorbelsim import CanFrame, VirtualCanBus, canbus
 
@@ -220,6 +223,50 @@ async def test_a_failed_write_is_seen_by_the_next_tick(start_daemon, bus):
         await round_trip(client)
         assert [written.frame for written in bus.receive(1)] == [CanFrame.vek(5, 2, counted(2))]
     assert daemon.count(CLOSE) == 1
+
+
+LOST = r'warning Lost (\d+) of (\d+) frames of one message, can0 says: "(.*)"'
+
+
+def losses(daemon):
+    """(lost, of, reason) of each message that lost frames."""
+    found = (re.fullmatch(LOST, line) for line in daemon.lines())
+    return [(int(loss[1]), int(loss[2]), loss[3]) for loss in found if loss]
+
+
+async def test_frames_that_a_full_queue_does_not_take_are_told_in_one_line(start_daemon, bus):
+    daemon = start_daemon(**bus.env())
+    bus.wait_connected()
+    async with connect() as client:
+        await receive(client)
+        await load(client, {"x": {"@mac": 1, "@cmd": 1, "@format": "p", "@fragmentation": True}})
+        await send_value(client, {"x": bytes(8 * 400 - 6)})
+        await asyncio.wait_for(await client.ping(), 20)
+    ((lost, of, reason),) = losses(daemon)
+    assert of == 400 and reason == os.strerror(errno.EAGAIN)
+    assert 0 < lost == of - len(bus.receive(of, timeout=0.5))
+    assert not any(line.startswith("warning") for line in daemon.lines() if not re.fullmatch(LOST, line))
+
+
+async def test_each_message_tells_its_own_losses(start_daemon, bus):
+    daemon = start_daemon(**bus.env())
+    bus.wait_connected()
+    async with connect() as client:
+        await receive(client)
+        await load(client, {"a": counter_leaf(1, 1), "b": counter_leaf(2, 1)})
+        await send_value(client, {"a": 1, "b": 2})
+        await round_trip(client)
+        assert losses(daemon) == []
+        bus.disconnect()
+        await send_value(client, {"a": 1, "b": 2})
+        await send_value(client, {"a": 1})
+        await round_trip(client)
+        gone = os.strerror(errno.EPIPE)
+        assert losses(daemon) == [(2, 2, gone), (1, 1, gone)]
+        bus.wait_connected(2, timeout=2 * TICK)
+        await send_value(client, {"a": 1, "b": 2})
+        await round_trip(client)
+        assert len(losses(daemon)) == 2
 
 
 async def test_many_recreations_cost_no_descriptors(start_daemon, bus):
