@@ -203,7 +203,7 @@ WORST = {
 
 @pytest.mark.plain_build_only
 @pytest.mark.parametrize("message", WORST.values(), ids=WORST.keys())
-async def test_the_worst_messages_stay_below_500_mib_and_give_it_back(start_daemon, message):
+async def test_the_worst_messages_stay_below_the_ceiling_and_give_it_back(start_daemon, message):
     """What a message leaves behind must not grow with more of them; an empty schema ends what it loaded."""
     assert len(message) <= INCOMING_LIMIT
     daemon = start_daemon()
@@ -215,7 +215,7 @@ async def test_the_worst_messages_stay_below_500_mib_and_give_it_back(start_daem
             await client.send(message)
             await client.send("{}")
             await asyncio.wait_for(await client.ping(), 60)
-        assert daemon.status("VmHWM") < 500
+        assert daemon.status("VmHWM") < 0.8 * 384  # a fifth below the packaged unit's MemoryMax=
         await eventually(lambda: daemon.status("VmRSS") < before + 30, 5, "the memory to come back")
     await serves_the_next_client()
 

@@ -1,21 +1,18 @@
 """What one message, one schema or one bus may cost: time like any other of its size, bounded memory, bounded lines."""
 
 import asyncio
-import contextlib
 import re
-import time
 
 import msgpack
 import pytest
 
-import harness
 from hardware import (CONVERSION_FAILED, counted, counter_leaf, counting_client, gate_open, load, next_value, no_value,
                       send_value)
 from harness import connect, eventually, receive, round_trip
+from hostile import (EXTENSION, INCOMING_LIMIT, LARGE, LARGE_READINGS, MESSAGES, MIB, SCHEMAS, doubling,
+                     gathering_schema, large_schema, unknown_extensions, unknown_keys)
 from vorbelsim import CanFrame, vek
 
-MIB = 1024 * 1024
-INCOMING_LIMIT = 4 * MIB
 LINES_OF_ONE_KIND = 1000
 FRAMES_OF_ONE_MESSAGE = 8192
 # The packaged unit's MemoryMax=, less a fifth of it.
@@ -27,18 +24,6 @@ MORE_LINES = r"{} And (\d+) more lines of this kind from the same message: .*"
 TOO_MANY_FRAMES = r"warning Dropping a message of (\d+) frames: can0 takes at most 8192 of one message"
 TOO_LARGE = (r"warning Dropping a (message|schema) of \d+ bytes: decoded it takes up to \d+ bytes of memory, "
              r"and \d+ are granted")
-
-EXTENSION = b"\xd4\x11\x00"
-
-
-def head32(kind, count):
-    """The head of an array (0xdd), a map (0xdf), a byte array (0xc6)."""
-    return bytes([kind]) + count.to_bytes(4, "big")
-
-
-def doubling(levels):
-    """Arrays of two within each other; the second element of each repeats the first, which holds all the others."""
-    return b"\x92" * levels + b"\xc0" + EXTENSION * levels
 
 
 async def cost(daemon, client, message, times=1):
@@ -64,16 +49,6 @@ async def test_doubling_costs_what_other_messages_of_its_size_cost(start_daemon,
     async with counting_client() as client:
         expected = await cost(daemon, client, ordinary, times=500)
         assert await cost(daemon, client, hostile, times=500) < 10 * expected + 0.1
-
-
-def unknown_extensions():
-    count = (INCOMING_LIMIT - 5) // len(EXTENSION)
-    return head32(0xDD, count) + EXTENSION * count, count
-
-
-def unknown_keys():
-    count = 580_000
-    return head32(0xDF, count) + b"".join(b"\xa5%05x\xc0" % i for i in range(count)), count
 
 
 @pytest.mark.parametrize("hostile, line", [(unknown_extensions(), UNKNOWN_EXTENSION), (unknown_keys(), UNKNOWN_KEY)],
@@ -149,36 +124,6 @@ async def test_the_last_frame_that_is_allowed_is_not_too_many(start_daemon, bus)
 # Memory
 
 
-def nested(unit, depth, inside, count):
-    return head32(0xDD, count // depth) + (unit * depth + inside) * (count // depth)
-
-
-def members(text, count):
-    return "{" + ",".join(text % i for i in range(count)) + "}"
-
-
-def within_each_other(opened, inside, closed, count):
-    return '{"a":[' + (opened * 1000 + inside + closed * 1000 + ",") * (count // 1000) + "1]}"
-
-
-# What decodes large, each as large as it is taken.
-MESSAGES = {
-    "numbers": lambda share: head32(0xDD, int(share * 2_090_000)) + b"\x01" * int(share * 2_090_000),
-    "empty arrays": lambda share: head32(0xDD, int(share * 695_000)) + b"\x90" * int(share * 695_000),
-    "maps with number keys": lambda share: head32(0xDD, int(share * 415_000)) + b"\x81\x01\x01" * int(share * 415_000),
-    "maps with nil keys": lambda share: head32(0xDD, int(share * 415_000)) + b"\x81\xc0\x01" * int(share * 415_000),
-    "deep lists": lambda share: nested(b"\x91", 9000, b"\x01", int(share * 695_000)),
-    "deep maps": lambda share: nested(b"\x81\x01", 9000, b"\x01", int(share * 521_000)),
-}
-SCHEMAS = {
-    "tiny leaves": lambda share: members('"%05x":{"@mac":1}', int(share * 168_000)),
-    "leaves in a leaf": lambda share: '{"x":{"@mac":1,' + members('"%05x":{"@mac":1}', int(share * 168_000))[1:] + "}",
-    "one leaf": lambda share: '{"x":{"@mac":1,' + members('"%05x":1', int(share * 389_000))[1:] + "}",
-    "lists": lambda share: within_each_other("[", "", "]", int(share * 727_000)),
-    "objects": lambda share: within_each_other('{"":', "1", "}", int(share * 306_000)),
-}
-
-
 @pytest.fixture
 def listening(start_daemon):
     """A daemon that unpacks messages: with a link, which is down."""
@@ -236,10 +181,9 @@ async def test_no_schema_and_no_message_behind_it_come_near_the_ceiling(listenin
 async def test_what_all_arrays_gather_is_bounded(start_daemon, bus):
     daemon = start_daemon(**bus.env())
     bus.wait_connected()
-    leaf = {"@mac": 1, "@cmd": 1, "@format": "I", "@flushSize": 1_000_000_000}
     async with connect() as client:
         await receive(client)
-        await load(client, {"n": counter_leaf(), **{f"{i:05}": leaf for i in range(10_000)}})
+        await load(client, {"n": counter_leaf(), **gathering_schema(10_000)})
         before = daemon.status("VmRSS")
         for _ in range(64 * MIB // (4 * 10_000) + 800):
             bus.send(CanFrame.vek(1, 1, bytes(8)))
@@ -253,14 +197,6 @@ async def test_what_all_arrays_gather_is_bounded(start_daemon, bus):
 
 
 # Clients
-
-
-LARGE_LEAVES, LARGE_READINGS = 45_000, 100
-LARGE = LARGE_LEAVES * LARGE_READINGS * 4
-
-
-def large_schema():
-    return {f"{i:05}": {"@mac": 1, "@cmd": 1, "@format": "f", "@flushSize": LARGE_READINGS} for i in range(LARGE_LEAVES)}
 
 
 def fill(bus):

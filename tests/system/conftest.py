@@ -6,7 +6,7 @@ import sys
 import pytest
 
 PROJECT = pathlib.Path(__file__).parents[2]
-sys.path[:0] = [str(PROJECT / "sim"), str(PROJECT / "packaging" / "tests")]
+sys.path[:0] = [str(PROJECT / folder) for folder in ("sim", "packaging/tests", "tests/e2e")]
 
 import documents
 from guest import Guest

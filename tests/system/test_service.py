@@ -1,12 +1,14 @@
 """The service under systemd: who it is, what it may, how it comes back."""
 
+import asyncio
 import re
+import time
 
 import pytest
 from canbus import NO_BUS, VIRTUAL, CanBus
+from hostile import LARGE, LARGE_READINGS, MESSAGES, SCHEMAS, gathering_schema, large_schema
 
 EXPOSURE_LIMIT = 2.0
-LARGEST_MESSAGE = 4 * 1024 * 1024
 
 
 @pytest.fixture
@@ -67,23 +69,92 @@ async def test_it_comes_back_however_often_it_is_killed(running, guest):
     assert await running.reachable()
 
 
-async def test_the_largest_message_stays_below_the_memory_ceiling(service, guest):
-    # Empty arrays in an array: what takes most memory for its length. It is unpacked for a link that is there.
+# Memory. systemd counts what the service takes, and ends it at the ceiling.
+
+
+CGROUP = "/sys/fs/cgroup/system.slice/vorbel.service"
+
+
+class Memory:
+    """What the running service takes, as its unit counts it."""
+
+    def __init__(self, service, guest):
+        self.service, self.guest = service, guest
+        self.process = service.pid()
+
+    def figure(self, name):
+        return int(self.guest.run(f"cat {CGROUP}/{name}"))
+
+    def holds(self):
+        """The service has never come within a fifth of its ceiling, and is the one that it was."""
+        peak, ceiling = self.figure("memory.peak"), self.figure("memory.max")
+        print(f"memory at its peak: {peak >> 20} MiB of {ceiling >> 20}")
+        assert ceiling == 384 << 20
+        assert peak < 0.8 * ceiling
+        assert self.service.pid() == self.process
+        assert int(self.service.property("NRestarts")) == 0
+
+
+@pytest.fixture
+def memory(service, guest):
+    """The service on a bus that is there, just started."""
     bus = CanBus(guest, VIRTUAL, "can0")
     service.configure(debug=False, VORBEL_SOURCE="socketcan")
     bus.wait_for_listener()
-    before = service.pid()
-    elements = LARGEST_MESSAGE - 8
-    message = b"\x81\xa1x\xdd" + elements.to_bytes(4, "big") + b"\x90" * elements
-    async with service.connect() as client:
-        await client.socket.send(message[:LARGEST_MESSAGE])
-        await client.round_trip()
-    peak = int(guest.run("cat /sys/fs/cgroup/system.slice/vorbel.service/memory.peak"))
-    ceiling = int(guest.run("cat /sys/fs/cgroup/system.slice/vorbel.service/memory.max"))
-    print(f"memory at its peak: {peak >> 20} MiB of {ceiling >> 20}")
-    assert service.pid() == before
-    assert ceiling == 256 * 1024 * 1024
-    assert peak > LARGEST_MESSAGE
+    return Memory(service, guest)
+
+
+async def handled(client):
+    """Emulated, a large schema takes its time."""
+    await asyncio.wait_for(await client.socket.ping(), 120)
+
+
+@pytest.mark.parametrize("schema", SCHEMAS.values(), ids=SCHEMAS.keys())
+async def test_no_schema_and_no_message_behind_it_come_near_the_ceiling(memory, schema):
+    async with memory.service.connect() as client:
+        for message in ("maps with number keys", "deep maps"):
+            await client.socket.send(schema(1))
+            await client.socket.send(MESSAGES[message](1))
+            await handled(client)
+        memory.holds()
+        await client.socket.send("{}")
+        await handled(client)
+        deadline = time.monotonic() + 20
+        while memory.figure("memory.current") > 30 << 20:
+            assert time.monotonic() < deadline, "the memory does not come back"
+            await asyncio.sleep(0.5)
+
+
+async def test_what_is_too_large_once_decoded_is_refused_before(memory):
+    async with memory.service.connect() as client:
+        for refused in (*MESSAGES.values(), *SCHEMAS.values()):
+            await client.socket.send(refused(1.02))
+        await handled(client)
+    refusals = [line for line in memory.service.log() if line.startswith("Dropping a ")]
+    assert len(refusals) == len(MESSAGES) + len(SCHEMAS)
+    memory.holds()
+
+
+async def test_what_arrays_gather_for_ever_stays_below_the_ceiling(memory, guest):
+    async with memory.service.connect() as client:
+        await client.send_schema({**gathering_schema(10_000), "n": {"@mac": 2, "@cmd": 1, "@format": "C"}})
+        guest.run("cangen can0 -I 41 -L 8 -n 3000 -g 3; cansend can0 042#07", limit=120)
+        assert await client.value(120) == {"n": 7}
+    assert len([line for line in memory.service.log() if "gather" in line]) == 1
+    memory.holds()
+
+
+async def test_a_message_of_18_mib_reaches_who_reads_and_not_who_does_not(memory, guest):
+    async with memory.service.connect() as reads, memory.service.connect() as idle:
+        await reads.send_schema(large_schema())
+        idle.socket.transport.pause_reading()
+        for _ in range(4):
+            guest.run(f"cangen can0 -I 41 -L 4 -n {LARGE_READINGS} -g 5", limit=60)
+            while isinstance(message := await asyncio.wait_for(reads.socket.recv(), 120), str):
+                pass
+            assert len(message) > LARGE
+        memory.holds()
+        idle.socket.transport.abort()
 
 
 async def test_the_documented_firewall_keeps_other_networks_out(running, guest, deployment):
