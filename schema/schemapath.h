@@ -5,10 +5,10 @@
 // of names for each leaf.
 #pragma once
 
+#include <QExplicitlySharedDataPointer>
+#include <QSharedData>
 #include <QString>
 #include <QStringList>
-
-#include <memory>
 
 class SchemaPath
 {
@@ -20,6 +20,12 @@ public:
     SchemaPath(const SchemaPath &parent, const QString &name);
 
     explicit SchemaPath(const QStringList &names);
+
+    SchemaPath(const SchemaPath &) = default;
+    SchemaPath(SchemaPath &&) noexcept = default;
+    SchemaPath &operator=(const SchemaPath &) = default;
+    SchemaPath &operator=(SchemaPath &&) noexcept = default;
+    ~SchemaPath();
 
     bool isRoot() const { return !m_link; }
 
@@ -35,13 +41,24 @@ public:
 
 private:
     struct Link;
-    std::shared_ptr<const Link> m_link;
+    void releaseUnshared();
+
+    QExplicitlySharedDataPointer<Link> m_link;
 };
 
-struct SchemaPath::Link {
+struct SchemaPath::Link : QSharedData {
+    Link(const SchemaPath &parentPath, const QString &ownName) : parent(parentPath), name(ownName) {}
+
     SchemaPath parent;
     QString name;
 };
+
+inline SchemaPath::~SchemaPath()
+{
+    if (m_link) {
+        releaseUnshared();
+    }
+}
 
 inline const SchemaPath &SchemaPath::parent() const
 {
