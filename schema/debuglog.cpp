@@ -1,6 +1,7 @@
 #include "schema/debuglog.h"
 
 #include <QIODevice>
+#include <QJsonArray>
 #include <QTextCodec>
 #include <QTextStream>
 
@@ -8,6 +9,8 @@
 
 namespace
 {
+
+constexpr int keptMax = 64 * 1024;
 
 // Keeps the beginning of what is written to it and drops the rest.
 class Beginning : public QIODevice
@@ -28,9 +31,6 @@ protected:
         isCut = isCut || size > room;
         return size;
     }
-
-private:
-    static constexpr int keptMax = 64 * 1024;
 };
 
 QTextCodec *s_utf8()
@@ -45,16 +45,121 @@ QTextStream &s_inUtf8(QTextStream &stream)
     return stream;
 }
 
+// Prints values as QDebug does, but stops going through lists and maps when enough is printed. What one value
+// printed may wait in the stream for a while; a few thousand values later it has arrived.
+//
+// A list within a list is printed by a call within a call. They end with the room for the text, of which each
+// takes over 20 bytes before it makes the next.
+class Printer
+{
+public:
+    explicit Printer(Beginning &text) : m_text(text), m_out(&text) { m_out.nospace() << s_inUtf8; }
+
+    void print(const QVariant &value)
+    {
+        if (value.userType() == QMetaType::QVariantMap) {
+            m_out << "QVariant(QVariantMap, ";
+            print(*static_cast<const QVariantMap *>(value.constData()));
+            m_out << ')';
+        } else if (value.userType() == QMetaType::QVariantList) {
+            m_out << "QVariant(QVariantList, ";
+            print(*static_cast<const QVariantList *>(value.constData()));
+            m_out << ')';
+        } else {
+            m_out << value;
+        }
+    }
+
+    void print(const QVariantMap &map)
+    {
+        m_out << "QMap(";
+        for (auto member = map.cbegin(); member != map.cend() && !m_text.isCut; ++member) {
+            m_out << '(' << member.key() << ", ";
+            print(*member);
+            m_out << ')';
+        }
+        m_out << ')';
+    }
+
+    void print(const QVariantList &list)
+    {
+        m_out << '(';
+        for (int i = 0; i < list.size() && !m_text.isCut; ++i) {
+            m_out << (i == 0 ? "" : ", ");
+            print(list.at(i));
+        }
+        m_out << ')';
+    }
+
+private:
+    Beginning &m_text;
+    QDebug m_out;
+};
+
 template <typename T>
 QString s_debugText(const T &value)
 {
     Beginning text;
-    QDebug(&text).nospace() << s_inUtf8 << value; // complete when the QDebug is gone
+    Printer(text).print(value); // complete when the printer is gone
 
     // The decoder leaves out a character of which only the first bytes were kept.
     QTextCodec::ConverterState state;
     const QString decoded = s_utf8()->toUnicode(text.kept.constData(), text.kept.size(), &state);
     return text.isCut ? decoded + QStringLiteral(" ...") : decoded;
+}
+
+// In print, no value takes less than 20 bytes.
+constexpr int valuesShown = keptMax / 20 + 1;
+
+// Whether `value` and all values in it are no more than `room`, from which they are taken one by one.
+bool s_isWithin(const QJsonValue &value, int &room)
+{
+    if (--room < 0) {
+        return false;
+    }
+    const auto isWithin = [&room](const QJsonValue &inner) {
+        return s_isWithin(inner, room);
+    };
+    if (value.isArray()) {
+        const QJsonArray array = value.toArray();
+        return std::all_of(array.begin(), array.end(), isWithin);
+    }
+    if (value.isObject()) {
+        const QJsonObject object = value.toObject();
+        return std::all_of(object.begin(), object.end(), isWithin);
+    }
+    return true;
+}
+
+QJsonValue s_beginning(const QJsonValue &value, int &room);
+
+QJsonArray s_beginning(const QJsonArray &array, int &room)
+{
+    QJsonArray beginning;
+    for (int i = 0; i < array.size() && room > 0; ++i) {
+        beginning.append(s_beginning(array.at(i), room));
+    }
+    return beginning;
+}
+
+QJsonObject s_beginning(const QJsonObject &object, int &room)
+{
+    QJsonObject beginning;
+    QStringList names = object.keys();
+    std::sort(names.begin(), names.end()); // as a QVariantMap has them
+    for (int i = 0; i < names.size() && room > 0; ++i) {
+        beginning.insert(names.at(i), s_beginning(object.value(names.at(i)), room));
+    }
+    return beginning;
+}
+
+QJsonValue s_beginning(const QJsonValue &value, int &room)
+{
+    --room;
+    if (value.isArray()) {
+        return s_beginning(value.toArray(), room);
+    }
+    return value.isObject() ? QJsonValue(s_beginning(value.toObject(), room)) : value;
 }
 
 } // namespace
@@ -67,4 +172,14 @@ QString debugText(const QVariant &value)
 QString debugText(const QVariantMap &value)
 {
     return s_debugText(value);
+}
+
+QJsonObject debugBeginning(const QJsonObject &object)
+{
+    int room = valuesShown;
+    if (s_isWithin(object, room)) {
+        return object;
+    }
+    room = valuesShown;
+    return s_beginning(object, room);
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QDebug>
+#include <QJsonObject>
 #include <QLoggingCategory>
 #include <QString>
 #include <QVariant>
@@ -15,5 +16,11 @@ inline bool isDebugLogged()
 
 // What QDebug prints for a value, for lines with noquote(). Of a longer text the first 64 KiB in UTF-8 with
 // " ..." behind them: in print, a value can take many times the space that it took in the client's message.
+// What lies behind them is not looked at; the time is that of the text, and of the whole of the last value
+// in it that is no list or map.
 QString debugText(const QVariant &value);
 QString debugText(const QVariantMap &value);
+
+// Of an object at least that beginning which debugText() shows of QJsonObject::toVariantMap(): the object
+// itself if it is small, else one that holds its first few thousand values.
+QJsonObject debugBeginning(const QJsonObject &object);
