@@ -1,6 +1,9 @@
 // How values become bytes of a payload: clamping after a factor was applied, and placing at an offset.
+//
+// Both write log lines; `lines` bounds them when they are for one of many values of a message.
 #pragma once
 
+#include "msgpack/linelimit.h"
 #include "schema/debuglog.h"
 
 #include <QByteArray>
@@ -14,6 +17,12 @@
 
 // The largest offset at which a value may be placed.
 constexpr int PAYLOAD_OFFSET_MAX = 65535;
+
+// Whether a line may be written as far as `lines`, if there are any, has a say in it; it counts it.
+inline bool takeLine(LineLimit *lines)
+{
+    return !lines || lines->takeLine();
+}
 
 // `value` cut to a whole number of type T towards zero. Beyond T's range it is the end of the range, not a
 // number gives 0.
@@ -35,12 +44,13 @@ T truncated(float value)
 // `value` as a QVariant of type T (an integer type of at most 32 bits), cut towards zero. A value beyond T's
 // range becomes the end of the range and not a number becomes 0, with a warning.
 template <typename T>
-QVariant convert_to_qvariant_numeric(float value)
+QVariant convert_to_qvariant_numeric(float value, LineLimit *lines = nullptr)
 {
     constexpr auto largest = static_cast<float>(std::numeric_limits<T>::max());
     constexpr auto smallest = static_cast<float>(std::numeric_limits<T>::min());
     const float result = std::clamp(value, smallest, largest);
-    if (!(result == value)) { // true for not a number too, which clamp lets through
+    const bool isSame = result == value; // false for not a number too, which clamp lets through
+    if (!isSame && takeLine(lines)) {
         qWarning() << "Invalid numeric conversion. Number overflow, value:" << value << "result:" << result;
     }
     return QVariant::fromValue(truncated<T>(result));
@@ -58,9 +68,9 @@ T convertedOrZero(QVariant value)
 // bytes at `offset` (0 to PAYLOAD_OFFSET_MAX) of `destination`, which is grown with zeros if need be and
 // never shortened.
 template <typename T>
-void insertToByteArray(QByteArray &destination, int offset, const QVariant &value)
+void insertToByteArray(QByteArray &destination, int offset, const QVariant &value, LineLimit *lines = nullptr)
 {
-    if (isDebugLogged()) {
+    if (isDebugLogged() && takeLine(lines)) {
         qDebug().noquote() << "insertToByteArray: " << debugText(value) << ", offset: " << offset
                            << ", dst: " << destination.size();
     }
