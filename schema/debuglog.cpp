@@ -1,7 +1,6 @@
 #include "schema/debuglog.h"
 
 #include <QIODevice>
-#include <QJsonArray>
 #include <QTextCodec>
 #include <QTextStream>
 
@@ -9,8 +8,6 @@
 
 namespace
 {
-
-constexpr int keptMax = 64 * 1024;
 
 // Keeps the beginning of what is written to it and drops the rest.
 class Beginning : public QIODevice
@@ -31,6 +28,9 @@ protected:
         isCut = isCut || size > room;
         return size;
     }
+
+private:
+    static constexpr int keptMax = 64 * 1024;
 };
 
 QTextCodec *s_utf8()
@@ -108,60 +108,6 @@ QString s_debugText(const T &value)
     return text.isCut ? decoded + QStringLiteral(" ...") : decoded;
 }
 
-// In print, no value takes less than 20 bytes.
-constexpr int valuesShown = keptMax / 20 + 1;
-
-// Whether `value` and all values in it are no more than `room`, from which they are taken one by one.
-bool s_isWithin(const QJsonValue &value, int &room)
-{
-    if (--room < 0) {
-        return false;
-    }
-    const auto isWithin = [&room](const QJsonValue &inner) {
-        return s_isWithin(inner, room);
-    };
-    if (value.isArray()) {
-        const QJsonArray array = value.toArray();
-        return std::all_of(array.begin(), array.end(), isWithin);
-    }
-    if (value.isObject()) {
-        const QJsonObject object = value.toObject();
-        return std::all_of(object.begin(), object.end(), isWithin);
-    }
-    return true;
-}
-
-QJsonValue s_beginning(const QJsonValue &value, int &room);
-
-QJsonArray s_beginning(const QJsonArray &array, int &room)
-{
-    QJsonArray beginning;
-    for (int i = 0; i < array.size() && room > 0; ++i) {
-        beginning.append(s_beginning(array.at(i), room));
-    }
-    return beginning;
-}
-
-QJsonObject s_beginning(const QJsonObject &object, int &room)
-{
-    QJsonObject beginning;
-    QStringList names = object.keys();
-    std::sort(names.begin(), names.end()); // as a QVariantMap has them
-    for (int i = 0; i < names.size() && room > 0; ++i) {
-        beginning.insert(names.at(i), s_beginning(object.value(names.at(i)), room));
-    }
-    return beginning;
-}
-
-QJsonValue s_beginning(const QJsonValue &value, int &room)
-{
-    --room;
-    if (value.isArray()) {
-        return s_beginning(value.toArray(), room);
-    }
-    return value.isObject() ? QJsonValue(s_beginning(value.toObject(), room)) : value;
-}
-
 } // namespace
 
 QString debugText(const QVariant &value)
@@ -172,14 +118,4 @@ QString debugText(const QVariant &value)
 QString debugText(const QVariantMap &value)
 {
     return s_debugText(value);
-}
-
-QJsonObject debugBeginning(const QJsonObject &object)
-{
-    int room = valuesShown;
-    if (s_isWithin(object, room)) {
-        return object;
-    }
-    room = valuesShown;
-    return s_beginning(object, room);
 }

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <QDebug>
-#include <QJsonObject>
 #include <QLoggingCategory>
 #include <QString>
 #include <QVariant>
@@ -20,7 +19,3 @@ inline bool isDebugLogged()
 // in it that is no list or map.
 QString debugText(const QVariant &value);
 QString debugText(const QVariantMap &value);
-
-// Of an object at least that beginning which debugText() shows of QJsonObject::toVariantMap(): the object
-// itself if it is small, else one that holds its first few thousand values.
-QJsonObject debugBeginning(const QJsonObject &object);

@@ -1,5 +1,6 @@
 #include "schema/schemaconverter.h"
 
+#include "msgpack/linelimit.h"
 #include "msgpack/msgpack.h"
 #include "schema/debuglog.h"
 #include "schema/heldmap.h"
@@ -13,18 +14,40 @@
 namespace
 {
 
-// What the offsets of one message's values may add to its payloads in all. With "@skip" a few bytes from a
-// client claim 64 kB of payload, and as many leaves as it likes can do so.
+// What one message's values may add to its payloads in all. With "@skip" a few bytes from a client claim 64
+// kB of payload, and as many leaves as it likes can do so.
 constexpr int payloadGrowthMax = 4 * 1024 * 1024;
+
+// What the conversion of one message has left: room in its payloads, and lines of each kind in the log.
+struct Conversion {
+    int room = payloadGrowthMax;
+    LineLimit unknownKeys{QtWarningMsg, "Key: ... does not exist in the schema"};
+    LineLimit readOnly{QtWarningMsg, "Attribute ... is readonly"};
+    LineLimit outside{QtWarningMsg, "Attribute ... is outside of the payload"};
+    LineLimit tooLarge{QtWarningMsg, "Attribute ... makes the payloads of one message too large"};
+    LineLimit overflows{QtWarningMsg, "Invalid numeric conversion. Number overflow"};
+    LineLimit placed{QtDebugMsg, "insertToByteArray"};
+    LineLimit prepared{QtDebugMsg, "Preparing CAN frame ..., with its bytes"};
+    LineLimit trimmed{QtWarningMsg, "Cannot send more than 8 bytes of data through CAN"};
+};
 
 bool s_convertsToMap(const QVariant &value)
 {
     return value.canConvert(QMetaType::QVariantMap);
 }
 
-// Every member of a leaf adds a copy of the leaf's attribute. Only some of them decode (see indexStreams),
-// but where leaves stand inside of leaves, the copies behind those decide who is the last to write to a place
-// in the value map, and clients rely on the outcome.
+// Copies that stand behind one another would all take in and give away the same at the same time, and writing
+// a value to its place in the map twice in a row changes nothing: one does for all. A copy behind the
+// attribute of another leaf decodes for itself: that leaf, inside of the first one, may have written over the
+// place of the copy's value in between, and clients rely on who is the last.
+void s_addAttribute(QList<SchemaDataAttribute> &attributes, const SchemaDataAttribute &attribute)
+{
+    if (attributes.isEmpty() || !attribute.isCopyOf(attributes.last())) {
+        attributes.append(attribute);
+    }
+}
+
+// Every member of a leaf adds a copy of the leaf's attribute, before what is in that member is looked at.
 void s_buildSchema(QMap<VEKEndpoint, QList<SchemaDataAttribute>> &schema, const QVariantMap &node,
                    const SchemaPath &path)
 {
@@ -32,7 +55,7 @@ void s_buildSchema(QMap<VEKEndpoint, QList<SchemaDataAttribute>> &schema, const 
     const SchemaDataAttribute attribute = isLeaf ? SchemaDataAttribute(path, node) : SchemaDataAttribute();
     for (auto member = node.cbegin(); member != node.cend(); ++member) {
         if (isLeaf) {
-            schema[attribute.endpoint()].append(attribute);
+            s_addAttribute(schema[attribute.endpoint()], attribute);
         }
         if (s_convertsToMap(*member)) {
             s_buildSchema(schema, heldMap(*member), SchemaPath(path, member.key()));
@@ -54,14 +77,6 @@ QVariant &s_slot(QVariant &root, const SchemaPath &path)
     return (*static_cast<QVariantMap *>(parent.data()))[path.name()];
 }
 
-void s_take(QVariant &values, SchemaDataAttribute &attribute, bool force)
-{
-    if (!attribute.isEmpty() && (force || attribute.isReadyToFlush())) {
-        s_slot(values, attribute.schemaPath()) = attribute.data();
-        attribute.clear();
-    }
-}
-
 // One leaf of a client's value, and what the schema says of it.
 struct Leaf {
     const QString &name;
@@ -69,99 +84,124 @@ struct Leaf {
     const SchemaDataAttribute &attribute;
 };
 
-// Whether the leaf's `width` bytes may be placed in `payload`. If so, what they add to it is taken from
-// `room`.
-bool s_fits(const QByteArray &payload, const Leaf &leaf, int width, int &room)
+// Takes what a leaf adds to the payloads from their room. Returns false, with a warning, if there is not as
+// much.
+bool s_takeRoom(int growth, const Leaf &leaf, Conversion &conversion)
 {
-    const int offset = leaf.attribute.skip();
-    if (offset < 0 || offset > PAYLOAD_OFFSET_MAX) {
-        qWarning() << "Attribute" << leaf.name << "is outside of the payload (because of its option: @skip)"
-                   << "and cannot be written to.";
-        return false;
+    if (growth <= conversion.room) {
+        conversion.room -= growth;
+        return true;
     }
-    const int growth = std::max(0, offset + width - payload.size());
-    if (growth > room) {
+    if (conversion.tooLarge.takeLine()) {
         qWarning() << "Attribute" << leaf.name << "makes the payloads of one message too large"
                    << "and cannot be written to.";
-        return false;
     }
-    room -= growth;
-    return true;
+    return false;
+}
+
+bool s_isWithinPayload(const Leaf &leaf, Conversion &conversion)
+{
+    const bool isWithin = leaf.attribute.skip() >= 0 && leaf.attribute.skip() <= PAYLOAD_OFFSET_MAX;
+    if (!isWithin && conversion.outside.takeLine()) {
+        qWarning() << "Attribute" << leaf.name << "is outside of the payload (because of its option: @skip)"
+                   << "and cannot be written to.";
+    }
+    return isWithin;
 }
 
 // A scaled "f" is cut to a whole number too before it is stored: devices are set up for that.
 template <typename Stored, typename Scaled>
-void s_place(QByteArray &payload, const Leaf &leaf, int &room)
+void s_place(QByteArray &payload, const Leaf &leaf, Conversion &conversion)
 {
-    if (!s_fits(payload, leaf, sizeof(Stored), room)) {
+    if (!s_isWithinPayload(leaf, conversion)) {
+        return;
+    }
+    const int end = leaf.attribute.skip() + static_cast<int>(sizeof(Stored));
+    if (!s_takeRoom(std::max(0, end - payload.size()), leaf, conversion)) {
         return;
     }
     const float factor = leaf.attribute.factor();
-    const QVariant value =
-        factor == 1.0F ? leaf.value : convert_to_qvariant_numeric<Scaled>(factor * leaf.value.toFloat());
-    insertToByteArray<Stored>(payload, leaf.attribute.skip(), value);
+    const QVariant value = factor == 1.0F ? leaf.value
+                                          : convert_to_qvariant_numeric<Scaled>(factor * leaf.value.toFloat(),
+                                                                                &conversion.overflows);
+    insertToByteArray<Stored>(payload, leaf.attribute.skip(), value, &conversion.placed);
+}
+
+void s_append(QByteArray &payload, const Leaf &leaf, Conversion &conversion)
+{
+    const QByteArray packed = MsgPack::pack(QVariantMap{{leaf.name, leaf.value}});
+    if (s_takeRoom(packed.size(), leaf, conversion)) {
+        payload.append(packed);
+    }
 }
 
 // Signedness makes no difference on the way out. "F" and "P" are not formats.
-void s_placeByFormat(QByteArray &payload, const Leaf &leaf, int &room)
+void s_placeByFormat(QByteArray &payload, const Leaf &leaf, Conversion &conversion)
 {
     switch (leaf.attribute.format()) {
     case 'C':
     case 'c':
-        return s_place<char, signed char>(payload, leaf, room);
+        return s_place<char, signed char>(payload, leaf, conversion);
     case 'S':
     case 's':
     case 'Q':
     case 'q':
-        return s_place<short, short>(payload, leaf, room);
+        return s_place<short, short>(payload, leaf, conversion);
     case 'I':
     case 'i':
-        return s_place<int, int>(payload, leaf, room);
+        return s_place<int, int>(payload, leaf, conversion);
     case 'f':
-        return s_place<float, int>(payload, leaf, room);
+        return s_place<float, int>(payload, leaf, conversion);
     case 'p':
-        payload.append(MsgPack::pack(QVariantMap{{leaf.name, leaf.value}}));
-        return;
+        return s_append(payload, leaf, conversion);
     default:
         return;
     }
 }
 
-void s_writeLeaf(QByteArray &payload, const Leaf &leaf, int &room)
+void s_writeLeaf(QByteArray &payload, const Leaf &leaf, Conversion &conversion)
 {
-    if (leaf.attribute.isReadOnly()) {
+    if (!leaf.attribute.isReadOnly()) {
+        if (leaf.value.isValid()) {
+            s_placeByFormat(payload, leaf, conversion);
+        }
+    } else if (conversion.readOnly.takeLine()) {
         qWarning() << "Attribute" << leaf.name
                    << "is readonly (because it is configured with one of the options: @asBool, @mask)"
                    << "and cannot be written to.";
-    } else if (leaf.value.isValid()) {
-        s_placeByFormat(payload, leaf, room);
+    }
+}
+
+void s_logUnknownKey(const QString &key, Conversion &conversion)
+{
+    if (conversion.unknownKeys.takeLine()) {
+        qWarning() << "Key:" << key << "does not exist in the schema";
     }
 }
 
 // Fills `frames` with the payloads for `values`. The entry of an endpoint is made by the first leaf that is
-// reached, whether or not it then writes anything, and has that leaf's fragmentation flag for good. `room` is
-// what offsets may still add to all payloads.
+// reached, whether or not it then writes anything, and has that leaf's fragmentation flag for good.
 void s_toFrame(QMap<VEKEndpoint, QByteArray> &frames, const QVariantMap &values,
-               const QVariantMap &schemaNode, int &room)
+               const QVariantMap &schemaNode, Conversion &conversion)
 {
     for (auto member = values.cbegin(); member != values.cend(); ++member) {
         const QVariant node = schemaNode.value(member.key());
         if (!s_convertsToMap(node)) {
-            qWarning() << "Key:" << member.key() << "does not exist in the schema";
+            s_logUnknownKey(member.key(), conversion);
             continue;
         }
         const SchemaDataAttribute attribute(SchemaPath(), heldMap(node));
         if (attribute.format() != 'p' && s_convertsToMap(*member)) {
-            s_toFrame(frames, heldMap(*member), heldMap(node), room);
+            s_toFrame(frames, heldMap(*member), heldMap(node), conversion);
         } else {
-            s_writeLeaf(frames[attribute.endpoint()], Leaf{member.key(), *member, attribute}, room);
+            s_writeLeaf(frames[attribute.endpoint()], Leaf{member.key(), *member, attribute}, conversion);
         }
     }
 }
 
-void s_logFrame(const vek_frame_t &frame, int remaining)
+void s_logFrame(const vek_frame_t &frame, int remaining, Conversion &conversion)
 {
-    if (!isDebugLogged()) {
+    if (!isDebugLogged() || !conversion.prepared.takeLine()) {
         return;
     }
     const std::uint16_t header = vek_frame_header(frame);
@@ -171,10 +211,19 @@ void s_logFrame(const vek_frame_t &frame, int remaining)
     qDebug() << QByteArray(reinterpret_cast<const char *>(frame.data), length).toHex();
 }
 
+void s_logTrimming(Conversion &conversion)
+{
+    if (conversion.trimmed.takeLine()) {
+        qWarning() << "Cannot send more than 8 bytes of data through CAN without fragmentation. The frame "
+                      "was trimmed to 8 bytes.";
+    }
+}
+
 // Cuts a payload into sealed frames. The record is not cleared between fragments: behind the bytes of a
 // shorter last one stand the bytes of the fragment before, under the checksum, as receivers have always seen
 // it.
-void s_appendFrames(QList<vek_frame_t> &frames, const VEKEndpoint &endpoint, const QByteArray &payload)
+void s_appendFrames(QList<vek_frame_t> &frames, const VEKEndpoint &endpoint, const QByteArray &payload,
+                    Conversion &conversion)
 {
     const int total = payload.size();
     vek_frame_t frame{};
@@ -183,13 +232,11 @@ void s_appendFrames(QList<vek_frame_t> &frames, const VEKEndpoint &endpoint, con
         vek_frame_set_header(&frame,
                              vek_header_make(endpoint.mac, endpoint.cmd, static_cast<unsigned>(length)));
         std::memcpy(frame.data, payload.constData() + (total - remaining), static_cast<std::size_t>(length));
-        s_logFrame(frame, remaining);
+        s_logFrame(frame, remaining, conversion);
         vek_frame_set_valid(&frame);
         frames.append(frame);
         if (total > VEK_FRAME_DATA_SIZE && !endpoint.fragmentation) {
-            qWarning()
-                << "Cannot send more than 8 bytes of data through CAN without fragmentation. The frame "
-                   "was trimmed to 8 bytes.";
+            s_logTrimming(conversion);
             return;
         }
     }
@@ -212,6 +259,7 @@ void SchemaConverter::loadSchema(const QJsonDocument &document)
     ready.clear();
     streams.clear();
     schema.clear();
+    room = GatheringRoom();
     schemaDocument.clear(); // before there is another one: both can be large
     schemaDocument = document.toVariant().toMap();
     s_buildSchema(schema, schemaDocument, SchemaPath());
@@ -231,23 +279,11 @@ void SchemaConverter::dump()
     qDebug().noquote() << debugText(schemaDocument);
 }
 
-// Of copies that stand behind one another only the first decodes. They all would take in and give away the
-// same at the same time, and writing a value to its place in the map twice in a row changes nothing; the
-// others stay empty for good. A copy behind the attribute of another leaf decodes for itself: that leaf,
-// inside of the first one, may have written over the place of the copy's value in between.
 void SchemaConverter::indexStreams()
 {
     streams.reserve(schema.size());
     for (auto entry = schema.begin(); entry != schema.end(); ++entry) {
-        Stream &stream = streams[entry.key().order()];
-        stream.endpoint = entry.key();
-        const SchemaDataAttribute *previous = nullptr;
-        for (SchemaDataAttribute &attribute : *entry) {
-            if (!previous || !attribute.isCopyOf(*previous)) {
-                stream.decoders.append(&attribute);
-            }
-            previous = &attribute;
-        }
+        streams.insert(entry.key().order(), Stream{entry.key(), &*entry});
     }
 }
 
@@ -258,12 +294,12 @@ int SchemaConverter::insertFrame(const VEKEndpoint &endpoint, const QByteArray &
         return 2;
     }
     bool becameReady = false;
-    for (SchemaDataAttribute *attribute : qAsConst(stream->decoders)) {
-        if (attribute->isFull()) {
+    for (SchemaDataAttribute &attribute : *stream->attributes) {
+        if (attribute.isFull()) {
             continue;
         }
-        attribute->insert(payload);
-        if (attribute->isReadyToFlush() && !becameReady) {
+        attribute.insert(payload, &room);
+        if (attribute.isReadyToFlush() && !becameReady) {
             becameReady = true;
             rememberReady(&*stream); // now: a later attribute may throw
         }
@@ -285,6 +321,14 @@ void SchemaConverter::rememberReady(Stream *stream)
     }
 }
 
+void SchemaConverter::take(QVariant &values, SchemaDataAttribute &attribute, bool force)
+{
+    if (!attribute.isEmpty() && (force || attribute.isReadyToFlush())) {
+        s_slot(values, attribute.schemaPath()) = attribute.data();
+        attribute.clear(&room);
+    }
+}
+
 // Where paths collide, the later write wins: by key order of the endpoints, then by the order of their lists.
 QVariant SchemaConverter::takeVariantToSend(bool force)
 {
@@ -292,13 +336,13 @@ QVariant SchemaConverter::takeVariantToSend(bool force)
     if (force) {
         for (QList<SchemaDataAttribute> &attributes : schema) {
             for (SchemaDataAttribute &attribute : attributes) {
-                s_take(values, attribute, force);
+                take(values, attribute, force);
             }
         }
     } else {
         for (const Stream *stream : qAsConst(ready)) {
-            for (SchemaDataAttribute *attribute : stream->decoders) {
-                s_take(values, *attribute, force);
+            for (SchemaDataAttribute &attribute : *stream->attributes) {
+                take(values, attribute, force);
             }
         }
     }
@@ -309,13 +353,13 @@ QVariant SchemaConverter::takeVariantToSend(bool force)
 QList<vek_frame_t> SchemaConverter::toVEKFrames(const QVariant &value)
 {
     s_logConversion(value);
+    Conversion conversion;
     QMap<VEKEndpoint, QByteArray> payloads;
-    int room = payloadGrowthMax;
-    s_toFrame(payloads, heldMap(value), schemaDocument, room);
+    s_toFrame(payloads, heldMap(value), schemaDocument, conversion);
 
     QList<vek_frame_t> frames;
     for (auto entry = payloads.cbegin(); entry != payloads.cend(); ++entry) {
-        s_appendFrames(frames, entry.key(), *entry);
+        s_appendFrames(frames, entry.key(), *entry, conversion);
     }
     if (isDebugLogged()) {
         qDebug() << "Converted VEK frames:" << frames.size();

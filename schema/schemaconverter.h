@@ -4,9 +4,11 @@
 // schemas, and takes and brings the values. One thread only: its owner's.
 //
 // Values are QVariantMaps nested as the schema is nested, with the leaves' values at the leaves' places.
-// Memory: one attribute per member of every leaf in the schema, what the attributes gather (see
-// schemadataattribute.h), and for the time of one conversion the payloads and frames it yields: 4 MiB of
-// payload and the packed values at most.
+// Memory: the schema document, an attribute per leaf (several where leaves lie within leaves), the 64 MiB
+// that the attributes may gather together, and for the time of one conversion the payloads and frames it
+// yields: 4 MiB of payload at most.
+//
+// Log: one conversion writes at most 1,000 lines of a kind, and then one that says how many more there were.
 #pragma once
 
 #include "schema/schemadataattribute.h"
@@ -67,11 +69,12 @@ private:
     // What a frame of one endpoint concerns.
     struct Stream {
         VEKEndpoint endpoint;
-        QVector<SchemaDataAttribute *> decoders; // those attributes of the endpoint that decode
+        QList<SchemaDataAttribute> *attributes;
     };
 
     void indexStreams();
     void rememberReady(Stream *stream);
+    void take(QVariant &values, SchemaDataAttribute &attribute, bool force);
 
     QVariantMap schemaDocument;
     QMap<VEKEndpoint, QList<SchemaDataAttribute>> schema;
@@ -82,4 +85,6 @@ private:
 
     // The streams with a ready attribute, in key order: all that takeVariantToSend(false) has to visit.
     QVector<Stream *> ready;
+
+    GatheringRoom room; // of the attributes in `schema`
 };

@@ -6,6 +6,7 @@
 
 #include <QtEndian>
 
+#include <algorithm>
 #include <cstring>
 
 SchemaDataAttribute::SchemaDataAttribute(const QVariant &definition, const QStringList &path)
@@ -34,47 +35,51 @@ SchemaDataAttribute::SchemaDataAttribute(const SchemaPath &path, const QVariantM
     m_factor = options.value(QStringLiteral("@factor"), 1.0F).toFloat();
 }
 
-bool SchemaDataAttribute::insert(const QByteArray &payload)
+bool SchemaDataAttribute::insert(const QByteArray &payload, GatheringRoom *room)
 {
     if (isFull()) {
         return false;
     }
-    decode(payload);
+    decode(payload, room);
     if (m_observe) {
         observeChange();
     }
     return m_count > 0;
 }
 
-void SchemaDataAttribute::clear()
+void SchemaDataAttribute::clear(GatheringRoom *room)
 {
+    if (room) {
+        room->giveBack(m_taken);
+    }
+    m_taken = 0;
     m_count = 0;
     m_data = QVariant();
 }
 
 // "Q" and "q" read what "S" and "s" read, but unmasked. "c" differs from "C" only in the type of its arrays,
 // which has neither a text form nor a MessagePack packer; clients rely on both differences.
-void SchemaDataAttribute::decode(const QByteArray &payload)
+void SchemaDataAttribute::decode(const QByteArray &payload, GatheringRoom *room)
 {
     switch (m_format) {
     case 'C':
-        return decodeNumber<unsigned char>(payload, m_mask);
+        return decodeNumber<unsigned char>(payload, m_mask, room);
     case 'c':
-        return decodeNumber<unsigned char, char>(payload, m_mask);
+        return decodeNumber<unsigned char, char>(payload, m_mask, room);
     case 'S':
-        return decodeNumber<unsigned short>(payload, m_mask);
+        return decodeNumber<unsigned short>(payload, m_mask, room);
     case 's':
-        return decodeNumber<short>(payload, m_mask);
+        return decodeNumber<short>(payload, m_mask, room);
     case 'Q':
-        return decodeNumber<unsigned short>(payload, allBits);
+        return decodeNumber<unsigned short>(payload, allBits, room);
     case 'q':
-        return decodeNumber<short>(payload, allBits);
+        return decodeNumber<short>(payload, allBits, room);
     case 'I':
-        return decodeNumber<unsigned int>(payload, m_mask);
+        return decodeNumber<unsigned int>(payload, m_mask, room);
     case 'i':
-        return decodeNumber<int>(payload, m_mask);
+        return decodeNumber<int>(payload, m_mask, room);
     case 'f':
-        return decodeNumber<float>(payload, allBits);
+        return decodeNumber<float>(payload, allBits, room);
     case 'p':
         return decodePacked(payload);
     default:
@@ -84,7 +89,7 @@ void SchemaDataAttribute::decode(const QByteArray &payload)
 
 // Masked while it is still without sign: the mask 255 makes 255 of the bytes FF FF read as "s".
 template <typename Reading, typename Element>
-void SchemaDataAttribute::decodeNumber(const QByteArray &payload, int mask)
+void SchemaDataAttribute::decodeNumber(const QByteArray &payload, int mask, GatheringRoom *room)
 {
     using Bits = typename QIntegerForSizeof<Reading>::Unsigned;
     if (m_skip < 0 || payload.size() - static_cast<qint64>(sizeof(Bits)) < m_skip) {
@@ -94,20 +99,45 @@ void SchemaDataAttribute::decodeNumber(const QByteArray &payload, int mask)
     bits = static_cast<Bits>(bits & static_cast<Bits>(mask));
     Reading reading;
     std::memcpy(&reading, &bits, sizeof reading);
-    store<Reading, Element>(reading);
+    scale<Reading, Element>(reading, room);
 }
 
 // Whether readings are scaled is asked of the quotient, not of the factor.
 template <typename Reading, typename Element>
-void SchemaDataAttribute::store(Reading reading)
+void SchemaDataAttribute::scale(Reading reading, GatheringRoom *room)
+{
+    const float scale = 1.0F / m_factor;
+    if (scale == 1.0F) {
+        store<Reading, Element>(reading, room);
+    } else {
+        store<float>(static_cast<float>(reading) * scale, room);
+    }
+}
+
+template <typename Reading, typename Element>
+void SchemaDataAttribute::store(Reading reading, GatheringRoom *room)
 {
     const bool append = m_flushSize > 0;
-    const float scale = 1.0F / m_factor;
-    const unsigned long size =
-        scale == 1.0F
-            ? appendOrSet_variant<Reading, Element>(m_data, reading, append, m_asBool)
-            : appendOrSet_variant<float>(m_data, static_cast<float>(reading) * scale, append, m_asBool);
-    m_count = static_cast<int>(size);
+    const bool hasPlace = !append || m_count * static_cast<qint64>(sizeof(Element)) < m_taken;
+    if (hasPlace || grow<Element>(room)) {
+        m_count = static_cast<int>(appendOrSet_variant<Reading, Element>(m_data, reading, append, m_asBool));
+    }
+}
+
+// Makes place for further readings in the array, which is not full, by taking room for it. Returns false if
+// there is none.
+template <typename Element>
+bool SchemaDataAttribute::grow(GatheringRoom *room)
+{
+    constexpr qint64 width = sizeof(Element);
+    constexpr qint64 takenAtFirst = 16;
+    const qint64 taken = std::min(std::max(2 * m_taken, takenAtFirst), m_flushSize * width);
+    if (room && !room->take(taken - m_taken, m_path)) {
+        return false;
+    }
+    heldVector<Element>(m_data).reserve(static_cast<int>(taken / width));
+    m_taken = taken;
+    return true;
 }
 
 // An empty payload ends a packed value. The payloads before it ought to be gathered until then, but are not:

@@ -4,9 +4,11 @@
 // The converter makes the attributes from the leaves of a schema and owns them in its table; it feeds them
 // payloads, asks whether they are ready, takes their value and clears them. A plain value, not for sharing
 // between threads. An attribute that gathers holds at most "@flushSize" elements of 1 to 4 bytes; that number
-// is the client's, and nothing is reserved for it in advance.
+// is the client's, and nothing is reserved for it in advance. What the attributes of a schema hold together
+// is bounded by their GatheringRoom.
 #pragma once
 
+#include "schema/gatheringroom.h"
 #include "schema/schemapath.h"
 #include "schema/vekendpoint.h"
 
@@ -53,10 +55,15 @@ public:
     // full before or, observing, has seen no change. A payload too short for offset and width carries no
     // reading. Throws std::runtime_error("Bad type") when an empty payload ends a packed value ("p") that
     // is no map; the attribute is unchanged then.
-    bool insert(const QByteArray &payload);
+    //
+    // What a gathering attribute needs comes out of `room`, which has to be the same for all calls. A reading
+    // that finds no room is dropped; what was gathered stays, and gathering goes on with the first reading
+    // that finds room again. Without `room` there is no bound but "@flushSize".
+    bool insert(const QByteArray &payload, GatheringRoom *room = nullptr);
 
-    // Drops the readings. What the next reading is compared with when observing stays.
-    void clear();
+    // Drops the readings and gives back their room. What the next reading is compared with when observing
+    // stays.
+    void clear(GatheringRoom *room = nullptr);
 
     // True when both were made from one leaf of one schema.
     bool isCopyOf(const SchemaDataAttribute &other) const { return m_path.isSharedWith(other.m_path); }
@@ -64,24 +71,30 @@ public:
 private:
     static constexpr int allBits = -1;
 
-    void decode(const QByteArray &payload);
+    void decode(const QByteArray &payload, GatheringRoom *room);
     template <typename Reading, typename Element = Reading>
-    void decodeNumber(const QByteArray &payload, int mask);
+    void decodeNumber(const QByteArray &payload, int mask, GatheringRoom *room);
     template <typename Reading, typename Element>
-    void store(Reading reading);
+    void scale(Reading reading, GatheringRoom *room);
+    template <typename Reading, typename Element = Reading>
+    void store(Reading reading, GatheringRoom *room);
+    template <typename Element>
+    bool grow(GatheringRoom *room);
     void decodePacked(const QByteArray &payload);
     void observeChange();
 
+    // The order leaves no gaps: a schema can have very many of these.
     char m_format = 0;
-    int m_flushSize = 0;
-    int m_skip = 0;
     bool m_asBool = false;
-    int m_mask = 0;
     bool m_observe = false;
-    float m_factor = 1.0F;
-    int m_count = 0;
     bool m_changed = false;
     VEKEndpoint m_endpoint;
+    int m_flushSize = 0;
+    int m_skip = 0;
+    int m_mask = 0;
+    float m_factor = 1.0F;
+    int m_count = 0;
+    qint64 m_taken = 0; // bytes of room that the array takes
     SchemaPath m_path;
     QVariant m_data;
     QVariant m_lastValue; // observing: the last value decoded, outlives clear()

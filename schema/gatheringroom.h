@@ -1,0 +1,40 @@
+// How much the arrays of one schema may gather together.
+#pragma once
+
+#include "schema/schemapath.h"
+
+#include <QtGlobal>
+
+// "@flushSize" is the client's number, and whatever the bus sends goes into the arrays: without a bound, a
+// few leaves that never fill take all the memory there is.
+//
+// The room is counted in bytes of the arrays' blocks as they grow, with the place for readings still to come,
+// so it is what the memory holds. Blocks double, but not beyond "@flushSize": arrays whose full sizes add up
+// to no more than the room always have it.
+class GatheringRoom
+{
+public:
+    static constexpr qint64 bytesMax = 64 * 1024 * 1024;
+
+    // Takes `bytes` for the array of the leaf at `leaf` and returns true, or takes nothing and returns false
+    // if they are more than is left. Says so in a warning the first time.
+    bool take(qint64 bytes, const SchemaPath &leaf)
+    {
+        if (bytes > m_left) {
+            warnOnce(leaf);
+            return false;
+        }
+        m_left -= bytes;
+        return true;
+    }
+
+    void giveBack(qint64 bytes) { m_left += bytes; }
+
+    qint64 taken() const { return bytesMax - m_left; }
+
+private:
+    void warnOnce(const SchemaPath &leaf);
+
+    qint64 m_left = bytesMax;
+    bool m_warned = false;
+};
