@@ -1,11 +1,8 @@
 #include "msgpack/linelimit.h"
 
-LineLimit::~LineLimit()
+void LineLimit::writeLastLine() const
 {
-    if (m_lines > linesOfOneKind) {
-        const QMessageLogger logger;
-        QDebug line = m_level == QtDebugMsg ? logger.debug() : logger.warning();
-        line << "And" << m_lines - linesOfOneKind
-             << "more lines of this kind from the same message:" << m_kind;
-    }
+    const QMessageLogger logger;
+    QDebug line = m_level == QtDebugMsg ? logger.debug() : logger.warning();
+    line << "And" << m_lines - linesOfOneKind << "more lines of this kind from the same message:" << m_kind;
 }

@@ -5,29 +5,38 @@
 
 // Counts the lines of one kind that one message causes. A message of a few MiB can name a million things that
 // nobody knows, and the log is everybody's: the first lines are written, the others are counted, and when the
-// message is done with, one more line of the same level says how many they were and of which kind.
+// message is done with, one more line of the same level says how many they were and of which kind:
+//
+//   And 4 more lines of this kind from the same message: Key: ... does not exist in the schema
+//
+// One object per kind and message, on the stack of whoever handles the message; one thread.
 //
 //   LineLimit unknownKeys(QtWarningMsg, "Key: ... does not exist in the schema");
 //   ...
 //   if (unknownKeys.takeLine()) {
 //       qWarning() << "Key:" << key << "does not exist in the schema";
 //   }
-//
-// One object per kind and message, on the stack of whoever handles the message; one thread.
 class LineLimit
 {
 public:
     static constexpr int linesOfOneKind = 1000;
 
-    // `kind`, a literal, shows in the last line which lines are meant.
+    // `level` is QtDebugMsg or QtWarningMsg. `kind`, a literal, shows in the last line which lines are meant.
     LineLimit(QtMsgType level, const char *kind) : m_level(level), m_kind(kind) {}
-    ~LineLimit();
+    ~LineLimit()
+    {
+        if (m_lines > linesOfOneKind) {
+            writeLastLine();
+        }
+    }
     Q_DISABLE_COPY(LineLimit)
 
     // Whether one more line may be written; it counts as written or as left out.
     bool takeLine() { return ++m_lines <= linesOfOneKind; }
 
 private:
+    void writeLastLine() const;
+
     const QtMsgType m_level;
     const char *const m_kind;
     qint64 m_lines = 0;
