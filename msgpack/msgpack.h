@@ -64,9 +64,11 @@ namespace MsgPack
 // about three times as deep overflow it in Qt's debug output, from input of one byte a level.
 constexpr int maxNesting = 10000;
 
-// How much unpack() may repeat in place of extensions that it does not know, in bytes as they would stand on
-// the wire: without a bound a few bytes could stand for a value that nobody can ever walk over.
-constexpr quint64 maxRepeated = 16 * 1024 * 1024;
+// How much unpack() may repeat in place of extensions that it does not know, beyond as many bytes as its
+// input has; in bytes as they would stand on the wire. Without a bound a few bytes could stand for a value
+// that nobody can ever walk over; so a value costs whoever walks over it no more than twice its message and
+// this.
+constexpr quint64 maxRepeatedBeyondInput = 64 * 1024;
 
 // The encoded bytes of `variant`.
 //
@@ -87,7 +89,7 @@ QByteArray pack(const QVariant &variant);
 // Invalid when a value claims bytes past the end of `data`, or more of them than Qt holds: nearly 2^31 in a
 // byte array or an extension, nearly 2^30 in a text. Decoding stops there, nothing past the end is read, and
 // memory is taken only for what was there. Also invalid, with a warning, when nested deeper than maxNesting
-// and when it repeats more than maxRepeated.
+// and when it repeats more than the size of `data` and maxRepeatedBeyondInput together.
 //
 // An extension whose type number has no unpacker is skipped with the warning "MsgPack::unpack() unpacker for
 // type N doesn't exist" and stands for the value before it in the same array or map (the same goes for the

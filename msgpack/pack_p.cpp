@@ -124,11 +124,18 @@ packer_t s_findPacker(int metatype)
     return found == user_packers.constEnd() ? packer_t{nullptr, -1} : *found;
 }
 
-user_payload_t s_makePayload(const QVariant &v)
+void s_warnOfUnpackable(int metatype, pack_context &context)
+{
+    if (context.unpackable.takeLine()) {
+        qWarning() << "MsgPack::pack can't pack type:" << metatype;
+    }
+}
+
+user_payload_t s_makePayload(const QVariant &v, pack_context &context)
 {
     const packer_t entry = s_findPacker(v.userType());
     if (!entry.packer) {
-        qWarning() << "MsgPack::pack can't pack type:" << v.userType();
+        s_warnOfUnpackable(v.userType(), context);
         return {false, 0, QByteArray()};
     }
     return {true, entry.type, entry.packer(v)};
@@ -140,7 +147,7 @@ const user_payload_t &s_nextPayload(const QVariant &v, bool wr, pack_context &co
     if (wr) {
         return context.payloads.at(context.taken++);
     }
-    context.payloads.append(s_makePayload(v));
+    context.payloads.append(s_makePayload(v, context));
     return context.payloads.last();
 }
 

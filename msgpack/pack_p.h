@@ -5,6 +5,7 @@
 // size, and one that fills an array of exactly that size, without looking for its end.
 #pragma once
 
+#include "msgpack/linelimit.h"
 #include "msgpack/msgpack.h"
 
 #include <QHash>
@@ -46,6 +47,7 @@ struct pack_context {
     int taken = 0;        // how many of them the writing pass has taken
     int nesting = 0;      // containers around the current value
     bool tooDeep = false; // a container lies deeper than MsgPack::maxNesting and was not packed
+    LineLimit unpackable{QtWarningMsg, "MsgPack::pack can't pack type: N"};
 };
 
 position_t pack(const QVariant &v, position_t p, bool wr, pack_context &context);

@@ -164,12 +164,19 @@ bool s_isFull(const unpack_context &context)
 bool s_repeatsTooMuch(unpack_context &context)
 {
     context.repeated += context.held;
-    if (context.repeated <= MsgPack::maxRepeated) {
+    if (context.repeated <= context.maxRepeated) {
         return false;
     }
-    qWarning() << "MsgPack::unpack() can't repeat more than" << MsgPack::maxRepeated
+    qWarning() << "MsgPack::unpack() can't repeat more than" << context.maxRepeated
                << "bytes in place of unknown extensions";
     return true;
+}
+
+void s_warnOfUnknown(qint8 type, unpack_context &context)
+{
+    if (context.unknownTypes.takeLine()) {
+        qWarning() << "MsgPack::unpack() unpacker for type" << int(type) << "doesn't exist";
+    }
 }
 
 // What the target of the value at `p` has to hold before that is decoded, given what held the value before it
@@ -188,12 +195,21 @@ OUT_OF_LINE QVariant &s_newElement(QVariantList &list, const quint8 *p)
     return list.last();
 }
 
-// The target for the value at `p`, as the entry for `key`. `previous` is that of the entry before it, or
-// null. Most senders write ascending keys, so the end is where to look first.
-OUT_OF_LINE QVariant *s_newEntry(QVariantMap &map, const QString &key, const quint8 *p,
-                                 const QVariant *previous)
+// The entry for `key`, with the target for the value at `p`. `previous` is the entry before it, or none.
+//
+// A key that an extension nobody decodes stands for is, in one piece of memory, that of `previous`. It must
+// not be looked for: three bytes could have keys of any length compared. Most senders write ascending keys,
+// so the end is where to look first.
+OUT_OF_LINE QVariantMap::iterator s_entryFor(const QString &key, QVariantMap &map, const quint8 *p,
+                                             QVariantMap::iterator previous)
 {
-    return &*map.insert(map.cend(), key, s_contentFor(p, previous));
+    if (previous == QVariantMap::iterator()) {
+        return map.insert(map.cend(), key, invalid);
+    }
+    if (previous.key().isSharedWith(key)) {
+        return previous;
+    }
+    return map.insert(map.cend(), key, s_contentFor(p, &*previous));
 }
 
 // Decodes one value into its target; inlined, to spare each level of nesting a frame. `size` is the size of
@@ -274,7 +290,8 @@ QVariant MsgPackPrivate::unpack(const quint8 *first, const quint8 *last)
     if (first > last) {
         return QVariantList();
     }
-    unpack_context context{last};
+    const auto inputSize = static_cast<quint64>(last - first + 1);
+    unpack_context context{last, inputSize + MsgPack::maxRepeatedBeyondInput};
     QVariant v;
     quint64 size = 0;
     const quint8 *p = s_unpackNext(v, size, first, context);
@@ -337,15 +354,15 @@ const quint8 *MsgPackPrivate::unpack_map_len(QVariant &v, const quint8 *p, quint
     ++context.nesting;
     auto &map = s_become<QVariantMap>(v);
     QString key;
-    QVariant *value = nullptr;
+    QVariantMap::iterator entry;
     quint64 size = 0;
     for (; p && count > 0; --count) {
         p = s_unpackKey(key, p, context);
         if (!p || p > context.end) {
             return nullptr;
         }
-        value = s_newEntry(map, key, p, value);
-        p = s_unpackNext(*value, size, p, context);
+        entry = s_entryFor(key, map, p, entry);
+        p = s_unpackNext(*entry, size, p, context);
     }
     --context.nesting;
     return p;
@@ -363,7 +380,7 @@ const quint8 *MsgPackPrivate::unpack_ext(QVariant &v, const quint8 *p, qint8 typ
         v = (*unpacker)(QByteArray(reinterpret_cast<const char *>(p), static_cast<int>(length)));
     } else {
         locker.unlock(); // whoever handles the message may use the codec
-        qWarning() << "MsgPack::unpack() unpacker for type" << int(type) << "doesn't exist";
+        s_warnOfUnknown(type, context);
         context.isKept = true;
         if (s_repeatsTooMuch(context)) {
             return nullptr;

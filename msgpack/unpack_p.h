@@ -6,6 +6,7 @@
 // invalid.
 #pragma once
 
+#include "msgpack/linelimit.h"
 #include "msgpack/msgpack.h"
 
 #include <QHash>
@@ -21,10 +22,12 @@ extern QReadWriteLock unpackers_lock;              // guards user_unpackers, hel
 // in bytes as if everything were on the wire as often as it is in the value.
 struct unpack_context {
     const quint8 *end;    // the last byte
+    quint64 maxRepeated;  // what `repeated` may come to
     int nesting = 0;      // containers around the current value
     quint64 held = 0;     // size of what the target of the current value still holds from before
     bool isKept = false;  // whether the extension just met left its target as it was
     quint64 repeated = 0; // size of all that was taken over from a target, for extensions nobody decodes
+    LineLimit unknownTypes{QtWarningMsg, "MsgPack::unpack() unpacker for type N doesn't exist"};
 };
 
 using unpacker_t = const quint8 *(*)(QVariant &v, const quint8 *p, unpack_context &context);
