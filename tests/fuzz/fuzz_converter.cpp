@@ -76,6 +76,7 @@ bool s_throwsBadType(const Call &call)
 
 void s_insertFrame(SchemaConverter &converter, Input &input)
 {
+    const Fuzzing::LineBound bound;
     const auto mac = static_cast<quint16>(input.byte() & 0x3F);
     const auto cmd = static_cast<quint16>(input.byte() & 0x1F);
     // A copy of exactly this size, so that a read past the end is found.
@@ -93,6 +94,7 @@ void s_insertFrame(SchemaConverter &converter, Input &input)
 // Packs what is ready, as for clients; every other time by force.
 void s_take(SchemaConverter &converter, bool force)
 {
+    const Fuzzing::LineBound bound;
     const QVariant value = converter.takeVariantToSend(force);
     MsgPack::pack(value);
     Fuzzing::require(!converter.takeVariantToSend(force).isValid(), "taken twice");
@@ -114,6 +116,7 @@ void s_checkRecords(const QByteArray &records)
 
 void s_send(SchemaConverter &converter, const QByteArray &message)
 {
+    const Fuzzing::LineBound bound;
     const QVariant value = MsgPack::unpack(message);
     QByteArray records;
     const bool thrown = s_throwsBadType([&] { records = converter.toFrame(value); });

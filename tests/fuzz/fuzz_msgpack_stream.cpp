@@ -129,6 +129,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (size < 1) {
         return 0;
     }
+    const Fuzzing::LineBound bound;
     const size_t steps = std::min<size_t>(data[0] & 0x3FU, size - 1);
     const QByteArray input = Fuzzing::bytes(data + 1 + steps, size - 1 - steps);
     SlowDevice slow(input);

@@ -16,6 +16,7 @@ extern "C" int LLVMFuzzerInitialize(int *, char ***)
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
+    const Fuzzing::LineBound bound;
     const QVariant value = MsgPack::unpack(Fuzzing::bytes(data, size));
 
     // Whatever comes out of unpack can be packed, and comes back. From then on nothing changes: the formats
