@@ -9,12 +9,17 @@
 // few leaves that never fill take all the memory there is.
 //
 // The room is counted in bytes of the arrays' blocks as they grow, with the place for readings still to come,
-// so it is what the memory holds. Blocks double, but not beyond "@flushSize": arrays whose full sizes add up
-// to no more than the room always have it.
+// so it is what the memory holds: 65 MiB when the room is used up by one array or by a thousand, and 49 MiB by
+// tens of thousands (an array has a header of 24 bytes). Blocks double, but not beyond "@flushSize": arrays
+// whose full sizes add up to no more than the room always have it.
 class GatheringRoom
 {
 public:
     static constexpr qint64 bytesMax = 64 * 1024 * 1024;
+
+    explicit GatheringRoom(qint64 bytes = bytesMax) : m_left(bytes) {}
+
+    qint64 left() const { return m_left; }
 
     // Takes `bytes` for the array of the leaf at `leaf` and returns true, or takes nothing and returns false
     // if they are more than is left. Says so in a warning the first time.
@@ -30,11 +35,9 @@ public:
 
     void giveBack(qint64 bytes) { m_left += bytes; }
 
-    qint64 taken() const { return bytesMax - m_left; }
-
 private:
     void warnOnce(const SchemaPath &leaf);
 
-    qint64 m_left = bytesMax;
+    qint64 m_left;
     bool m_warned = false;
 };

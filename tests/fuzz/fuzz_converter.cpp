@@ -1,5 +1,5 @@
-// A schema, a stream of frames and a client's message, all hostile: the converter answers, and only with what
-// it may answer.
+// A schema, a stream of frames and a client's message, all hostile: the converter answers, only with what it
+// may answer, and writes no more lines about it than one message may cause.
 //
 // Input: the schema's text up to the first newline; a byte with the number of frames; for each of them mac,
 // cmd (bytes), the payload's length (low four bits) and the payload; the rest is the client's message.
@@ -10,6 +10,7 @@
 
 #include <QJsonDocument>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <stdexcept>
@@ -91,12 +92,32 @@ void s_insertFrame(SchemaConverter &converter, Input &input)
                      "a payload with bytes made it throw"); // only the end of a packed value throws
 }
 
-// Packs what is ready, as for clients; every other time by force.
-void s_take(SchemaConverter &converter, bool force)
+template <typename Element>
+int s_elements(const QVariant &value)
+{
+    return value.userType() == qMetaTypeId<QVector<Element>>() ? value.value<QVector<Element>>().size() : 0;
+}
+
+// The readings in the longest array within `value`.
+int s_longestArray(const QVariant &value)
+{
+    int longest =
+        std::max({s_elements<char>(value), s_elements<unsigned char>(value), s_elements<short>(value),
+                  s_elements<unsigned short>(value), s_elements<int>(value), s_elements<unsigned int>(value),
+                  s_elements<float>(value)});
+    for (const QVariant &member : value.toMap()) {
+        longest = std::max(longest, s_longestArray(member));
+    }
+    return longest;
+}
+
+// Packs what is ready, as for clients; every other time by force. No leaf has more than a reading per frame.
+void s_take(SchemaConverter &converter, bool force, unsigned frames)
 {
     const Fuzzing::LineBound bound;
     const QVariant value = converter.takeVariantToSend(force);
     MsgPack::pack(value);
+    Fuzzing::require(s_longestArray(value) <= static_cast<int>(frames), "more readings than frames");
     Fuzzing::require(!converter.takeVariantToSend(force).isValid(), "taken twice");
 }
 
@@ -114,12 +135,20 @@ void s_checkRecords(const QByteArray &records)
     }
 }
 
+// 4 MiB of payload in frames of eight bytes, and a shorter frame for each of the endpoints, every one of
+// which takes a byte of the message at least.
+int s_recordsMax(const QByteArray &message)
+{
+    return (4 * 1024 * 1024 / VEK_FRAME_DATA_SIZE + message.size()) * VEK_FRAME_SIZE;
+}
+
 void s_send(SchemaConverter &converter, const QByteArray &message)
 {
     const Fuzzing::LineBound bound;
     const QVariant value = MsgPack::unpack(message);
     QByteArray records;
     const bool thrown = s_throwsBadType([&] { records = converter.toFrame(value); });
+    Fuzzing::require(records.size() <= s_recordsMax(message), "more payload than one message may have");
     Fuzzing::require(thrown == (value.userType() != QMetaType::QVariantMap),
                      "maps convert, nothing else does"); // codec and JSON make no other maps
     s_checkRecords(records);
@@ -148,13 +177,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t *data, std::size_t size
         s_insertFrame(converter, input);
         Fuzzing::require(signalled <= 1, "signalled twice");
         if (signalled == 1 && i % 3 != 0) {
-            s_take(converter, i % 3 == 1);
+            s_take(converter, i % 3 == 1, i + 1);
         }
     }
     const QByteArray message = input.rest();
     s_send(converter, message);
-    s_take(converter, false);
-    s_take(converter, true);
+    s_take(converter, false, frames);
+    s_take(converter, true, frames);
     converter.dump();
     converter.loadSchema(QJsonDocument());
     Fuzzing::require(!converter.takeVariantToSend(true).isValid(), "values outlived their schema");

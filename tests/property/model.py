@@ -105,6 +105,8 @@ def option_bool(value):
 def option_float(value):
     if isinstance(value, str):
         return f32(parsed(value, float))
+    if value == 0:
+        return 0.0  # the parser takes whole numbers as integers, which have no -0.0
     return f32(float(value)) if isinstance(value, (bool, int, float)) else 0.0
 
 
@@ -128,7 +130,8 @@ class Attribute:
     def __init__(self, options, path):
         text = options.get("@format", "")
         text = str(text).lower() if isinstance(text, bool) else text
-        self.format = text[:1] if isinstance(text, str) else ""
+        first = text.encode()[:1] if isinstance(text, str) else b""
+        self.format = first.decode("latin-1")
         self.flush_size = option_int(options.get("@flushSize"))
         self.skip = option_int(options.get("@skip"))
         self.mac = option_int(options.get("@mac")) & 0xFFFF

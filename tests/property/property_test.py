@@ -25,6 +25,8 @@ NAMES = ["", "0", "@z", "A", "a", "b", "c", "speed", "x y"]
 UNKNOWN_NAMES = ["nobody", "@mac", "@format", "B"]
 MACS = [0, 0, 1, 1, 2, 65, 4464]
 CMDS = [0, 0, 0, 1, 1, 33, 32768]
+FACTORS = [1, 2, 10, 0.1, -0.5, 1000, 7.3, 1e-3, 0, 3e9, 1e38, 1e300, "2.5", "x", None, True]
+FACTORS += ["nan", "inf", "-0.0", -0.0, 1e-38, -1e-40, 1.4e-45, "4e-39", 3e38, -1e-46]
 
 
 # ---- Schemas ----
@@ -55,13 +57,13 @@ def random_leaf(rng):
     if rng.random() < 0.05:
         leaf["@mac"] = rng.choice(["1", 65537, -65535, None, True, 1.4, "one"])
     if rng.random() < 0.1:
-        leaf["@format"] = rng.choice(["x", "", "float", "short", "F", "P", False, None, "p ", "Int"])
+        leaf["@format"] = rng.choice(["x", "", "float", "short", "F", "P", False, None, "p ", "Int", "\u0143", "s\u0301"])
     sometimes = [
         ("@cmd", 0.6, CMDS),
         ("@skip", 0.6, [0, 1, 1, 2, 3, 4, 5, 6, 7, 8, 9, 20, "3", 1.5]),
         ("@flushSize", 0.3, [0, 1, 2, 2, 3, 5, 40, "2", -1, 2147483647]),
         ("@observe", 0.3, [True, True, False, 1, "no"]),
-        ("@factor", 0.4, [1, 2, 10, 0.1, -0.5, 1000, 7.3, 1e-3, 0, 3e9, 1e38, 1e300, "2.5", "x", None, True]),
+        ("@factor", 0.4, FACTORS),
         ("@mask", 0.15, [-1, -1, 255, 15, 1, 0, 65280, -256, 32768, -2147483648, 4294967295, "12", None]),
         ("@asBool", 0.15, [True, True, False, 1, 0.5, "yes", "0", "False", ""]),
         ("@fragmentation", 0.4, [True, True, False, 1, "false", "yes"]),
@@ -139,7 +141,8 @@ def random_other(rng, real, depth):
         return kind, [random_value(rng, real, depth + 1) for _ in range(rng.randrange(3))]
     if kind == "map":
         names = rng.sample(NAMES + UNKNOWN_NAMES, rng.randrange(3))
-        return kind, {name: random_value(rng, real, depth + 1) for name in names}
+        # The names may be those of leaves inside of this one, which need not take what this one takes.
+        return kind, {name: random_value(rng, False, depth + 1) for name in names}
     return NIL
 
 

@@ -44,7 +44,12 @@ private slots:
     void packedThrowLeavesWaitingValues();
     void charArraysCannotBePacked();
     void handlerMayLoadAnotherSchema();
+    void handlerMayInsertFrames();
+    void handlerMayInsertFramesAfterTaking();
+    void handlerThatThrowsLeavesTheValues();
     void nothingOnThisPathLogs();
+    void millionsOfReadingsArriveWhole();
+    void whatArraysGatherIsBounded();
 };
 
 static VEKEndpoint s_at(quint16 mac, quint16 cmd)
@@ -532,6 +537,152 @@ void TestSchemaConverterInbound::handlerMayLoadAnotherSchema()
     QCOMPARE(converter.insertFrame(s_at(1, 0), s_hex("05")), 1);
     QCOMPARE(converter.insertFrame(s_at(1, 0), s_hex("05")), 2);
     QVERIFY(!converter.takeVariantToSend(true).isValid());
+}
+
+static const char s_twoEndpoints[] = R"({"a": {"@mac": 1, "@format": "C"}, "b": {"@mac": 2, "@format": "C"},
+                                         "c": {"@mac": 1, "@format": "C", "@flushSize": 2}})";
+
+void TestSchemaConverterInbound::handlerMayInsertFrames()
+{
+    // Before it takes: the frame within finds "a" full, and its own handler takes everything.
+    SchemaConverter converter;
+    converter.loadSchema(s_json(s_twoEndpoints));
+    QStringList events;
+    QObject::connect(&converter, &SchemaConverter::variantToSend, [&] {
+        events << "signal";
+        if (events.size() == 1) {
+            events << QString::number(converter.insertFrame(s_at(1, 0), s_hex("06")));
+            events << QString::number(converter.insertFrame(s_at(2, 0), s_hex("07")));
+        }
+        const QVariant taken = converter.takeVariantToSend(false);
+        events << (taken.isValid() ? QStringList(taken.toMap().keys()).join(' ') : "nothing");
+    });
+    QCOMPARE(converter.insertFrame(s_at(1, 0), s_hex("05")), 1);
+    // The second reading of "c" made it ready: a signal of its own.
+    QCOMPARE(events, (QStringList{"signal", "signal", "a c", "1", "signal", "b", "1", "nothing"}));
+    QVERIFY(!converter.takeVariantToSend(true).isValid());
+}
+
+void TestSchemaConverterInbound::handlerMayInsertFramesAfterTaking()
+{
+    SchemaConverter converter;
+    converter.loadSchema(s_json(s_twoEndpoints));
+    QVariantList taken;
+    QObject::connect(&converter, &SchemaConverter::variantToSend, [&] {
+        taken << converter.takeVariantToSend(false);
+        if (taken.size() < 4) {
+            converter.insertFrame(s_at(taken.size() == 2 ? 2 : 1, 0), s_hex("06"));
+        }
+    });
+    QCOMPARE(converter.insertFrame(s_at(1, 0), s_hex("05")), 1);
+    QCOMPARE(taken.size(), 4);
+    QCOMPARE(taken.at(0), QVariant(QVariantMap{{"a", 5}}));
+    QCOMPARE(s_path(taken.at(1), {"a"}), QVariant(6));
+    QCOMPARE(s_elements(s_path(taken.at(1), {"c"})), (QVector<double>{5, 6}));
+    QCOMPARE(taken.at(2), QVariant(QVariantMap{{"b", 6}}));
+    QCOMPARE(taken.at(3), QVariant(QVariantMap{{"a", 6}}));
+}
+
+void TestSchemaConverterInbound::handlerThatThrowsLeavesTheValues()
+{
+    SchemaConverter converter;
+    converter.loadSchema(s_json(s_twoEndpoints));
+    int signalled = 0;
+    const auto connection = QObject::connect(&converter, &SchemaConverter::variantToSend, [&signalled] {
+        ++signalled;
+        throw std::runtime_error("handler");
+    });
+    COMPARE_THROWN(converter.insertFrame(s_at(1, 0), s_hex("05")), "handler");
+    QCOMPARE(signalled, 1);
+    COMPARE_THROWN(converter.insertFrame(s_at(1, 0), s_hex("06")), "handler"); // "c" became ready
+    QCOMPARE(converter.insertFrame(s_at(1, 0), s_hex("07")), 1);               // all are full
+    COMPARE_THROWN(converter.insertFrame(s_at(2, 0), s_hex("08")), "handler");
+    QCOMPARE(signalled, 3);
+    QObject::disconnect(connection);
+
+    const QVariant taken = converter.takeVariantToSend(false);
+    QCOMPARE(s_path(taken, {"a"}), QVariant(5));
+    QCOMPARE(s_path(taken, {"b"}), QVariant(8));
+    QCOMPARE(s_elements(s_path(taken, {"c"})), (QVector<double>{5, 6}));
+    QVERIFY(!converter.takeVariantToSend(true).isValid());
+    QSignalSpy spy(&converter, &SchemaConverter::variantToSend);
+    QCOMPARE(converter.insertFrame(s_at(1, 0), s_hex("09")), 1);
+    QCOMPARE(spy.count(), 1);
+}
+
+void TestSchemaConverterInbound::millionsOfReadingsArriveWhole()
+{
+    LogScope log;
+    SchemaConverter converter;
+    converter.loadSchema(s_json(R"({"x": {"@mac": 1, "@format": "f", "@flushSize": 4000000}})"));
+    QVariant taken;
+    QObject::connect(&converter, &SchemaConverter::variantToSend,
+                     [&] { taken = converter.takeVariantToSend(false); });
+    QByteArray payload(4, '\0');
+    for (int i = 0; i < 4000000; ++i) {
+        const auto reading = static_cast<float>(i);
+        memcpy(payload.data(), &reading, sizeof reading);
+        converter.insertFrame(s_at(1, 0), payload);
+    }
+    const auto readings = s_path(taken, {"x"}).value<QVector<float>>();
+    QCOMPARE(readings.size(), 4000000);
+    for (int i = 0; i < readings.size(); ++i) {
+        if (readings.at(i) != static_cast<float>(i)) {
+            QCOMPARE(readings.at(i), static_cast<float>(i));
+        }
+    }
+    QCOMPARE(log.lines(), QStringList());
+}
+
+// As many leaves that never fill as give the whole room to arrays of a little over half a MiB, and some that
+// come too late.
+static QJsonDocument s_gluttons()
+{
+    QByteArray document = R"({"late": {"er": {"@mac": 2, "@format": "C", "@flushSize": 3, "@skip": 1},
+                                       "": {"@mac": 2, "@format": "C", "@flushSize": 3}}, "motor": {)";
+    for (int i = 0; i < 64; ++i) {
+        document += (i > 0 ? ",\"" : "\"") + QByteArray::number(i) +
+                    R"(": {"@mac": 1, "@format": "I", "@flushSize": 2e9})";
+    }
+    return s_json(document + R"(}, "single": {"@mac": 3, "@format": "C"}})");
+}
+
+void TestSchemaConverterInbound::whatArraysGatherIsBounded()
+{
+    SchemaConverter converter;
+    const QByteArray payload(8, '\1');
+    const int overHalf = 128 * 1024 + 1; // readings of four bytes, in a block of 1 MiB
+    for (int round = 0; round < 2; ++round) {
+        converter.loadSchema(s_gluttons()); // drops what was gathered, and has a warning of its own
+        LogScope log;
+        for (int i = 0; i < overHalf; ++i) {
+            converter.insertFrame(s_at(1, 0), payload);
+        }
+        QCOMPARE(log.lines(), QStringList());
+        for (int i = 0; i < 10; ++i) {
+            QCOMPARE(converter.insertFrame(s_at(2, 0), payload), 1);
+        }
+        QCOMPARE(log.lines(), QStringList{"warning: Attribute (\"late\", \"\") drops readings: the arrays of "
+                                          "the schema may take 64 MiB together."});
+        QVERIFY(!converter.takeVariantToSend(false).isValid());
+        converter.insertFrame(s_at(3, 0), payload); // single values are none of it
+        QVERIFY(s_path(converter.takeVariantToSend(false), {"single"}).isValid());
+    }
+    // Those that have a block go on until it is full.
+    LogScope log;
+    converter.insertFrame(s_at(1, 0), payload);
+    const QVariant taken = converter.takeVariantToSend(true);
+    QCOMPARE(taken.toMap().keys(), QStringList{"motor"});
+    for (const QVariant &readings : taken.toMap().value("motor").toMap()) {
+        QCOMPARE(readings.value<QVector<unsigned int>>().size(), overHalf + 1);
+    }
+    // What was taken made room.
+    for (int i = 0; i < 3; ++i) {
+        converter.insertFrame(s_at(2, 0), payload);
+    }
+    const QVariant late = converter.takeVariantToSend(false);
+    QCOMPARE(s_elements(s_path(late, {"late", "er"})), (QVector<double>{1, 1, 1}));
+    QCOMPARE(log.lines(), QStringList());
 }
 
 void TestSchemaConverterInbound::nothingOnThisPathLogs()

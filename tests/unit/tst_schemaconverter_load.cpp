@@ -31,6 +31,7 @@ private slots:
     void everyMemberOfALeafAddsACopy();
     void dumpWritesTheDocument_data();
     void dumpWritesTheDocument();
+    void dumpOfALargeDocumentIsCut();
     void loadsFromAFile();
 
     // Rainy
@@ -305,6 +306,22 @@ void TestSchemaConverterLoad::dumpWritesTheDocument()
     LogScope log;
     converter.dump();
     QCOMPARE(log.lines(), QStringList{"debug: " + expected});
+}
+
+void TestSchemaConverterLoad::dumpOfALargeDocumentIsCut()
+{
+    QByteArray text = "{";
+    for (int i = 0; i < 20000; ++i) {
+        text += (i > 0 ? ",\"" : "\"") + QByteArray::number(i) + R"(": {"@mac": 1, "list": [[1], "x", {}]})";
+    }
+    const QJsonDocument document = s_json(text + "}");
+    SchemaConverter converter;
+    converter.loadSchema(document);
+    LogScope log;
+    converter.dump();
+    QString printed;
+    QDebug(&printed).nospace() << document.toVariant().toMap();
+    QCOMPARE(log.lines(), QStringList{"debug: " + printed.left(64 * 1024) + " ..."});
 }
 
 void TestSchemaConverterLoad::loadsFromAFile()

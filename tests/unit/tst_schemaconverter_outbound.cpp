@@ -69,6 +69,15 @@ private slots:
     void offsetsOutOfRangeWriteNothing();
     void largestOffset();
     void aThrowSendsNothing();
+    void nonAsciiFormatWritesNothing();
+    void payloadsOfOneMessageAreBounded();
+    void offsetsAndPackedValuesShareTheBound();
+    void packedValuesUpToTheBound();
+    void linesOfOneKindAreBounded_data();
+    void linesOfOneKindAreBounded();
+    void eachKindOfLineIsBoundedForItself();
+    void boundedLinesAfterAThrow();
+    void hiddenDebugLinesAreNotCounted();
 };
 
 // A frame in words: "mac/cmd [dlc] data", the data in full, stale bytes included.
@@ -266,6 +275,11 @@ void TestSchemaConverterOutbound::scaledValues_data()
     row("factor text is zero", R"("@format": "s", "@factor": "ten")", 1000, "[2] 0000000000000000");
     row("product in single precision", R"("@format": "s", "@factor": 0.1)", 30, "[2] 0300000000000000");
     row("behind its offset", R"("@format": "C", "@factor": 2, "@skip": 3)", 2, "[4] 0000000400000000");
+    row("minus zero", R"("@format": "s", "@factor": "-0.0")", 1000, "[2] 0000000000000000");
+    row("minus zero as f has no sign left", R"("@format": "f", "@factor": "-0.0")", 5,
+        "[4] 0000000000000000");
+    row("denormal", R"("@format": "s", "@factor": 1e-38)", 2.5e38, "[2] 0200000000000000");
+    row("denormal of a small value", R"("@format": "i", "@factor": 1e-40)", 5, "[4] 0000000000000000");
 }
 
 void TestSchemaConverterOutbound::scaledValues()
@@ -842,6 +856,14 @@ void TestSchemaConverterOutbound::saturationIsLogged_data()
         "[4] 0000000000000000");
     row("infinity times zero", R"("@format": "s", "@factor": 0)", infinity, "nan result: nan",
         "QVariant(short, 0)", "[2] 0000000000000000");
+    row("infinity times minus zero", R"("@format": "s", "@factor": "-0.0")", infinity, "nan result: nan",
+        "QVariant(short, 0)", "[2] 0000000000000000");
+    row("infinity times a denormal", R"("@format": "s", "@factor": -1e-40)", infinity, "-inf result: -32768",
+        "QVariant(short, -32768)", "[2] 0080000000000000");
+    row("factor not a number", R"("@format": "C", "@factor": "nan")", 1, "nan result: nan",
+        "QVariant(signed char, 0)", "[1] 0000000000000000");
+    row("factor not a number, of zero for f", R"("@format": "f", "@factor": "nan")", 0, "nan result: nan",
+        "QVariant(int, 0)", "[4] 0000000000000000");
 }
 
 void TestSchemaConverterOutbound::saturationIsLogged()
@@ -1018,6 +1040,212 @@ void TestSchemaConverterOutbound::aThrowSendsNothing()
     converter.loadSchema(s_json(R"({"a": {"@mac": 1, "@format": "i"}, "b": {"@mac": 1, "@format": "C"}})"));
     COMPARE_THROWN(converter.toVEKFrames(QVariantMap{{"a", -1}, {"b", QJsonObject()}}), "Bad type");
     QCOMPARE(s_words(converter.toVEKFrames(QVariantMap{{"b", 5}})), QStringList{"1/0 [1] 0500000000000000"});
+}
+
+void TestSchemaConverterOutbound::nonAsciiFormatWritesNothing()
+{
+    LogScope log;
+    // The low byte of U+0143 is "C"; its first byte in UTF-8 is no format.
+    QCOMPARE(s_framesOfLeaf(R"("@format": "\u0143")", 5), QStringList());
+    QCOMPARE(log.lines("warning"), QStringList());
+}
+
+static QString s_tooLargeWarning(const QString &name)
+{
+    return "warning: Attribute \"" + name +
+           "\" makes the payloads of one message too large and cannot be written to.";
+}
+
+// The sum of what may be added to the payloads of one message.
+static constexpr int ROOM = 4 * 1024 * 1024;
+
+void TestSchemaConverterOutbound::payloadsOfOneMessageAreBounded()
+{
+    // 65 leaves that claim 64 KiB each; the last finds no room, and the one behind it what is left.
+    QVariantMap document{
+        {"z", QVariantMap{{"@mac", 200}, {"@format", "C"}}},
+        {"again", QVariantMap{{"@mac", 100}, {"@format", "C"}, {"@skip", 65534}}},
+    };
+    QVariantMap value{{"z", 7}, {"again", 1}};
+    for (int i = 0; i < 65; ++i) {
+        const QString name = QString("n%1").arg(i, 2, 10, QLatin1Char('0'));
+        document.insert(name, QVariantMap{{"@mac", 100 + i}, {"@format", "C"}, {"@skip", 65534}});
+        value.insert(name, 1);
+    }
+    SchemaConverter converter;
+    converter.loadSchema(QJsonDocument::fromVariant(document));
+    LogScope log;
+    const QList<vek_frame_t> frames = converter.toVEKFrames(value);
+    QCOMPARE(frames.size(), 65); // of n00 to n63, and of z
+    QCOMPARE(s_words(frames.last()), QString("8/0 [1] 0700000000000000"));
+    QCOMPARE(log.lines("warning").filter("too large"), QStringList{s_tooLargeWarning("n64")});
+}
+
+void TestSchemaConverterOutbound::offsetsAndPackedValuesShareTheBound()
+{
+    SchemaConverter converter;
+    converter.loadSchema(s_json(R"({"a": {"@mac": 1, "@format": "p", "@fragmentation": true},
+                                    "b": {"@mac": 2, "@format": "C", "@skip": 65535},
+                                    "c": {"@mac": 1, "@format": "p"},
+                                    "d": {"@mac": 3, "@format": "C"}})"));
+    LogScope log;
+    const int length = ROOM - 65535; // with its header too long for b to fit beside it
+    const QVariantMap value{
+        {"a", QByteArray(length, 'x')}, {"b", 1}, {"c", QByteArray(length, 'y')}, {"d", 5}};
+    const QList<vek_frame_t> frames = converter.toVEKFrames(value);
+    QCOMPARE(log.lines("warning"), (QStringList{s_tooLargeWarning("b"), s_tooLargeWarning("c")}));
+    QCOMPARE(frames.size(), (1 + 2 + 5 + length + 7) / 8 + 1);
+    QCOMPARE(s_words(frames.last()), QString("3/0 [1] 0500000000000000"));
+
+    // The next message has the whole room again.
+    converter.toVEKFrames(QVariantMap{{"b", 1}, {"c", QByteArray(length - 10, 'y')}});
+    QCOMPARE(log.lines("warning").filter("too large").size(), 2);
+}
+
+void TestSchemaConverterOutbound::packedValuesUpToTheBound()
+{
+    SchemaConverter converter;
+    converter.loadSchema(s_json(R"({"a": {"@mac": 1, "@format": "p", "@fragmentation": true}})"));
+    const int header = 1 + 2 + 5; // of the map, of the name, of the bytes
+    for (const int excess : {0, 1}) {
+        LogScope log;
+        const int frames =
+            converter.toVEKFrames(QVariantMap{{"a", QByteArray(ROOM - header + excess, 'x')}}).size();
+        QCOMPARE(frames, excess == 0 ? ROOM / 8 : 0);
+        QCOMPARE(log.lines("warning"), excess == 0 ? QStringList() : QStringList{s_tooLargeWarning("a")});
+    }
+}
+
+struct Kind {
+    QByteArray options; // of each leaf; empty: it is not in the schema
+    QVariant value;
+    QString line;  // with %1 for the name
+    QString label; // as it stands in the line about the others
+};
+Q_DECLARE_METATYPE(Kind)
+
+void TestSchemaConverterOutbound::linesOfOneKindAreBounded_data()
+{
+    QTest::addColumn<Kind>("kind");
+    const auto row = [](const char *name, const Kind &kind) {
+        QTest::newRow(name) << kind;
+    };
+    row("unknown keys", {"", 1, s_unknownWarning("%1"), "Key: ... does not exist in the schema"});
+    row("read only",
+        {R"("@format": "C", "@mask": 1)", 1, s_readOnlyWarning("%1"), "Attribute ... is readonly"});
+    row("outside", {R"("@format": "C", "@skip": -1)", 1,
+                    "warning: Attribute \"%1\" is outside of the payload (because of its option: @skip) and "
+                    "cannot be written to.",
+                    "Attribute ... is outside of the payload"});
+    row("too large", {R"("@format": "C")", 1, s_tooLargeWarning("%1"),
+                      "Attribute ... makes the payloads of one message too large"});
+    row("overflow", {R"("@format": "C", "@factor": 2)", 64,
+                     "warning: Invalid numeric conversion. Number overflow, value: 128 result: 127",
+                     "Invalid numeric conversion. Number overflow"});
+    row("trimmed",
+        {R"("@format": "C", "@skip": 8)", 5, s_trimmed, "Cannot send more than 8 bytes of data through CAN"});
+}
+
+// A schema of `count` leaves with these options, each at an endpoint of its own, and a value for all; besides
+// a leaf "a" for packed values.
+static QJsonDocument s_leaves(int count, const QByteArray &options, QVariantMap *values,
+                              const QVariant &value)
+{
+    QByteArray document = R"({"a": {"@mac": 65535, "@format": "p", "@fragmentation": true})";
+    for (int i = 0; i < count; ++i) {
+        const QByteArray name = "n" + QByteArray::number(10000 + i);
+        if (!options.isEmpty()) {
+            document += ",\"" + name + "\":{\"@mac\":" + QByteArray::number(i) + "," + options + "}";
+        }
+        values->insert(name, value);
+    }
+    return s_json(document + "}");
+}
+
+static QString s_more(int count, const QString &kind)
+{
+    return QString("And %1 more lines of this kind from the same message: %2").arg(count).arg(kind);
+}
+
+void TestSchemaConverterOutbound::linesOfOneKindAreBounded()
+{
+    QFETCH(Kind, kind);
+    for (const int count : {1000, 1001, 1500}) {
+        QVariantMap values;
+        SchemaConverter converter;
+        converter.loadSchema(s_leaves(count, kind.options, &values, kind.value));
+        if (kind.line == s_tooLargeWarning("%1")) {
+            values.insert("a", QByteArray(ROOM - 8, 'x')); // takes all the room
+        }
+        QStringList expected;
+        for (int i = 0; i < 1000; ++i) {
+            expected << QString(kind.line).replace("%1", "n" + QString::number(10000 + i));
+        }
+        if (count > 1000) {
+            expected << "warning: " + s_more(count - 1000, kind.label);
+        }
+        LogScope log;
+        converter.toFrame(values);
+        QCOMPARE(log.lines("warning"), expected);
+    }
+}
+
+void TestSchemaConverterOutbound::eachKindOfLineIsBoundedForItself()
+{
+    // Of each leaf a placement, a frame of two lines and a warning.
+    QVariantMap values;
+    SchemaConverter converter;
+    converter.loadSchema(s_leaves(1003, R"("@format": "C", "@skip": 8)", &values, 5));
+    for (int i = 0; i < 1002; ++i) {
+        values.insert("unknown" + QString::number(i), 1);
+    }
+    LogScope log;
+    const QByteArray records = converter.toFrame(values);
+    QCOMPARE(records.size(), 1003 * VEK_FRAME_SIZE);
+    QCOMPARE(log.lines().filter("debug: insertToByteArray").size(), 1000);
+    QCOMPARE(log.lines().filter("debug: Preparing CAN frame").size(), 1000);
+    QCOMPARE(log.lines().filter("debug: \"0000000000000000\"").size(), 1000);
+    QCOMPARE(log.lines().filter(s_trimmed).size(), 1000);
+    QCOMPARE(log.lines().filter("warning: Key: \"unknown").size(), 1000);
+    const QStringList more = log.lines().filter("And ");
+    QCOMPARE(more.size(), 4);
+    QVERIFY(more.contains("debug: " + s_more(3, "insertToByteArray")));
+    QVERIFY(more.contains("debug: " + s_more(3, "Preparing CAN frame ..., with its bytes")));
+    QVERIFY(more.contains("warning: " + s_more(3, "Cannot send more than 8 bytes of data through CAN")));
+    QVERIFY(more.contains("warning: " + s_more(2, "Key: ... does not exist in the schema")));
+    QCOMPARE(log.lines().size(), 5 * 1000 + 4 + 4); // and those about the whole message
+    QCOMPARE(log.lines().last(), QString("debug: Converted size: %1").arg(records.size()));
+
+    // The next message counts from the beginning.
+    const int before = log.lines().size();
+    converter.toFrame(QVariantMap{{"unknown", 1}, {"n10000", 5}});
+    QCOMPARE(log.lines().mid(before).filter("warning").size(), 2);
+}
+
+void TestSchemaConverterOutbound::boundedLinesAfterAThrow()
+{
+    QVariantMap values;
+    SchemaConverter converter;
+    converter.loadSchema(s_leaves(1, R"("@format": "C")", &values, QJsonObject()));
+    for (int i = 0; i < 1500; ++i) {
+        values.insert("b" + QString::number(i), 1);
+    }
+    LogScope log;
+    COMPARE_THROWN(converter.toVEKFrames(values), "Bad type");
+    QCOMPARE(log.lines("warning").size(), 1001);
+    QCOMPARE(log.lines().last(), "warning: " + s_more(500, "Key: ... does not exist in the schema"));
+}
+
+void TestSchemaConverterOutbound::hiddenDebugLinesAreNotCounted()
+{
+    QVariantMap values;
+    SchemaConverter converter;
+    converter.loadSchema(s_leaves(1500, R"("@format": "C")", &values, 5));
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, false);
+    LogScope log;
+    converter.toFrame(values);
+    QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
+    QCOMPARE(log.lines(), QStringList());
 }
 
 QTEST_APPLESS_MAIN(TestSchemaConverterOutbound)

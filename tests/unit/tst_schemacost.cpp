@@ -39,6 +39,9 @@ private slots:
     void hostileOffsetsCostNothing();
     void largestOffsetCostsItsPayload();
     void manyLargeOffsetsAreBounded();
+    void copiesOfALeafCostNothing_data();
+    void copiesOfALeafCostNothing();
+    void manyUnknownKeysCostOneLookUpEach();
 };
 
 void TestSchemaCost::theHooksCount()
@@ -263,6 +266,53 @@ void TestSchemaCost::manyLargeOffsetsAreBounded()
     LogScope log;
     const Cost cost = s_costOf([&] { converter.toFrame(value); });
     QVERIFY2(cost.bytes < 40000000, qPrintable(QString::number(cost.bytes)));
+}
+
+void TestSchemaCost::copiesOfALeafCostNothing_data()
+{
+    QTest::addColumn<QByteArray>("options");
+    QTest::newRow("single value") << QByteArray(R"("@format": "C")");
+    QTest::newRow("never ready") << QByteArray(R"("@format": "C", "@flushSize": 2)");
+    QTest::newRow("negative flush size") << QByteArray(R"("@format": "C", "@flushSize": -1)");
+}
+
+// A leaf of 100,000 members has one attribute, so the names that are looked at are all that loading and
+// taking cost, and taking by force visits one.
+void TestSchemaCost::copiesOfALeafCostNothing()
+{
+    QFETCH(QByteArray, options);
+    const int members = 100000;
+    QByteArray text = R"({"x": {"@mac": 1, )" + options;
+    for (int i = 0; i < members; ++i) {
+        text += ",\"" + QByteArray::number(i) + "\":1";
+    }
+    const QJsonDocument document = s_json(text + "}}");
+    SchemaConverter converter;
+    const Cost loading = s_costOf([&] { converter.loadSchema(document); });
+    QVERIFY2(loading.bytes < 130U * members, qPrintable(QString::number(loading.bytes)));
+
+    const Cost frame = s_costOf([&] {
+        converter.insertFrame(VEKEndpoint(1, 0, false), s_hex("05"));
+        converter.takeVariantToSend(true);
+    });
+    QVERIFY2(frame.allocations < 30, qPrintable(QString::number(frame.allocations)));
+
+    // The copies are gone with the schema: nothing is left to be released but a few nodes.
+    const Cost again = s_costOf([&] { converter.loadSchema(s_json("{}")); });
+    QVERIFY2(again.bytes < 20000, qPrintable(QString::number(again.bytes)));
+}
+
+void TestSchemaCost::manyUnknownKeysCostOneLookUpEach()
+{
+    QVariantMap values;
+    for (int i = 0; i < 100000; ++i) {
+        values.insert(QString::number(i), 1);
+    }
+    const QVariant value = values;
+    SchemaConverter converter;
+    LogScope log;
+    const Cost cost = s_costOf([&] { converter.toVEKFrames(value); });
+    QVERIFY2(cost.allocations < 50000, qPrintable(QString::number(cost.allocations)));
 }
 
 QTEST_APPLESS_MAIN(TestSchemaCost)

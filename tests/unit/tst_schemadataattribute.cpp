@@ -20,12 +20,16 @@ private slots:
     void keepsItsPath();
     void formatIsTheFirstByte_data();
     void formatIsTheFirstByte();
+    void nonAsciiFormatsDecodeNothing();
+    void jsonOptionsAreThoseOfTheMap_data();
+    void jsonOptionsAreThoseOfTheMap();
     void numbersOfTheOptions_data();
     void numbersOfTheOptions();
     void readOnly_data();
     void readOnly();
     void factors_data();
     void factors();
+    void factorThatIsNotANumber();
     void copiesGoTheirOwnWay();
 
     // Happy: decoding
@@ -70,11 +74,26 @@ private slots:
     void packedThrowLeavesObserveAlone();
     void packedThatIsFullRefusesWithoutThrowing();
     void nothingIsLogged();
+
+    // The room that arrays share
+    void arraysTakeRoomForWhatTheyCanFill_data();
+    void arraysTakeRoomForWhatTheyCanFill();
+    void singleValuesTakeNoRoom();
+    void readingsWithoutRoomAreDropped();
+    void emptyArrayWithoutRoomStaysEmpty();
+    void fullSizesThatFitAlwaysFit();
+    void oneWarningForARoom();
 };
 
 static SchemaDataAttribute s_attribute(const QByteArray &options)
 {
     return SchemaDataAttribute(QVariant(s_map(options)), {"x"});
+}
+
+// The same as the document walk makes it.
+static SchemaDataAttribute s_fromPath(const QByteArray &options)
+{
+    return SchemaDataAttribute(SchemaPath(SchemaPath(), "x"), s_map(options));
 }
 
 static float s_bits(quint32 bits)
@@ -185,6 +204,12 @@ void TestSchemaDataAttribute::formatIsTheFirstByte_data()
     QTest::newRow("list is no format") << QByteArray(R"({"@format": ["s"]})") << 0;
     QTest::newRow("object is no format") << QByteArray(R"({"@format": {"s": 1}})") << 0;
     QTest::newRow("absent is no format") << QByteArray("{}") << 0;
+    // The first byte of the text in UTF-8, not of its first character: that of the third would be "C".
+    QTest::newRow("two bytes") << QByteArray("{\"@format\": \"\xc3\xa9\"}") << int(char(0xC3));
+    QTest::newRow("three bytes") << QByteArray("{\"@format\": \"\xe6\x97\xa5s\"}") << int(char(0xE6));
+    QTest::newRow("two bytes, the lower of them a letter")
+        << QByteArray(R"({"@format": "\u0143"})") << int(char(0xC5));
+    QTest::newRow("four bytes") << QByteArray(R"({"@format": "\ud83d\ude00"})") << int(char(0xF0));
 }
 
 void TestSchemaDataAttribute::formatIsTheFirstByte()
@@ -192,6 +217,49 @@ void TestSchemaDataAttribute::formatIsTheFirstByte()
     QFETCH(QByteArray, options);
     QFETCH(int, format);
     QCOMPARE(int(s_attribute(options).format()), format);
+    QCOMPARE(int(s_fromPath(options).format()), format);
+}
+
+void TestSchemaDataAttribute::nonAsciiFormatsDecodeNothing()
+{
+    for (const char *format : {"\\u0143", "\xc3\xa9", "\xe6\x97\xa5s", "\\u0073\\u0301"}) {
+        SchemaDataAttribute attribute = s_attribute(QByteArray("{\"@format\": \"") + format + "\"}");
+        const bool isShort = qstrcmp(format, "\\u0073\\u0301") == 0; // "s", and an accent behind it
+        QCOMPARE(attribute.insert(s_hex("0102030405060708")), isShort);
+    }
+}
+
+void TestSchemaDataAttribute::jsonOptionsAreThoseOfTheMap_data()
+{
+    QTest::addColumn<QByteArray>("value");
+    for (const char *value :
+         {"0",           "1",         "-1",   "2.5",   "70000",      "4294967295",   "1e300",
+          "true",        "false",     "null", R"("")", R"("2")",     R"("x")",       R"("true")",
+          R"("nan")",    R"("-0.0")", "[]",   "[2]",   R"(["s"])",   R"([[["2"]]])", "{}",
+          R"({"2": 2})", "-0.0",      "0.5",  "1.5",   R"("\u0143")"}) {
+        QTest::newRow(value) << QByteArray(value);
+    }
+}
+
+void TestSchemaDataAttribute::jsonOptionsAreThoseOfTheMap()
+{
+    QFETCH(QByteArray, value);
+    for (const char *name : {"@format", "@flushSize", "@skip", "@mac", "@cmd", "@fragmentation", "@asBool",
+                             "@mask", "@observe", "@factor", "@other"}) {
+        const QByteArray options = QByteArray("{\"") + name + "\": " + value + "}";
+        const SchemaDataAttribute expected = s_attribute(options);
+        const SchemaDataAttribute actual = s_fromPath(options);
+        QCOMPARE(actual.format(), expected.format());
+        QCOMPARE(actual.flushSize(), expected.flushSize());
+        QCOMPARE(actual.skip(), expected.skip());
+        QCOMPARE(actual.endpoint().order(), expected.endpoint().order());
+        QCOMPARE(actual.endpoint().fragmentation, expected.endpoint().fragmentation);
+        QCOMPARE(actual.isReadOnly(), expected.isReadOnly());
+        QVERIFY(s_sameReading(actual.factor(), expected.factor()));
+        QCOMPARE(std::signbit(actual.factor()), std::signbit(expected.factor()));
+    }
+    QCOMPARE(s_fromPath("{}").path(), QStringList{"x"});
+    QVERIFY(!s_fromPath("{}").isReadOnly());
 }
 
 void TestSchemaDataAttribute::numbersOfTheOptions_data()
@@ -300,13 +368,32 @@ void TestSchemaDataAttribute::factors_data()
     QTest::newRow("null") << QByteArray(R"({"@factor": null})") << 0.0F;
     QTest::newRow("true") << QByteArray(R"({"@factor": true})") << 1.0F;
     QTest::newRow("list") << QByteArray(R"({"@factor": [2]})") << 0.0F;
+    QTest::newRow("denormal") << QByteArray(R"({"@factor": 1e-40})") << s_bits(0x000116C2);
+    QTest::newRow("denormal in a text") << QByteArray(R"({"@factor": "1e-40"})") << s_bits(0x000116C2);
+    QTest::newRow("smallest denormal") << QByteArray(R"({"@factor": 1.4e-45})") << s_bits(1);
+    QTest::newRow("too small for single precision") << QByteArray(R"({"@factor": 1e-46})") << 0.0F;
+    QTest::newRow("minus zero in a text") << QByteArray(R"({"@factor": "-0.0"})") << -0.0F;
+    QTest::newRow("minus zero is a whole number without sign") << QByteArray(R"({"@factor": -0.0})") << 0.0F;
+    QTest::newRow("infinite") << QByteArray(R"({"@factor": "inf"})")
+                              << std::numeric_limits<float>::infinity();
 }
 
 void TestSchemaDataAttribute::factors()
 {
     QFETCH(QByteArray, options);
     QFETCH(float, expected);
-    QVERIFY(s_attribute(options).factor() == expected); // exactly: QCOMPARE would round
+    for (const float factor : {s_attribute(options).factor(), s_fromPath(options).factor()}) {
+        QVERIFY(factor == expected); // exactly: QCOMPARE would round
+        QCOMPARE(std::signbit(factor), std::signbit(expected));
+    }
+}
+
+void TestSchemaDataAttribute::factorThatIsNotANumber()
+{
+    for (const char *text : {R"({"@factor": "nan"})", R"({"@factor": "NaN"})"}) {
+        QVERIFY(std::isnan(s_attribute(text).factor()));
+        QVERIFY(std::isnan(s_fromPath(text).factor()));
+    }
 }
 
 void TestSchemaDataAttribute::copiesGoTheirOwnWay()
@@ -613,6 +700,24 @@ void TestSchemaDataAttribute::scaledReadings_data()
     row("factor just below one scales", R"({"@format": "C", "@factor": 0.9999999403953552})", "01",
         1.0F / s_bits(0x3F7FFFFF));
     row("factor beyond single precision scales to zero", R"({"@format": "C", "@factor": 1e300})", "01", 0.0F);
+
+    // Of numbers that are none, have only a sign, or hardly any digits.
+    const float nan = std::numeric_limits<float>::quiet_NaN();
+    const float infinity = std::numeric_limits<float>::infinity();
+    row("not a number", R"({"@format": "C", "@factor": "nan"})", "05", nan);
+    row("not a number, of zero", R"({"@format": "f", "@factor": "nan"})", "00000000", nan);
+    row("bool of what is not a number", R"({"@format": "C", "@factor": "nan", "@asBool": true})", "00", true);
+    row("minus zero", R"({"@format": "C", "@factor": "-0.0"})", "05", -infinity);
+    row("minus zero, of a negative", R"({"@format": "q", "@factor": "-0.0"})", "ffff", infinity);
+    row("minus zero, of zero", R"({"@format": "S", "@factor": "-0.0"})", "0000", nan);
+    row("denormal whose reciprocal is infinite", R"({"@format": "C", "@factor": 1e-40})", "05", infinity);
+    row("negative denormal", R"({"@format": "C", "@factor": -1e-40})", "05", -infinity);
+    row("smallest denormal, of zero", R"({"@format": "i", "@factor": 1.4e-45})", "00000000", nan);
+    row("denormal that has a reciprocal", R"({"@format": "C", "@factor": 4e-39})", "01", s_bits(0x7F3C1441));
+    row("factor whose reciprocal is denormal", R"({"@format": "C", "@factor": 3e38})", "02",
+        s_bits(0x004897F4));
+    row("denormal reading", R"({"@format": "f", "@factor": 0.5})", "01000000", s_bits(2));
+    row("denormal product", R"({"@format": "f", "@factor": 4})", "00008000", s_bits(0x00200000));
 }
 
 void TestSchemaDataAttribute::scaledReadings()
@@ -1107,6 +1212,149 @@ void TestSchemaDataAttribute::nothingIsLogged()
     SchemaDataAttribute unknown = s_attribute(R"({"@format": "x", "@skip": -1})");
     unknown.insert(s_hex("01"));
     QCOMPARE(log.lines(), QStringList());
+}
+
+// ---- The room that arrays share ----
+
+void TestSchemaDataAttribute::arraysTakeRoomForWhatTheyCanFill_data()
+{
+    QTest::addColumn<QByteArray>("options");
+    QTest::addColumn<int>("width");
+    for (const char *format : {"C", "c"}) {
+        QTest::newRow(format) << QByteArray(R"("@format": ")") + format + '"' << 1;
+    }
+    for (const char *format : {"S", "s", "Q", "q"}) {
+        QTest::newRow(format) << QByteArray(R"("@format": ")") + format + '"' << 2;
+    }
+    for (const char *format : {"I", "i", "f"}) {
+        QTest::newRow(format) << QByteArray(R"("@format": ")") + format + '"' << 4;
+    }
+    QTest::newRow("scaled C") << QByteArray(R"("@format": "C", "@factor": 2)") << 4;
+    QTest::newRow("f as bool") << QByteArray(R"("@format": "f", "@asBool": true)") << 4;
+}
+
+void TestSchemaDataAttribute::arraysTakeRoomForWhatTheyCanFill()
+{
+    QFETCH(QByteArray, options);
+    QFETCH(int, width);
+    for (const int flushSize : {1, 3, 5, 16, 17, 100}) {
+        SchemaDataAttribute attribute =
+            s_attribute("{" + options + R"(, "@flushSize": )" + QByteArray::number(flushSize) + "}");
+        GatheringRoom room(1000);
+        for (int round = 0; round < 2; ++round) {
+            for (int i = 1; i <= flushSize; ++i) {
+                QVERIFY(attribute.insert(s_hex("01020304"), &room));
+                QCOMPARE(attribute.count(), i);
+                const qint64 taken = 1000 - room.left();
+                QVERIFY(taken >= i * width);
+                QVERIFY(taken <= qMax(16, 2 * i * width));
+            }
+            QVERIFY(attribute.isFull());
+            QCOMPARE(room.left(), 1000 - flushSize * width);
+            QVERIFY(!attribute.insert(s_hex("01020304"), &room));
+            QCOMPARE(room.left(), 1000 - flushSize * width);
+            attribute.clear(&room);
+            QCOMPARE(room.left(), 1000);
+            attribute.clear(&room);
+            QCOMPARE(room.left(), 1000);
+        }
+    }
+}
+
+void TestSchemaDataAttribute::singleValuesTakeNoRoom()
+{
+    GatheringRoom room(0);
+    LogScope log;
+    for (const char *options : {R"({"@format": "I"})", R"({"@format": "f", "@factor": 2})",
+                                R"({"@format": "C", "@observe": true})"}) {
+        SchemaDataAttribute attribute = s_attribute(options);
+        QVERIFY(attribute.insert(s_hex("01020304"), &room));
+        attribute.clear(&room);
+    }
+    QCOMPARE(room.left(), 0);
+    QCOMPARE(log.lines(), QStringList());
+}
+
+void TestSchemaDataAttribute::readingsWithoutRoomAreDropped()
+{
+    GatheringRoom room(55); // of 16 and 32 for these two, 7 remain
+    LogScope log;
+    SchemaDataAttribute other = s_attribute(R"({"@format": "C", "@flushSize": 16})");
+    QVERIFY(other.insert(s_hex("01"), &room));
+    SchemaDataAttribute attribute = s_attribute(R"({"@format": "I", "@flushSize": 10})");
+    QVector<double> expected;
+    for (int i = 1; i <= 12; ++i) {
+        QVERIFY(attribute.insert(QByteArray(1, char(i)) + QByteArray(3, '\0'), &room));
+        if (i <= 8) {
+            expected << i;
+        }
+        QCOMPARE(s_elements(attribute.data()), expected);
+    }
+    QVERIFY(!attribute.isReadyToFlush());
+    QCOMPARE(log.lines().size(), 1);
+
+    other.clear(&room);
+    for (int i = 13; i <= 15; ++i) {
+        attribute.insert(QByteArray(1, char(i)) + QByteArray(3, '\0'), &room);
+    }
+    QCOMPARE(s_elements(attribute.data()), (QVector<double>{1, 2, 3, 4, 5, 6, 7, 8, 13, 14}));
+    QVERIFY(attribute.isReadyToFlush());
+    QCOMPARE(log.lines().size(), 1);
+}
+
+void TestSchemaDataAttribute::emptyArrayWithoutRoomStaysEmpty()
+{
+    GatheringRoom room(15);
+    LogScope log;
+    SchemaDataAttribute attribute = s_attribute(R"({"@format": "S", "@flushSize": 100})");
+    QVERIFY(!attribute.insert(s_hex("0102"), &room));
+    QVERIFY(attribute.isEmpty());
+    QVERIFY(!attribute.data().isValid());
+    QCOMPARE(attribute.count(), 0);
+    QCOMPARE(room.left(), 15);
+    QCOMPARE(log.lines().size(), 1);
+    room.giveBack(1);
+    QVERIFY(attribute.insert(s_hex("0102"), &room));
+    QCOMPARE(room.left(), 0);
+}
+
+void TestSchemaDataAttribute::fullSizesThatFitAlwaysFit()
+{
+    // Arrays that fill in turns, none of which may be in the way of the others.
+    GatheringRoom room(100 * 4 + 37 * 2 + 9);
+    LogScope log;
+    QList<SchemaDataAttribute> attributes = {s_attribute(R"({"@format": "i", "@flushSize": 100})"),
+                                             s_attribute(R"({"@format": "s", "@flushSize": 37})"),
+                                             s_attribute(R"({"@format": "C", "@flushSize": 9})")};
+    for (int i = 0; i < 100; ++i) {
+        for (SchemaDataAttribute &attribute : attributes) {
+            attribute.insert(s_hex("01020304"), &room);
+        }
+    }
+    for (const SchemaDataAttribute &attribute : qAsConst(attributes)) {
+        QVERIFY(attribute.isFull());
+        QCOMPARE(s_elements(attribute.data()).size(), attribute.flushSize());
+    }
+    QCOMPARE(room.left(), 0);
+    QCOMPARE(log.lines(), QStringList());
+}
+
+void TestSchemaDataAttribute::oneWarningForARoom()
+{
+    const QString warning =
+        "warning: Attribute (\"motor\", \"\") drops readings: the arrays of the schema may "
+        "take 64 MiB together.";
+    for (int i = 0; i < 2; ++i) {
+        GatheringRoom room(0);
+        LogScope log;
+        const QVariant options = s_map(R"({"@format": "C", "@flushSize": 2})");
+        SchemaDataAttribute first(options, {"motor", ""});
+        SchemaDataAttribute second(options, {"lamp"});
+        for (SchemaDataAttribute *attribute : {&first, &first, &second}) {
+            attribute->insert(s_hex("01"), &room);
+        }
+        QCOMPARE(log.lines(), QStringList{warning});
+    }
 }
 
 QTEST_APPLESS_MAIN(TestSchemaDataAttribute)

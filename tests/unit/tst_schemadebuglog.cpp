@@ -3,7 +3,6 @@
 #include "tests/unit/allocationcounter.h"
 #include "tests/unit/tst_schematools.h"
 
-#include <QJsonArray>
 #include <QtTest>
 
 #include <cmath>
@@ -45,9 +44,6 @@ private slots:
     void whatIsNotShownIsNotVisited_data();
     void whatIsNotShownIsNotVisited();
     void whatIsNotShownCostsNoMemory();
-    void beginningOfADocument_data();
-    void beginningOfADocument();
-    void beginningOfALargeDocumentIsSmall();
 };
 
 void TestSchemaDebugLog::initTestCase()
@@ -270,55 +266,6 @@ void TestSchemaDebugLog::whatIsNotShownCostsNoMemory()
     const AllocationCounter counter;
     debugText(value);
     QVERIFY2(counter.bytes() < 32 * std::size_t(LIMIT), qPrintable(QString::number(counter.bytes())));
-}
-
-static QJsonObject s_wideObject(int members)
-{
-    QJsonObject object;
-    for (int i = 0; i < members; ++i) {
-        object.insert(QString("n%1").arg(i, 6, 10, QLatin1Char('0')), QJsonObject{{"@mac", i}});
-    }
-    return object;
-}
-
-void TestSchemaDebugLog::beginningOfADocument_data()
-{
-    QTest::addColumn<QJsonObject>("object");
-    QTest::newRow("empty") << QJsonObject();
-    QTest::newRow("small") << s_json(R"({"a": [1, 2.5, null, "x", {}], "b": {"c": [[]]}})").object();
-    QTest::newRow("many objects") << s_wideObject(2000);
-    // The shortest text that a value can have in print.
-    const auto repeated = [](const QByteArray &text) {
-        return (text + ",").repeated(5000).chopped(1);
-    };
-    for (const char *value : {"true", R"("")", "[]", "{}", "[true]", R"({"":true})", "[[true],{}]"}) {
-        QTest::addRow("many %s", value) << s_json(R"({"a": [)" + repeated(value) + "]}").object();
-    }
-    QTest::newRow("deep lists")
-        << s_json(R"({"a": [)" + repeated(QByteArray(300, '[') + QByteArray(300, ']')) + "]}").object();
-    // QString orders by UTF-16 and QJsonObject does not: the wide characters come before U+FFFD.
-    QJsonObject mixed;
-    for (int i = 0; i < 4000; ++i) {
-        mixed.insert(QString::fromUtf8(i % 2 ? "\xf0\x9f\x98\x80" : "\xef\xbf\xbd") + QString::number(i), i);
-    }
-    QTest::newRow("names of many kinds") << mixed;
-}
-
-void TestSchemaDebugLog::beginningOfADocument()
-{
-    QFETCH(QJsonObject, object);
-    const QVariantMap whole = object.toVariantMap();
-    QCOMPARE(debugText(debugBeginning(object).toVariantMap()), debugText(whole));
-}
-
-void TestSchemaDebugLog::beginningOfALargeDocumentIsSmall()
-{
-    const QJsonObject small{{"a", QJsonArray{1, 2}}};
-    QCOMPARE(debugBeginning(small), small);
-    QVERIFY(debugBeginning(s_wideObject(5000)).size() < 4000);
-    const QByteArray deep = QByteArray(1000, '[') + QByteArray(1000, ']') + ",";
-    const QJsonObject lists = s_json(R"({"a": [)" + deep.repeated(2000) + "1]}").object();
-    QVERIFY(debugBeginning(lists).value("a").toArray().size() < 5);
 }
 
 QTEST_APPLESS_MAIN(TestSchemaDebugLog)
