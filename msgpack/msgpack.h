@@ -125,7 +125,8 @@ qint8 msgpackType(int metatype);
 
 // Packs for receivers of the older format that knows no bin and no str 8: byte arrays take str headers, and
 // strings of 32 to 255 bytes take str 16. A byte array of up to 255 bytes takes str 8 all the same, as those
-// receivers expect. Off at first. For the whole process; not to be switched while anything is being packed.
+// receivers expect. Off at first. For the whole process: what is being packed meanwhile, by a packer or on
+// another thread, keeps the mode that it began with.
 void setCompatibilityModeEnabled(bool enabled);
 
 // "0.1.0"

@@ -167,11 +167,11 @@ position_t MsgPackPrivate::pack(const QVariant &v, position_t p, bool wr, pack_c
     case QMetaType::Bool:
         return s_putByte(s_held<bool>(v) ? True : False, p, wr);
     case QMetaType::QString:
-        return pack_string(s_held<QString>(v), p, wr);
+        return pack_string(s_held<QString>(v), p, wr, context.compatible);
     case QMetaType::QVariantList:
         return pack_array(s_held<QVariantList>(v), p, wr, context);
     case QMetaType::QStringList:
-        return pack_stringlist(s_held<QStringList>(v), p, wr);
+        return pack_stringlist(s_held<QStringList>(v), p, wr, context.compatible);
     case QMetaType::LongLong:
         return pack_longlong(s_held<qlonglong>(v), p, wr);
     case QMetaType::ULongLong:
@@ -181,7 +181,7 @@ position_t MsgPackPrivate::pack(const QVariant &v, position_t p, bool wr, pack_c
     case QMetaType::Float:
         return pack_float(s_held<float>(v), p, wr);
     case QMetaType::QByteArray:
-        return pack_bin(s_held<QByteArray>(v), p, wr);
+        return pack_bin(s_held<QByteArray>(v), p, wr, context.compatible);
     case QMetaType::QVariantMap:
         return pack_map(s_held<QVariantMap>(v), p, wr, context);
     default:
@@ -254,55 +254,56 @@ position_t MsgPackPrivate::pack_double(double d, position_t p, bool wr)
     return s_putNumber(Float64, s_bits<quint64>(d), p, wr);
 }
 
-position_t MsgPackPrivate::pack_string(const QString &string, position_t p, bool wr)
+position_t MsgPackPrivate::pack_string(const QString &string, position_t p, bool wr, bool compatible)
 {
     if (wr) {
         // Nearly all strings are ASCII: taken for it, a string is read once here, not twice. Others take no
         // less space, so that what this leaves behind is written over.
         const auto size = static_cast<quint32>(string.size());
-        const position_t body = pack_string_header(size, p, true);
+        const position_t body = pack_string_header(size, p, true, compatible);
         if (utf8_write_ascii(string, s_address(body))) {
             return body + size;
         }
     }
     const quint32 length = utf8_length(string);
-    p = pack_string_header(length, p, wr);
+    p = pack_string_header(length, p, wr, compatible);
     if (wr) {
         utf8_write(string, s_address(p));
     }
     return p + length;
 }
 
-position_t MsgPackPrivate::pack_string_header(quint32 length, position_t p, bool wr)
+position_t MsgPackPrivate::pack_string_header(quint32 length, position_t p, bool wr, bool compatible)
 {
     if (length <= 31) {
         return s_putByte(static_cast<quint8>(Fixstr + length), p, wr);
     }
-    if (s_fits8(length) && compatibilityMode.load(std::memory_order_relaxed)) {
+    if (s_fits8(length) && compatible) {
         return s_putNumber(Str16, static_cast<quint16>(length), p, wr);
     }
     return s_putNarrowest(Str8, Str16, Str32, length, p, wr);
 }
 
-position_t MsgPackPrivate::pack_string_raw(const char *bytes, quint32 length, position_t p, bool wr)
+position_t MsgPackPrivate::pack_string_raw(const char *bytes, quint32 length, position_t p, bool wr,
+                                           bool compatible)
 {
-    p = pack_string_header(length, p, wr);
+    p = pack_string_header(length, p, wr, compatible);
     return s_putBytes(bytes, length, p, wr);
 }
 
 // Unlike for strings, compatibility mode keeps the 8-bit length: receivers of byte arrays expect it there.
-position_t MsgPackPrivate::pack_bin_header(quint32 length, position_t p, bool wr)
+position_t MsgPackPrivate::pack_bin_header(quint32 length, position_t p, bool wr, bool compatible)
 {
-    if (compatibilityMode.load(std::memory_order_relaxed)) {
+    if (compatible) {
         return s_putNarrowest(Str8, Str16, Str32, length, p, wr);
     }
     return s_putNarrowest(Bin8, Bin16, Bin32, length, p, wr);
 }
 
-position_t MsgPackPrivate::pack_bin(const QByteArray &bytes, position_t p, bool wr)
+position_t MsgPackPrivate::pack_bin(const QByteArray &bytes, position_t p, bool wr, bool compatible)
 {
     const auto length = static_cast<quint32>(bytes.size());
-    p = pack_bin_header(length, p, wr);
+    p = pack_bin_header(length, p, wr, compatible);
     return s_putBytes(bytes.constData(), length, p, wr);
 }
 
@@ -325,11 +326,11 @@ position_t MsgPackPrivate::pack_array(const QVariantList &list, position_t p, bo
     return p;
 }
 
-position_t MsgPackPrivate::pack_stringlist(const QStringList &list, position_t p, bool wr)
+position_t MsgPackPrivate::pack_stringlist(const QStringList &list, position_t p, bool wr, bool compatible)
 {
     p = pack_arraylen(static_cast<quint32>(list.size()), p, wr);
     for (const QString &string : list) {
-        p = pack_string(string, p, wr);
+        p = pack_string(string, p, wr, compatible);
     }
     return p;
 }
@@ -342,7 +343,7 @@ position_t MsgPackPrivate::pack_map(const QVariantMap &map, position_t p, bool w
     ++context.nesting;
     p = s_putCount(Fixmap, Map16, Map32, static_cast<quint32>(map.size()), p, wr);
     for (auto entry = map.cbegin(); entry != map.cend(); ++entry) {
-        p = pack_string(entry.key(), p, wr);
+        p = pack_string(entry.key(), p, wr, context.compatible);
         p = pack(entry.value(), p, wr, context);
     }
     --context.nesting;

@@ -27,9 +27,9 @@ struct packer_t {
     qint8 type;         // written as the type byte of the extension
 };
 
-extern QHash<int, packer_t> user_packers; // by metatype id; entries are only ever added
-extern QReadWriteLock packers_lock;       // guards user_packers; never held while a packer runs
-extern std::atomic<bool> compatibilityMode;
+extern QHash<int, packer_t> user_packers;   // by metatype id; entries are only ever added
+extern QReadWriteLock packers_lock;         // guards user_packers; never held while a packer runs
+extern std::atomic<bool> compatibilityMode; // read once per item: both passes must find the same
 
 // What became of a user value in the sizing pass.
 struct user_payload_t {
@@ -44,8 +44,9 @@ struct pack_context {
     // takes from the front. It asks nothing else, so that the passes agree even when another thread registers
     // a packer in between. Few messages hold more of them than take no allocation here.
     QVarLengthArray<user_payload_t, 8> payloads;
-    int taken = 0;        // how many of them the writing pass has taken
-    int nesting = 0;      // containers around the current value
+    int taken = 0;                             // how many of them the writing pass has taken
+    const bool compatible = compatibilityMode; // for both passes, whatever packers and other threads do
+    int nesting = 0;                           // containers around the current value
     bool tooDeep = false; // a container lies deeper than MsgPack::maxNesting and was not packed
     LineLimit unpackable{QtWarningMsg, "MsgPack::pack can't pack type: N"};
 };
@@ -63,15 +64,18 @@ position_t pack_ulonglong(quint64 i, position_t p, bool wr);
 position_t pack_float(float f, position_t p, bool wr);
 position_t pack_double(double d, position_t p, bool wr);
 
-position_t pack_string(const QString &string, position_t p, bool wr);
-position_t pack_string_header(quint32 length, position_t p, bool wr);
-position_t pack_string_raw(const char *bytes, quint32 length, position_t p, bool wr);
-position_t pack_bin_header(quint32 length, position_t p, bool wr);
-position_t pack_bin(const QByteArray &bytes, position_t p, bool wr);
+// `compatible` chooses the headers of compatibility mode. Whoever takes both passes says it himself.
+position_t pack_string(const QString &string, position_t p, bool wr, bool compatible = compatibilityMode);
+position_t pack_string_header(quint32 length, position_t p, bool wr, bool compatible = compatibilityMode);
+position_t pack_string_raw(const char *bytes, quint32 length, position_t p, bool wr,
+                           bool compatible = compatibilityMode);
+position_t pack_bin_header(quint32 length, position_t p, bool wr, bool compatible = compatibilityMode);
+position_t pack_bin(const QByteArray &bytes, position_t p, bool wr, bool compatible = compatibilityMode);
 
 position_t pack_arraylen(quint32 count, position_t p, bool wr);
 position_t pack_array(const QVariantList &list, position_t p, bool wr, pack_context &context);
-position_t pack_stringlist(const QStringList &list, position_t p, bool wr);
+position_t pack_stringlist(const QStringList &list, position_t p, bool wr,
+                           bool compatible = compatibilityMode);
 position_t pack_map(const QVariantMap &map, position_t p, bool wr, pack_context &context);
 
 // The header of an extension value, its type byte included: all of it but the payload of `length` bytes.

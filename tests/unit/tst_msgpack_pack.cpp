@@ -31,6 +31,8 @@ private slots:
     void nullVariantsOfAType();
     void stringHeaders_data();
     void stringHeaders();
+    void rawStringHeaders_data();
+    void rawStringHeaders();
     void byteArrayHeaders_data();
     void byteArrayHeaders();
     void listHeaders_data();
@@ -58,6 +60,8 @@ private slots:
     void packerRunsOncePerValueInOrder();
     void manyUserValues();
     void packerMayPack();
+    void packerMaySwitchTheMode_data();
+    void packerMaySwitchTheMode();
     void packerMayRegister();
     void packerRunsWithoutLock();
     void registryIsReadByManyAtOnce();
@@ -96,6 +100,7 @@ using Never = Tagged<5>;
 using Hollow = Tagged<6>;
 using Missing = Tagged<7>;
 using Looking = Tagged<8>;
+using Switching = Tagged<9>;
 Q_DECLARE_METATYPE(Numbered)
 Q_DECLARE_METATYPE(Packing)
 Q_DECLARE_METATYPE(Registering)
@@ -105,6 +110,7 @@ Q_DECLARE_METATYPE(Never)
 Q_DECLARE_METATYPE(Hollow)
 Q_DECLARE_METATYPE(Missing)
 Q_DECLARE_METATYPE(Looking)
+Q_DECLARE_METATYPE(Switching)
 
 // Compatibility mode for a scope.
 class CompatibilityMode
@@ -373,6 +379,36 @@ void TestMsgPackPack::stringHeaders()
 {
     QFETCH(int, size);
     s_checkHeaders(QString(size, QLatin1Char('x')), Bytes(size, 'x'));
+}
+
+void TestMsgPackPack::rawStringHeaders_data()
+{
+    stringHeaders_data();
+}
+
+// Any bytes go out as they are; the mode is the one that is told, else the process's.
+void TestMsgPackPack::rawStringHeaders()
+{
+    QFETCH(int, size);
+    QFETCH(QByteArray, normal);
+    QFETCH(QByteArray, compatible);
+    const Bytes text(size, '\xFF');
+    const auto count = static_cast<quint32>(size);
+    const auto packed = [&](auto... mode) {
+        Bytes bytes(size + 16, '\x55');
+        const auto first = reinterpret_cast<MsgPackPrivate::position_t>(bytes.data());
+        const auto end = MsgPackPrivate::pack_string_raw(text.constData(), count, first, true, mode...);
+        const Bytes behind = bytes.mid(static_cast<int>(end - first));
+        bytes.truncate(static_cast<int>(end - first));
+        const auto counted = MsgPackPrivate::pack_string_raw(text.constData(), count, 7, false, mode...);
+        return counted == end - first + 7 && behind.count('\x55') == behind.size() ? bytes
+                                                                                   : Bytes("wrong size");
+    };
+    QVERIFY(packed() == Bytes::fromHex(normal) + text);
+    QVERIFY(packed(true) == Bytes::fromHex(compatible) + text);
+    const CompatibilityMode on;
+    QVERIFY(packed() == Bytes::fromHex(compatible) + text);
+    QVERIFY(packed(false) == Bytes::fromHex(normal) + text);
 }
 
 void TestMsgPackPack::byteArrayHeaders_data()
@@ -710,6 +746,41 @@ void TestMsgPackPack::packerMayPack()
     QCOMPARE(MsgPack::pack(list).toHex(), Bytes("93d42a61c7050492"
                                                 "01d42a62"
                                                 "d42a63"));
+}
+
+void TestMsgPackPack::packerMaySwitchTheMode_data()
+{
+    QTest::addColumn<bool>("before");
+    QTest::newRow("on") << false;
+    QTest::newRow("off") << true;
+}
+
+// The whole of a value goes out in the mode that it was begun in.
+void TestMsgPackPack::packerMaySwitchTheMode()
+{
+    QFETCH(bool, before);
+    static bool after;
+    after = !before;
+    static const bool registered = MsgPack::registerPacker(qMetaTypeId<Switching>(), 9, [](const QVariant &) {
+        MsgPack::setCompatibilityModeEnabled(after);
+        return MsgPack::pack(s_hex("05"));
+    });
+    QVERIFY(registered);
+    const QString text(32, QLatin1Char('x'));
+    const QVariantList values{text, s_hex("01"), QStringList{text}, QVariantMap{{text, text}}};
+    const QVariant list = QVariantList{values, QVariant::fromValue(Switching()), values};
+    const auto expected = [](bool compatible) {
+        const Bytes textHex = (compatible ? "da0020" : "d920") + Bytes(32, 'x').toHex();
+        return "94" + textHex + (compatible ? "d90101" : "c40101") + "91" + textHex + "81" + textHex +
+               textHex;
+    };
+    MsgPack::setCompatibilityModeEnabled(before);
+    const Bytes packed = MsgPack::pack(list);
+    const Bytes packedAfter = MsgPack::pack(values);
+    MsgPack::setCompatibilityModeEnabled(false);
+    const Bytes inner = after ? "c70309d90105" : "c70309c40105";
+    QCOMPARE(packed.toHex(), "93" + expected(before) + inner + expected(before));
+    QCOMPARE(packedAfter.toHex(), expected(after));
 }
 
 void TestMsgPackPack::packerMayRegister()
