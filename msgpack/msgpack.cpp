@@ -2,6 +2,7 @@
 
 #include "msgpack/limits_p.h"
 #include "msgpack/msgpackcommon.h"
+#include "msgpack/outofmemory_p.h"
 #include "msgpack/pack_p.h"
 #include "msgpack/unpack_p.h"
 
@@ -9,12 +10,15 @@
 
 using namespace MsgPackPrivate;
 
-QByteArray MsgPack::pack(const QVariant &variant)
+namespace
+{
+
+QByteArray s_pack(const QVariant &variant)
 {
     pack_context context;
     const position_t size = MsgPackPrivate::pack(variant, 0, false, context);
     if (context.tooDeep) {
-        qWarning() << "MsgPack::pack can't pack more than" << maxNesting << "nested arrays and maps";
+        qWarning() << "MsgPack::pack can't pack more than" << MsgPack::maxNesting << "nested arrays and maps";
         return QByteArray();
     }
     if (size > maxByteArraySize) {
@@ -26,10 +30,19 @@ QByteArray MsgPack::pack(const QVariant &variant)
     return bytes;
 }
 
+} // namespace
+
+QByteArray MsgPack::pack(const QVariant &variant)
+{
+    return withinMemory("MsgPack::pack", [&] { return s_pack(variant); });
+}
+
 QVariant MsgPack::unpack(const QByteArray &data)
 {
-    const auto *first = reinterpret_cast<const quint8 *>(data.constData());
-    return MsgPackPrivate::unpack(first, first + data.size() - 1);
+    return withinMemory("MsgPack::unpack()", [&] {
+        const auto *first = reinterpret_cast<const quint8 *>(data.constData());
+        return MsgPackPrivate::unpack(first, first + data.size() - 1);
+    });
 }
 
 bool MsgPack::registerPacker(int metatype, qint8 msgpackType, pack_user_f packer)

@@ -77,8 +77,8 @@ constexpr quint64 maxRepeatedBeyondInput = 64 * 1024;
 // then empty; within a container the header still counts the value, and a map still holds its key: a receiver
 // finds fewer items than announced. Clients in the field know these bytes, so nothing is put in its place.
 //
-// The result is also empty, with a warning, for a value nested deeper than maxNesting and for one that
-// would take more bytes than a QByteArray holds.
+// The result is also empty, with a warning, for a value nested deeper than maxNesting, for one that would
+// take more bytes than a QByteArray holds, and when memory runs out.
 //
 // Packers run once per value and with no lock held, so that they may call pack() themselves.
 QByteArray pack(const QVariant &variant);
@@ -88,8 +88,9 @@ QByteArray pack(const QVariant &variant);
 //
 // Invalid when a value claims bytes past the end of `data`, or more of them than Qt holds: nearly 2^31 in a
 // byte array or an extension, nearly 2^30 in a text. Decoding stops there, nothing past the end is read, and
-// memory is taken only for what was there. Also invalid, with a warning, when nested deeper than maxNesting
-// and when it repeats more than the size of `data` and maxRepeatedBeyondInput together.
+// memory is taken only for what was there. Also invalid, with a warning, when nested deeper than maxNesting,
+// when it repeats more than the size of `data` and maxRepeatedBeyondInput together, when an array has more
+// elements than a QVariantList holds, nearly 2^28, and when memory runs out.
 //
 // An extension whose type number has no unpacker is skipped with the warning "MsgPack::unpack() unpacker for
 // type N doesn't exist" and stands for the value before it in the same array or map (the same goes for the

@@ -2,6 +2,7 @@
 
 #include "msgpack/formats_p.h"
 #include "msgpack/limits_p.h"
+#include "msgpack/outofmemory_p.h"
 #include "msgpack/pack_p.h"
 #include "msgpack/utf8_p.h"
 
@@ -10,11 +11,14 @@
 
 #include <cstring>
 #include <limits>
+#include <memory>
 
 using namespace MsgPackPrivate;
 
 namespace
 {
+
+const char s_name[] = "MsgPackStream";
 
 constexpr int chunkSize = 16 * 1024; // how far an announced length is trusted at a time
 
@@ -166,6 +170,84 @@ bool s_readBytes(MsgPackStream &stream, quint32 length, QByteArray &bytes)
     return true;
 }
 
+void s_readItem(MsgPackStream &stream, QByteArray &bytes)
+{
+    quint8 first;
+    quint32 length;
+    QByteArray read;
+    if (s_readNumber<quint8>(stream, first) && s_readLength(stream, first, Bin8, length) &&
+        s_readBytes(stream, length, read)) {
+        bytes = read;
+    }
+}
+
+void s_readItem(MsgPackStream &stream, QString &string)
+{
+    quint8 first;
+    if (!s_readNumber<quint8>(stream, first)) {
+        return;
+    }
+    quint32 length = first - Fixstr;
+    QByteArray read;
+    if ((isFixstr(first) || s_readLength(stream, first, Str8, length)) && s_readBytes(stream, length, read) &&
+        (length <= maxStringSize || s_corrupt(stream))) {
+        string = utf8_read(reinterpret_cast<const quint8 *>(read.constData()), read.size());
+    }
+}
+
+// Reads an item of whatever size the device says.
+template <class Item>
+MsgPackStream &s_readSized(MsgPackStream &stream, Item &item)
+{
+    const bool enoughMemory = withinMemory(s_name, [&] {
+        s_readItem(stream, item);
+        return true;
+    });
+    if (!enoughMemory) {
+        s_corrupt(stream);
+    }
+    return stream;
+}
+
+bool s_readAll(QIODevice &device, char *data, qint64 length)
+{
+    while (length > 0) {
+        const qint64 count = device.read(data, length);
+        data += qMax(count, qint64(0));
+        length -= qMax(count, qint64(0));
+        // A device that has nothing and expects nothing would be asked for ever.
+        if (count < 0 || (length > 0 && !device.waitForReadyRead(-1) && count == 0)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool s_writeAll(QIODevice &device, const char *data, qint64 length, bool flush)
+{
+    while (length > 0) {
+        const qint64 count = device.write(data, length);
+        // A device that takes nothing and is not about to would be asked for ever.
+        const bool flushed = count >= 0 && flush && device.waitForBytesWritten(-1);
+        if (count < 0 || (count == 0 && !flushed)) {
+            return false;
+        }
+        data += count;
+        length -= count;
+    }
+    return true;
+}
+
+bool s_writeText(MsgPackStream &stream, const char *text)
+{
+    const uint length = qstrlen(text);
+    const bool compatible = compatibilityMode;
+    const auto size = static_cast<size_t>(pack_string_raw(text, length, 0, false, compatible));
+    const std::unique_ptr<char[]> item(new char[size]);
+    pack_string_raw(text, length, reinterpret_cast<position_t>(item.get()), true, compatible);
+    return stream.writeBytes(item.get(), static_cast<qint64>(size));
+}
+
 } // namespace
 
 MsgPackStream::MsgPackStream(QIODevice *device) : m_device(device) {}
@@ -208,18 +290,11 @@ bool MsgPackStream::readBytes(char *data, qint64 length)
     if (!m_device) {
         return false;
     }
-    while (length > 0) {
-        const qint64 count = m_device->read(data, length);
-        data += qMax(count, qint64(0));
-        length -= qMax(count, qint64(0));
-        // A device that has nothing and expects nothing would be asked for ever.
-        const bool failed = count < 0 || (length > 0 && !m_device->waitForReadyRead(-1) && count == 0);
-        if (failed) {
-            m_status = ReadPastEnd;
-            return false;
-        }
+    const bool read = withinMemory(s_name, [&] { return s_readAll(*m_device, data, length); });
+    if (!read) {
+        m_status = ReadPastEnd;
     }
-    return true;
+    return read;
 }
 
 bool MsgPackStream::writeBytes(const char *data, qint64 length)
@@ -227,18 +302,12 @@ bool MsgPackStream::writeBytes(const char *data, qint64 length)
     if (!isWritable()) {
         return false;
     }
-    while (length > 0) {
-        const qint64 count = m_device->write(data, length);
-        // A device that takes nothing and is not about to would be asked for ever.
-        const bool flushed = count >= 0 && m_flushWrites && m_device->waitForBytesWritten(-1);
-        if (count < 0 || (count == 0 && !flushed)) {
-            m_status = WriteFailed;
-            return false;
-        }
-        data += count;
-        length -= count;
+    const bool written =
+        withinMemory(s_name, [&] { return s_writeAll(*m_device, data, length, m_flushWrites); });
+    if (!written) {
+        m_status = WriteFailed;
     }
-    return true;
+    return written;
 }
 
 bool MsgPackStream::writeExtHeader(quint32 length, qint8 msgpackType)
@@ -328,9 +397,9 @@ MsgPackStream &MsgPackStream::operator<<(const QString &string)
 
 MsgPackStream &MsgPackStream::operator<<(const char *text)
 {
-    const uint length = qstrlen(text);
-    s_writeShort(*this, [=](position_t p) { return pack_string_header(length, p, true); });
-    writeBytes(text, length);
+    if (isWritable() && !withinMemory(s_name, [&] { return s_writeText(*this, text); })) {
+        m_status = WriteFailed;
+    }
     return *this;
 }
 
@@ -406,27 +475,10 @@ MsgPackStream &MsgPackStream::operator>>(double &d)
 
 MsgPackStream &MsgPackStream::operator>>(QByteArray &bytes)
 {
-    quint8 first;
-    quint32 length;
-    QByteArray read;
-    if (s_readNumber<quint8>(*this, first) && s_readLength(*this, first, Bin8, length) &&
-        s_readBytes(*this, length, read)) {
-        bytes = read;
-    }
-    return *this;
+    return s_readSized(*this, bytes);
 }
 
 MsgPackStream &MsgPackStream::operator>>(QString &string)
 {
-    quint8 first;
-    if (!s_readNumber<quint8>(*this, first)) {
-        return *this;
-    }
-    quint32 length = first - Fixstr;
-    QByteArray read;
-    if ((isFixstr(first) || s_readLength(*this, first, Str8, length)) && s_readBytes(*this, length, read) &&
-        (length <= maxStringSize || s_corrupt(*this))) {
-        string = utf8_read(reinterpret_cast<const quint8 *>(read.constData()), read.size());
-    }
-    return *this;
+    return s_readSized(*this, string);
 }

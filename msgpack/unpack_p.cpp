@@ -158,6 +158,13 @@ bool s_isFull(const unpack_context &context)
     return true;
 }
 
+// Whether at least a byte is there for each of `count` elements, but no list holds so many. What runs short
+// is told by decoding it, silently.
+bool s_isTooLong(const quint8 *p, quint32 count, const unpack_context &context)
+{
+    return count > maxListSize && context.end - p >= static_cast<qptrdiff>(count) - 1;
+}
+
 // Counts what the current value takes over from its target. The copies share their memory, but whoever walks
 // over them pays for each: a hundred bytes that double what they hold thirty times would keep the process
 // busy for ever.
@@ -330,6 +337,10 @@ const quint8 *MsgPackPrivate::unpack_array_len(QVariant &v, const quint8 *p, qui
                                                unpack_context &context)
 {
     if (s_isFull(context)) {
+        return nullptr;
+    }
+    if (s_isTooLong(p, count, context)) {
+        qWarning() << "MsgPack::unpack() can't unpack more than" << maxListSize << "elements of an array";
         return nullptr;
     }
     ++context.nesting;

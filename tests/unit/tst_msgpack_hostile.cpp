@@ -2,6 +2,7 @@
 #include "msgpack/msgpack.h"
 #include "tests/unit/allocationcounter.h"
 #include "tests/unit/logcollector.h"
+#include "tests/unit/manyzeros.h"
 #include "tests/unit/variantnotation.h"
 
 #include <QDebug>
@@ -10,10 +11,7 @@
 #include <QVector>
 #include <QtTest>
 
-#include <cstring>
 #include <functional>
-
-#include <sys/mman.h>
 
 using Bytes = QByteArray;
 
@@ -46,6 +44,8 @@ private slots:
     void announcedNumberBeforeALargeInput();
     void textsBeyondWhatQtHolds_data();
     void textsBeyondWhatQtHolds();
+    void listsBeyondWhatQtHolds_data();
+    void listsBeyondWhatQtHolds();
 
     // Cost by size
     void costGrowsWithTheInput_data();
@@ -381,38 +381,6 @@ void TestMsgPackHostile::announcedNumberBeforeALargeInput()
     s_checkCost(header + Bytes(4000000, '\xC0'), m_log);
 }
 
-// `header` and `count` zeros. They take no memory: the kernel has one page for all that nobody wrote to.
-class ManyZeros
-{
-public:
-    ManyZeros(const Bytes &header, size_t count)
-        : m_size(static_cast<size_t>(header.size()) + count),
-          m_memory(mmap(nullptr, m_size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE,
-                        -1, 0))
-    {
-        if (isThere()) {
-            std::memcpy(m_memory, header.constData(), static_cast<size_t>(header.size()));
-        }
-    }
-    ~ManyZeros()
-    {
-        if (isThere()) {
-            munmap(m_memory, m_size);
-        }
-    }
-    Q_DISABLE_COPY(ManyZeros)
-
-    bool isThere() const { return m_memory != MAP_FAILED; }
-    Bytes bytes() const
-    {
-        return Bytes::fromRawData(static_cast<const char *>(m_memory), static_cast<int>(m_size));
-    }
-
-private:
-    size_t m_size;
-    void *m_memory;
-};
-
 void TestMsgPackHostile::textsBeyondWhatQtHolds_data()
 {
     QTest::addColumn<QByteArray>("header");
@@ -434,6 +402,34 @@ void TestMsgPackHostile::textsBeyondWhatQtHolds()
     const AllocationCounter allocated;
     QVERIFY(!MsgPack::unpack(zeros.bytes()).isValid());
     QVERIFY2(allocated.bytes() < s_fixedBytes, qPrintable(QString::number(allocated.bytes())));
+}
+
+void TestMsgPackHostile::listsBeyondWhatQtHolds_data()
+{
+    QTest::addColumn<QByteArray>("header");
+    QTest::addColumn<uint>("size");
+
+    QTest::newRow("list") << s_hex("dd10000000") << 0x10000000U;
+    QTest::newRow("of bytes to its end") << s_hex("dd7fffff00") << 0x7fffff00U;
+    QTest::newRow("and something behind it") << s_hex("dd10000000") << 0x10000001U;
+    QTest::newRow("element") << s_hex("92c3dd10000000") << 0x10000000U;
+    QTest::newRow("value of a map") << s_hex("81a161dd10000000") << 0x10000000U;
+    QTest::newRow("key of a map") << s_hex("81dd10000000") << 0x10000001U;
+    QTest::newRow("behind another value") << s_hex("05dd10000000") << 0x10000000U;
+}
+
+// All of it is there, and nothing of it is decoded.
+void TestMsgPackHostile::listsBeyondWhatQtHolds()
+{
+    QFETCH(QByteArray, header);
+    QFETCH(uint, size);
+    const ManyZeros zeros(header, size);
+    QVERIFY(zeros.isThere());
+    const AllocationCounter allocated;
+    QVERIFY(!MsgPack::unpack(zeros.bytes()).isValid());
+    QVERIFY2(allocated.bytes() < s_fixedBytes, qPrintable(QString::number(allocated.bytes())));
+    QCOMPARE(m_log.take(),
+             QStringList{"warning: MsgPack::unpack() can't unpack more than 268435447 elements of an array"});
 }
 
 void TestMsgPackHostile::costGrowsWithTheInput_data()
