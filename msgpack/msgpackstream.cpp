@@ -273,6 +273,9 @@ MsgPackStream::~MsgPackStream()
 
 void MsgPackStream::setDevice(QIODevice *device)
 {
+    if (device == m_device) {
+        return;
+    }
     if (m_ownsDevice) {
         delete m_device;
     }

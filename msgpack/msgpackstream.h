@@ -29,7 +29,8 @@ public:
     virtual ~MsgPackStream();
     Q_DISABLE_COPY(MsgPackStream)
 
-    // Goes on with a device of the caller, or with none. The buffer of a byte array is gone then.
+    // Goes on with a device of the caller, or with none. The buffer of a byte array is gone then; unless it
+    // is this very device, with which nothing changes.
     void setDevice(QIODevice *device);
     QIODevice *device() const { return m_device; }
     // Also true without a device.
