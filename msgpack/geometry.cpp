@@ -12,11 +12,11 @@ using namespace MsgPackPrivate;
 namespace
 {
 
-// A byte alone for the default, or `count` integers of 1 to 5 bytes.
+// A byte alone for the default, or `count` integers of any format: 1 to 9 bytes.
 template <int count>
 bool s_isLength(quint32 length)
 {
-    return length == 1 || (length >= count && length <= 5 * count);
+    return length == 1 || (length >= count && length <= 9 * count);
 }
 
 template <int count, class T>
