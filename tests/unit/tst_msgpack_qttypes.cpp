@@ -65,7 +65,9 @@ private:
 
 void TestMsgPackQtTypes::initTestCase()
 {
-    qputenv("TZ", "UTC");
+    // Away from UTC, so that it can't pass for local time.
+    qputenv("TZ", "VST-5:30");
+    tzset();
 }
 
 void TestMsgPackQtTypes::init()
@@ -261,6 +263,7 @@ void TestMsgPackQtTypes::zonesAreNotCarried()
     }
     const QDateTime back = unpack_qdatetime(Bytes::fromHex("07e835a51e")).toDateTime();
     QCOMPARE(back.timeSpec(), Qt::LocalTime);
+    QCOMPARE(back.offsetFromUtc(), 5 * 3600 + 1800);
     QCOMPARE(back.date(), date);
     QCOMPARE(back.time(), time);
 }

@@ -26,6 +26,7 @@ class TestMsgPackStream : public QObject
     Q_OBJECT
 
 private slots:
+    void initTestCase();
     void init();
     void cleanup();
 
@@ -36,11 +37,16 @@ private slots:
     // Happy
     void isPolymorphic();
     void construction();
+    void arrayIsOpenedInTheModeGiven_data();
+    void arrayIsOpenedInTheModeGiven();
     void byteArrayIsCopied();
     void arrayOfTheCaller();
     void ownedDeviceIsDeleted();
     void deviceOfTheCallerIsKept();
+    void ownedDeviceSetAgainChangesNothing();
     void flags();
+    void statusOutlivesTheDevice_data();
+    void statusOutlivesTheDevice();
     void writtenBytes_data();
     void writtenBytes();
     void rawBytes();
@@ -53,12 +59,18 @@ private slots:
     void qtValues_data();
     void qtValues();
     void qtValueTakesAnyTypeNumber();
+    void qtValuesOfWideNumbers_data();
+    void qtValuesOfWideNumbers();
+    void qtValuesAreReadWhateverTheStatus();
     void flushedWritesWait();
+    void flushedWritesGoOnWhenWaitingFails();
     void unflushedWritesDoNotWait();
     void waitsForBytesWithoutTimeOut();
 
     // Rainy
     void withoutADevice();
+    void qtValuesWithoutADevice();
+    void boolIsTrueForOneByteOnly();
     void everyReaderOnEveryFirstByte_data();
     void everyReaderOnEveryFirstByte();
     void numbersOutsideTheTargetsRange_data();
@@ -75,6 +87,7 @@ private slots:
     void readOnlyDeviceFailsWrites();
     void extHeaderOnEveryFirstByte();
     void extHeaderOnEveryCut();
+    void extHeaderNeedsTwoBytes();
     void qtValuesOfWrongLength_data();
     void qtValuesOfWrongLength();
     void announcedLengthTakesNoMemory_data();
@@ -104,6 +117,7 @@ public:
     int writes = 0;
     QList<int> readWaits; // the time-outs that were asked for
     QList<int> writeWaits;
+    bool isWaitSuccessful = true; // what waiting for written bytes tells
 
     bool isSequential() const override { return true; }
     qint64 bytesAvailable() const override { return available.size() + QIODevice::bytesAvailable(); }
@@ -122,7 +136,7 @@ public:
     bool waitForBytesWritten(int msecs) override
     {
         writeWaits << msecs;
-        return true;
+        return isWaitSuccessful;
     }
 
 protected:
@@ -238,6 +252,13 @@ static void s_registerQtTypes()
     QVERIFY(registered);
 }
 
+void TestMsgPackStream::initTestCase()
+{
+    // Away from UTC, so that it can't pass for local time.
+    qputenv("TZ", "VST-5:30");
+    tzset();
+}
+
 void TestMsgPackStream::init()
 {
     m_log.start();
@@ -301,6 +322,29 @@ void TestMsgPackStream::construction()
     Bytes bytes;
     const MsgPackStream onArray(&bytes, QIODevice::ReadWrite);
     QCOMPARE(onArray.device()->openMode() & QIODevice::ReadWrite, QIODevice::ReadWrite);
+}
+
+void TestMsgPackStream::arrayIsOpenedInTheModeGiven_data()
+{
+    QTest::addColumn<int>("mode");
+    QTest::newRow("reading") << int(QIODevice::ReadOnly);
+    QTest::newRow("writing") << int(QIODevice::WriteOnly);
+    QTest::newRow("both") << int(QIODevice::ReadWrite);
+    QTest::newRow("at the end") << int(QIODevice::WriteOnly | QIODevice::Append);
+    QTest::newRow("anew") << int(QIODevice::WriteOnly | QIODevice::Truncate);
+    QTest::newRow("as text") << int(QIODevice::ReadOnly | QIODevice::Text);
+}
+
+void TestMsgPackStream::arrayIsOpenedInTheModeGiven()
+{
+    QFETCH(int, mode);
+    const QIODevice::OpenMode given(mode);
+    Bytes bytes("x");
+    QBuffer expected;
+    QVERIFY(expected.open(given));
+    const MsgPackStream stream(&bytes, given);
+    QCOMPARE(stream.device()->openMode(), expected.openMode());
+    QCOMPARE(bytes, Bytes(given.testFlag(QIODevice::Truncate) ? "" : "x"));
 }
 
 void TestMsgPackStream::byteArrayIsCopied()
@@ -387,6 +431,49 @@ void TestMsgPackStream::deviceOfTheCallerIsKept()
     delete second;
 }
 
+void TestMsgPackStream::ownedDeviceSetAgainChangesNothing()
+{
+    QPointer<QIODevice> owned;
+    {
+        MsgPackStream stream(s_hex("0102"));
+        owned = stream.device();
+        int number = 0;
+        stream >> number;
+        stream.setDevice(stream.device());
+        QCOMPARE(stream.device(), owned.data());
+        stream >> number;
+        QCOMPARE(number, 2);
+        QCOMPARE(stream.status(), 0);
+    }
+    QVERIFY(!owned); // still the stream's own
+}
+
+void TestMsgPackStream::statusOutlivesTheDevice_data()
+{
+    QTest::addColumn<int>("status");
+    QTest::newRow("read past end") << 1;
+    QTest::newRow("corrupt data") << 2;
+    QTest::newRow("write failed") << 3;
+}
+
+void TestMsgPackStream::statusOutlivesTheDevice()
+{
+    QFETCH(int, status);
+    ScriptedDevice device;
+    MsgPackStream stream(Bytes("x"));
+    stream.setStatus(status);
+    stream.setDevice(&device);
+    QCOMPARE(stream.status(), status);
+    stream << 1;
+    QCOMPARE(device.writes, 0);
+    stream.setDevice(nullptr);
+    QCOMPARE(stream.status(), status);
+    stream.resetStatus();
+    stream.setDevice(&device);
+    stream << 1;
+    QCOMPARE(device.writes, 1);
+}
+
 void TestMsgPackStream::flags()
 {
     MsgPackStream stream;
@@ -451,6 +538,9 @@ void TestMsgPackStream::writtenBytes_data()
     same("text of 31", s_writer(QString(31, QLatin1Char('x'))), "bf" + x31);
     same("text of 256", s_writer(QString(256, QLatin1Char('x'))), "da0100" + x256);
     QTest::newRow("text of 32") << s_writer(QString(32, QLatin1Char('x'))) << "d920" + x32 << "da0020" + x32;
+    static const Bytes rawText(65536, 'x');
+    same("raw text of 31", s_writer<const char *>(rawText.constData() + 65536 - 31), "bf" + x31);
+    same("raw text of 256", s_writer<const char *>(rawText.constData() + 65536 - 256), "da0100" + x256);
     QTest::newRow("raw text of 32") << s_writer<const char *>("xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx")
                                     << "d920" + x32 << "da0020" + x32;
     QTest::newRow("empty bytes") << s_writer(Bytes()) << Bytes("c400") << Bytes("d900");
@@ -680,6 +770,20 @@ void TestMsgPackStream::flushedWritesWait()
     QCOMPARE(device.writeWaits.size(), device.writes - 3);
 }
 
+// Only the device's answer to a write tells whether that failed.
+void TestMsgPackStream::flushedWritesGoOnWhenWaitingFails()
+{
+    ScriptedDevice device;
+    device.isWaitSuccessful = false;
+    MsgPackStream stream(&device);
+    stream.setFlushWrites(true);
+    QVERIFY(stream.writeBytes("abc", 3));
+    stream << 5 << QStringLiteral("x");
+    QCOMPARE(stream.status(), 0);
+    QCOMPARE(device.written, Bytes("abc\x05\xA1x"));
+    QCOMPARE(device.writeWaits.size(), 6);
+}
+
 void TestMsgPackStream::unflushedWritesDoNotWait()
 {
     ScriptedDevice device;
@@ -782,6 +886,100 @@ void TestMsgPackStream::qtValueTakesAnyTypeNumber()
         stream >> time;
         QCOMPARE(stream.status(), 0);
         QCOMPARE(time, QTime(10, 20, 30));
+    }
+}
+
+// A number may stand in any format, in up to nine bytes.
+void TestMsgPackStream::qtValuesOfWideNumbers_data()
+{
+    QTest::addColumn<QByteArray>("numbers");
+    QTest::addColumn<QPoint>("expected");
+
+    QTest::newRow("64 bits") << Bytes("d30000000000000001cf0000000000000002") << QPoint(1, 2);
+    QTest::newRow("64 and 8 bits") << Bytes("d3ffffffff80000000d0ff") << QPoint(-2147483647 - 1, -1);
+    QTest::newRow("fixint and 64 bits") << Bytes("01cf000000007fffffff") << QPoint(1, 2147483647);
+    QTest::newRow("32 and 64 bits") << Bytes("ce00000001d3fffffffffffffffe") << QPoint(1, -2);
+}
+
+template <class T>
+static T s_readQtValue(const Bytes &numbers, const T &before)
+{
+    MsgPackStream stream("\xC7" + Bytes(1, static_cast<char>(numbers.size())) + '\x63' + numbers);
+    T value = before;
+    stream >> value;
+    return stream.status() == MsgPackStream::Ok && stream.atEnd() ? value : before;
+}
+
+void TestMsgPackStream::qtValuesOfWideNumbers()
+{
+    QFETCH(QByteArray, numbers);
+    QFETCH(QPoint, expected);
+    const Bytes pair = Bytes::fromHex(numbers);
+    QCOMPARE(s_readQtValue(pair, QPoint(9, 9)), expected);
+    QCOMPARE(s_readQtValue(pair, QSize(9, 9)), QSize(expected.x(), expected.y()));
+    QCOMPARE(s_readQtValue(pair + pair, QRect(9, 9, 9, 9)), QRect(expected, expected));
+}
+
+// Reads one value of each Qt type, all with extension headers and payloads that are fine.
+static QVariantList s_readQtValues(MsgPackStream &stream)
+{
+    QTime time(9, 9);
+    QDate date(1999, 9, 9);
+    QDateTime dateTime(QDate(1999, 9, 9), QTime(9, 9));
+    QPoint point(9, 9);
+    QSize size(9, 9);
+    QRect rectangle(9, 9, 9, 9);
+    stream >> time >> date >> dateTime >> point >> size >> rectangle;
+    return {time, date, dateTime, point, size, rectangle};
+}
+
+void TestMsgPackStream::qtValuesAreReadWhateverTheStatus()
+{
+    const Bytes bytes = s_hex("d563a51e"
+                              "c7036307e835"
+                              "c7056307e835a51e"
+                              "d56301ff"
+                              "d5630102"
+                              "d66301020304");
+    const QVariantList expected{
+        QTime(10, 20, 30), QDate(2024, 3, 5), QDateTime(QDate(2024, 3, 5), QTime(10, 20, 30)),
+        QPoint(1, -1),     QSize(1, 2),       QRect(QPoint(1, 2), QPoint(3, 4))};
+    for (const int status : {0, 1, 2, 3}) {
+        MsgPackStream stream(bytes);
+        stream.setStatus(status);
+        QCOMPARE(s_readQtValues(stream), expected);
+        QCOMPARE(stream.status(), status);
+        QVERIFY(stream.atEnd());
+    }
+}
+
+void TestMsgPackStream::qtValuesWithoutADevice()
+{
+    const QVariantList before{QTime(9, 9),  QDate(1999, 9, 9), QDateTime(QDate(1999, 9, 9), QTime(9, 9)),
+                              QPoint(9, 9), QSize(9, 9),       QRect(9, 9, 9, 9)};
+    for (const int status : {0, 1, 2, 3}) {
+        MsgPackStream stream;
+        stream.setStatus(status);
+        QCOMPARE(s_readQtValues(stream), before);
+        QCOMPARE(stream.status(), status);
+    }
+}
+
+void TestMsgPackStream::boolIsTrueForOneByteOnly()
+{
+    for (const bool before : {false, true}) {
+        for (int byte = 0; byte < 256; ++byte) {
+            MsgPackStream stream(Bytes(1, static_cast<char>(byte)));
+            bool value = before;
+            stream >> value;
+            QCOMPARE(value, byte == 0xC3);
+            QCOMPARE(stream.status(), byte == 0xC2 || byte == 0xC3 ? 0 : 2);
+        }
+        MsgPackStream nothing{Bytes()};
+        bool value = before;
+        nothing >> value;
+        QCOMPARE(value, before);
+        QCOMPARE(nothing.status(), 1);
     }
 }
 
@@ -1197,6 +1395,18 @@ void TestMsgPackStream::extHeaderOnEveryCut()
     }
 }
 
+// The type byte belongs to it: a byte alone is too short for a header, whatever it is.
+void TestMsgPackStream::extHeaderNeedsTwoBytes()
+{
+    for (int first = 0; first < 256; ++first) {
+        MsgPackStream stream(Bytes(1, static_cast<char>(first)));
+        quint32 length = 42;
+        QVERIFY(!stream.readExtHeader(length));
+        QCOMPARE(stream.status(), 1);
+        QCOMPARE(length, 42U);
+    }
+}
+
 void TestMsgPackStream::qtValuesOfWrongLength_data()
 {
     QTest::addColumn<QVariant>("before");
@@ -1214,9 +1424,9 @@ void TestMsgPackStream::qtValuesOfWrongLength_data()
     rows("time", QTime(9, 9), {0, 3, 5, 255});
     rows("date", QDate(1999, 9, 9), {0, 2, 4, 255});
     rows("date-time", QDateTime(QDate(1999, 9, 9), QTime(9, 9)), {0, 2, 3, 4, 6, 8, 255});
-    rows("point", QPoint(9, 9), {0, 255});
-    rows("size", QSize(9, 9), {0, 255});
-    rows("rectangle", QRect(9, 9, 9, 9), {0, 2, 3, 255});
+    rows("point", QPoint(9, 9), {0, 19, 255});
+    rows("size", QSize(9, 9), {0, 19, 255});
+    rows("rectangle", QRect(9, 9, 9, 9), {0, 2, 3, 37, 255});
 
     const QVariant point = QPoint(9, 9);
     QTest::newRow("point of one number") << point << Bytes("d563cc01");

@@ -6,6 +6,7 @@
 
 #include <QtTest>
 
+#include <algorithm>
 #include <limits>
 
 using Bytes = QByteArray;
@@ -33,6 +34,7 @@ private slots:
 
     // Happy
     void typeNumbers();
+    void orderOfRegistration();
     void payloads_data();
     void payloads();
     void texts_data();
@@ -88,6 +90,17 @@ void TestTypedArrays::typeNumbers()
     QCOMPARE(int(MsgPack::msgpackType(qMetaTypeId<QVector<int>>())), 21);
     QCOMPARE(int(MsgPack::msgpackType(qMetaTypeId<QVector<unsigned int>>())), 22);
     QCOMPARE(int(MsgPack::msgpackType(qMetaTypeId<QVector<float>>())), 23);
+}
+
+// Qt gives its types ascending numbers as they come to be known: these tell in which order that was.
+void TestTypedArrays::orderOfRegistration()
+{
+    const QVector<int> metatypes{qMetaTypeId<QVector<signed char>>(), qMetaTypeId<QVector<unsigned char>>(),
+                                 qMetaTypeId<QVector<short>>(),       qMetaTypeId<QVector<unsigned short>>(),
+                                 qMetaTypeId<QVector<int>>(),         qMetaTypeId<QVector<unsigned int>>(),
+                                 qMetaTypeId<QVector<float>>()};
+    QVERIFY(std::is_sorted(metatypes.cbegin(), metatypes.cend()));
+    QVERIFY(metatypes.first() >= int(QMetaType::User));
 }
 
 void TestTypedArrays::payloads_data()
