@@ -13,7 +13,9 @@
 // leaves its target as it was. Without a device nothing is done and the status stays as it is.
 //
 // Reading and writing block until the device has delivered or taken all bytes, or fails. Memory is taken for
-// bytes that arrived, not for lengths that were announced. One thread at a time; the device's.
+// bytes that arrived, not for lengths that were announced. When it runs out, which is logged as a warning, an
+// item read is corrupt and one written has failed; a device that ran out of it has failed. One thread at a
+// time; the device's.
 class MsgPackStream
 {
 public:

@@ -16,6 +16,7 @@
 #include <cstring>
 #include <functional>
 #include <limits>
+#include <new>
 #include <type_traits>
 
 using Bytes = QByteArray;
@@ -85,6 +86,7 @@ private slots:
     void nothingIsWrittenWhileTheStatusIsBad_data();
     void nothingIsWrittenWhileTheStatusIsBad();
     void readOnlyDeviceFailsWrites();
+    void deviceThatRunsOutOfMemory();
     void extHeaderOnEveryFirstByte();
     void extHeaderOnEveryCut();
     void extHeaderNeedsTwoBytes();
@@ -160,6 +162,17 @@ protected:
         written.append(data, taken);
         return taken;
     }
+};
+
+// A device that runs out of memory.
+class GreedyDevice : public QIODevice
+{
+public:
+    GreedyDevice() { open(QIODevice::ReadWrite | QIODevice::Unbuffered); }
+
+protected:
+    qint64 readData(char *, qint64) override { throw std::bad_alloc(); }
+    qint64 writeData(const char *, qint64) override { throw std::bad_alloc(); }
 };
 
 // One operator>>: reads into a target that holds something before, and tells what it holds after.
@@ -1367,6 +1380,25 @@ void TestMsgPackStream::readOnlyDeviceFailsWrites()
     stream << 1;
     QCOMPARE(stream.status(), 3);
     QCOMPARE(m_log.take(), QStringList{"warning: QIODevice::write (QBuffer): ReadOnly device"});
+}
+
+void TestMsgPackStream::deviceThatRunsOutOfMemory()
+{
+    const QStringList line{"warning: MsgPackStream has run out of memory"};
+    GreedyDevice device;
+    for (const Reader &reader : s_readers()) {
+        MsgPackStream stream(&device);
+        QCOMPARE(reader.read(stream), reader.before);
+        QCOMPARE(stream.status(), 1);
+        QCOMPARE(m_log.take(), line);
+    }
+    for (const Writer &write : {s_writer(true), s_writer(5), s_writer<const char *>("x"),
+                                s_writer(QStringLiteral("x")), s_writer(Bytes("x"))}) {
+        MsgPackStream stream(&device);
+        write(stream);
+        QCOMPARE(stream.status(), 3);
+        QCOMPARE(m_log.take(), line);
+    }
 }
 
 void TestMsgPackStream::extHeaderOnEveryFirstByte()
