@@ -9,9 +9,9 @@
 // few leaves that never fill take all the memory there is.
 //
 // The room is counted in bytes of the arrays' blocks as they grow, with the place for readings still to come,
-// so it is what the memory holds: 65 MiB when the room is used up by one array or by a thousand, and 49 MiB by
-// tens of thousands (an array has a header of 24 bytes). Blocks double, but not beyond "@flushSize": arrays
-// whose full sizes add up to no more than the room always have it.
+// so it is what the memory holds: 65 MiB when the room is used up by one array or by a thousand, and 49 MiB
+// by tens of thousands (an array has a header of 24 bytes). Blocks double, but not beyond "@flushSize":
+// arrays whose full sizes add up to no more than the room always have it.
 class GatheringRoom
 {
 public:

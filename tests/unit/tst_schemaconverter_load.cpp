@@ -31,6 +31,7 @@ private slots:
     void everyMemberOfALeafAddsACopy();
     void dumpWritesTheDocument_data();
     void dumpWritesTheDocument();
+    void membersAreVisitedInTheOrderOfQString();
     void dumpOfALargeDocumentIsCut();
     void loadsFromAFile();
 
@@ -306,6 +307,30 @@ void TestSchemaConverterLoad::dumpWritesTheDocument()
     LogScope log;
     converter.dump();
     QCOMPARE(log.lines(), QStringList{"debug: " + expected});
+}
+
+// QJsonObject orders names by how it stores them, QString by UTF-16: half a character, from an escape, comes
+// before U+E1B6 and not behind it.
+void TestSchemaConverterLoad::membersAreVisitedInTheOrderOfQString()
+{
+    const QString half(QChar(0xDA9E));
+    const QString whole = QString::fromUtf8("\xee\x86\xb6");
+    const QJsonDocument document =
+        s_json("{\"x\": {\"@mac\": 1, \"@format\": \"C\",\"\xee\x86\xb6\": 0, \"\\uda9e\": {\"@mac\": 1, "
+               "\"@format\": \"C\", \"\xee\x86\xb6\": {\"@mac\": 1}, \"\\uda9e\": {\"@mac\": 1}}}}");
+    QVERIFY(document.isObject());
+    SchemaConverter converter;
+    converter.loadSchema(document);
+    // The last member of "x" is no object, so the last copy of "x" writes over the leaf inside of it.
+    converter.insertFrame(VEKEndpoint(1, 0, false), s_hex("05"));
+    QCOMPARE(converter.takeVariantToSend(false), QVariant(QVariantMap{{"x", 5}}));
+
+    const QJsonDocument branches = s_json("{\"\xee\x86\xb6\": {\"@mac\": 1, \"@format\": \"C\"}, "
+                                          "\"\\uda9e\": {\"@mac\": 2, \"@format\": \"C\"}}");
+    converter.loadSchema(branches);
+    LogScope log;
+    QCOMPARE(converter.toVEKFrames(QVariantMap{{half, 1}, {whole, 2}}).size(), 2);
+    QCOMPARE(log.lines("warning"), QStringList());
 }
 
 void TestSchemaConverterLoad::dumpOfALargeDocumentIsCut()
