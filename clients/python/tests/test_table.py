@@ -16,7 +16,7 @@ def floats(*values):
 
 
 @pytest.mark.parametrize("value, text", [
-    (5, "5"), (True, "true"), ("x", '"x"'), (0.1, "0.1"), (3.9300000667572, "3.93"), (float("nan"), "nan"),
+    (5, "5"), (True, "true"), ("x", '"x"'), (0.1, "0.1"), (3.930000066757202, "3.93"), (float("nan"), "nan"),
     (floats(), "[]"), (floats(1, 2), "▁█  2 × … 2"), (floats(3, 3, 3), "▁▁▁  3 × … 3"),
 ], ids=str)
 def test_shown(value, text):

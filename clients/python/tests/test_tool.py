@@ -126,7 +126,7 @@ def test_watch_until_told_to_end(bridge, tool, number):
 
 
 def test_set(bridge, tool):
-    assert tool("set", "motor.setpoint", "-2", "--schema", MACHINE) == (0, "motor.setpoint = -2 sent\n", "")
+    assert tool("set", "motor.setpoint", "-2", "--schema", MACHINE) == (0, "motor.setpoint = -2 sent: raw -2\n", "")
     assert bridge.heard() == [(5, 3, "fe ff")]
 
 
@@ -136,12 +136,19 @@ def test_set(bridge, tool):
     ("motor.nosuch", "1", "motor.nosuch: does not exist in the schema"),
     ("motor", "1", 'motor: is a group of values, not a value: "speed", "current", "enabled", "setpoint"'),
     ("", "1", "the root: values are written as a map from names, not as a value of its own"),
-    ("motor.setpoint", "9" * 400, f"motor.setpoint: takes a finite number, not {37 * '9'}..."),
+    ("motor.setpoint", "9" * 400, "motor.setpoint: Infinity is outside of -32768 to 65535"),
     ("motor.setpoint", "[" * 9999, f'motor.setpoint: takes a number, not "{36 * "["}...'),
 ], ids=["read-only", "text", "unknown", "a group", "the root", "beyond any number", "nested without end"])
 def test_set_refuses(bridge, tool, path, value, message):
     assert tool("set", path, value, "--schema", MACHINE) == (1, "", f"vorbel-cli: Not written: {message}\n")
     assert bridge.heard(timeout=0.2) == []
+
+
+def test_set_says_what_went_out(bridge, tool, schema_file):
+    schema = schema_file({"volt": {**LEAF, "@factor": 100}})
+    assert tool("set", "volt", "0.53", "--schema", schema) == (0, "volt = 0.53 sent: raw 53\n", "")
+    assert tool("set", "volt", "0.539", "--schema", schema) == (0, "volt = 0.539 sent: raw 54, which is 0.54\n", "")
+    assert bridge.heard(2) == [(5, 2, "35 00"), (5, 2, "36 00")]
 
 
 def test_set_without_the_check(bridge, tool):
@@ -150,14 +157,14 @@ def test_set_without_the_check(bridge, tool):
 
 
 def test_schema_check(tool, schema_file):
-    path = schema_file({"a": {**LEAF, "@skp": 1}, "b": {**LEAF, "@format": "float"}, "c": LEAF})
+    path = schema_file({"a": {**LEAF, "@skp": 1}, "b": {**LEAF, "@cmd": 3, "@format": "float"}, "c": LEAF})
     status, output, errors = tool("schema", "check", path)
     assert (status, errors) == (1, "")
     assert output.splitlines() == [
         'a: "@skp" is no option (did you mean "@skip"?); the daemon ignores it',
         'b: warning: only the first character of "@format" counts: "float" is "f"',
-        "c: overlaps b: both use bytes 0 to 1 of mac 5, cmd 2",
-        f"{path}: 3 leaves on 1 endpoints, 2 errors, 1 warnings",
+        "c: warning: overlaps a: both use bytes 0 to 1 of mac 5, cmd 2; written together, one destroys the other",
+        f"{path}: 3 leaves on 2 endpoints, 1 errors, 2 warnings",
     ]
 
 
@@ -169,7 +176,7 @@ def test_schema_that_is_no_json(tool, schema_file):
     path = schema_file("{")
     status, output, errors = tool("watch", "--schema", path)
     assert (status, output) == (1, "")
-    assert errors == (f"vorbel-cli: {path} is not JSON: line 1, column 2: "
+    assert errors == (f"vorbel-cli: The schema {path} was not sent:\n  the root: is no JSON: line 1, column 2: "
                       "Expecting property name enclosed in double quotes\n")
 
 
@@ -187,6 +194,27 @@ def test_watch_piped(bridge, tool):
     assert abs(time.mktime(time.strptime(lines[0][0][:19], "%Y-%m-%dT%H:%M:%S")) - time.time()) < 10
     process.send_signal(signal.SIGINT)
     assert process.communicate(timeout=10) == ("", "") and process.returncode == 0
+
+
+def test_values_have_the_digits_that_their_factor_justifies(bridge, tool, schema_file):
+    schema = schema_file({"a": {**LEAF, "@factor": 10}, "b": {**LEAF, "@cmd": 3, "@factor": 10, "@flushSize": 2}})
+    process = tool.start("watch", "--schema", schema)
+    bridge.daemon.wait_for("info Received schema: .*")
+    bridge.say(5, 2, "09 00")
+    bridge.say(5, 3, "09 00", "14 00")
+    lines = [process.stdout.readline().rstrip("\n").split("\t")[1:] for _ in range(2)]
+    assert lines == [["a", "0.9"], ["b", "[0.9, 2.0]"]]
+
+
+def test_watch_once_expects_the_digits_that_are_shown(bridge, tool, schema_file):
+    schema = schema_file({"a": {**LEAF, "@factor": 10}})
+    process = tool.start("watch", "--schema", schema, "--once", "1.5", "--expect", "a=0.9")
+    bridge.daemon.wait_for("info Received schema: .*")
+    for _ in range(2):  # what comes before all has been written is not compared
+        bridge.say(5, 2, "09 00")
+        time.sleep(0.3)
+    output = process.communicate(timeout=20)[0]
+    assert "\n  a  0.9  +0/s\n" in output and process.returncode == 0
 
 
 def test_watch_into_a_pipe_that_closes(machine, tool):
@@ -215,7 +243,7 @@ def test_watch_once(machine, tool):
     lines = output.splitlines()
     assert lines[:2] == ["hello: type unknown", "schema: sent, 11 leaves"]
     assert any(line.startswith("  battery.cells.a  ") for line in lines)
-    assert lines[-3] == "set motor.setpoint = 1200: sent"
+    assert lines[-3] == "motor.setpoint = 1200 sent: raw 1200"
     assert lines[-2].startswith("expected motor.speed = 1200 ± 60: seen after ")
     assert lines[-1].startswith("expected motor.enabled = true: seen after ")
     assert (status, errors) == (0, "")

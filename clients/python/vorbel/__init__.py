@@ -9,9 +9,11 @@ The protocol is described in docs/protocol.md, the library in clients/python/REA
 """
 
 from .client import Client, Disconnected, Hello, Undecodable, Values, connect
-from .errors import ConnectError, SchemaError, VorbelError, WriteError
-from .schema import Problem, check, load_schema
+from .checks import check, check_text
+from .errors import ConnectError, Problem, SchemaError, VorbelError, WriteError
+from .schema import load_schema
+from .writing import Written
 
 __all__ = ["Client", "ConnectError", "Disconnected", "Hello", "Problem", "SchemaError", "Undecodable", "Values",
-           "VorbelError", "WriteError", "check", "connect", "load_schema"]
+           "VorbelError", "WriteError", "Written", "check", "check_text", "connect", "load_schema"]
 __version__ = "0.1.0"

@@ -10,7 +10,7 @@ import signal
 import sys
 import time
 
-from . import client as clients, commands, once, paths, plotting, schema as schemas, table
+from . import checks, client as clients, commands, once, paths, plotting, schema as schemas, table
 from .client import connect
 from .errors import VorbelError
 from .recording import Recorder
@@ -81,9 +81,9 @@ async def watch(options) -> int:
 async def set_value(options) -> int:
     async with _connect(options) as client:
         value = commands.parse_value(options.value)
-        await client.set(options.path, value)
+        written = await client.set(options.path, value)
         await client.confirmed()
-    print(f"{paths.shown(options.path)} = {table.shown(value)} sent")
+    print(commands.sent_text(options.path, value, written))
     return 0
 
 
@@ -96,13 +96,13 @@ async def hello(options) -> int:
 
 
 async def schema_check(options) -> int:
-    schema = schemas.load_schema(options.file)
-    problems = schemas.check(schema)
+    text = schemas.read(options.file)
+    problems = checks.check_text(text)
     for problem in problems:
         print(problem)
-    errors = sum(problem.error for problem in problems)
-    leaves = schemas.leaves(schema)
-    endpoints = {(json.dumps(leaf["@mac"]), json.dumps(leaf.get("@cmd"))) for leaf in leaves.values()}
+    errors = sum(problem.is_error for problem in problems)
+    leaves = schemas.leaves(schemas.parse(text)[0]).values()
+    endpoints = {(json.dumps(leaf.mac), json.dumps(leaf.cmd)) for leaf in leaves}
     print(f"{options.file}: {len(leaves)} leaves on {len(endpoints)} endpoints, "
           f"{errors} errors, {len(problems) - errors} warnings")
     return 1 if errors else 0
@@ -197,7 +197,7 @@ def _connect(options):
     """The client for the options; warnings about its schema are told."""
     client = connect(options.address, schema=options.schema, check=options.check, timeout=options.timeout)
     if options.check and client.schema is not None:
-        for warning in schemas.check(client.schema):
+        for warning in checks.check(client.schema):
             say(str(warning))
     # From here on being told to end is as good as Ctrl-C: files are closed, the terminal is as it was.
     asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, asyncio.current_task().cancel)
@@ -228,7 +228,8 @@ async def _watch_plain(session) -> int:
             when = _local_time(event.time)
             for path, value in event.flat().items():
                 if session.filter in path:
-                    print(when, paths.shown(path), json.dumps(table.plain(value), ensure_ascii=False), sep="\t")
+                    plain = table.plain(value, session.leaf(path))
+                    print(when, paths.shown(path), json.dumps(plain, ensure_ascii=False), sep="\t")
             sys.stdout.flush()
     return 0
 
@@ -244,7 +245,7 @@ async def _watch_once(options) -> int:
         session = commands.Session(client, note=say)
         look = once.Look(session, assignments, expectations)
         await look.follow(options.once)
-        lines, well = once.report(session, look, expectations, assignments, options.once)
+        lines, well = once.report(session, look, expectations, options.once)
     print("\n".join(lines))
     return 0 if well else 1
 

@@ -9,14 +9,16 @@ import os
 import random
 import re
 import time
+from collections.abc import Sequence
 from dataclasses import dataclass, field
-from typing import Optional
+from typing import Optional, Union
 
 import websockets
 import websockets.uri
 
-from . import paths, schema as schemas, wire
-from .errors import ConnectError, WriteError
+from . import checks, paths, schema as schemas, wire, writing
+from .errors import ConnectError, Problem, WriteError
+from .writing import Written
 
 PORT = 10443
 HELLO_TIMEOUT = 10.0  # seconds from connecting to the hello
@@ -187,35 +189,38 @@ class Client:
 
     # What goes
 
-    async def send_schema(self, schema) -> list:
-        """Replaces the schema for all clients of the daemon and returns the warnings about it."""
-        warnings = self._adopt(schema)
+    async def send_schema(self, schema, clear: bool = False) -> list[Problem]:
+        """Replaces the schema for all clients of the daemon and returns the warnings about it. One without leaves is
+        refused unless it is to `clear` the one in force."""
+        warnings = self._adopt(schema, clear)
         await self.connected()
         await self._send(self._schema_text)
         return warnings
 
-    async def write(self, values: dict):
-        """Writes nested values to the bus.
+    async def write(self, values: dict) -> list[Written]:
+        """Writes nested values to the bus and returns which numbers went out.
 
-        With a schema they are checked first: WriteError instead of what the daemon would only log or ignore.
-        Nothing comes back when they were written; confirmed() tells when the daemon has handled them.
+        With a schema they are checked first: WriteError instead of what the daemon would only log or ignore. Scaled
+        ones are sent so that the daemon, which multiplies in single precision and cuts off, writes the nearest raw
+        number. Nothing comes back when they were written; confirmed() tells when the daemon has handled them.
         """
+        message = writing.Message(values)
         if self._check and self.schema is not None:
-            problems = schemas.check_write(self.schema, values)
-            if problems:
-                raise WriteError("Not written: " + "; ".join(map(str, problems)))
+            message = writing.prepare(self.schema, values)
         try:
-            message = wire.encode(values)
+            data = wire.encode(message.values)
         except ValueError as error:
             raise WriteError(f"Not written: {error}") from None
-        if len(message) > schemas.MESSAGE_LIMIT:
-            raise WriteError(f"Not written: the daemon takes no message of more than 4 MiB, this has {len(message)}")
+        if len(data) > schemas.MESSAGE_LIMIT:
+            raise WriteError(f"Not written: the daemon takes no message of more than 4 MiB, this has {len(data)}")
         await self.connected()
-        await self._send(message)
+        await self._send(data)
+        return message.written
 
-    async def set(self, path: str, value):
-        """Writes one value by its dotted path."""
-        await self.write(paths.nest(path, value))
+    async def set(self, path: Union[str, Sequence[str]], value) -> Optional[Written]:
+        """Writes one value by its path, or by its names; returns which number went out, if one is known to have."""
+        written = await self.write(paths.nest(path, value))
+        return written[0] if written else None
 
     async def confirmed(self):
         """Returns when the daemon has handled everything that was sent before: it answers in that order."""
@@ -234,9 +239,9 @@ class Client:
             self._task.result()
         return self._task.done()
 
-    def _adopt(self, schema) -> list:
+    def _adopt(self, schema, clear: bool = False) -> list[Problem]:
         schema = schemas.load_schema(schema)
-        warnings = schemas.check_or_raise(schema) if self._check else []
+        warnings = checks.check_or_raise(schema, clear) if self._check else []
         self._schema_text = schemas.to_text(schema)
         self.schema = schema
         return warnings

@@ -2,10 +2,13 @@
 
 import json
 import shlex
+from typing import Optional
 
 from . import client as clients, paths, schema as schemas
 from .errors import VorbelError
+from .schema import Leaf
 from .table import Table, shown
+from .writing import Written
 
 HELP = """set PATH VALUE    writes a value to the bus
 schema FILE       replaces the schema, for all clients of the daemon
@@ -22,6 +25,10 @@ def parse_value(text: str):
         return text
 
 
+def sent_text(path: str, value, written: Optional[Written]) -> str:
+    return f"{paths.shown(path)} = {shown(value)} sent" + (f": {written}" if written else "")
+
+
 class Session:
     """Follows a client's events into a table; `note` is called with texts for the person watching."""
 
@@ -33,6 +40,8 @@ class Session:
         self.up = False
         self.filter = ""
         self._trouble = ""
+        self._schema = None
+        self._leaves = {}
 
     async def follow(self):
         async for event in self.client.events():
@@ -59,6 +68,10 @@ class Session:
         if event.reason != self._trouble:
             self._trouble = event.reason
             self.note(f"no connection: {event.reason}; trying again")
+
+    def leaf(self, path: str) -> Optional[Leaf]:
+        """What the schema says of a path, if one was sent from here."""
+        return self._known_leaves().get(path)
 
     def shown_rows(self) -> list:
         return [(path, row) for path, row in self.table.rows.items() if self.filter in path]
@@ -88,9 +101,9 @@ class Session:
     async def _set(self, path, value) -> str:
         if not self.up:  # nobody wants it written at some later time
             return "Not written: no connection"
-        await self.client.set(path, value)
+        written = await self.client.set(path, value)
         await self.client.confirmed()
-        return f"{paths.shown(path)} = {shown(value)} sent"
+        return sent_text(path, value, written)
 
     def complete(self, text: str) -> str:
         """The text with its last word completed as far as there is one way to go on."""
@@ -104,10 +117,13 @@ class Session:
         return before + blank + completed + end
 
     def _paths(self):
-        known = set(self.table.rows)
-        if self.client.schema is not None:
-            known |= set(schemas.leaves(self.client.schema))
-        return known
+        return set(self.table.rows) | set(self._known_leaves())
+
+    def _known_leaves(self) -> dict[str, Leaf]:
+        if self.client.schema is not self._schema:
+            self._schema = self.client.schema
+            self._leaves = schemas.leaves(self._schema)
+        return self._leaves
 
 
 def _common_beginning(texts) -> str:

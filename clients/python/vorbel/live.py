@@ -70,7 +70,8 @@ class Screen:
             grid.add_column(name, justify=justify, no_wrap=True, overflow="ellipsis", **size)
         for path, row in rows:
             stale = "dim" if now - row.time > 10 else ""
-            cells = (paths.shown(path), table.shown(row.value, points), row.change(now), row.age(now))
+            value = table.shown(row.value, points, self.session.leaf(path))
+            cells = (paths.shown(path), value, row.change(now), row.age(now))
             grid.add_row(*map(Text, cells), style=stale)
         return grid
 

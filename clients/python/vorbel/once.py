@@ -1,10 +1,12 @@
 """A look at a daemon without a terminal: what came within some seconds, and whether it was as expected."""
 
 import time
-from typing import NamedTuple
+from typing import NamedTuple, Optional
 
 from . import client as clients, commands, paths, schema as schemas
+from .digits import justified
 from .errors import VorbelError
+from .schema import Leaf
 from .table import is_number, number, shown
 from .wire import is_array
 
@@ -17,12 +19,12 @@ class Expectation(NamedTuple):
     def __str__(self):
         return f"{paths.shown(self.path)} = {shown(self.value)}" + (f" ± {self.tolerance:g}" if self.tolerance else "")
 
-    def is_met_by(self, value) -> bool:
-        """Of an array, the last element counts."""
+    def is_met_by(self, value, leaf: Optional[Leaf] = None) -> bool:
+        """Of an array, the last element counts; of a number, the digits that are shown."""
         if is_array(value) and len(value):
             value = number(value[-1])
         if is_number(value) and is_number(self.value):
-            return abs(value - self.value) <= self.tolerance
+            return abs(justified(value, leaf) - self.value) <= self.tolerance
         return type(value) is type(self.value) and value == self.value
 
 
@@ -52,6 +54,7 @@ class Look:
         self._assignments = list(assignments)
         self._waiting = set(expectations)
         self._written_at = None
+        self.sent = []
         self.met = {}
 
     async def follow(self, seconds: float):
@@ -64,7 +67,7 @@ class Look:
     async def _write_once(self):
         if self._written_at is None:
             for path, value in self._assignments:
-                await self._session.client.set(path, value)
+                self.sent.append(commands.sent_text(path, value, await self._session.client.set(path, value)))
             await self._session.client.confirmed()
             self._written_at = time.time()
 
@@ -73,12 +76,13 @@ class Look:
             return
         flat = event.flat()
         for expectation in list(self._waiting):
-            if expectation.path in flat and expectation.is_met_by(flat[expectation.path]):
+            path = expectation.path
+            if path in flat and expectation.is_met_by(flat[path], self._session.leaf(path)):
                 self.met[expectation] = event.time - self._written_at
                 self._waiting.discard(expectation)
 
 
-def report(session, look, expectations, assignments, seconds) -> tuple:
+def report(session, look, expectations, seconds) -> tuple:
     """(lines, whether all is well)"""
     client, table = session.client, session.table
     lines = [f"hello: {client.hello}"]
@@ -86,11 +90,11 @@ def report(session, look, expectations, assignments, seconds) -> tuple:
         lines.append(f"schema: sent, {len(schemas.leaves(client.schema))} leaves")
     lines.append(f"values: {table.messages} messages within {seconds:g} s, {len(table.rows)} paths")
     now = time.time()
-    rows = {paths.shown(path): row for path, row in table.rows.items()}
-    width = max(map(len, rows), default=0)
-    lines += [f"  {path:{width}}  {shown(row.value)}  {row.change(now)}".rstrip() for path, row in rows.items()]
-    if table.messages:
-        lines += [f"set {paths.shown(path)} = {shown(value)}: sent" for path, value in assignments]
+    width = max((len(paths.shown(path)) for path in table.rows), default=0)
+    for path, row in table.rows.items():
+        value = shown(row.value, leaf=session.leaf(path))
+        lines.append(f"  {paths.shown(path):{width}}  {value}  {row.change(now)}".rstrip())
+    lines += look.sent
     for expectation in expectations:
         seen = f"seen after {look.met[expectation]:.1f} s" if expectation in look.met else "NOT SEEN"
         lines.append(f"expected {expectation}: {seen}")

@@ -4,17 +4,20 @@ A dot or a backslash within a name is written behind a backslash. The empty path
 """
 
 import re
+from collections.abc import Iterable, Sequence
+from typing import Any, Union
 
 
-def join(names) -> str:
+def join(names: Iterable[str]) -> str:
     return ".".join(re.sub(r"([.\\])", r"\\\1", name) for name in names)
 
 
-def split(path: str) -> tuple:
+def split(path: str) -> tuple[str, ...]:
+    """A backslash before anything but a dot or a backslash stands for itself."""
     if not path:
         return ()
-    parts = re.findall(r"(?:^|\.)((?:[^.\\]|\\.)*)", path)
-    return tuple(re.sub(r"\\(.)", r"\1", part) for part in parts)
+    names = re.findall(r"(?:^|\.)((?:\\[.\\]|[^.])*)", path, re.DOTALL)
+    return tuple(re.sub(r"\\([.\\])", r"\1", name) for name in names)
 
 
 def shown(path: str) -> str:
@@ -24,7 +27,7 @@ def shown(path: str) -> str:
     return "".join(each if each.isprintable() else each.encode("unicode_escape").decode() for each in path)
 
 
-def flatten(values, names=()) -> dict:
+def flatten(values: Any, names: tuple[str, ...] = ()) -> dict[str, Any]:
     """{dotted path: leaf value} of nested maps, in their order."""
     if not isinstance(values, dict):
         return {join(names): values}
@@ -34,8 +37,8 @@ def flatten(values, names=()) -> dict:
     return flat
 
 
-def nest(path: str, value):
-    """The nested maps that hold `value` at `path`."""
-    for name in reversed(split(path)):
+def nest(path: Union[str, Sequence[str]], value: Any) -> Any:
+    """The nested maps that hold `value` at a path, or under names."""
+    for name in reversed(split(path) if isinstance(path, str) else path):
         value = {name: value}
     return value

@@ -3,15 +3,15 @@
 import collections
 import json
 import math
-import struct
+from typing import Optional
 
 from . import wire
+from .digits import justified
+from .schema import Leaf
 
 WINDOW = 2.0  # seconds over which a rate is taken
 HISTORY = 256  # updates of a path that are remembered for it
 BARS = "▁▂▃▄▅▆▇█"
-
-_SINGLE = struct.Struct("f")
 
 
 class Row:
@@ -76,14 +76,15 @@ def is_number(value) -> bool:
     return isinstance(value, (int, float)) and not isinstance(value, bool)
 
 
-def shown(value, width: int = 24) -> str:
-    """A value in one line for people; arrays as their course, their length and their last element."""
+def shown(value, width: int = 24, leaf: Optional[Leaf] = None) -> str:
+    """A value in one line for people; arrays as their course, their length and their last element. Numbers have the
+    digits that their leaf justifies."""
     if wire.is_array(value):
         if len(value) == 0:
             return "[]"
-        return f"{sparkline(value, width)}  {len(value)} × … {shown(number(value[-1]))}"
+        return f"{sparkline(value, width)}  {len(value)} × … {shown(number(value[-1]), leaf=leaf)}"
     if isinstance(value, float):
-        return f"{value:.6g}"  # what a 32-bit float holds
+        return f"{justified(value, leaf):.10g}"
     return json.dumps(plain(value), ensure_ascii=False)
 
 
@@ -95,7 +96,7 @@ def sparkline(values, width: int) -> str:
     return "".join(_bar(point, low, high) for point in points)
 
 
-def plain(value):
+def plain(value, leaf: Optional[Leaf] = None):
     """A value as JSON knows it: arrays as lists, bytes in hexadecimal, what is not finite as text."""
     if isinstance(value, dict):
         members = {}
@@ -103,29 +104,17 @@ def plain(value):
             members[name] = plain(member)
         return members
     if wire.is_array(value) or isinstance(value, (list, tuple)):
-        return [plain(number(element)) for element in value]
+        return [plain(number(element), leaf) for element in value]
     if isinstance(value, bytes):
         return value.hex()
     if isinstance(value, float):
-        return _shortest(value) if math.isfinite(value) else str(value)
+        return justified(value, leaf) if math.isfinite(value) else str(value)
     return value
 
 
 def number(element):
     """A Python number for an element of an array."""
     return element.item() if hasattr(element, "item") else element
-
-
-def _shortest(value: float) -> float:
-    """Of the numbers that are the same 32-bit float, the one with the fewest digits: 3.93, not 3.930000066757202."""
-    try:
-        bits = _SINGLE.pack(value)
-    except OverflowError:
-        return value
-    if _SINGLE.unpack(bits)[0] != value:
-        return value
-    shorter = (float(f"{value:.{digits}g}") for digits in range(6, 10))  # nine always do
-    return next(short for short in shorter if _SINGLE.pack(short) == bits)
 
 
 def _mean(values, index, width):
