@@ -1,8 +1,10 @@
 import { toUrl } from "./address.js";
 import { decodeValues, encodeValues, type Value, type ValueMap } from "./codec.js";
-import { isMap, nest, type Path } from "./paths.js";
+import { assertSchema, type CheckOptions } from "./check.js";
+import { isMap, namesOf, nest, type Path } from "./paths.js";
 import { Queue } from "./queue.js";
-import { assertSchema, type Schema } from "./schema.js";
+import type { Schema } from "./schema.js";
+import { prepareWrite, type Message, type Written } from "./writing.js";
 
 /** What the daemon says of itself whenever a client connects. */
 export type Hello = { type: string; id?: string };
@@ -43,6 +45,13 @@ export type ClientOptions = {
     longestDelay?: number;
     /** Milliseconds that an attempt may take until the hello. Default 10000. */
     patience?: number;
+};
+
+export type WriteOptions = {
+    /** False sends the values as they are, whatever is wrong with them. */
+    check?: boolean;
+    /** What the daemon's schema is known to be; otherwise that which this client set. */
+    schema?: Schema | undefined;
 };
 
 /** What the daemon takes in one message, in bytes; it ends the connection at more. */
@@ -154,31 +163,41 @@ export class Client {
 
     /**
      * Sets the daemon's schema, for all its clients: at once when connected, and after every reconnection. It is
-     * checked first; a SchemaError lists what is wrong with it, and then nothing is sent. `check: false` sends
-     * whatever it is.
+     * checked first; a SchemaError lists what is wrong with it, and then nothing is sent. `clear: true` takes one
+     * without leaves, which clears the one in force; `check: false` sends whatever it is.
      */
-    setSchema(schema: Schema, { check = true } = {}): void {
-        if (check) assertSchema(schema);
+    setSchema(schema: Schema, { check = true, clear = false }: CheckOptions & { check?: boolean } = {}): void {
+        if (check) assertSchema(schema, { clear });
         assertSize(new TextEncoder().encode(JSON.stringify(schema)), "The schema");
         this.#schema = schema;
         if (this.#state === "connected") this.#sendSchema();
     }
 
-    /** Writes values to the bus, named as in the schema. The daemon does not acknowledge them. */
-    write(values: ValueMap): void {
+    /**
+     * Writes values to the bus, named as in the schema, and returns which numbers go out. They are checked first; a
+     * WriteError lists what the daemon would ignore or write otherwise, and then nothing is sent. Scaled ones are sent
+     * so that the daemon, which multiplies in single precision and cuts off, writes the nearest raw number. Where no
+     * schema is known, values go as they are. The daemon does not acknowledge them.
+     */
+    write(values: ValueMap, { check = true, schema = this.#schema }: WriteOptions = {}): Written[] {
         if (!isMap(values)) throw new TypeError("Only a map of values, named as in the schema, can be written");
-        const message = encodeValues(values);
+        const { values: sent, written }: Message = check && schema ? prepareWrite(schema, values) : { values, written: [] };
+        const message = encodeValues(sent);
         assertSize(message, "The message");
         // A socket that is closing takes what it is given and sends nothing of it.
         if (this.#state !== "connected" || this.#socket!.readyState !== OPEN) {
             throw new NotConnectedError(`Not connected to ${this.url} (${this.#reason}): nothing was written`);
         }
         this.#socket!.send(message);
+        return written;
     }
 
-    /** Writes one value: set("motor.setpoint", 5), or set(["motor", "setpoint"], 5) where names hold dots. */
-    set(path: string | Path, value: Value): void {
-        this.write(nest(typeof path === "string" ? path.split(".") : path, value));
+    /**
+     * Writes one value: set("motor.setpoint", 5), or set(["motor", "setpoint"], 5). A dot within a name is `\.` in a
+     * path.
+     */
+    set(path: string | Path, value: Value, options: WriteOptions = {}): Written | undefined {
+        return this.write(nest(typeof path === "string" ? namesOf(path) : path, value), options)[0];
     }
 
     /**

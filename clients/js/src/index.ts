@@ -7,24 +7,25 @@ export {
     type Hello,
     type State,
     type Undecodable,
+    type WriteOptions,
     type WebSocketConstructor,
     type WebSocketLike,
 } from "./client.js";
 export { decodeValues, encodeValues, type NumericArray, type Value, type ValueMap } from "./codec.js";
-export { dotted, flatten, isMap, nest, visit, type Path } from "./paths.js";
+export { assertSchema, checkSchema, checkText, parseSchema, type CheckOptions } from "./check.js";
+export { justified } from "./digits.js";
+export { dotted, flatten, isMap, namesOf, nest, visit, type Path } from "./paths.js";
+export { describeProblem, SchemaError, WriteError, type Problem, type ProblemCode } from "./problem.js";
+export { FORMATS, isScaled, leavesOf, parseJson, type Leaf, type Schema } from "./schema.js";
 export {
-    assertSchema,
-    checkSchema,
-    describeProblem,
-    FORMATS,
-    leavesOf,
-    parseJson,
-    parseSchema,
+    describeWritten,
+    isRounded,
+    prepareLeaf,
+    prepareWrite,
+    readingOf,
     readOnlyReason,
-    SchemaError,
     writableRange,
-    type Leaf,
-    type Problem,
+    type Message,
     type Range,
-    type Schema,
-} from "./schema.js";
+    type Written,
+} from "./writing.js";

@@ -9,9 +9,16 @@ export function isMap(value: unknown): value is ValueMap {
     );
 }
 
-/** A path as people read it: names joined by dots; "" is the root. */
+/** A path as people write it: names joined by dots; a dot or a backslash within a name behind a backslash. */
 export function dotted(path: Path): string {
-    return path.join(".");
+    return path.map((name) => name.replace(/[.\\]/g, "\\$&")).join(".");
+}
+
+/** The names of a dotted path. A backslash before anything but a dot or a backslash stands for itself. */
+export function namesOf(path: string): Path {
+    if (path === "") return [];
+    const names = `.${path}`.matchAll(/\.((?:\\[.\\]|[^.])*)/g);
+    return Array.from(names, ([, name]) => name!.replace(/\\([.\\])/g, "$1"));
 }
 
 /** The values of a message by dotted path. A message that is no map has its value under "". */

@@ -1,6 +1,17 @@
 import { afterEach, beforeEach, describe, expect, onTestFinished, test, vi } from "vitest";
 import { WebSocket } from "ws";
-import { Client, flatten, NotConnectedError, SchemaError, type ClientOptions, type Undecodable, type Value, type WebSocketConstructor } from "../src/index.js";
+import {
+    Client,
+    flatten,
+    NotConnectedError,
+    SchemaError,
+    WriteError,
+    type ClientOptions,
+    type Undecodable,
+    type Value,
+    type WebSocketConstructor,
+} from "../src/index.js";
+import { cases, valueOf as valueOfCase, type Writes } from "./conformance.js";
 import { ADDRESS, Machine, machineSchema, until, type Link } from "./machine.js";
 
 function newClient(options: ClientOptions = {}): Client {
@@ -57,12 +68,27 @@ describe.each(links)("a running machine on the link %s", (link) => {
         await client.ready();
         client.setSchema(machineSchema);
         await valueOf(client, "motor.speed");
-        client.write({ motor: { setpoint: 1200 } });
-        client.set("motor.setpoint", -2);
-        client.set(["motor", "setpoint"], 70000.5);
+        expect(client.write({ motor: { setpoint: 1200 } }).map(({ raw }) => raw)).toEqual([1200]);
+        expect(client.set("motor.setpoint", -2)?.raw).toBe(-2);
+        client.set(["motor", "setpoint"], 2.6);
         await until(() => machine.heard.length === 3, "three frames");
+        expect(machine.heard).toEqual(["mac 5 cmd 3: b0 04", "mac 5 cmd 3: fe ff", "mac 5 cmd 3: 03 00"]);
+    });
+
+    test("is spared what it would not write as it stands, unless that is wanted", async () => {
+        const client = newClient();
+        await client.ready();
+        client.setSchema(machineSchema);
+        await valueOf(client, "motor.speed");
+        expect(() => client.set("motor.setpoint", 70000.5)).toThrow(WriteError);
+        expect(client.set("motor.setpoint", 70000.5, { check: false })).toBeUndefined();
+        const other = newClient();
+        await other.ready();
+        expect(() => other.set("motor.setpoint", 70000.5, { schema: machineSchema })).toThrow(WriteError);
+        other.set("motor.setpoint", "5"); // without a schema, nobody knows
+        await until(() => machine.heard.length === 2, "two frames");
         // 70000.5 is rounded by the daemon, then wrapped into 16 bits.
-        expect(machine.heard).toEqual(["mac 5 cmd 3: b0 04", "mac 5 cmd 3: fe ff", "mac 5 cmd 3: 71 11"]);
+        expect(machine.heard).toEqual(["mac 5 cmd 3: 71 11", "mac 5 cmd 3: 05 00"]);
     });
 
     test("goes on after a message that cannot be decoded", async () => {
@@ -113,6 +139,21 @@ describe.each(links)("a running machine on the link %s", (link) => {
     });
 });
 
+test("what all clients write comes out as they agreed", async () => {
+    const { schema, written } = cases<Writes>("writes");
+    await machine.play();
+    await machine.startDaemon();
+    const client = newClient();
+    await client.ready();
+    client.setSchema({ alive: { "@mac": 5, "@cmd": 2, "@format": "s" } });
+    await valueOf(client, "alive"); // the link is up
+    client.setSchema(schema, { check: false });
+    for (const { values } of written) client.write(valueOfCase(values));
+    const expected = written.flatMap(({ frames }) => frames).map(([mac, cmd, payload]) => `mac ${mac} cmd ${cmd}: ${payload}`);
+    await until(() => machine.heard.length >= expected.length, "all frames");
+    expect(machine.heard).toEqual(expected);
+});
+
 describe.each(links)("typed arrays on the link %s", (link) => {
     test("of every format arrive as sent on the bus", async () => {
         machine = new Machine(link);
@@ -124,7 +165,7 @@ describe.each(links)("typed arrays on the link %s", (link) => {
         };
         const integers = { C: two("C", 0), S: two("S", 2), s: two("s", 2), I: two("I", 4), i: two("i", 4) };
         const floats = { f: two("f", 4), scaled: two("C", 0, { "@factor": 2 }) };
-        client.setSchema({ ...integers, ...floats }, { check: false }); // the leaves overlap
+        client.setSchema({ ...integers, ...floats });
         const values = client.values();
         const [first, second] = ["(1.0) can0 041#FF010280FFFFFFFF", "(1.1) can0 041#00010000000080BF"];
         const last = "(6.0) can0 7FF#"; // keeps the link up meanwhile
@@ -225,7 +266,7 @@ describe("connections", () => {
     test("refuse what is no map, and what the daemon would hang up on", async () => {
         const client = newClient();
         expect(() => client.write({ a: "x".repeat(2 ** 22) })).toThrow(/^The message has 41943\d\d bytes, more than the 4 MiB/);
-        expect(() => client.setSchema({ note: "x".repeat(2 ** 22) })).toThrow(/^The schema has/);
+        expect(() => client.setSchema({ note: "x".repeat(2 ** 22) }, { clear: true })).toThrow(/^The schema has/);
         expect(() => client.write([1] as never)).toThrow(TypeError);
         expect(() => client.write(5 as never)).toThrow(TypeError);
     });

@@ -7,8 +7,8 @@ import { setTimeout as sleep } from "node:timers/promises";
 import { fileURLToPath } from "node:url";
 import type { Schema } from "../src/index.js";
 
-const project = resolve(fileURLToPath(import.meta.url), "../../../..");
-const build = process.env["VORBEL_BUILD_DIR"] ?? join(project, "build/release");
+export const project = resolve(fileURLToPath(import.meta.url), "../../../..");
+export const build = process.env["VORBEL_BUILD_DIR"] ?? join(project, "build/release");
 const python = "/usr/bin/python3"; // Debian's, whatever else is in the path
 
 export const ADDRESS = "ws://127.0.0.1:10443";

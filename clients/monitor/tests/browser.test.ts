@@ -185,7 +185,7 @@ describe("writing", () => {
         await until(() => machine.heard.length > 0, "a frame on the bus");
         expect(machine.heard).toEqual(["mac 5 cmd 3: b0 04"]);
         const entry = page.getByRole("log").getByRole("listitem").first();
-        await expect.poll(() => entry.textContent()).toMatch(/^\d\d:\d\d:\d\dSent: motor\.setpoint = 1200mac 5 cmd 3: b0 04$/);
+        await expect.poll(() => entry.textContent()).toMatch(/^\d\d:\d\d:\d\dSent: motor\.setpoint = 1200: raw 1200mac 5 cmd 3: b0 04$/);
         await expect.poll(() => value("motor.setpoint").textContent()).toBe("sent 1200");
         await expect.poll(async () => Number(await value("motor.speed").textContent())).toBeGreaterThan(1100);
         await shoot("writing");
@@ -194,10 +194,10 @@ describe("writing", () => {
     test("refuses what the leaf cannot hold", async () => {
         await sendSchema();
         await startSetting("motor.setpoint");
-        await page.getByText("a whole number, -32768 to 32767").waitFor(); // no complaint before anything is typed
+        await page.getByText("a whole number, -32768 to 65535").waitFor(); // no complaint before anything is typed
         expect(await page.getByRole("button", { name: "Send", exact: true }).isDisabled()).toBe(true);
-        await page.keyboard.type("40000");
-        await page.getByText("must lie between -32768 and 32767").waitFor();
+        await page.keyboard.type("70000");
+        await page.getByText("must lie between -32768 and 65535").waitFor();
         expect(await page.getByRole("button", { name: "Send", exact: true }).isDisabled()).toBe(true);
         await page.keyboard.press("Enter");
         await page.waitForTimeout(300);

@@ -136,12 +136,10 @@ describe("the tree", () => {
         const { history } = tree.find(["b", "c"])!.series!;
         expect(contents(history)).toEqual([[5, 1], [7, NaN]]);
     });
-    test("tells apart paths that read the same", () => {
+    test("tells a dot within a name from one between names", () => {
         const tree = new Tree();
         tree.update({ "a.b": 1, a: { b: 2 } }, 0);
-        const [one, other] = [tree.find(["a.b"])!, tree.find(["a", "b"])!];
-        expect(one.dotted).toBe(other.dotted);
-        expect(one.id).not.toBe(other.id);
+        expect(names(tree)).toEqual(["a", "a.b", "a\\.b"]);
     });
     test("counts the values that its schema does not have", () => {
         const tree = new Tree();
@@ -170,6 +168,8 @@ describe("writing", () => {
         ["a whole number", { "@format": "s" }, " -32768 ", -32768],
         ["a scaled number", { "@format": "S", "@factor": 1000 }, "32.767", 32.767],
         ["a float", { "@format": "f" }, "1e-3", 0.001],
+        ["a fraction, which is rounded", { "@format": "s" }, "1.5", 1.5],
+        ["the largest of a format without a sign", { "@format": "s" }, "65535", 65535],
         ["packed JSON", { "@format": "p" }, '{"a": [1]}', { a: [1] }],
     ])("takes %s", (_, options, text, value) => expect(parseInput(leafOf(options), text)).toEqual({ value }));
 
@@ -177,9 +177,8 @@ describe("writing", () => {
         ["nothing", { "@format": "s" }, "", "must be a number"],
         ["words", { "@format": "s" }, "fast", "must be a number"],
         ["infinity", { "@format": "f" }, "Infinity", "must be a number"],
-        ["a fraction", { "@format": "s" }, "1.5", "must be a whole number"],
-        ["what would wrap", { "@format": "s" }, "32768", "must lie between -32768 and 32767"],
-        ["what would be clamped", { "@format": "S", "@factor": 1000 }, "40", "must lie between 0 and 32.767"],
+        ["what would wrap", { "@format": "s" }, "65536", "must lie between -32768 and 65535"],
+        ["what would be clamped", { "@format": "S", "@factor": 1000 }, "40", "must lie between -32.768 and 32.767"],
         ["a read-only leaf", { "@format": "s", "@mask": 1 }, "1", 'x cannot be written: it is read-only, because "@mask" keeps only some of the bits'],
     ])("refuses %s", (_, options, text, problem) => expect(parseInput(leafOf(options), text)).toEqual({ problem }));
 
@@ -188,8 +187,8 @@ describe("writing", () => {
     });
 
     test.each<[object, string]>([
-        [{ "@format": "C" }, "a whole number, 0 to 255"],
-        [{ "@format": "S", "@factor": 1000 }, "0 to 32.767, in steps of 0.001"],
+        [{ "@format": "C" }, "a whole number, -128 to 255"],
+        [{ "@format": "S", "@factor": 1000 }, "-32.768 to 32.767, in steps of 0.001"],
         [{ "@format": "f" }, "any number (single precision)"],
         [{ "@format": "p" }, "any value, as JSON"],
     ])("tells the range of %j", (options, text) => expect(rangeText(leafOf(options))).toBe(text));
@@ -198,8 +197,10 @@ describe("writing", () => {
         ["little-endian", [[{ "@format": "s" }, 1200]], [0xb0, 0x04]],
         ["unsigned", [[{ "@format": "I" }, 0xfffffffe]], [0xfe, 0xff, 0xff, 0xff]],
         ["behind a gap of zeros", [[{ "@format": "c", "@skip": 2 }, -1]], [0, 0, 0xff]],
-        ["scaled and cut", [[{ "@format": "s", "@factor": 10 }, -1.29]], [0xf4, 0xff]],
-        ["a scaled float, cut", [[{ "@format": "f", "@factor": 10 }, 1.25]], [0, 0, 0x40, 0x41]],
+        ["rounded", [[{ "@format": "s" }, 1.5]], [2, 0]],
+        ["scaled and rounded", [[{ "@format": "s", "@factor": 10 }, -1.29]], [0xf3, 0xff]],
+        ["scaled, where single precision would be one too low", [[{ "@format": "s", "@factor": 100 }, 0.53]], [53, 0]],
+        ["a scaled float, rounded", [[{ "@format": "f", "@factor": 10 }, 1.25]], [0, 0, 0x50, 0x41]],
         ["together", [[{ "@format": "C", "@skip": 1 }, 2], [{ "@format": "C" }, 1]], [1, 2]],
     ])("tells the payload: %s", (_, values, payload) => {
         expect([...payloadOf(new Map(values.map(([options, value]) => [leafOf(options), value])))!]).toEqual(payload);
@@ -277,6 +278,13 @@ describe("texts", () => {
         ["a short array", Int8Array.of(1, -2), "2 × [1, -2]"], ["a long array", new Float32Array(100), "100 × [0, 0, …]"],
         ["a list", [1, "a"], '[1, "a"]'],
     ])("of %s", (_, value, text) => expect(valueText(value)).toBe(text));
+    test.each<[number, object, string]>([
+        [Math.fround(0.9000000357627869), { "@factor": 10 }, "0.9"], [Math.fround(8 / 3), { "@factor": 3 }, "2.67"],
+    ])("of the reading %d at %j", (value, options, text) => {
+        const leaf = leavesOf({ "@mac": 1, "@format": "s", ...options })[0]!;
+        expect(valueText(value, leaf)).toBe(text);
+        expect(valueText(Float32Array.of(value), leaf)).toBe(`1 × [${text}]`);
+    });
     test.each([[0, "0.0 s"], [9940, "9.9 s"], [9960, "10 s"], [99_000, "99 s"], [100_000, "2 min"], [7_200_000, "2 h"], [-5, "0.0 s"]])(
         "of the age %d", (age, text) => expect(ageText(age)).toBe(text));
     test.each<[number | undefined, string]>([[undefined, "–"], [0.25, "0.3"], [9.96, "10"], [1234.5, "1235"]])(

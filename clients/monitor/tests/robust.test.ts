@@ -7,7 +7,7 @@ import { changes, coloredPixels, connected, machine, newPage, openSchema, page, 
 
 const SPEED = { "@mac": 5, "@cmd": 2, "@format": "s" };
 
-test("shows names of all kinds as they are, and tells apart those that read alike", async () => {
+test("shows names of all kinds as they are, and tells a dot within one from a dot between two", async () => {
     const long = "long ".repeat(60).trim();
     const html = `<img src=x onerror="document.title='broken'"> & 'quotes'`;
     await sendSchema({
@@ -21,17 +21,17 @@ test("shows names of all kinds as they are, and tells apart those that read alik
     await page.getByText(html, { exact: true }).waitFor();
     await expect.poll(() => page.locator(".row .name").count()).toBe(8);
     expect(await page.title()).toBe("Vorbel monitor");
-    await row("a.b").first().locator(".value").getByText("–").waitFor();
-    await row("a.b").last().locator(".value").getByText(/^\d+$/).waitFor();
-    for (const path of ["a.b", "x", "größe 漢字", html, `${long}.${long}`]) {
-        await row(path).last().getByRole("button", { name: "Plot" }).click();
+    await row("a.b").locator(".value").getByText("–").waitFor();
+    await row("a\\.b").locator(".value").getByText(/^\d+$/).waitFor();
+    for (const path of ["a\\.b", "x", "größe 漢字", html.replaceAll(".", "\\."), `${long}.${long}`]) {
+        await row(path).getByRole("button", { name: "Plot" }).click();
     }
     await expect.poll(() => coloredPixels(page.locator(".plots canvas"))).toBeGreaterThan(100);
     for (const width of [1280, 360]) {
         await page.setViewportSize({ width, height: 740 });
         expect(await page.evaluate(() => document.documentElement.scrollWidth)).toBe(width);
     }
-    await row("a.b").first().getByRole("button", { name: "Set" }).click();
+    await row("a.b").getByRole("button", { name: "Set" }).click();
     await page.getByRole("heading", { name: "Set a.b" }).waitFor();
     await page.keyboard.type("7");
     await page.keyboard.press("Enter");
@@ -126,7 +126,7 @@ test("five thousand leaves are checked, shown and found", async () => {
     await openSchema();
     const crowd = Object.fromEntries(Array.from({ length: 5000 }, (_, at) => [`leaf${at}`, SPEED]));
     await page.getByLabel("Schema as JSON").fill(JSON.stringify(crowd));
-    await page.getByText("… and 900 more.").waitFor();
+    await page.getByText("… and 4899 more.").waitFor();
 });
 
 /** Something at the address that is no daemon: `talk` says what it sends to whoever connects. */

@@ -16,7 +16,7 @@ def split(path: str) -> tuple[str, ...]:
     """A backslash before anything but a dot or a backslash stands for itself."""
     if not path:
         return ()
-    names = re.findall(r"(?:^|\.)((?:\\[.\\]|[^.])*)", path, re.DOTALL)
+    names = re.findall(r"\.((?:\\[.\\]|[^.])*)", "." + path)
     return tuple(re.sub(r"\\([.\\])", r"\1", name) for name in names)
 
 

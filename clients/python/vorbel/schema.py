@@ -1,5 +1,6 @@
 """What a schema may say, and reading one."""
 
+import functools
 import json
 import os
 from collections.abc import Iterator, Mapping
@@ -66,10 +67,14 @@ class Leaf:
     def is_masked(self) -> bool:
         return self.mask not in ALL_BITS
 
+    @functools.cached_property
+    def single_factor(self) -> float:
+        """As the daemon has it."""
+        return single(self.factor)
+
     @property
     def is_scaled(self) -> bool:
-        """The daemon compares in single precision."""
-        return single(self.factor) != 1
+        return self.single_factor != 1
 
     @property
     def is_read_only(self) -> bool:

@@ -74,7 +74,7 @@ def raw_written(leaf: Leaf, sent: float) -> int:
     """What a scaled leaf's payload holds when a number of single precision is sent: the daemon multiplies, clamps and
     cuts off."""
     least, largest = _range(leaf)
-    return math.trunc(min(max(single(single(leaf.factor) * sent), least), largest))
+    return math.trunc(min(max(single(leaf.single_factor * sent), least), largest))
 
 
 # The walk along values and schema
@@ -166,7 +166,7 @@ def _range(leaf: Leaf) -> tuple[Raw, Raw]:
 def _sent_for(leaf: Leaf, nearest: int) -> float:
     """Of the numbers of single precision around nearest / factor, the one that the daemon turns into that raw number,
     or else into the one nearest to it. Further ones miss by more."""
-    middle = min(max(single(nearest / single(leaf.factor)), -LARGEST_SINGLE), LARGEST_SINGLE)
+    middle = min(max(single(nearest / leaf.single_factor), -LARGEST_SINGLE), LARGEST_SINGLE)
     if middle == 0 or raw_written(leaf, middle) == nearest and not _is_clamped(leaf, middle):
         return middle
     candidates = (middle, *filter(math.isfinite, next_to(middle)))
@@ -176,7 +176,7 @@ def _sent_for(leaf: Leaf, nearest: int) -> float:
 def _is_clamped(leaf: Leaf, sent: float) -> bool:
     """The daemon would log a warning."""
     least, largest = _range(leaf)
-    return not least <= single(single(leaf.factor) * sent) <= single(largest)
+    return not least <= single(leaf.single_factor * sent) <= single(largest)
 
 
 def _nearest(number: Raw) -> int:

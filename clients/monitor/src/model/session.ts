@@ -1,20 +1,21 @@
 import {
-    assertSchema,
-    checkSchema,
+    checkText,
     Client,
+    describeWritten,
     dotted,
     leavesOf,
     nest,
     parseJson,
-    SchemaError,
+    parseSchema,
+    readingOf,
     toUrl,
     type Hello,
     type Leaf,
-    type Problem,
     type Schema,
     type State,
     type Value,
     type ValueMap,
+    type Written,
 } from "vorbel";
 import { Log } from "./log";
 import { load, save } from "./memory";
@@ -110,7 +111,7 @@ export class Session {
             const response = await fetch(name);
             if (!response.ok) throw new Error(`the page's server answers ${response.status}`);
             const text = await response.text();
-            assertSchema(parseJson(text));
+            parseSchema(text);
             this.setSchema(text, false);
         } catch (error) {
             this.log.add("problem", `The schema ${name} could not be loaded`, (error as Error).message);
@@ -119,18 +120,26 @@ export class Session {
 
     /** Writes values of leaves of the same frames; throws when they cannot be sent now. */
     write(values: ReadonlyMap<Leaf, Value>): void {
+        const written = this.#send(values);
+        const told = [...values].map(([leaf, value]) => {
+            const number = written.find((each) => dotted(each.leaf.path) === dotted(leaf.path));
+            this.tree.find(leaf.path)!.sent = number ? readingOf(number) : value;
+            return assignmentText(leaf, value) + (number ? `: ${describeWritten(number)}` : "");
+        });
+        this.log.add("sent", told.join(", "), frameText(values));
+        this.values.changed();
+    }
+
+    #send(values: ReadonlyMap<Leaf, Value>): Written[] {
         const message: ValueMap = {};
         for (const [leaf, value] of values) merge(message, nest(leaf.path, value));
-        const told = [...values].map(([leaf, value]) => `${dotted(leaf.path)} = ${valueText(value)}`).join(", ");
         try {
-            this.#client!.write(message);
+            return this.#client!.write(message, { schema: this.schema });
         } catch (error) {
+            const told = [...values].map(([leaf, value]) => assignmentText(leaf, value)).join(", ");
             this.log.add("problem", `Not sent: ${told}`, (error as Error).message);
             throw error;
         }
-        this.log.add("sent", told, frameText(values));
-        for (const [leaf, value] of values) this.tree.find(leaf.path)!.sent = value;
-        this.values.changed();
     }
 
     togglePlot(node: TreeNode): void {
@@ -215,18 +224,8 @@ export class Session {
     }
 }
 
-/** What is wrong with a schema's text. */
-export function problemsOf(text: string): Problem[] {
-    try {
-        return checkSchema(parseJson(text));
-    } catch (error) {
-        if (error instanceof SchemaError) return error.problems;
-        throw error;
-    }
-}
-
 function isUsable(text: string): boolean {
-    return problemsOf(text).every(({ severity }) => severity === "warning");
+    return checkText(text).every(({ severity }) => severity === "warning");
 }
 
 function merge(into: ValueMap, from: ValueMap): void {
@@ -234,6 +233,10 @@ function merge(into: ValueMap, from: ValueMap): void {
         if (Object.hasOwn(into, name)) merge(into[name] as ValueMap, value as ValueMap);
         else into[name] = value;
     }
+}
+
+function assignmentText(leaf: Leaf, value: Value): string {
+    return `${dotted(leaf.path)} = ${valueText(value)}`;
 }
 
 function frameText(values: ReadonlyMap<Leaf, Value>): string {

@@ -1,24 +1,24 @@
-import { isMap, type Value } from "vorbel";
+import { isMap, justified, type Leaf, type Value } from "vorbel";
 
-/** A number as people read it: what single precision cannot hold anyway is left out. */
-export function numberText(value: number): string {
+/** A number as people read it: a reading with the digits that its leaf justifies, others with seven. */
+export function numberText(value: number, leaf?: Leaf): string {
     if (Number.isInteger(value) && Math.abs(value) < 1e12) return String(value);
-    return String(Number(value.toPrecision(7)));
+    return String(leaf ? justified(value, leaf) : Number(value.toPrecision(7)));
 }
 
-export function valueText(value: Value): string {
+export function valueText(value: Value, leaf?: Leaf): string {
     if (value === null) return "nil";
-    if (typeof value === "number") return numberText(value);
+    if (typeof value === "number") return numberText(value, leaf);
     if (typeof value === "string") return JSON.stringify(value);
-    if (ArrayBuffer.isView(value)) return arrayText(value as ArrayLike<number> & ArrayBufferView);
-    if (Array.isArray(value)) return `[${value.map(valueText).join(", ")}]`;
+    if (ArrayBuffer.isView(value)) return arrayText(value as ArrayLike<number> & ArrayBufferView, leaf);
+    if (Array.isArray(value)) return `[${value.map((item) => valueText(item)).join(", ")}]`;
     if (isMap(value)) return JSON.stringify(value, (_, item) => (typeof item === "bigint" ? String(item) : item));
     return String(value);
 }
 
 /** Length and first elements: "5 × [3.93, 3.94, …]". */
-function arrayText(array: ArrayLike<number> & ArrayBufferView): string {
-    const shown = Array.from({ length: Math.min(2, array.length) }, (_, at) => numberText(array[at]!));
+function arrayText(array: ArrayLike<number> & ArrayBufferView, leaf?: Leaf): string {
+    const shown = Array.from({ length: Math.min(2, array.length) }, (_, at) => numberText(array[at]!, leaf));
     return `${array.length} × [${shown.join(", ")}${array.length > shown.length ? ", …" : ""}]`;
 }
 

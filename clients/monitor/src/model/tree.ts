@@ -1,4 +1,4 @@
-import { isMap, type Leaf, type Path, type Schema, type Value, leavesOf } from "vorbel";
+import { dotted, isMap, type Leaf, type Path, type Schema, type Value, leavesOf } from "vorbel";
 import { Series } from "./series";
 
 const byName = new Intl.Collator("en", { numeric: true }).compare;
@@ -7,7 +7,7 @@ let nodes = 0;
 
 /** A name of the schema or of a message, with what is known of it. */
 export class TreeNode {
-    /** Tells nodes apart in the page: names may hold dots and blanks, so that two paths can read the same. */
+    /** Tells nodes apart in the page, where names may hold whatever identifiers may not. */
     readonly id = `node-${nodes++}`;
     readonly children = new Map<string, TreeNode>();
     readonly depth: number;
@@ -23,7 +23,7 @@ export class TreeNode {
         readonly parent?: TreeNode,
     ) {
         this.depth = path.length;
-        this.dotted = path.join(".");
+        this.dotted = dotted(path);
     }
 
     get name(): string {

@@ -1,4 +1,4 @@
-import { dotted, FORMATS, type Leaf, readOnlyReason, type Value, writableRange } from "vorbel";
+import { dotted, FORMATS, type Leaf, prepareLeaf, readOnlyReason, type Value, writableRange, WriteError } from "vorbel";
 import { numberText } from "./text";
 
 /** What was typed for a leaf: the value to write, or why it cannot be written. */
@@ -21,11 +21,13 @@ function parsePacked(text: string): Parsed {
 function parseNumber(leaf: Leaf, text: string): Parsed {
     const value = Number(text);
     if (text === "" || !Number.isFinite(value)) return { problem: "must be a number" };
-    const { least, most, step } = writableRange(leaf)!;
-    if (value < least || value > most) {
+    try {
+        prepareLeaf(leaf, value);
+    } catch (error) {
+        if (!(error instanceof WriteError)) throw error;
+        const { least, most } = writableRange(leaf)!;
         return { problem: `must lie between ${numberText(least)} and ${numberText(most)}` };
     }
-    if (step === 1 && !Number.isInteger(value)) return { problem: "must be a whole number" };
     return { value };
 }
 
@@ -47,14 +49,12 @@ export function payloadOf(values: ReadonlyMap<Leaf, Value>): Uint8Array | undefi
     if (leaves.some(({ format }) => format === "p")) return undefined;
     const payload = new Uint8Array(Math.max(...leaves.map(({ skip, format }) => skip + FORMATS[format]!.width)));
     const view = new DataView(payload.buffer);
-    for (const [leaf, value] of values) place(view, leaf, value as number);
+    for (const [leaf, value] of values) place(view, leaf, prepareLeaf(leaf, value).written!.raw);
     return payload;
 }
 
-function place(view: DataView, { format, skip, factor }: Leaf, value: number): void {
+function place(view: DataView, { format, skip }: Leaf, raw: number): void {
     const width = FORMATS[format]!.width;
-    // The daemon scales in single precision and cuts; a scaled float is cut as well.
-    const raw = factor === 1 ? value : Math.trunc(Math.fround(Math.fround(value) * Math.fround(factor)));
     if (format === "f") view.setFloat32(skip, raw, true);
     else if (width === 1) view.setInt8(skip, raw);
     else if (width === 2) view.setInt16(skip, raw, true);

@@ -95,7 +95,7 @@ function Legend({ session }: { session: Session }) {
                 <li key={node.id} class={`line-${at % 8}`}>
                     <span class="swatch" />
                     <span class="name">{node.dotted}</span>
-                    <span class="number">{node.series ? valueText(node.series.value) : "–"}</span>
+                    <span class="number">{node.series ? valueText(node.series.value, node.leaf) : "–"}</span>
                     <RemoveButton session={session} node={node} />
                 </li>
             ))}

@@ -1,6 +1,6 @@
 import { useEffect, useMemo, useRef, useState } from "preact/hooks";
-import { dotted, type Problem } from "vorbel";
-import { problemsOf, type Session } from "../model/session";
+import { checkText, dotted, type Problem } from "vorbel";
+import type { Session } from "../model/session";
 import { Icon } from "./icons";
 
 /** More problems than this are told by their number. */
@@ -12,7 +12,7 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
     const [text, setText] = useState(session.schemaText);
     const [refusal, setRefusal] = useState<string>();
     useEffect(() => dialog.current!.showModal(), []);
-    const problems = useMemo(() => (text.trim() === "" ? [] : problemsOf(text)), [text]);
+    const problems = useMemo(() => (text.trim() === "" ? [] : checkText(text)), [text]);
     const useless = text.trim() === "" || problems.some(({ severity }) => severity === "error");
     const leave = () => dialog.current!.close(); // which gives the focus back to where it was
     const apply = (send: boolean) => {

@@ -289,8 +289,8 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
 }
 
 /** The present reading; of what is only written, what was last sent. */
-function Shown({ node: { series, sent } }: { node: TreeNode }) {
-    if (!series) return <span class="quiet">{sent === undefined ? "–" : `sent ${valueText(sent)}`}</span>;
-    const text = valueText(series.value);
+function Shown({ node: { series, sent, leaf } }: { node: TreeNode }) {
+    if (!series) return <span class="quiet">{sent === undefined ? "–" : `sent ${valueText(sent, leaf)}`}</span>;
+    const text = valueText(series.value, leaf);
     return <span class={series.isFlag ? `flag ${text}` : ""} title={text}>{text}</span>;
 }

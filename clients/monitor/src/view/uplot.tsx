@@ -66,7 +66,7 @@ function valueAxes(scales: { name: string; stroke: string }[]): uPlot.Axis[] {
             scale: name,
             side: at === 0 ? 3 : 1,
             size: 56,
-            values: (_, splits) => splits.map(numberText),
+            values: (_, splits) => splits.map((split) => numberText(split)),
             ...(scales.length > 1 ? { stroke } : {}),
             ...(at > 0 ? { grid: { show: false } } : {}),
         }),

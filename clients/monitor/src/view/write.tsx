@@ -1,5 +1,5 @@
 import { useLayoutEffect, useRef, useState } from "preact/hooks";
-import { dotted, readOnlyReason, writableRange, type Leaf, type Value } from "vorbel";
+import { dotted, FORMATS, readOnlyReason, writableRange, type Leaf, type Value } from "vorbel";
 import type { Session } from "../model/session";
 import { clockText, hexText, numberText } from "../model/text";
 import type { TreeNode } from "../model/tree";
@@ -152,15 +152,14 @@ function writableTogether({ tree }: Session, node: TreeNode): TreeNode[] {
 
 /** The on-screen keyboard that a leaf needs: some phones' keypads of digits have no minus sign. */
 function keypad(leaf: Leaf): "text" | "numeric" | "decimal" {
-    const { least, step } = writableRange(leaf)!;
-    if (least < 0) return "text";
-    return step === 1 ? "numeric" : "decimal";
+    if (FORMATS[leaf.format]!.signed || leaf.factor < 0) return "text";
+    return writableRange(leaf)!.step === 1 ? "numeric" : "decimal";
 }
 
 /** What a leaf's bytes hold at present, as far as it is known. */
-function presentText({ series, sent }: TreeNode): string {
+function presentText({ series, sent, leaf }: TreeNode): string {
     const present = series?.number ?? sent;
-    return typeof present === "number" ? numberText(present) : "";
+    return typeof present === "number" ? numberText(present, leaf) : "";
 }
 
 /** What was typed, leaf by leaf; nothing for those left empty. */
