@@ -75,6 +75,55 @@ async def test_readings_gathered_in_arrays(bridge, monkeypatch, code, readings):
         assert (value.typecode, list(value)) == (type_code, elements)
 
 
+async def test_connecting_without_a_block(bridge):
+    client = await connect(schema=MOTOR)
+    assert client.hello == Hello("unknown")
+    assert (await client.set("motor.setpoint", 1200)).raw == 1200
+    async with client as same:  # a block for a client that is connected closes it, and does not connect once more
+        assert same is client
+        await client.confirmed()
+    assert bridge.heard() == [(5, 3, "b0 04")]
+    await harness.eventually(lambda: bridge.daemon.count("info Connection closed .*"))
+    assert bridge.daemon.count("info New connection incoming .*") == 1
+
+
+async def test_what_was_never_connected_says_so():
+    for attempt in (lambda client: client.connected(), lambda client: client.close(), lambda client: client.set("a", 1)):
+        with pytest.raises(vorbel.ConnectError, match="The client was not connected"):
+            await attempt(connect())
+
+
+async def test_what_went_out_is_told(bridge):
+    async with connect(schema=MOTOR) as client:
+        written = await client.write({"motor": {"setpoint": 2.6, "current": 0.53}})
+        assert [(each.path, each.value, each.raw, each.is_rounded) for each in written] == [
+            ("motor.setpoint", 2.6, 3, True), ("motor.current", 0.53, 53, False)]
+        assert [each.reading for each in written] == [3, 0.53]
+        assert bridge.heard(2) == [(5, 2, "00 00 35 00"), (5, 3, "03 00")]
+
+
+async def test_a_name_with_a_dot_is_written_by_its_path_or_its_names(bridge):
+    async with connect(schema={"1.5 V": MOTOR["motor"]["setpoint"]}) as client:
+        await client.set("1\\.5 V", 1)
+        await client.set(["1.5 V"], 2)
+        assert bridge.heard(2) == [(5, 3, "01 00"), (5, 3, "02 00")]
+
+
+async def test_clearing_the_schema_is_asked_for(bridge):
+    async with connect(schema=MOTOR) as client:
+        with pytest.raises(vorbel.SchemaError, match="has no leaf"):
+            await client.send_schema({})
+        assert await client.send_schema({}, clear=True) == []
+        await client.confirmed()
+        assert bridge.daemon.count(r"info Received schema: QJsonDocument\(\{\}\)") == 1
+
+
+async def test_without_the_check_values_go_as_they_are(bridge):
+    async with connect(schema=MOTOR, check=False) as client:
+        assert await client.set("motor.current", 0.53) is None
+        assert bridge.heard() == [(5, 2, "00 00 34 00")]
+
+
 async def test_schema_from_a_file_and_later(bridge):
     async with connect() as client:
         assert await client.send_schema(MACHINE) == []

@@ -1,5 +1,7 @@
 """The connection to a daemon: kept up, with whatever comes over it as a stream of events."""
 
+from __future__ import annotations
+
 import asyncio
 import collections
 import contextlib
@@ -9,9 +11,9 @@ import os
 import random
 import re
 import time
-from collections.abc import Sequence
+from collections.abc import AsyncIterator, Generator, Sequence
 from dataclasses import dataclass, field
-from typing import Optional, Union
+from typing import Any, Optional, Union
 
 import websockets
 import websockets.uri
@@ -36,7 +38,7 @@ class Hello:
     type: str
     id: Optional[str] = None
 
-    def __str__(self):
+    def __str__(self) -> str:
         return paths.shown(f"type {self.type}" + (f", id {self.id}" if self.id is not None else ""))
 
 
@@ -44,10 +46,10 @@ class Hello:
 class Values:
     """One message of values: `data` is nested as the schema is; `time` is when it came, as of time.time()."""
 
-    data: object
+    data: Any
     time: float = field(default_factory=time.time)
 
-    def flat(self) -> dict:
+    def flat(self) -> dict[str, Any]:
         """{dotted path: value}"""
         return paths.flatten(self.data)
 
@@ -63,7 +65,7 @@ class Undecodable:
     reason: str
     time: float = field(default_factory=time.time)
 
-    def __str__(self):
+    def __str__(self) -> str:
         beginning = self.message[:32].hex(" ") + (" ..." if len(self.message) > 32 else "")
         return f"cannot decode a message of {len(self.message)} bytes ({self.reason}): {beginning or 'empty'}"
 
@@ -77,8 +79,12 @@ class Disconnected:
     time: float = field(default_factory=time.time)
 
 
-def connect(address: str = "localhost", **options) -> "Client":
-    """`async with connect(...) as client`: connected and greeted inside. The options are Client's."""
+Event = Union[Hello, Values, Undecodable, Disconnected]
+
+
+def connect(address: str = "localhost", **options: Any) -> Client:
+    """`async with connect(...) as client`: connected and greeted inside. Or `client = await connect(...)`, and
+    `await client.close()` in the end. The options are Client's."""
     return Client(address, **options)
 
 
@@ -112,29 +118,31 @@ class Client:
     as they are. `timeout` is how many seconds to wait for a connection on entering and in write(); None: for ever.
     """
 
-    def __init__(self, address="localhost", *, schema=None, check=True, timeout: Optional[float] = 10.0,
-                 pauses=(0.2, 10.0)):
+    def __init__(self, address: str = "localhost", *, schema: Optional[schemas.Source] = None, check: bool = True,
+                 timeout: Optional[float] = 10.0, pauses: tuple[float, float] = (0.2, 10.0)) -> None:
         self.uri = _checked(uri_of(address))
         self.timeout = timeout
         self.hello: Optional[Hello] = None
-        self.schema: Optional[dict] = None
+        self.schema: Optional[dict[str, Any]] = None
         self.lost = 0
         self._check = check
         self._pauses = pauses
         self._trouble = "no answer yet"
-        self._socket = None
+        self._schema_text = ""
+        self._socket: Optional[websockets.WebSocketClientProtocol] = None
         self._ready = asyncio.Event()
-        self._events = collections.deque()
+        self._events: collections.deque[Event] = collections.deque()
         self._arrived = asyncio.Event()
-        self._task = None
+        self._task: Optional[asyncio.Task[None]] = None
         if schema is not None:
             self._adopt(schema)
 
     # Life
 
-    async def __aenter__(self):
-        self._task = asyncio.create_task(self._stay_connected())
-        self._task.add_done_callback(lambda _: self._arrived.set())
+    async def __aenter__(self) -> Client:
+        if self._task is None:
+            self._task = asyncio.create_task(self._stay_connected())
+            self._task.add_done_callback(lambda _: self._arrived.set())
         try:
             await self.connected()
         except BaseException:
@@ -142,27 +150,33 @@ class Client:
             raise
         return self
 
-    async def __aexit__(self, *_):
+    async def __aexit__(self, *_: object) -> None:
         await self.close()
 
-    async def connected(self):
+    def __await__(self) -> Generator[Any, None, Client]:
+        """`client = await connect(...)`, for those who close() it themselves."""
+        return self.__aenter__().__await__()
+
+    async def connected(self) -> None:
         """Returns when connected, greeted and, if there is a schema, that was sent. Raises ConnectError."""
+        task = self._started()
         waiting = asyncio.create_task(self._ready.wait())
-        await asyncio.wait({waiting, self._task}, timeout=self.timeout, return_when=asyncio.FIRST_COMPLETED)
+        await asyncio.wait({waiting, task}, timeout=self.timeout, return_when=asyncio.FIRST_COMPLETED)
         waiting.cancel()
         self._is_over()
         if not self._ready.is_set():
             raise ConnectError(f"No daemon at {self.uri} within {self.timeout:g} s: {self._trouble}")
 
-    async def close(self):
+    async def close(self) -> None:
         """Ends the connection and the stream of events."""
-        while not self._task.done():  # what is called in there may miss to be cancelled
-            self._task.cancel()
-            await asyncio.wait({self._task}, timeout=5)
+        task = self._started()
+        while not task.done():  # what is called in there may miss to be cancelled
+            task.cancel()
+            await asyncio.wait({task}, timeout=5)
 
     # What comes
 
-    async def events(self, seconds: Optional[float] = None):
+    async def events(self, seconds: Optional[float] = None) -> AsyncIterator[Event]:
         """Hello, Values, Undecodable and Disconnected, in the order in which they happened; until closed, or for
         some seconds."""
         deadline = None if seconds is None else time.monotonic() + seconds
@@ -177,7 +191,7 @@ class Client:
                 async with asyncio.timeout(left):
                     await self._arrived.wait()
 
-    async def values(self, flat: bool = False):
+    async def values(self, flat: bool = False) -> AsyncIterator[Any]:
         """The values of each message, nested or by dotted path. What else happens goes to the log "vorbel"."""
         async for event in self.events():
             if isinstance(event, Values):
@@ -189,7 +203,7 @@ class Client:
 
     # What goes
 
-    async def send_schema(self, schema, clear: bool = False) -> list[Problem]:
+    async def send_schema(self, schema: schemas.Source, clear: bool = False) -> list[Problem]:
         """Replaces the schema for all clients of the daemon and returns the warnings about it. One without leaves is
         refused unless it is to `clear` the one in force."""
         warnings = self._adopt(schema, clear)
@@ -197,7 +211,7 @@ class Client:
         await self._send(self._schema_text)
         return warnings
 
-    async def write(self, values: dict) -> list[Written]:
+    async def write(self, values: dict[str, Any]) -> list[Written]:
         """Writes nested values to the bus and returns which numbers went out.
 
         With a schema they are checked first: WriteError instead of what the daemon would only log or ignore. Scaled
@@ -217,43 +231,55 @@ class Client:
         await self._send(data)
         return message.written
 
-    async def set(self, path: Union[str, Sequence[str]], value) -> Optional[Written]:
+    async def set(self, path: Union[str, Sequence[str]], value: Any) -> Optional[Written]:
         """Writes one value by its path, or by its names; returns which number went out, if one is known to have."""
         written = await self.write(paths.nest(path, value))
         return written[0] if written else None
 
-    async def confirmed(self):
+    async def confirmed(self) -> None:
         """Returns when the daemon has handled everything that was sent before: it answers in that order."""
         await self.connected()
         try:
             async with asyncio.timeout(self.timeout):
-                await (await self._socket.ping())
-        except (websockets.ConnectionClosed, TimeoutError, AttributeError):
+                await (await self._connection().ping())
+        except (websockets.ConnectionClosed, TimeoutError, ConnectionError):
             raise ConnectError(f"{self.uri} did not confirm what was sent; nothing says whether it arrived") from None
 
     # Inside
 
+    def _started(self) -> asyncio.Task[None]:
+        if self._task is None:
+            raise ConnectError("The client was not connected: use it as `async with` or after `await`")
+        return self._task
+
     def _is_over(self) -> bool:
         """Whether nothing can come any more. Raises what ended it, if it was not close()."""
-        if self._task.done() and not self._task.cancelled():
-            self._task.result()
-        return self._task.done()
+        task = self._started()
+        if task.done() and not task.cancelled():
+            task.result()
+        return task.done()
 
-    def _adopt(self, schema, clear: bool = False) -> list[Problem]:
+    def _connection(self) -> websockets.WebSocketClientProtocol:
+        """Raises ConnectionError while there is none."""
+        if self._socket is None:
+            raise ConnectionError
+        return self._socket
+
+    def _adopt(self, schema: schemas.Source, clear: bool = False) -> list[Problem]:
         schema = schemas.load_schema(schema)
         warnings = checks.check_or_raise(schema, clear) if self._check else []
         self._schema_text = schemas.to_text(schema)
         self.schema = schema
         return warnings
 
-    async def _send(self, message):
+    async def _send(self, message: Union[str, bytes]) -> None:
         try:
-            await self._socket.send(message)
-        except (websockets.ConnectionClosed, AttributeError):
+            await self._connection().send(message)
+        except (websockets.ConnectionClosed, ConnectionError):
             raise ConnectError(f"The connection to {self.uri} ended while sending; "
                                "nothing says whether the message arrived") from None
 
-    async def _stay_connected(self):
+    async def _stay_connected(self) -> None:
         shortest, longest = self._pauses
         pause = shortest
         while True:
@@ -285,7 +311,7 @@ class Client:
             self._socket = None
             self._ready.clear()
 
-    async def _greet(self, socket):
+    async def _greet(self, socket: websockets.WebSocketClientProtocol) -> None:
         async with asyncio.timeout(HELLO_TIMEOUT):
             message = await socket.recv()
         if _hello_in(message) is None:
@@ -296,7 +322,7 @@ class Client:
         self._socket = socket
         self._ready.set()
 
-    def _take(self, message):
+    def _take(self, message: Union[str, bytes]) -> None:
         """A text is a hello; other texts are for clients of another time."""
         if isinstance(message, str):
             hello = _hello_in(message)
@@ -311,7 +337,7 @@ class Client:
             return
         self._emit(Values(data))
 
-    def _emit(self, event):
+    def _emit(self, event: Event) -> None:
         if len(self._events) == EVENTS_KEPT:
             self._events.popleft()
             self.lost += 1
@@ -319,7 +345,7 @@ class Client:
         self._arrived.set()
 
 
-def _hello_in(message) -> Optional[Hello]:
+def _hello_in(message: Union[str, bytes]) -> Optional[Hello]:
     try:
         device = json.loads(message)["hello"]
         return Hello(device["type"], device.get("id"))
@@ -327,7 +353,7 @@ def _hello_in(message) -> Optional[Hello]:
         return None
 
 
-def _told(error) -> str:
+def _told(error: BaseException) -> str:
     if isinstance(error, websockets.ConnectionClosedError) and error.rcvd is None:
         return "the connection broke"
     if isinstance(error, websockets.InvalidHandshake):

@@ -31,7 +31,7 @@ def flatten(values: Any, names: tuple[str, ...] = ()) -> dict[str, Any]:
     """{dotted path: leaf value} of nested maps, in their order."""
     if not isinstance(values, dict):
         return {join(names): values}
-    flat = {}
+    flat: dict[str, Any] = {}
     for name, value in values.items():
         flat.update(flatten(value, (*names, name)))
     return flat

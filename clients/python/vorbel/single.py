@@ -10,9 +10,10 @@ _BITS = struct.Struct("<i")
 def single(number: float) -> float:
     """The number of single precision that is nearest; infinite beyond their range."""
     try:
-        return _FLOAT.unpack(_FLOAT.pack(number))[0]
+        nearest: float = _FLOAT.unpack(_FLOAT.pack(number))[0]
     except OverflowError:
         return math.inf if number > 0 else -math.inf
+    return nearest
 
 
 def next_to(number: float) -> tuple[float, float]:

@@ -2,13 +2,15 @@
 
 import array
 import sys
+from collections.abc import Iterable
+from typing import Any
 
 import msgpack
 
 try:
     import numpy
 except ImportError:
-    numpy = None
+    numpy = None  # type: ignore[assignment]
 
 NESTING_LIMIT = 500  # maps in maps; Python's msgpack packs 511 of them, and what walks them here recurses
 
@@ -24,7 +26,7 @@ ARRAYS = {
 }
 
 
-def decode(message: bytes):
+def decode(message: bytes) -> Any:
     """The value in a binary message: nested dicts, numbers, bools, arrays.
 
     Raises ValueError for bytes that are no complete value, and for values nested too deep.
@@ -38,19 +40,20 @@ def decode(message: bytes):
     return value
 
 
-def encode(values) -> bytes:
+def encode(values: Any) -> bytes:
     """The binary message for nested dicts of values. Raises ValueError for what MessagePack does not know."""
     try:
-        return msgpack.packb(values, default=_plain)
+        message: bytes = msgpack.packb(values, default=_plain)
     except (TypeError, OverflowError) as error:
         raise ValueError(str(error)) from None
+    return message
 
 
-def is_array(value) -> bool:
+def is_array(value: Any) -> bool:
     return isinstance(value, array.array) or (numpy is not None and isinstance(value, numpy.ndarray))
 
 
-def _is_too_deep(value) -> bool:
+def _is_too_deep(value: Any) -> bool:
     level = [value]
     for _ in range(NESTING_LIMIT + 1):
         level = [member for each in level for member in _members(each)]
@@ -59,13 +62,13 @@ def _is_too_deep(value) -> bool:
     return True
 
 
-def _members(value):
+def _members(value: Any) -> Iterable[Any]:
     if isinstance(value, dict):
         return value.values()
     return value if isinstance(value, list) else ()
 
 
-def _extension(code: int, payload: bytes):
+def _extension(code: int, payload: bytes) -> Any:
     if code not in ARRAYS:
         return msgpack.ExtType(code, payload)
     type_code, numpy_type = ARRAYS[code]
@@ -77,7 +80,7 @@ def _extension(code: int, payload: bytes):
     return elements
 
 
-def _plain(value):
+def _plain(value: Any) -> Any:
     """Called for what MessagePack does not know: numpy's numbers as Python's own."""
     if numpy is not None and isinstance(value, numpy.generic):
         return value.item()

@@ -22,7 +22,7 @@ class Written:
     `value`. They differ where the daemon's single precision does not reach: with a factor, beyond 24 bits."""
 
     leaf: Leaf
-    value: Any
+    value: Raw
     raw: Raw
     nearest: Raw
 
@@ -38,7 +38,7 @@ class Written:
     @property
     def is_rounded(self) -> bool:
         """Whether something else was written than asked for."""
-        asked = float(self.value) * self.leaf.factor if self.leaf.is_scaled else self.value
+        asked: Raw = float(self.value) * self.leaf.factor if self.leaf.is_scaled else self.value
         written = shortest(self.raw) if isinstance(self.raw, float) else self.raw
         return abs(asked - written) > 1e-12 * max(1, abs(written))
 
