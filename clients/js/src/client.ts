@@ -3,7 +3,7 @@ import { decodeValues, encodeValues, type Value, type ValueMap } from "./codec.j
 import { assertSchema, type CheckOptions } from "./check.js";
 import { isMap, namesOf, nest, type Path } from "./paths.js";
 import { Queue } from "./queue.js";
-import type { Schema } from "./schema.js";
+import type { Schema, SchemaOf } from "./schema.js";
 import { prepareWrite, type Message, type Written } from "./writing.js";
 
 /** What the daemon says of itself whenever a client connects. */
@@ -33,6 +33,10 @@ export type WebSocketLike = {
     onerror: ((event: any) => void) | null;
     send(data: string | Uint8Array): void;
     close(): void;
+    /** Only outside of browsers. */
+    ping?(data: string): void;
+    on?(event: "pong", listener: (data: { toString(): string }) => void): unknown;
+    off?(event: "pong", listener: (data: { toString(): string }) => void): unknown;
 };
 export type WebSocketConstructor = new (url: string) => WebSocketLike;
 
@@ -46,6 +50,9 @@ export type ClientOptions = {
     /** Milliseconds that an attempt may take until the hello. Default 10000. */
     patience?: number;
 };
+
+/** Messages one after the other, and how many were lost because they were not taken in time. */
+export type ValueStream = AsyncIterableIterator<Value> & { readonly lost: number };
 
 export type WriteOptions = {
     /** False sends the values as they are, whatever is wrong with them. */
@@ -82,6 +89,8 @@ export class Client {
     #schema: Schema | undefined;
     #socket: WebSocketLike | undefined;
     #attempts = 0;
+    #pings = 0;
+    #lost = 0;
     #timer: ReturnType<typeof setTimeout> | undefined;
     #listeners: { [E in keyof Events]: Set<(...args: Events[E]) => void> } = {
         state: new Set(),
@@ -117,6 +126,11 @@ export class Client {
     /** The schema that this client set; another client may have replaced it at the daemon since. */
     get schema(): Schema | undefined {
         return this.#schema;
+    }
+
+    /** How many messages slow readers of values() have lost, all in all. */
+    get lost(): number {
+        return this.#lost;
     }
 
     /** Calls `listener` on every such event from now on; returns a function that ends this. */
@@ -166,7 +180,7 @@ export class Client {
      * checked first; a SchemaError lists what is wrong with it, and then nothing is sent. `clear: true` takes one
      * without leaves, which clears the one in force; `check: false` sends whatever it is.
      */
-    setSchema(schema: Schema, { check = true, clear = false }: CheckOptions & { check?: boolean } = {}): void {
+    setSchema<const S extends Schema>(schema: S & SchemaOf<S>, { check = true, clear = false }: CheckOptions & { check?: boolean } = {}): void {
         if (check) assertSchema(schema, { clear });
         assertSize(new TextEncoder().encode(JSON.stringify(schema)), "The schema");
         this.#schema = schema;
@@ -201,11 +215,37 @@ export class Client {
     }
 
     /**
-     * All messages from now on, nested as in the schema, over reconnections, until close(). A slow reader loses
-     * the oldest when `limit` of them wait.
+     * Resolves when the daemon has handled all that was sent before, for it answers in that order. Rejects with
+     * NotConnectedError when the connection is lost before, or after `timeout` milliseconds; nothing says then whether
+     * it arrived. It takes a WebSocket that can ping, such as that of the ws package; those of browsers cannot.
      */
-    values({ limit = 1000 } = {}): AsyncIterableIterator<Value> {
-        const queue = new Queue<Value>(limit, () => off.forEach((each) => each()));
+    confirmed(timeout = 10_000): Promise<void> {
+        const socket = this.#socket;
+        if (this.#state !== "connected" || !socket) return Promise.reject(new NotConnectedError(`Not connected to ${this.url} (${this.#reason})`));
+        if (!socket.ping || !socket.on || !socket.off) return Promise.reject(new TypeError("This WebSocket cannot ping: that of the ws package can"));
+        const mark = `vorbel ${++this.#pings}`;
+        return new Promise((resolve, reject) => {
+            const fail = (reason: string) => settle(() => reject(new NotConnectedError(`${this.url} did not confirm what was sent: ${reason}`)));
+            const timer = setTimeout(() => fail("no answer in time"), timeout);
+            const off = this.on("state", (_, reason) => fail(reason));
+            const answered = (data: { toString(): string }) => data.toString() === mark && settle(resolve);
+            const settle = (finish: () => void) => {
+                clearTimeout(timer);
+                off();
+                socket.off!("pong", answered);
+                finish();
+            };
+            socket.on!("pong", answered);
+            socket.ping!(mark);
+        });
+    }
+
+    /**
+     * All messages from now on, nested as in the schema, over reconnections, until close(). A slow reader loses
+     * the oldest when `limit` of them wait; `lost` of what is returned counts them.
+     */
+    values({ limit = 1000 } = {}): ValueStream {
+        const queue = new Queue<Value>(limit, () => off.forEach((each) => each()), () => this.#lost++);
         const off = [
             this.on("values", (values) => queue.push(values)),
             this.on("state", (state) => state === "closed" && queue.end()),

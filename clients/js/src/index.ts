@@ -7,6 +7,7 @@ export {
     type Hello,
     type State,
     type Undecodable,
+    type ValueStream,
     type WriteOptions,
     type WebSocketConstructor,
     type WebSocketLike,
@@ -16,7 +17,17 @@ export { assertSchema, checkSchema, checkText, parseSchema, type CheckOptions } 
 export { justified } from "./digits.js";
 export { dotted, flatten, isMap, namesOf, nest, visit, type Path } from "./paths.js";
 export { describeProblem, SchemaError, WriteError, type Problem, type ProblemCode } from "./problem.js";
-export { FORMATS, isScaled, leavesOf, parseJson, type Leaf, type Schema } from "./schema.js";
+export {
+    defineSchema,
+    FORMATS,
+    isScaled,
+    leavesOf,
+    parseJson,
+    type Leaf,
+    type LeafOptions,
+    type Schema,
+    type SchemaOf,
+} from "./schema.js";
 export {
     describeWritten,
     isRounded,

@@ -3,13 +3,18 @@ export class Queue<T> implements AsyncIterableIterator<T> {
     #items: T[] = [];
     #waiting: ((result: IteratorResult<T>) => void)[] = [];
     #ended = false;
-    /** Items that were lost because nobody took them in time. */
-    dropped = 0;
+    #lost = 0;
 
     constructor(
         readonly limit: number,
         readonly onEnd: () => void,
+        readonly onLost: () => void,
     ) {}
+
+    /** How many items were dropped because nobody took them in time. */
+    get lost(): number {
+        return this.#lost;
+    }
 
     push(item: T): void {
         const taker = this.#waiting.shift();
@@ -20,7 +25,8 @@ export class Queue<T> implements AsyncIterableIterator<T> {
         this.#items.push(item);
         if (this.#items.length > this.limit) {
             this.#items.shift();
-            this.dropped++;
+            this.#lost++;
+            this.onLost();
         }
     }
 

@@ -4,6 +4,39 @@ import { problem, SchemaError, type Problem } from "./problem.js";
 /** A parsed schema document: nested objects, of which those with "@mac" are leaves. */
 export type Schema = { [name: string]: unknown };
 
+/** What the options of a leaf can be. */
+export type LeafOptions = {
+    "@mac": number;
+    "@cmd": number;
+    "@format": string;
+    "@skip": number;
+    "@factor": number;
+    "@mask": number;
+    "@asBool": boolean;
+    "@flushSize": number;
+    "@observe": boolean;
+    "@fragmentation": boolean;
+};
+
+/**
+ * What a schema written as S has to be: the options have their types, and no other names begin with "@". A mistake is
+ * an error at the option that holds it.
+ */
+export type SchemaOf<S> = {
+    [Name in keyof S]: Name extends keyof LeafOptions
+        ? LeafOptions[Name]
+        : Name extends `@${string}`
+          ? never
+          : S[Name] extends { [name: string]: unknown }
+            ? SchemaOf<S[Name]>
+            : S[Name];
+};
+
+/** A schema that is checked while it is written: defineSchema({ speed: { "@mac": 5, "@factr": 2 } }) is an error. */
+export function defineSchema<const S extends Schema>(schema: S & SchemaOf<S>): S {
+    return schema;
+}
+
 /** One leaf with the daemon's defaults for the options that are absent or of another type. */
 export type Leaf = {
     path: Path;

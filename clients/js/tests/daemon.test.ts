@@ -7,6 +7,7 @@ import {
     SchemaError,
     WriteError,
     type ClientOptions,
+    type Schema,
     type Undecodable,
     type Value,
     type WebSocketConstructor,
@@ -126,7 +127,7 @@ describe.each(links)("a running machine on the link %s", (link) => {
         const client = newClient();
         await client.ready();
         client.setSchema(machineSchema);
-        expect(() => client.setSchema({ a: { "@mac": "5", "@format": "s" } })).toThrow(SchemaError);
+        expect(() => client.setSchema({ a: { "@mac": "5", "@format": "s" } } as Schema)).toThrow(SchemaError);
         expect(client.schema).toBe(machineSchema);
         await valueOf(client, "motor.speed");
     });
@@ -134,7 +135,7 @@ describe.each(links)("a running machine on the link %s", (link) => {
     test("takes an unchecked schema", async () => {
         const client = newClient();
         await client.ready();
-        client.setSchema({ a: { "@mac": 5, "@cmd": 2, "@format": "s", "@note": 1 } }, { check: false });
+        client.setSchema({ a: { "@mac": 5, "@cmd": 2, "@format": "s", "@note": 1 } } as Schema, { check: false });
         await valueOf(client, "a");
     });
 });
@@ -272,7 +273,51 @@ describe("connections", () => {
     });
 });
 
-test("slow readers lose the oldest messages, not memory", async () => {
+describe("confirmed", () => {
+    test("means that the daemon has handled all before", async () => {
+        await machine.play();
+        await machine.startDaemon();
+        const client = newClient();
+        await client.ready();
+        client.setSchema(machineSchema);
+        await valueOf(client, "motor.speed");
+        for (let count = 0; count < 5; count++) client.set("motor.setpoint", count);
+        await Promise.all([client.confirmed(), client.confirmed()]);
+        await until(() => machine.heard.length === 5, "five frames", 1);
+    });
+
+    test("is refused where there is no connection, and ends with it", async () => {
+        await machine.startDaemon({ VORBEL_SOURCE: "none" });
+        const client = newClient();
+        await expect(client.confirmed()).rejects.toThrow(NotConnectedError);
+        await client.ready();
+        const confirmation = client.confirmed();
+        client.close();
+        await expect(confirmation).rejects.toThrow(/did not confirm what was sent: closed here/);
+    });
+
+    test("waits no longer than it is told", async () => {
+        await machine.startDaemon({ VORBEL_SOURCE: "none" });
+        class Silent extends WebSocket {
+            override ping() {}
+        }
+        const client = newClient({ WebSocket: Silent as unknown as WebSocketConstructor });
+        await client.ready();
+        await expect(client.confirmed(50)).rejects.toThrow(/no answer in time/);
+    });
+
+    test("takes a WebSocket that can ping", async () => {
+        await machine.startDaemon({ VORBEL_SOURCE: "none" });
+        class Browsers extends WebSocket {
+            override ping = undefined as never;
+        }
+        const client = newClient({ WebSocket: Browsers as unknown as WebSocketConstructor });
+        await client.ready();
+        await expect(client.confirmed()).rejects.toThrow("This WebSocket cannot ping");
+    });
+});
+
+test("slow readers lose the oldest messages, not memory, and can tell how many", async () => {
     await machine.play();
     await machine.startDaemon();
     const client = newClient();
@@ -285,4 +330,6 @@ test("slow readers lose the oldest messages, not memory", async () => {
     client.close();
     const left = [await values.next(), await values.next(), await values.next()];
     expect(left.map(({ done }) => done)).toEqual([false, false, true]);
+    expect(values.lost).toBe(count - 2);
+    expect(client.lost).toBe(count - 2);
 });

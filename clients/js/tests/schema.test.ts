@@ -2,6 +2,8 @@ import { describe, expect, test } from "vitest";
 import {
     assertSchema,
     checkSchema,
+    Client,
+    defineSchema,
     describeProblem,
     describeWritten,
     leavesOf,
@@ -13,6 +15,7 @@ import {
     SchemaError,
     writableRange,
     WriteError,
+    type Schema,
     type ValueMap,
 } from "../src/index.js";
 
@@ -194,4 +197,17 @@ describe("what can be written", () => {
         if (reason) expect(given).toMatch(reason);
         else expect(given).toBeUndefined();
     });
+});
+
+test("the compiler refuses options that do not exist or are of another type", () => {
+    defineSchema({ motor: { speed: { "@mac": 5, "@cmd": 2, "@format": "s", unit: "rpm" }, note: "left" }, list: [1] });
+    defineSchema(JSON.parse("{}") as Schema);
+    // @ts-expect-error
+    defineSchema({ motor: { speed: { "@mac": 5, "@factr": 10 } } });
+    // @ts-expect-error
+    defineSchema({ motor: { speed: { "@mac": "5" } } });
+    // @ts-expect-error
+    defineSchema({ "@asBool": 1 });
+    // @ts-expect-error
+    expect(() => new Client("localhost", { WebSocket: class {} as never }).setSchema({ a: { "@mac": 5, "@factr": 10 } })).toThrow(SchemaError);
 });
