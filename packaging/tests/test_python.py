@@ -33,7 +33,8 @@ def manual(root):
 def test_the_module_is_complete(root):
     modules = PROJECT / "clients/python/vorbel"
     installed = root / "usr/lib/python3/dist-packages/vorbel"
-    assert {path.name for path in installed.iterdir()} == {path.name for path in modules.glob("*.py")}
+    files = {path.name for path in modules.iterdir() if path.suffix in (".py", ".typed")}
+    assert {path.name for path in installed.iterdir()} == files and "py.typed" in files
 
 
 def test_the_installed_tool_runs(root):

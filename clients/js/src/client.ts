@@ -194,8 +194,7 @@ export class Client {
      * schema is known, values go as they are. The daemon does not acknowledge them.
      */
     write(values: ValueMap, { check = true, schema = this.#schema }: WriteOptions = {}): Written[] {
-        if (!isMap(values)) throw new TypeError("Only a map of values, named as in the schema, can be written");
-        const { values: sent, written }: Message = check && schema ? prepareWrite(schema, values) : { values, written: [] };
+        const { values: sent, written } = check && schema ? prepareWrite(schema, values) : unprepared(values);
         const message = encodeValues(sent);
         assertSize(message, "The message");
         // A socket that is closing takes what it is given and sends nothing of it.
@@ -356,6 +355,11 @@ export class Client {
     #emit<E extends keyof Events>(event: E, ...args: Events[E]): void {
         for (const listener of [...this.#listeners[event]]) listener(...args);
     }
+}
+
+function unprepared(values: ValueMap): Message {
+    if (!isMap(values)) throw new TypeError("Only a map of values, named as in the schema, can be written");
+    return { values, written: [] };
 }
 
 function assertSize(message: Uint8Array, name: string): void {

@@ -182,18 +182,8 @@ function rawRange(leaf: Leaf): [least: number, most: number] {
 /** What a scaled leaf's payload holds when a number of single precision is sent: the daemon multiplies, clamps and cuts off. */
 export function rawWritten(leaf: Leaf, sent: number): number {
     const [least, most] = rawRange(leaf);
-    return Math.trunc(Math.min(Math.max(productOf(leaf, sent), least), most)) + 0; // no -0
-}
-
-function productOf({ factor }: Leaf, sent: number): number {
-    return Math.fround(Math.fround(factor) * sent);
-}
-
-/** The daemon would log a warning. */
-function isClamped(leaf: Leaf, sent: number): boolean {
-    const [least, most] = rawRange(leaf);
-    const product = productOf(leaf, sent);
-    return product < least || product > Math.fround(most);
+    const product = Math.fround(Math.fround(leaf.factor) * sent);
+    return Math.trunc(Math.min(Math.max(product, least), most)) + 0; // no -0
 }
 
 /**
@@ -203,13 +193,8 @@ function isClamped(leaf: Leaf, sent: number): boolean {
 function sentFor(leaf: Leaf, nearest: number): number {
     const quotient = Math.fround(nearest / Math.fround(leaf.factor)) + 0; // no -0
     const middle = Math.min(Math.max(quotient, -LARGEST_SINGLE), LARGEST_SINGLE);
-    const isMissed = (sent: number) => [Math.abs(rawWritten(leaf, sent) - nearest), Number(isClamped(leaf, sent))] as const;
-    const [distance, clamped] = isMissed(middle);
-    if (middle === 0 || distance + clamped === 0) return middle;
-    let best = { sent: middle, distance, clamped };
-    for (const sent of nextTo(middle).filter(Number.isFinite)) {
-        const [distance, clamped] = isMissed(sent);
-        if (distance < best.distance || (distance === best.distance && clamped < best.clamped)) best = { sent, distance, clamped };
-    }
-    return best.sent;
+    const distance = (sent: number) => Math.abs(rawWritten(leaf, sent) - nearest);
+    if (distance(middle) === 0) return middle;
+    const candidates = [middle, ...nextTo(middle).filter(Number.isFinite)];
+    return candidates.reduce((best, sent) => (distance(sent) < distance(best) ? sent : best));
 }

@@ -167,16 +167,10 @@ def _sent_for(leaf: Leaf, nearest: int) -> float:
     """Of the numbers of single precision around nearest / factor, the one that the daemon turns into that raw number,
     or else into the one nearest to it. Further ones miss by more."""
     middle = min(max(single(nearest / leaf.single_factor), -LARGEST_SINGLE), LARGEST_SINGLE)
-    if middle == 0 or raw_written(leaf, middle) == nearest and not _is_clamped(leaf, middle):
+    if raw_written(leaf, middle) == nearest:
         return middle
     candidates = (middle, *filter(math.isfinite, next_to(middle)))
-    return min(candidates, key=lambda sent: (abs(raw_written(leaf, sent) - nearest), _is_clamped(leaf, sent)))
-
-
-def _is_clamped(leaf: Leaf, sent: float) -> bool:
-    """The daemon would log a warning."""
-    least, largest = _range(leaf)
-    return not least <= single(leaf.single_factor * sent) <= single(largest)
+    return min(candidates, key=lambda sent: abs(raw_written(leaf, sent) - nearest))
 
 
 def _nearest(number: Raw) -> int:
