@@ -98,8 +98,9 @@ private:
     QString portDescription;     // of the serial port last selected, for the log
     Source source;
     QTimer timer;
-    QByteArray portLocation;        // device node of the serial port last selected
-    unsigned canInterfaceIndex = 0; // the kernel's number of "can0" when canDevice was connected
-    qint64 largestMessage = 0;      // in bytes, of those that may be on their way to a client
-    qint64 unreadByAll = 0;         // bytes that waited for all clients together after the last broadcast
+    QMetaObject::Connection canReading; // of canDevice's frames to this object
+    QByteArray portLocation;            // device node of the serial port last selected
+    unsigned canInterfaceIndex = 0;     // the kernel's number of "can0" when canDevice was connected
+    qint64 largestMessage = 0;          // in bytes, of those that may be on their way to a client
+    qint64 unreadByAll = 0;             // bytes that waited for all clients together after the last broadcast
 };

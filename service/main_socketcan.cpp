@@ -5,7 +5,6 @@
 #include <QCanBus>
 #include <QCanBusDevice>
 #include <QCanBusFrame>
-#include <QPointer>
 #include <QThread>
 
 #include <net/if.h>
@@ -79,16 +78,12 @@ bool Main::canInterfaceIsReplaced() const
     return isKnown && index != canInterfaceIndex;
 }
 
-// The device may outlive this object, which embedders are free to delete while frames come in.
+// The device may outlive this object: the destructor ends the connection.
 void Main::startRead()
 {
-    const auto read = [self = QPointer<Main>(this)] {
-        if (self) {
-            self->readSocketCan();
-        }
-    };
     if (source == SourceSocketCan) {
-        connect(canDevice, &QCanBusDevice::framesReceived, contained(read));
+        canReading =
+            connect(canDevice, &QCanBusDevice::framesReceived, contained([this] { readSocketCan(); }));
     }
 }
 

@@ -27,9 +27,11 @@ Main::Main(QObject *parent)
 }
 
 // Nobody else releases the sockets that are still connected, and left to themselves they would report their
-// disconnection while the server goes, when the list of clients is gone already.
+// disconnection while the server goes, when the list of clients is gone already. The CAN device stays, and
+// may receive frames for ever.
 Main::~Main()
 {
+    disconnect(canReading);
     for (QWebSocket *client : qAsConst(clients)) {
         client->disconnect();
         delete client;
