@@ -297,7 +297,7 @@ QVariant MsgPackPrivate::unpack(const quint8 *first, const quint8 *last)
     if (first > last) {
         return QVariantList();
     }
-    const auto inputSize = static_cast<quint64>(last - first + 1);
+    const quint64 inputSize = static_cast<quint64>(last - first) + 1;
     unpack_context context{last, inputSize + MsgPack::maxRepeatedBeyondInput};
     QVariant v;
     quint64 size = 0;
