@@ -100,7 +100,7 @@ def test_the_environment_file_is_the_administrators(package):
 
 def test_the_python_client_is_the_module_the_tool_and_their_documents(python_package):
     modules = {f"/usr/lib/python3/dist-packages/vorbel/{path.name}"
-               for path in (PROJECT / "clients/python/vorbel").glob("*.py")}
+               for path in (PROJECT / "clients/python/vorbel").glob("*.*") if path.suffix in (".py", ".typed")}
     documents = {f"/usr/share/doc/python3-vorbel/{name}" for name in ("README.md", "copyright", "changelog.gz")}
     assert modules
     assert files(python_package) == modules | documents | {"/usr/bin/vorbel-cli", "/usr/share/man/man1/vorbel-cli.1.gz"}

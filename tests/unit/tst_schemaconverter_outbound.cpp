@@ -78,6 +78,7 @@ private slots:
     void eachKindOfLineIsBoundedForItself();
     void boundedLinesAfterAThrow();
     void hiddenDebugLinesAreNotCounted();
+    void valuesThatFitCountForNoLine();
 };
 
 // A frame in words: "mac/cmd [dlc] data", the data in full, stale bytes included.
@@ -1246,6 +1247,16 @@ void TestSchemaConverterOutbound::hiddenDebugLinesAreNotCounted()
     converter.toFrame(values);
     QLoggingCategory::defaultCategory()->setEnabled(QtDebugMsg, true);
     QCOMPARE(log.lines(), QStringList());
+}
+
+void TestSchemaConverterOutbound::valuesThatFitCountForNoLine()
+{
+    QVariantMap values;
+    SchemaConverter converter;
+    converter.loadSchema(s_leaves(1500, R"("@format": "C", "@factor": 2)", &values, 1));
+    LogScope log;
+    converter.toFrame(values);
+    QCOMPARE(log.lines("warning"), QStringList());
 }
 
 QTEST_APPLESS_MAIN(TestSchemaConverterOutbound)
