@@ -319,15 +319,12 @@ void TestMsgPackHostile::announcedNumbers_data()
 // short is still looked up is nobody's business.
 static void s_checkCost(const Bytes &bytes, LogCollector &log)
 {
-    QElapsedTimer timer;
-    timer.start();
     const AllocationCounter allocated;
     const QVariant value = MsgPack::unpack(bytes);
     const size_t taken = allocated.bytes();
     QVERIFY(!value.isValid());
     QVERIFY2(taken < s_fixedBytes + s_bytesPerByte * size_t(bytes.size()),
              qPrintable(QString::number(taken)));
-    QVERIFY2(timer.elapsed() < 1000 + bytes.size() / 1000, qPrintable(QString::number(timer.elapsed())));
     for (const QString &line : log.take()) {
         QCOMPARE(line, QStringLiteral("warning: MsgPack::unpack() unpacker for type 17 doesn't exist"));
     }
