@@ -69,7 +69,8 @@ async def test_closing_writes_out_what_the_line_takes(adapter):
 
 
 async def test_frames_after_its_end_are_nobodys_and_the_device_stays(bus):
-    environment = {**bus.env(), "VORBEL_SOURCE": "socketcan"}
+    # The device is nobody's then, and is there until the process ends: no leak to report.
+    environment = {**bus.env(), "VORBEL_SOURCE": "socketcan", "ASAN_OPTIONS": "detect_leaks=0"}
     with Embedder("orphan", environment) as embedder:
         bus.wait_connected()
         embedder.drive("deleted")
