@@ -137,8 +137,9 @@ async def test_what_is_too_large_once_decoded_is_refused_before(memory):
 async def test_what_arrays_gather_for_ever_stays_below_the_ceiling(memory, guest):
     async with memory.service.connect() as client:
         await client.send_schema({**gathering_schema(10_000), "n": {"@mac": 2, "@cmd": 1, "@format": "C"}})
-        guest.run("cangen can0 -I 41 -L 8 -n 3000 -g 3; cansend can0 042#07", limit=120)
-        assert await client.value(120) == {"n": 7}
+        # Slowly: emulated, the service is no match for a burst, and what overruns it is lost.
+        guest.run("cangen can0 -I 41 -L 8 -n 2000 -g 12", limit=120)
+        assert await client.value_of(lambda: guest.run("cansend can0 042#07"), interval=3, limit=120) == {"n": 7}
     memory.service.wait_for_log(r"Attribute \(.*\) drops readings: the arrays of the schema may take 64 MiB together\.")
     memory.holds()
 
