@@ -29,6 +29,19 @@ def test_its_life_from_upgrade_to_purge(guest, service, deb, newer):
     assert state() == ["enabled", "active"]
     first = service.pid()
 
+    # Upgraded without a terminal to ask which settings to keep: it stops half-way, and can be helped.
+    code, output = guest.attempt(f"dpkg -i {newer}", limit=120)
+    assert code != 0 and "end of file on stdin at conffile prompt" in output
+    assert guest.run("dpkg-query -W -f '${Status}' vorbel") == "install ok unpacked"
+    assert state() == ["enabled", "active"]
+    assert service.pid() == first
+    guest.run("dpkg --force-confold --configure vorbel", limit=120)
+    assert guest.run("cat /etc/default/vorbel") == settings
+    assert state() == ["enabled", "active"]
+    assert service.pid() != first
+    guest.run(f"dpkg -i --force-confold {deb}", limit=120)
+    first = service.pid()
+
     # Upgraded: the new version runs, the administrator's settings stay.
     guest.run(f"dpkg -i --force-confold {newer}", limit=120)
     assert guest.run("dpkg-query -W -f '${Version}' vorbel") == "999"
