@@ -1,8 +1,10 @@
 """A CAN bus in the guest, on which the service's interface is can0."""
 
 from vorbelsim.canframe import parse_log_line
+from watch import bring_aboard
 
 NO_BUS = """
+if [ -e /run/line-can ]; then kill $(cat /run/line-can.pid); rm /run/line-can; fi
 ip -br link show type can | while read -r name rest; do ip link set "$name" down; done
 rmmod kvaser_pci vcan 2>/dev/null || true
 """
@@ -39,6 +41,31 @@ class CanBus:
 
     def record(self, count, limit=20):
         return Recording(self, count, limit)
+
+
+class LineController:
+    """can0 is a controller on a serial line, which the test plays: it can stall the bus and tell errors."""
+
+    SETUP = """
+        modprobe -a can_raw slcan
+        python3 /host/line-can >/host/line-can.log 2>&1 &
+        echo $! >/run/line-can.pid
+        for i in $(seq 200); do [ -e /run/line-can ] && exit; sleep 0.1; done
+        cat /host/line-can.log
+        exit 1
+    """
+
+    def __init__(self, guest):
+        self.guest = guest
+        bring_aboard(guest, "line-can")
+        guest.run(NO_BUS + self.SETUP)
+
+    def tell(self, *commands):
+        self.guest.run(f"printf '%s\\n' {' '.join(commands)} >/run/line-can")
+
+    def taken(self):
+        """What can0 has sent and the bus has taken, a line each."""
+        return (self.guest.share / "line-can.log").read_text().split()
 
 
 class Recording:
