@@ -1,13 +1,24 @@
 """Serial CAN adapters of the guest: one of QEMU's, and one of the guest's own kernel."""
 
+import pathlib
+import shutil
 import socket
 import struct
 import threading
 import time
 
 from guest import connect
+from vorbelsim import vek
+from watch import bring_aboard
 
-USB_SUBMISSION = ord("S")
+SIM = pathlib.Path(__file__).parents[2] / "sim"
+STREAM_PERIOD = 0.02  # seconds between the records of a stream
+
+USB_PORTS = 4  # that take a device of full speed
+USB_SUBMISSION, USB_COMPLETION = b"SC"
+USB_CONTROL, USB_BULK = 2, 3
+FTDI_BULK_IN = 0x81
+FTDI_PACKET = 64
 FTDI_VENDOR_REQUEST = 0x40  # bmRequestType: from host to device, vendor, device
 
 
@@ -15,22 +26,28 @@ class FtdiAdapter:
     """QEMU's usb-serial device. A thread reads all the time: an unread socket would stop the whole machine."""
 
     node = "/dev/ttyUSB0"
+    major = 188
     # The device's own name is QEMU's; the test's rule gives it the one that the service looks for.
     RULE = ('SUBSYSTEM=="tty", SUBSYSTEMS=="usb", ATTRS{idVendor}=="0403", ATTRS{idProduct}=="6001", '
             'ENV{ID_MODEL}="VEK_CAN_Adapter"\n')
 
-    def __init__(self, guest, named=True):
+    def __init__(self, guest, named=True, plugged=False):
+        """`plugged`: the machine was started with it, as adapter1."""
         self.guest = guest
-        self.plugs = 0
-        self.plugged = False
+        self.plugs = 1 if plugged else 0
+        self.plugged = plugged
         self.received = bytearray()
         self.arrived = threading.Condition()
+        self.streaming = threading.Event()
+        self.closed = False
         self.socket = socket.socket(socket.AF_UNIX)
         connect(self.socket, guest.folder / "adapter.sock", 10)
         threading.Thread(target=self._read, daemon=True).start()
-        (guest.share / "rule").write_text(self.RULE if named else "")
-        guest.run("rmmod ftdi_sio cdc_acm usbserial 2>/dev/null || true; mkdir -p /run/udev/rules.d; "
-                  "cp /host/rule /run/udev/rules.d/61-test.rules; udevadm control --reload")
+        threading.Thread(target=self._stream, daemon=True).start()
+        if not plugged:
+            (guest.share / "rule").write_text(self.RULE if named else "")
+            guest.run("rmmod ftdi_sio cdc_acm usbserial 2>/dev/null || true; mkdir -p /run/udev/rules.d; "
+                      "cp /host/rule /run/udev/rules.d/61-test.rules; udevadm control --reload")
 
     def _read(self):
         while True:
@@ -44,23 +61,42 @@ class FtdiAdapter:
                 self.received += data
                 self.arrived.notify_all()
 
+    def _stream(self):
+        """
+        A numbered record of node 5, command 2, time and again while `streaming` is set and it is plugged in: what it
+        is sent while it comes or goes may end QEMU.
+        """
+        number = 0
+        while not self.closed:
+            if self.streaming.wait(1) and self.plugged:
+                self.write(numbered_record(number))
+                number += 1
+            time.sleep(STREAM_PERIOD)
+
+    def stream(self, on):
+        self.streaming.set() if on else self.streaming.clear()
+
     def close(self):
+        self.stream(False)
+        self.closed = True
         self.unplug()
         self.guest.run(f"for i in $(seq 100); do [ -e {self.node} ] || exit 0; sleep 0.1; done; exit 1")
         self.socket.shutdown(socket.SHUT_RDWR)
         self.socket.close()
 
     def plug(self):
+        """Plugs it in, into another port each time."""
         self.plugs += 1
         self.capture = self.guest.folder / f"usb-{time.monotonic_ns()}.pcap"
         self.guest.qmp("device_add", driver="usb-serial", id=f"adapter{self.plugs}", chardev="adapter",
-                       bus="xhci.0", pcap=str(self.capture))
+                       bus="xhci.0", port=str(1 + self.plugs % USB_PORTS), pcap=str(self.capture))
         self.plugged = True
 
     def unplug(self):
         if self.plugged:
+            self.plugged = False
+            time.sleep(2 * STREAM_PERIOD)
             self.guest.qmp("device_del", event="DEVICE_DELETED", id=f"adapter{self.plugs}")
-        self.plugged = False
 
     def write(self, data):
         self.socket.sendall(data)
@@ -86,25 +122,59 @@ class FtdiAdapter:
                 if kind == FTDI_VENDOR_REQUEST]
 
 
-def control_requests(capture):
-    """(seconds, bmRequestType, bRequest, wValue) of the control transfers in a USB capture of QEMU's."""
+def numbered_record(number):
+    return vek.record(5, 2, struct.pack("<II", number, 0))
+
+
+def ready_since(guest, adapter, plugged):
+    """When, by the guest's clock, udev was done with the port of an adapter that was plugged in after `plugged`."""
+    return float(guest.run(f"""
+        for i in $(seq 200); do
+            at=$(stat -c %.6Y /run/udev/data/c{adapter.major}:* 2>/dev/null | sort -n | tail -n 1)
+            [ "${{at%.*}}" ] && expr "$at" \\> {plugged:.6f} >/dev/null && echo $at && exit
+            sleep 0.05
+        done
+        exit 1
+    """))
+
+
+def packets(capture):
+    """(seconds, usbmon header and data) of each packet in a USB capture of QEMU's. The header is Linux's: type at 8,
+    transfer type at 9, endpoint at 10, setup flag at 14, setup at 40; the data begins at 64."""
     data = capture.read_bytes()
     at = 24  # behind the file's header
-    requests = []
     while at + 16 <= len(data):
         seconds, microseconds, length = struct.unpack_from("<III", data, at)
-        packet = data[at + 16:at + 16 + length]
+        if at + 16 + length > len(data):
+            return  # still being written
+        yield seconds + microseconds / 1e6, data[at + 16:at + 16 + length]
         at += 16 + length
-        # Linux's usbmon header: type at 8, transfer type at 9 (2 is control), setup flag at 14, setup at 40.
-        if len(packet) >= 48 and packet[8] == USB_SUBMISSION and packet[9] == 2 and packet[14] == 0:
-            kind, request, value = struct.unpack_from("<BBH", packet, 40)
-            requests.append((seconds + microseconds / 1e6, kind, request, value))
-    return requests
+
+
+def control_requests(capture):
+    """(seconds, bmRequestType, bRequest, wValue) of the control transfers in a USB capture of QEMU's."""
+    return [(seconds, *struct.unpack_from("<BBH", packet, 40)) for seconds, packet in packets(capture)
+            if len(packet) >= 48 and packet[8] == USB_SUBMISSION and packet[9] == USB_CONTROL and packet[14] == 0]
+
+
+def delivered_records(capture):
+    """(seconds, number) of the numbered records that an adapter has handed to the driver."""
+    scanner = vek.Scanner()
+    records = []
+    for seconds, packet in packets(capture):
+        if len(packet) > 64 and packet[8] == USB_COMPLETION and packet[9] == USB_BULK and packet[10] == FTDI_BULK_IN:
+            data = packet[64:]
+            # Each packet on the wire begins with two bytes of status.
+            stream = b"".join(data[at + 2:at + FTDI_PACKET] for at in range(0, len(data), FTDI_PACKET))
+            records += [(seconds, struct.unpack("<II", frame.payload)[0]) for frame in scanner.feed(stream)
+                        if (frame.mac, frame.cmd) == (5, 2)]
+    return records
 
 
 class GadgetAdapter:
     """The guest's own kernel as a USB device (CDC-ACM), plugged into itself; its far end is /dev/ttyGS0."""
 
+    major = 166
     SETUP = """
         modprobe -a dummy_hcd libcomposite usb_f_acm usbmon
         mountpoint -q /sys/kernel/config || mount -t configfs none /sys/kernel/config
@@ -122,9 +192,23 @@ class GadgetAdapter:
 
     def __init__(self, guest):
         self.guest = guest
+        self.feeding = False
         guest.run(self.SETUP)
 
+    def stream(self, on):
+        """A numbered record of node 5, command 2, time and again while it is on."""
+        if on and not self.feeding:
+            bring_aboard(self.guest, "feed")
+            shutil.copytree(SIM, self.guest.share / "sim", ignore=shutil.ignore_patterns("__pycache__"),
+                            dirs_exist_ok=True)
+            self.guest.run(f"python3 -B /host/feed {STREAM_PERIOD} >/host/feed.log 2>&1 &\necho $! >/run/feed.pid")
+            self.feeding = True
+        if self.feeding:
+            self.guest.run(f"kill -{'CONT' if on else 'STOP'} $(cat /run/feed.pid)")
+
     def close(self):
+        if self.feeding:
+            self.guest.run("kill -9 $(cat /run/feed.pid)")
         self.guest.run("""
             cd /sys/kernel/config/usb_gadget/vek
             echo >UDC || true
@@ -178,14 +262,15 @@ class GadgetAdapter:
         self.guest.run(": >/host/to-host")
 
     def class_requests(self):
-        """The CDC requests in order: ("20", line coding in hex) and ("22", wValue in hex)."""
+        """The CDC requests in order: (seconds, "20", line coding in hex) and (seconds, "22", wValue in hex)."""
         lines = self.guest.run("cat /run/usbmon").splitlines()
         return [request for request in map(class_request, lines) if request]
 
 
 def class_request(line):
-    """One line of usbmon's text: URB, time, event, address, "s", bmRequestType, bRequest, wValue, ..., data."""
+    """One line of usbmon's text: URB, microseconds, event, address, "s", bmRequestType, bRequest, wValue, ..., data."""
     words = line.split()
     if len(words) < 10 or words[2] != "S" or words[4] != "s" or words[5] != "21":
         return None
-    return (words[6], "".join(words[11:]).lstrip("=") if words[6] == "20" else words[7])
+    value = "".join(words[11:]).lstrip("=") if words[6] == "20" else words[7]
+    return int(words[1]) / 1e6, words[6], value

@@ -9,8 +9,10 @@ PROJECT = pathlib.Path(__file__).parents[2]
 sys.path[:0] = [str(PROJECT / folder) for folder in ("sim", "packaging/tests", "tests/e2e")]
 
 import documents
+from adapters import FtdiAdapter, GadgetAdapter
 from guest import Guest
 from service import Service
+from watch import bring_aboard
 
 
 @pytest.hookimpl(hookwrapper=True)
@@ -20,8 +22,9 @@ def pytest_runtest_makereport(item):
     machine = getattr(item, "funcargs", {}).get("guest")
     if report.failed and machine:
         try:
-            state = machine.attempt("journalctl --no-pager -n 60; ip -statistics -details link show type can; "
-                                    "lsmod; ls -l /dev/ttyUSB* /dev/ttyACM*")[1]
+            bring_aboard(machine, "port-state")
+            state = machine.attempt("python3 /host/port-state 2>&1; journalctl --no-pager -n 60 -o short-monotonic; "
+                                    "ip -statistics -details link show type can; lsmod")[1]
         except (AssertionError, OSError) as error:
             state = f"the virtual machine does not answer: {error!r}"
         report.sections.append(("the guest", state))
@@ -62,6 +65,28 @@ def service(guest, deb):
     """The service, installed by dpkg on a system that fulfils the package's dependencies and not much more."""
     guest.run(f"[ -e /usr/bin/vorbel ] || dpkg -i {deb}", limit=120)
     return Service(guest)
+
+
+@pytest.fixture
+def ftdi(guest, service):
+    """An unplugged adapter, whose driver was not loaded yet when the service started."""
+    adapter = FtdiAdapter(guest)
+    service.configure(VORBEL_SOURCE="serialport")
+    yield adapter
+    adapter.close()
+
+
+@pytest.fixture
+def gadget(guest, service):
+    adapter = GadgetAdapter(guest)
+    service.configure(VORBEL_SOURCE="serialport")
+    yield adapter
+    adapter.close()
+
+
+@pytest.fixture(params=["ftdi", "gadget"])
+def adapter(request):
+    return request.getfixturevalue(request.param)
 
 
 @pytest.fixture(scope="session")

@@ -52,6 +52,20 @@ class Service:
         return [entry for entry in map(json.loads, complete)
                 if entry.get("_SYSTEMD_INVOCATION_ID") == self.invocation and entry.get("_COMM") == "vorbel"]
 
+    def timeline(self):
+        """(the guest's time in seconds, line) of all that it logged."""
+        return [(int(entry["__REALTIME_TIMESTAMP"]) / 1e6, entry["MESSAGE"]) for entry in self.entries()]
+
+    def first_line(self, since, pattern, limit=20):
+        """When it first logged such a line from a moment of the guest's on."""
+        deadline = time.monotonic() + limit
+        while True:
+            for at, line in self.timeline():
+                if at >= since and re.fullmatch(pattern, line):
+                    return at
+            assert time.monotonic() < deadline, f"waited for {pattern!r}, but got:\n" + "\n".join(self.log())
+            time.sleep(0.1)
+
     def log(self):
         return [entry["MESSAGE"] for entry in self.entries()]
 
@@ -85,8 +99,14 @@ class Client:
         self.hellos = []
 
     async def __aenter__(self):
-        self.socket = await websockets.connect(self.uri, max_size=None, ping_interval=None, open_timeout=20)
-        return self
+        # The service gives up on a handshake after five seconds; a busy emulated machine may take longer.
+        for attempts_left in reversed(range(5)):
+            try:
+                self.socket = await websockets.connect(self.uri, max_size=None, ping_interval=None, open_timeout=20)
+                return self
+            except (asyncio.TimeoutError, OSError, websockets.InvalidMessage):
+                if not attempts_left:
+                    raise
 
     async def __aexit__(self, *_):
         await self.socket.close()
