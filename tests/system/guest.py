@@ -2,6 +2,7 @@
 
 import json
 import pathlib
+import shutil
 import socket
 import subprocess
 import time
@@ -61,6 +62,7 @@ def free_port():
 class Guest:
     def __init__(self, image, folder):
         self.image = pathlib.Path(image)
+        self.initrd = self.image / "initrd.cpio"
         self.folder = pathlib.Path(folder)
         self.share = self.folder / "share"
         self.share.mkdir()
@@ -68,11 +70,12 @@ class Guest:
         self.scripts = 0
         self.process = None
 
-    def start(self):
+    def start(self, *devices):
+        """Boots, with these further devices: words for QEMU."""
         # However the test ends, the machine ends with it.
         self.process = subprocess.Popen(
             ["setpriv", "--pdeathsig", "TERM", "timeout", "-k", "5", str(LIFE_LIMIT), "qemu-system-aarch64",
-             *self._hardware()],
+             *self._hardware(), *devices],
             stdin=subprocess.DEVNULL, stdout=open(self.folder / "console.log", "wb"), stderr=subprocess.STDOUT)
         self.qmp_socket = LineSocket(self.folder / "qmp.sock", 10)
         self.qmp_socket.receive(10)
@@ -85,7 +88,7 @@ class Guest:
         return [
             "-M", "virt", "-cpu", "cortex-a53", "-accel", "tcg,thread=multi", "-smp", "2", "-m", "1024",
             "-nodefaults", "-nographic", "-serial", "stdio", "-no-reboot",
-            "-kernel", self.image / "Image", "-initrd", self.image / "initrd.cpio",
+            "-kernel", self.image / "Image", "-initrd", self.initrd,
             "-append", "console=ttyAMA0 panic=-1 quiet net.ifnames=0 systemd.show_status=false "
             # What guards the kernel from its programs makes QEMU forget its translations at every system call.
             "mitigations=off nokaslr "
@@ -113,6 +116,26 @@ class Guest:
             except subprocess.TimeoutExpired:
                 self.process.terminate()  # timeout hands it on, and kills five seconds later
                 self.process.wait(10)
+
+    def start_again(self, *devices):
+        """Boots once more, with what was installed since `remember_files` and with nothing else of this life."""
+        changed = self.folder / "changed"
+        self.run("find /etc /usr /var/lib -xdev ! -type d -cnewer /run/remembered -print0 | "
+                 "tar -C / --null -T - -cf /host/changed.tar")
+        changed.mkdir()
+        subprocess.run(["tar", "-C", changed, "-xf", self.share / "changed.tar"], check=True)
+        more = subprocess.run("find . | cpio --quiet -o -H newc -R 0:0", shell=True, cwd=changed, check=True,
+                              capture_output=True).stdout
+        shutil.rmtree(changed)
+        initrd = self.folder / "initrd.cpio"
+        initrd.write_bytes((self.image / "initrd.cpio").read_bytes() + more)
+        self.stop()
+        self.initrd = initrd
+        (self.share / "journal").unlink(missing_ok=True)
+        self.start(*devices)
+
+    def remember_files(self):
+        self.run("[ -e /run/remembered ] || touch /run/remembered")
 
     def qmp(self, command, event=None, **arguments):
         """Gives QEMU a command; returns when it is done, and when the event that it causes has happened."""
