@@ -63,7 +63,6 @@ def deb(guest, packages):
 @pytest.fixture(scope="module")
 def service(guest, deb):
     """The service, installed by dpkg on a system that fulfils the package's dependencies and not much more."""
-    guest.remember_files()
     guest.run(f"[ -e /usr/bin/vorbel ] || dpkg -i {deb}", limit=120)
     return Service(guest)
 

@@ -38,7 +38,7 @@ class Service:
         self.invocation = self.guest.run(START).strip()
 
     def wait_listening(self):
-        self.guest.run(WAIT_LISTENING)
+        self.guest.run(WAIT_LISTENING, limit=120)
 
     def property(self, name):
         return self.guest.run(f"systemctl show --value -P {name} vorbel").strip()

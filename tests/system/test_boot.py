@@ -34,7 +34,7 @@ async def talks(guest, service, adapter):
 
 
 async def test_with_the_adapter_plugged_in(board, guest):
-    service = board("-device", "usb-serial,id=adapter1,chardev=adapter,bus=xhci.0")
+    service = board("-device", "usb-serial,id=adapter1,chardev=adapter,bus=xhci.0,always-plugged=on")
     service.wait_for_log(FOUND)
     adapter = FtdiAdapter(guest, plugged=True)
     await talks(guest, service, adapter)

@@ -15,9 +15,10 @@ from watch import Watch, now
 PULLS = int(os.environ.get("VORBEL_PULLS", "2"))
 
 # An adapter is heard again within two ticks, once it is there. A tick is a second, and where system calls are dear, as
-# in emulation, as long as the look for adapters takes. What is over is for the 200 ms that DTR is low and for the way.
+# in emulation, as long as the search for adapters takes. What is over is for the 200 ms that DTR is low, for the way,
+# and for what a busy host takes of the guest's time for itself.
 TICKS = 2
-OVER = 0.5
+OVER = 1.5
 WRITE_PERIOD = 0.2  # seconds; each message is six lines in the debug log
 
 

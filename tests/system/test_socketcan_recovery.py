@@ -45,7 +45,7 @@ async def speaks(bus, client):
 def heard_soon(guest, peer):
     """Checks that what happens inside brings a link back that is heard as soon as promised."""
     with Watch(guest) as watch:
-        guest.run(f"(while sleep 0.05; do cansend {peer} '085#0100'; done) >/dev/null 2>&1 &\necho $! >/run/talker.pid")
+        guest.run(f"(while sleep 0.05; do cansend {peer} '085#0100' || true; done) >/dev/null 2>&1 &\necho $! >/run/talker.pid")
         try:
             yield
             back = now(guest)
@@ -104,7 +104,8 @@ async def test_an_interface_made_anew_between_two_ticks_is_heard_again(guest, se
         before = service.count(CREATED_AGAIN)
         with heard_soon(guest, "can0"):
             guest.run("ip link del can0\nip link add can0 type vcan\nip link set can0 up")
-        assert service.count(CREATED_AGAIN) == before + 1
+        # Once, or more often where a tick falls between the three commands.
+        assert service.count(CREATED_AGAIN) > before
         await speaks(bus, client)
 
 
