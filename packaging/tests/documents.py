@@ -20,3 +20,12 @@ def commands(page, beginning):
     (block,) = (block for block in re.findall(r"^```\w*\n(.*?)^```$", page.read_text(), re.M | re.S)
                 if block.startswith(beginning))
     return block
+
+
+def tables(page, title):
+    """The cells of all tables below a heading, without the tables' heads."""
+    marks, section = re.search(rf"^(#+) {re.escape(title)}\n(.*)", page.read_text(), re.M | re.S).groups()
+    section = re.split(rf"^#{{1,{len(marks)}}} ", section, maxsplit=1, flags=re.M)[0]
+    heads = re.sub(r"^\|.*\n(?=\| --- )", "", section, flags=re.M)
+    rows = [line for line in heads.splitlines() if line.startswith("|") and not line.startswith("| ---")]
+    return [[cell.strip() for cell in row.strip("|").split(" | ")] for row in rows]

@@ -15,15 +15,16 @@ from vorbelsim import CanFrame
 from vorbel import wire
 
 PAGE = (PROJECT / "docs" / "protocol.md").read_text()
+DEPLOYMENT = (PROJECT / "docs" / "deployment.md").read_text()
 
 
-def section(title):
-    return re.search(rf"^#+ {re.escape(title)}\n(.*?)(?=^#+ |\Z)", PAGE, re.M | re.S)[1]
+def section(title, page=PAGE):
+    return re.search(rf"^#+ {re.escape(title)}\n(.*?)(?=^#+ |\Z)", page, re.M | re.S)[1]
 
 
-def rows(title):
+def rows(title, page=PAGE):
     """The cells of the tables of a section, without the heads."""
-    lines = [line for line in section(title).splitlines() if line.startswith("|")]
+    lines = [line for line in section(title, page).splitlines() if line.startswith("|")]
     table = [[cell.strip() for cell in line.strip("|").split("|")] for line in lines]
     return [cells for cells in table if not set(cells[0]) <= set("- ")][1:]
 
@@ -170,21 +171,30 @@ async def test_packed_example(bridge):
         assert " ".join(payload for _, _, payload in frames) == packed
 
 
+TOO_DEEP = b"\x91" * 10001 + b"\x01"
+REPEATING = b"\x94\xc5\x9c\x40" + bytes(40000) + b"\xd4\x11\x00" * 3
+
+
 async def test_log_lines(bridge):
-    """Every line of the table is provoked, but what is dropped or lost: other tests do that."""
-    lines = {(level, line.strip("`")) for level, line, _ in rows("What the daemon logs")}
-    lines = {line for line in lines if not line[1].startswith(("Dropping", "Lost"))}
+    """Every line of the table of what clients cause is provoked, but what is dropped: other tests do that."""
+    lines = {(level, line.strip("`")) for level, line, _ in rows("Clients and what they send", DEPLOYMENT)}
+    lines = {line for line in lines if not re.search("^Dropping|drops", line[1])}
     async with connect() as client:
         await receive(client)
         await client.send('{"a": {"@mac": 1, "@cmd": 1, "@format": "C"}}')
         many_unknown = {f"unknown {i}": 1 for i in range(5000)}
         for message in ({"a": 7}, {"b": 1}, [], {"a": msgpack.ExtType(17, b"")}, many_unknown):
             await client.send(msgpack.packb(message))
+        for message in (TOO_DEEP, REPEATING):
+            await client.send(message)
         leaf = {"@mac": 1, "@cmd": 1, "@format": "s"}
+        far = {"@format": "s", "@skip": 65534}
         await client.send(json.dumps({
             "r": {**leaf, "@asBool": True}, "z": {**leaf, "@skip": -1}, "k": {**leaf, "@factor": 100},
-            "long": {**leaf, "@skip": 7}, "c": {**leaf, "@cmd": 2, "@format": "c", "@flushSize": 1}}))
-        for message in ({"r": 1}, {"z": 1}, {"k": 400}, {"long": 1}):
+            "long": {**leaf, "@skip": 7}, "c": {**leaf, "@cmd": 2, "@format": "c", "@flushSize": 1},
+            "x": {**far, "@mac": 1, "@cmd": 4},
+            **{f"far {i}": {**far, "@mac": i, "@cmd": 3} for i in range(64)}}))
+        for message in ({"r": 1}, {"z": 1}, {"k": 400}, {"long": 1}, {**{f"far {i}": 1 for i in range(64)}, "x": 1}):
             await client.send(msgpack.packb(message))
         await round_trip(client)
         bridge.say(1, 2, "00")
