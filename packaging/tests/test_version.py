@@ -13,7 +13,8 @@ COPIES = {
     "clients/js/README.md": rf"vorbel-{NUMBER}\.tgz",
     "clients/js/package.json": rf'^    "version": "{NUMBER}"',
     "clients/monitor/package.json": rf'^ +"(?:version|vorbel)": "{NUMBER}"',
-    "clients/package-lock.json": rf'^            "name": "vorbel(?:-monitor)?",\n +"version": "{NUMBER}"|"vorbel": "{NUMBER}"',
+    "clients/package-lock.json":
+        rf'^            "name": "vorbel(?:-monitor)?",\n +"version": "{NUMBER}"|"vorbel": "{NUMBER}"',
     "clients/python/README.md": rf"vorbel_{NUMBER}_",
     "clients/python/pyproject.toml": rf'^version = "{NUMBER}"',
     "clients/python/vorbel/__init__.py": rf'^__version__ = "{NUMBER}"',
