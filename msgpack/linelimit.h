@@ -19,20 +19,20 @@
 class LineLimit
 {
 public:
-    static constexpr int linesOfOneKind = 1000;
+    static constexpr int linesMax = 1000;
 
     // `level` is QtDebugMsg or QtWarningMsg. `kind`, a literal, shows in the last line which lines are meant.
     LineLimit(QtMsgType level, const char *kind) : m_level(level), m_kind(kind) {}
     ~LineLimit()
     {
-        if (m_lines > linesOfOneKind) {
+        if (m_lines > linesMax) {
             writeLastLine();
         }
     }
     Q_DISABLE_COPY(LineLimit)
 
     // Whether one more line may be written; it counts as written or as left out.
-    bool takeLine() { return ++m_lines <= linesOfOneKind; }
+    bool takeLine() { return ++m_lines <= linesMax; }
 
 private:
     void writeLastLine() const;

@@ -18,7 +18,7 @@ using namespace MsgPackPrivate;
 namespace
 {
 
-const char s_name[] = "MsgPackStream";
+constexpr char streamName[] = "MsgPackStream";
 
 constexpr int chunkSize = 16 * 1024; // how far an announced length is trusted at a time
 
@@ -32,7 +32,8 @@ bool s_writeShort(MsgPackStream &stream, Routine routine)
     return stream.writeBytes(bytes, static_cast<qint64>(end - first));
 }
 
-bool s_corrupt(MsgPackStream &stream)
+// Returns false, as a reader that fails does.
+bool s_markCorrupt(MsgPackStream &stream)
 {
     stream.setStatus(MsgPackStream::ReadCorruptData);
     return false;
@@ -64,7 +65,7 @@ bool s_readPositive(MsgPackStream &stream, quint8 first, quint64 &value)
         return s_readNumber<quint64>(stream, value);
     default:
         value = first;
-        return first < Fixmap || s_corrupt(stream);
+        return first < Fixmap || s_markCorrupt(stream);
     }
 }
 
@@ -81,7 +82,7 @@ bool s_readPositiveAsSigned(MsgPackStream &stream, quint8 first, qint64 &value)
         return false;
     }
     value = static_cast<qint64>(positive);
-    return value >= 0 || s_corrupt(stream);
+    return value >= 0 || s_markCorrupt(stream);
 }
 
 bool s_readInteger(MsgPackStream &stream, qint64 &value)
@@ -114,7 +115,7 @@ MsgPackStream &s_readInto(MsgPackStream &stream, Target &target)
         return stream;
     }
     if (value < std::numeric_limits<Target>::min() || value > std::numeric_limits<Target>::max()) {
-        s_corrupt(stream);
+        s_markCorrupt(stream);
     } else {
         target = static_cast<Target>(value);
     }
@@ -128,7 +129,7 @@ MsgPackStream &s_readReal(MsgPackStream &stream, FirstByte first, Real &real)
     static_assert(sizeof(Bits) == sizeof(Real), "IEEE 754 numbers as they are");
     quint8 actual;
     Bits bits;
-    if (s_readNumber<quint8>(stream, actual) && (actual == first || s_corrupt(stream)) &&
+    if (s_readNumber<quint8>(stream, actual) && (actual == first || s_markCorrupt(stream)) &&
         s_readNumber<Bits>(stream, bits)) {
         std::memcpy(&real, &bits, sizeof real);
     }
@@ -146,21 +147,21 @@ bool s_readLength(MsgPackStream &stream, quint8 first, FirstByte first8, quint32
     case 2:
         return s_readNumber<quint32>(stream, length);
     default:
-        return s_corrupt(stream);
+        return s_markCorrupt(stream);
     }
 }
 
 bool s_readBytes(MsgPackStream &stream, quint32 length, QByteArray &bytes)
 {
     if (length > static_cast<quint32>(std::numeric_limits<int>::max())) {
-        return s_corrupt(stream);
+        return s_markCorrupt(stream);
     }
     const int end = static_cast<int>(length);
     while (bytes.size() < end) {
         const int at = bytes.size();
         const int count = qMin(end - at, chunkSize);
         if (at + count > static_cast<int>(maxByteArraySize)) {
-            return s_corrupt(stream); // so much did come, but no QByteArray holds it
+            return s_markCorrupt(stream); // so much did come, but no QByteArray holds it
         }
         bytes.resize(at + count);
         if (!stream.readBytes(bytes.data() + at, count)) {
@@ -190,7 +191,7 @@ void s_readItem(MsgPackStream &stream, QString &string)
     quint32 length = first - Fixstr;
     QByteArray read;
     if ((isFixstr(first) || s_readLength(stream, first, Str8, length)) && s_readBytes(stream, length, read) &&
-        (length <= maxStringSize || s_corrupt(stream))) {
+        (length <= maxStringSize || s_markCorrupt(stream))) {
         string = utf8_read(reinterpret_cast<const quint8 *>(read.constData()), read.size());
     }
 }
@@ -199,12 +200,12 @@ void s_readItem(MsgPackStream &stream, QString &string)
 template <class Item>
 MsgPackStream &s_readSized(MsgPackStream &stream, Item &item)
 {
-    const bool enoughMemory = withinMemory(s_name, [&] {
+    const bool enoughMemory = withinMemory(streamName, [&] {
         s_readItem(stream, item);
         return true;
     });
     if (!enoughMemory) {
-        s_corrupt(stream);
+        s_markCorrupt(stream);
     }
     return stream;
 }
@@ -293,7 +294,7 @@ bool MsgPackStream::readBytes(char *data, qint64 length)
     if (!m_device) {
         return false;
     }
-    const bool read = withinMemory(s_name, [&] { return s_readAll(*m_device, data, length); });
+    const bool read = withinMemory(streamName, [&] { return s_readAll(*m_device, data, length); });
     if (!read) {
         m_status = ReadPastEnd;
     }
@@ -306,7 +307,7 @@ bool MsgPackStream::writeBytes(const char *data, qint64 length)
         return false;
     }
     const bool written =
-        withinMemory(s_name, [&] { return s_writeAll(*m_device, data, length, m_flushWrites); });
+        withinMemory(streamName, [&] { return s_writeAll(*m_device, data, length, m_flushWrites); });
     if (!written) {
         m_status = WriteFailed;
     }
@@ -326,7 +327,7 @@ bool MsgPackStream::readExtHeader(quint32 &length)
         return false;
     }
     if (!isExtension(header[0])) {
-        return s_corrupt(*this);
+        return s_markCorrupt(*this);
     }
     if (header[0] >= Fixext1) {
         length = 1u << (header[0] - Fixext1);
@@ -400,7 +401,7 @@ MsgPackStream &MsgPackStream::operator<<(const QString &string)
 
 MsgPackStream &MsgPackStream::operator<<(const char *text)
 {
-    if (isWritable() && !withinMemory(s_name, [&] { return s_writeText(*this, text); })) {
+    if (isWritable() && !withinMemory(streamName, [&] { return s_writeText(*this, text); })) {
         m_status = WriteFailed;
     }
     return *this;
@@ -420,7 +421,7 @@ MsgPackStream &MsgPackStream::operator>>(bool &b)
     if (s_readNumber<quint8>(*this, first)) {
         b = first == True;
         if (!b && first != False) {
-            s_corrupt(*this);
+            s_markCorrupt(*this);
         }
     }
     return *this;

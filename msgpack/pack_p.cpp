@@ -107,8 +107,9 @@ const T &s_held(const QVariant &v)
     return *static_cast<const T *>(d.is_shared ? d.data.shared->ptr : &d.data.ptr);
 }
 
-// Whether the containers around the current value are as many as may be. Remembered for the whole call.
-bool s_isFull(pack_context &context)
+// Returns true if no further container may lie within those around the current value, and records that for
+// the whole call.
+bool s_refuseNesting(pack_context &context)
 {
     if (context.nesting < MsgPack::maxNesting) {
         return false;
@@ -314,7 +315,7 @@ position_t MsgPackPrivate::pack_arraylen(quint32 count, position_t p, bool wr)
 
 position_t MsgPackPrivate::pack_array(const QVariantList &list, position_t p, bool wr, pack_context &context)
 {
-    if (s_isFull(context)) {
+    if (s_refuseNesting(context)) {
         return p;
     }
     ++context.nesting;
@@ -337,7 +338,7 @@ position_t MsgPackPrivate::pack_stringlist(const QStringList &list, position_t p
 
 position_t MsgPackPrivate::pack_map(const QVariantMap &map, position_t p, bool wr, pack_context &context)
 {
-    if (s_isFull(context)) {
+    if (s_refuseNesting(context)) {
         return p;
     }
     ++context.nesting;

@@ -148,7 +148,8 @@ const quint8 *s_unpackFixext(QVariant &v, const quint8 *p, unpack_context &conte
     return s_unpackTypeAndPayload(v, p + 1, length, context);
 }
 
-bool s_isFull(const unpack_context &context)
+// Returns true, with a warning, if no further container may lie within those around the current value.
+bool s_refuseNesting(const unpack_context &context)
 {
     if (context.nesting < MsgPack::maxNesting) {
         return false;
@@ -165,10 +166,10 @@ bool s_isTooLong(const quint8 *p, quint32 count, const unpack_context &context)
     return count > maxListSize && context.end - p >= static_cast<qptrdiff>(count) - 1;
 }
 
-// Counts what the current value takes over from its target. The copies share their memory, but whoever walks
-// over them pays for each: a hundred bytes that double what they hold thirty times would keep the process
-// busy for ever.
-bool s_repeatsTooMuch(unpack_context &context)
+// Counts what the current value takes over from its target, and returns true, with a warning, if that is too
+// much. The copies share their memory, but whoever walks over them pays for each: a hundred bytes that double
+// what they hold thirty times would keep the process busy for ever.
+bool s_refuseRepetition(unpack_context &context)
 {
     context.repeated += context.held;
     if (context.repeated <= context.maxRepeated) {
@@ -336,7 +337,7 @@ const quint8 *MsgPackPrivate::unpack_type(QVariant &v, const quint8 *p, unpack_c
 const quint8 *MsgPackPrivate::unpack_array_len(QVariant &v, const quint8 *p, quint32 count,
                                                unpack_context &context)
 {
-    if (s_isFull(context)) {
+    if (s_refuseNesting(context)) {
         return nullptr;
     }
     if (s_isTooLong(p, count, context)) {
@@ -359,7 +360,7 @@ const quint8 *MsgPackPrivate::unpack_array_len(QVariant &v, const quint8 *p, qui
 const quint8 *MsgPackPrivate::unpack_map_len(QVariant &v, const quint8 *p, quint32 count,
                                              unpack_context &context)
 {
-    if (s_isFull(context)) {
+    if (s_refuseNesting(context)) {
         return nullptr;
     }
     ++context.nesting;
@@ -393,7 +394,7 @@ const quint8 *MsgPackPrivate::unpack_ext(QVariant &v, const quint8 *p, qint8 typ
         locker.unlock(); // whoever handles the message may use the codec
         s_warnOfUnknown(type, context);
         context.isKept = true;
-        if (s_repeatsTooMuch(context)) {
+        if (s_refuseRepetition(context)) {
             return nullptr;
         }
     }

@@ -10,10 +10,10 @@ namespace
 {
 
 // Keeps the beginning of what is written to it and drops the rest.
-class Beginning : public QIODevice
+class CappedBuffer : public QIODevice
 {
 public:
-    Beginning() { open(QIODevice::WriteOnly); }
+    CappedBuffer() { open(QIODevice::WriteOnly); }
 
     QByteArray kept;
     bool isCut = false;
@@ -53,7 +53,7 @@ QTextStream &s_inUtf8(QTextStream &stream)
 class Printer
 {
 public:
-    explicit Printer(Beginning &text) : m_text(text), m_out(&text) { m_out.nospace() << s_inUtf8; }
+    explicit Printer(CappedBuffer &text) : m_text(text), m_out(&text) { m_out.nospace() << s_inUtf8; }
 
     void print(const QVariant &value)
     {
@@ -92,14 +92,14 @@ public:
     }
 
 private:
-    Beginning &m_text;
+    CappedBuffer &m_text;
     QDebug m_out;
 };
 
 template <typename T>
 QString s_debugText(const T &value)
 {
-    Beginning text;
+    CappedBuffer text;
     Printer(text).print(value); // complete when the printer is gone
 
     // The decoder leaves out a character of which only the first bytes were kept.

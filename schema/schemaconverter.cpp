@@ -99,7 +99,8 @@ bool s_takeRoom(int growth, const Leaf &leaf, Conversion &conversion)
     return false;
 }
 
-bool s_isWithinPayload(const Leaf &leaf, Conversion &conversion)
+// Returns false, with a warning, if the leaf's offset is none that a payload can have.
+bool s_checkOffset(const Leaf &leaf, Conversion &conversion)
 {
     const bool isWithin = leaf.attribute.skip() >= 0 && leaf.attribute.skip() <= PAYLOAD_OFFSET_MAX;
     if (!isWithin && conversion.outside.takeLine()) {
@@ -113,7 +114,7 @@ bool s_isWithinPayload(const Leaf &leaf, Conversion &conversion)
 template <typename Stored, typename Scaled>
 void s_place(QByteArray &payload, const Leaf &leaf, Conversion &conversion)
 {
-    if (!s_isWithinPayload(leaf, conversion)) {
+    if (!s_checkOffset(leaf, conversion)) {
         return;
     }
     const int end = leaf.attribute.skip() + static_cast<int>(sizeof(Stored));

@@ -19,7 +19,7 @@ constexpr unsigned long pauseBeforeFrame = 10; // ms; nodes on the bus lose fram
 
 // What one message may put on the bus: with the pause before each, over a minute in which nobody else is
 // served.
-constexpr int framesOfOneMessage = 8192;
+constexpr int frameLimit = 8192;
 
 QCanBusFrame s_canFrame(const vek_frame_t &frame)
 {
@@ -102,9 +102,9 @@ void Main::readSocketCan()
 void Main::writeToSocketCan(const QVariant &value)
 {
     const QList<vek_frame_t> frames = converter.toVEKFrames(value);
-    if (frames.size() > framesOfOneMessage) {
-        qWarning() << "Dropping a message of" << frames.size() << "frames: can0 takes at most"
-                   << framesOfOneMessage << "of one message";
+    if (frames.size() > frameLimit) {
+        qWarning() << "Dropping a message of" << frames.size() << "frames: can0 takes at most" << frameLimit
+                   << "of one message";
         return;
     }
     const CanErrors errors(canDevice);
