@@ -15,6 +15,7 @@ from vorbelsim import CanFrame
 from vorbel import wire
 
 PAGE = (PROJECT / "docs" / "protocol.md").read_text()
+SENTENCES = " ".join(PAGE.split())
 DEPLOYMENT = (PROJECT / "docs" / "deployment.md").read_text()
 
 
@@ -115,20 +116,20 @@ LEAF = {"@mac": 5, "@cmd": 2, "@format": "s"}
 SAID_OF_READINGS = {
     "the lower 6 bits of the frame's identifier": (LEAF, [(0x85, "01 00")], [1]),
     "numbers up to 65535 match no frame": ({**LEAF, "@mac": 69}, [(0x85, "01 00")], []),
-    "Of\nan extended identifier the lower 11 bits count": (LEAF, [(0x12345085, "01 00")], [1]),
+    "Of an extended identifier the lower 11 bits count": (LEAF, [(0x12345085, "01 00")], [1]),
     "below 0: none is ever sent": ({**LEAF, "@flushSize": -1}, [(0x85, "01 00")], []),
     "A leaf of another format, or of none, is neither read": ({**LEAF, "@format": "x"}, [(0x85, "01 00")], []),
     '(`"5"` is 5, 1 is true)': ({**LEAF, "@mac": "5", "@asBool": 1}, [(0x85, "01 00")], [True]),
-    "counts as 0 or false if it\ncannot be": ({**LEAF, "@skip": [1], "@asBool": None}, [(0x85, "07 00")], [7]),
+    "counts as 0 or false if it cannot be": ({**LEAF, "@skip": [1], "@asBool": None}, [(0x85, "07 00")], [7]),
     "a frame too short for a leaf gives that leaf none": (LEAF, [(0x85, "01"), (0x85, "02 00")], [2]),
-    "The first\n  reading under a new schema counts as a change": (
+    "The first reading under a new schema counts as a change": (
         {**LEAF, "@observe": True}, [(0x85, "01 00"), (0x85, "01 00"), (0x85, "02 00")], [1, 2]),
 }
 
 
 @pytest.mark.parametrize("sentence, case", SAID_OF_READINGS.items(), ids=range(len(SAID_OF_READINGS)))
 async def test_what_is_said_of_readings(bridge, sentence, case):
-    assert sentence in PAGE
+    assert sentence in SENTENCES
     leaf, frames, values = case
     assert await values_of(bridge, {"a": leaf}, *frames) == [{"a": value} for value in values]
 
@@ -139,9 +140,9 @@ SAID_OF_WRITING = {
         {"a": {**LEAF, "@mask": -1}, "b": {**LEAF, "@mask": 1, "@skip": 2}}, {"a": 1, "b": 1}, [(5, 2, "01 00")]),
     "Any form of a number will do, also one of 64 bits": (
         {"a": LEAF, "b": {**LEAF, "@skip": 2}}, {"a": 2.0**33 + 1, "b": 2**33 + 2}, [(5, 2, "01 00 02 00")]),
-    "and, without one, a number where\nthe schema has a group": (
+    "and, without one, a number where the schema has a group": (
         {"a": {"x": LEAF}, "b": LEAF}, {"a": 5, "b": 1}, [(5, 2, "01 00")]),
-    "Bytes before it that no value of this message covers are\n  0": (
+    "Bytes before it that no value of this message covers are 0": (
         {"a": {**LEAF, "@skip": 2}}, {"a": 1}, [(5, 2, "00 00 01 00")]),
     "Frames go out in the order of commands, then of nodes": (
         {"a": {**LEAF, "@mac": 9, "@cmd": 1}, "b": LEAF, "c": {**LEAF, "@cmd": 1}}, {"a": 1, "b": 2, "c": 3},
@@ -151,7 +152,7 @@ SAID_OF_WRITING = {
 
 @pytest.mark.parametrize("sentence, case", SAID_OF_WRITING.items(), ids=range(len(SAID_OF_WRITING)))
 async def test_what_is_said_of_writing(bridge, sentence, case):
-    assert sentence in PAGE
+    assert sentence in SENTENCES
     schema, values, frames = case
     async with connect() as client:
         await receive(client)
