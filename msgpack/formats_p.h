@@ -1,4 +1,4 @@
-// The first bytes of the MessagePack formats. The fix formats carry a small number in the bits below theirs.
+// The first bytes of the MessagePack formats. The fix formats carry a small number in their low bits.
 #pragma once
 
 #include <QtGlobal>

@@ -1,5 +1,5 @@
-// Stream operators of points, sizes and rectangles. As those of "msgpack/time.h"; a payload with too few
-// numbers, or with one that is no 32-bit signed integer, is corrupt as well.
+// Stream operators of points, sizes and rectangles. They work like those of "msgpack/time.h"; a payload with
+// too few numbers, or with one that is not a 32-bit signed integer, is corrupt as well.
 #pragma once
 
 class MsgPackStream;

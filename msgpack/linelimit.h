@@ -3,13 +3,13 @@
 
 #include <QDebug>
 
-// Counts the lines of one kind that one message causes. A message of a few MiB can name a million things that
-// nobody knows, and the log is everybody's: the first lines are written, the others are counted, and when the
-// message is done with, one more line of the same level says how many they were and of which kind:
+// Counts the lines of one kind that one message causes. A message of a few MiB can name a million unknown
+// things, and the log is shared: the first lines are written, the others are counted, and when the message
+// has been handled, one more line of the same level says how many they were and of which kind:
 //
 //   And 4 more lines of this kind from the same message: Key: ... does not exist in the schema
 //
-// One object per kind and message, on the stack of whoever handles the message; one thread.
+// One object per kind and message, on the stack of whoever handles the message. Not thread-safe.
 //
 //   LineLimit unknownKeys(QtWarningMsg, "Key: ... does not exist in the schema");
 //   ...
@@ -21,7 +21,7 @@ class LineLimit
 public:
     static constexpr int linesMax = 1000;
 
-    // `level` is QtDebugMsg or QtWarningMsg. `kind`, a literal, shows in the last line which lines are meant.
+    // `level` is QtDebugMsg or QtWarningMsg. `kind`, a literal, says in the last line which lines are meant.
     LineLimit(QtMsgType level, const char *kind) : m_level(level), m_kind(kind) {}
     ~LineLimit()
     {
@@ -31,7 +31,7 @@ public:
     }
     Q_DISABLE_COPY(LineLimit)
 
-    // Whether one more line may be written; it counts as written or as left out.
+    // Counts one more line and returns whether it may be written.
     bool takeLine() { return ++m_lines <= linesMax; }
 
 private:

@@ -1,8 +1,8 @@
 // MessagePack encoding and decoding of Qt variant values: the codec's public functions.
 //
 // The format names below are those of the MessagePack specification. All functions may be called from any
-// thread; what a function adds to that is said beside it. Nothing here throws: trouble is logged as a
-// warning and answered with a neutral result.
+// thread; further conditions are stated where they apply. Nothing here throws: trouble is logged as a warning
+// and answered with a neutral result.
 //
 // Value to bytes (pack): the smallest format of the value's family; multi-byte numbers are big-endian.
 //
@@ -49,7 +49,7 @@ namespace MsgPackPrivate
 {
 // Makes the payload of an extension value, without header and type byte, from a variant of the metatype that
 // the function was registered for. Whatever it returns is sent. It may be the variant's own memory
-// (QByteArray::fromRawData): it is let go of before the variant is.
+// (QByteArray::fromRawData): it is released before the variant is.
 using pack_user_f = QByteArray (*)(const QVariant &);
 // Makes a value from the payload of an extension value. Must cope with any bytes of any length.
 using unpack_user_f = QVariant (*)(const QByteArray &);
@@ -58,16 +58,15 @@ using unpack_user_f = QVariant (*)(const QByteArray &);
 namespace MsgPack
 {
 
-// How many arrays and maps may lie within each other, in either direction. Every level costs stack: the
+// How many levels of arrays and maps may be nested, in either direction. Every level costs stack: the
 // codec's own recursion, then that of Qt when it prints or destroys the value. At this depth all of them
 // stay well within the 8 MiB that a main thread has by default, sanitizer builds included; values nested
 // about three times as deep overflow it in Qt's debug output, from input of one byte a level.
 constexpr int maxNesting = 10000;
 
-// How much unpack() may repeat in place of extensions that it does not know, beyond as many bytes as its
-// input has; in bytes as they would stand on the wire. Without a bound a few bytes could stand for a value
-// that nobody can ever walk over; so a value costs whoever walks over it no more than twice its message and
-// this.
+// How much unpack() may repeat in place of extensions that it does not know, beyond the size of its input;
+// in bytes as they would be on the wire. Without a bound, a few bytes could stand for a value that takes for
+// ever to walk over; with it, walking over a value costs no more than twice its message and this.
 constexpr quint64 maxRepeatedBeyondInput = 64 * 1024;
 
 // The encoded bytes of `variant`.
@@ -83,11 +82,11 @@ constexpr quint64 maxRepeatedBeyondInput = 64 * 1024;
 // Packers run once per value and with no lock held, so that they may call pack() themselves.
 QByteArray pack(const QVariant &variant);
 
-// The value that `data` holds. Several values one after another come back as a QVariantList of them, and no
-// bytes at all as an empty one.
+// The value that `data` holds. Several values in a row come back as a QVariantList of them, and no bytes at
+// all as an empty one.
 //
-// Invalid when a value claims bytes past the end of `data`, or more of them than Qt holds: nearly 2^31 in a
-// byte array or an extension, nearly 2^30 in a text. Decoding stops there, nothing past the end is read, and
+// Invalid when a value claims bytes past the end of `data`, or more than Qt can hold: nearly 2^31 in a byte
+// array or an extension, nearly 2^30 in a text. Decoding stops there, nothing past the end is read, and
 // memory is taken only for what was there. Also invalid, with a warning, when nested deeper than maxNesting,
 // when it repeats more than the size of `data` and maxRepeatedBeyondInput together, when an array has more
 // elements than a QVariantList holds, nearly 2^28, and when memory runs out.
@@ -103,12 +102,12 @@ QVariant unpack(const QByteArray &data);
 
 // From now on values of the metatype id `metatype` are packed as extension values of type `msgpackType` with
 // the payload that `packer` returns. False, with the warning "MsgPack::packer for qtype N already exist", if
-// the metatype has a packer, which then stays. A null packer is taken and makes the type one that can't be
-// packed. Registrations are for ever. The types of the table above keep their formats.
+// the metatype has a packer already, which then stays. A null packer is accepted and makes the type one that
+// can't be packed. Registrations are permanent. The types of the table above keep their formats.
 bool registerPacker(int metatype, qint8 msgpackType, MsgPackPrivate::pack_user_f packer);
 
 // From now on extension values of type `msgpackType` are what `unpacker` returns for their payload. False if
-// the type has an unpacker, which then stays ("MsgPack::unpacker for type N already exists"), and if
+// the type has an unpacker already, which then stays ("MsgPack::unpacker for type N already exists"), and if
 // `unpacker` is null ("MsgPack::unpacker for type N is invalid").
 bool registerUnpacker(qint8 msgpackType, MsgPackPrivate::unpack_user_f unpacker);
 
@@ -117,7 +116,7 @@ bool registerUnpacker(qint8 msgpackType, MsgPackPrivate::unpack_user_f unpacker)
 // -128 to -1. True for each of these types, even if something was registered before and stays; false, with
 // two warnings, for any other type.
 //
-// The one function that needs Qt Gui: it is in the library vorbel_msgpack_qttypes.
+// The only function that needs Qt Gui: it is in the library vorbel_msgpack_qttypes.
 bool registerType(QMetaType::Type metatype, quint8 msgpackType);
 
 // The extension type that values of the metatype id `metatype` are packed as; -1 when it has no packer, which
@@ -126,8 +125,8 @@ qint8 msgpackType(int metatype);
 
 // Packs for receivers of the older format that knows no bin and no str 8: byte arrays take str headers, and
 // strings of 32 to 255 bytes take str 16. A byte array of up to 255 bytes takes str 8 all the same, as those
-// receivers expect. Off at first. For the whole process: what is being packed meanwhile, by a packer or on
-// another thread, keeps the mode that it began with.
+// receivers expect. Off by default. It applies to the whole process; what is being packed at the time, by a
+// packer or on another thread, keeps the mode that it began with.
 void setCompatibilityModeEnabled(bool enabled);
 
 // "0.1.0"

@@ -9,7 +9,7 @@
 // a byte array. The operators of the Qt value types are in "msgpack/time.h" and "msgpack/geometry.h".
 //
 // Trouble is recorded in the status, which stays until resetStatus(). While it is not Ok nothing is written;
-// reading goes on, and the caller decides what the bytes behind a bad item are worth. A reader that fails
+// reading goes on, and the caller decides what the bytes after a bad item are worth. A reader that fails
 // leaves its target as it was. Without a device nothing is done and the status stays as it is.
 //
 // Reading and writing block until the device has delivered or taken all bytes, or fails. Memory is taken for
@@ -31,8 +31,8 @@ public:
     virtual ~MsgPackStream();
     Q_DISABLE_COPY(MsgPackStream)
 
-    // Goes on with a device of the caller, or with none. The buffer of a byte array is gone then; unless it
-    // is this very device, with which nothing changes.
+    // Continues with a device of the caller, or with none. The buffer of a byte array is deleted, unless it
+    // is this very device: then nothing changes.
     void setDevice(QIODevice *device);
     QIODevice *device() const { return m_device; }
     // Also true without a device.
@@ -43,7 +43,7 @@ public:
     // Unlike that of a QDataStream, overwrites a status that is not Ok.
     void setStatus(int status) { m_status = status; }
 
-    // Whether each write waits until the device has written its bytes. Off at first.
+    // Whether each write waits until the device has written its bytes. Off by default.
     void setFlushWrites(bool flush) { m_flushWrites = flush; }
     bool willFlushWrites() const { return m_flushWrites; }
 
@@ -55,8 +55,8 @@ public:
 
     // The header of an extension value, to be followed by `length` bytes of payload.
     bool writeExtHeader(quint32 length, qint8 msgpackType);
-    // The payload's length of the extension value that comes next. Its type is read too, but not reported.
-    // False, with ReadCorruptData, if the next two bytes are no such header.
+    // The payload length of the extension value that comes next. Its type is read too, but not reported.
+    // False, with ReadCorruptData, if what comes next is no such header.
     bool readExtHeader(quint32 &length);
 
     MsgPackStream &operator<<(bool b);
@@ -71,7 +71,7 @@ public:
     MsgPackStream &operator<<(const char *text);
     MsgPackStream &operator<<(const QByteArray &bytes);
 
-    // Any byte but false and true is corrupt, yet read as false.
+    // Any byte other than false and true is corrupt, but is read as false.
     MsgPackStream &operator>>(bool &b);
     // Signed targets take any integer format, unsigned ones positive fixint and uint only. A number outside
     // the target's range is corrupt.

@@ -9,8 +9,8 @@ namespace MsgPackPrivate
 // Logs that `who` has run out of memory.
 void warnOutOfMemory(const char *who);
 
-// What `call` returns; a neutral result, with a warning, if the memory that it needs is not to be had. All
-// that it took by then is free again when the warning is written.
+// What `call` returns; a neutral result, with a warning, if the memory that it needs is not available. All
+// that it had taken is free again when the warning is written.
 template <class Call>
 auto withinMemory(const char *who, Call call) -> decltype(call())
 {

@@ -1,6 +1,6 @@
 // The packing routines, for MsgPack::pack and MsgPackStream.
 //
-// Each routine writes one item at the position `p` and returns the position behind it. With `wr` false it
+// Each routine writes one item at the position `p` and returns the position after it. With `wr` false it
 // writes nothing and only counts. So a value is packed in two passes: one from position 0 that finds its
 // size, and one that fills an array of exactly that size, without looking for its end.
 #pragma once
@@ -19,7 +19,7 @@ namespace MsgPackPrivate
 {
 
 // A place in the output: a count of bytes from 0 in the sizing pass, an address in the writing pass. A number
-// rather than a pointer, for no arithmetic is allowed on a pointer to nothing.
+// and not a pointer, because arithmetic is not allowed on a pointer to nothing.
 using position_t = quintptr;
 
 struct packer_t {
@@ -41,8 +41,8 @@ struct user_payload_t {
 // What one call of MsgPack::pack carries through its two passes.
 struct pack_context {
     // The user values in the order in which both passes meet them: the sizing pass appends, the writing pass
-    // takes from the front. It asks nothing else, so that the passes agree even when another thread registers
-    // a packer in between. Few messages hold more of them than take no allocation here.
+    // takes from the front. It consults nothing else, so that the passes agree even when another thread
+    // registers a packer in between. Few messages hold so many of them that this needs an allocation.
     QVarLengthArray<user_payload_t, 8> payloads;
     int taken = 0;                             // how many of them the writing pass has taken
     const bool compatible = compatibilityMode; // for both passes, whatever packers and other threads do
@@ -64,7 +64,7 @@ position_t pack_ulonglong(quint64 i, position_t p, bool wr);
 position_t pack_float(float f, position_t p, bool wr);
 position_t pack_double(double d, position_t p, bool wr);
 
-// `compatible` chooses the headers of compatibility mode. Whoever takes both passes says it himself.
+// `compatible` chooses the headers of compatibility mode. Whoever makes both passes has to state it.
 position_t pack_string(const QString &string, position_t p, bool wr, bool compatible = compatibilityMode);
 position_t pack_string_header(quint32 length, position_t p, bool wr, bool compatible = compatibilityMode);
 position_t pack_string_raw(const char *bytes, quint32 length, position_t p, bool wr,

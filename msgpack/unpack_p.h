@@ -1,9 +1,8 @@
 // The unpacking routines behind MsgPack::unpack.
 //
 // Each routine decodes one item at the position `p`, which must lie within the input, stores it in `v` and
-// returns the position behind it; null when the item claims bytes past the end of the input, is nested too
-// deep or repeats too much. What `v` holds then is of no use to anybody: the result of the whole input is
-// invalid.
+// returns the position after it; null when the item claims bytes past the end of the input, is nested too
+// deeply or repeats too much. What `v` holds then does not matter: the result of the whole input is invalid.
 #pragma once
 
 #include "msgpack/linelimit.h"
@@ -18,11 +17,11 @@ namespace MsgPackPrivate
 extern QHash<qint8, unpack_user_f> user_unpackers; // by extension type; entries are only ever added
 extern QReadWriteLock unpackers_lock;              // guards user_unpackers, held while an unpacker runs
 
-// The input of one call, how deep the call is in it, and what it has made of more than the input. Sizes are
-// in bytes as if everything were on the wire as often as it is in the value.
+// The input of one call, how deeply nested the call is, and how much it has repeated of the input. Sizes are
+// in bytes, as if everything were on the wire as often as it is in the value.
 struct unpack_context {
     const quint8 *end;    // the last byte
-    quint64 maxRepeated;  // what `repeated` may come to
+    quint64 maxRepeated;  // what `repeated` must not exceed
     int nesting = 0;      // containers around the current value
     quint64 held = 0;     // size of what the target of the current value still holds from before
     bool isKept = false;  // whether the extension just met left its target as it was
@@ -39,7 +38,7 @@ QVariant unpack(const quint8 *first, const quint8 *last);
 
 const quint8 *unpack_type(QVariant &v, const quint8 *p, unpack_context &context);
 
-// `p` is the position of the first element or key; it may already lie behind the input.
+// `p` is the position of the first element or key; it may already lie past the input.
 const quint8 *unpack_array_len(QVariant &v, const quint8 *p, quint32 count, unpack_context &context);
 const quint8 *unpack_map_len(QVariant &v, const quint8 *p, quint32 count, unpack_context &context);
 

@@ -5,13 +5,13 @@
 
 #include <QtGlobal>
 
-// "@flushSize" is the client's number, and whatever the bus sends goes into the arrays: without a bound, a
-// few leaves that never fill take all the memory there is.
+// "@flushSize" is chosen by the client, and whatever the bus sends goes into the arrays: without a bound, a
+// few leaves that never fill up take all the memory there is.
 //
-// The room is counted in bytes of the arrays' blocks as they grow, with the place for readings still to come,
-// so it is what the memory holds: 65 MiB when the room is used up by one array or by a thousand, and 49 MiB
-// by tens of thousands (an array has a header of 24 bytes). Blocks double, but not beyond "@flushSize":
-// arrays whose full sizes add up to no more than the room always have it.
+// The room is counted in bytes of the arrays' blocks as they grow, including space for readings still to
+// come, so it is what the arrays really take: 65 MiB when the room is used up by one array or by a thousand,
+// and 49 MiB by tens of thousands (an array has a header of 24 bytes). Blocks double, but not beyond
+// "@flushSize": arrays whose full sizes add up to no more than the room always get it.
 class GatheringRoom
 {
 public:
@@ -22,7 +22,7 @@ public:
     qint64 left() const { return m_left; }
 
     // Takes `bytes` for the array of the leaf at `leaf` and returns true, or takes nothing and returns false
-    // if they are more than is left. Says so in a warning the first time.
+    // if that is more than is left. The first time, a warning says so.
     bool take(qint64 bytes, const SchemaPath &leaf)
     {
         if (bytes > m_left) {

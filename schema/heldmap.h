@@ -7,7 +7,7 @@
 #include <stdexcept>
 
 // The map that `value` holds; valid as long as `value` is not changed. Throws std::runtime_error("Bad type")
-// for everything else, values that would convert to a map included.
+// for everything else, including values that would convert to a map.
 inline const QVariantMap &heldMap(const QVariant &value)
 {
     if (value.userType() != QMetaType::QVariantMap) {
@@ -16,8 +16,8 @@ inline const QVariantMap &heldMap(const QVariant &value)
     return *static_cast<const QVariantMap *>(value.constData());
 }
 
-// What stands at `path` in maps nested within `map`, which have to be maps and not only convert to them. Null
-// if nothing does, and for the empty path.
+// The value at `path` in maps nested within `map`; these have to be maps, not just convert to them. Null if
+// there is none, and for the empty path.
 inline const QVariant *heldAt(const QVariantMap &map, const QStringList &path)
 {
     const QVariantMap *members = &map;

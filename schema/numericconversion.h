@@ -1,6 +1,6 @@
 // How values become bytes of a payload: clamping after a factor was applied, and placing at an offset.
 //
-// Both write log lines; `lines` bounds them when they are for one of many values of a message.
+// Both write log lines; `lines`, if given, bounds those that the many values of one message cause.
 #pragma once
 
 #include "msgpack/linelimit.h"
@@ -18,14 +18,13 @@
 // The largest offset at which a value may be placed.
 constexpr int PAYLOAD_OFFSET_MAX = 65535;
 
-// Whether a line may be written as far as `lines`, if there are any, has a say in it; it counts it.
+// LineLimit::takeLine of `lines`; without any, every line may be written.
 inline bool takeLine(LineLimit *lines)
 {
     return !lines || lines->takeLine();
 }
 
-// `value` cut to a whole number of type T towards zero. Beyond T's range it is the end of the range, not a
-// number gives 0.
+// `value` truncated to a whole number of type T. Beyond T's range it is the end of the range; NaN gives 0.
 template <typename T>
 T truncated(float value)
 {
@@ -41,15 +40,15 @@ T truncated(float value)
     return value <= smallest ? std::numeric_limits<T>::min() : static_cast<T>(value);
 }
 
-// `value` as a QVariant of type T (an integer type of at most 32 bits), cut towards zero. A value beyond T's
-// range becomes the end of the range and not a number becomes 0, with a warning.
+// `value` as a QVariant of type T (an integer type of at most 32 bits), truncated. A value beyond T's range
+// becomes the end of the range and NaN becomes 0, with a warning.
 template <typename T>
 QVariant convert_to_qvariant_numeric(float value, LineLimit *lines = nullptr)
 {
     constexpr auto largest = static_cast<float>(std::numeric_limits<T>::max());
     constexpr auto smallest = static_cast<float>(std::numeric_limits<T>::min());
     const float result = std::clamp(value, smallest, largest);
-    const bool isSame = result == value; // false for not a number too, which clamp lets through
+    const bool isSame = result == value; // false for NaN too, which clamp lets through
     if (!isSame && takeLine(lines)) {
         qWarning() << "Invalid numeric conversion. Number overflow, value:" << value << "result:" << result;
     }

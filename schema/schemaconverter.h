@@ -1,14 +1,15 @@
 // Converts between the payloads of frames and named values, by a schema that a client sent.
 //
-// The links feed received payloads in and are given sealed frames to send; the WebSocket endpoint brings the
-// schemas, and takes and brings the values. One thread only: its owner's.
+// The links feed in received payloads and get sealed frames to send; the WebSocket endpoint brings schemas,
+// and values in both directions. For one thread only, that of its owner.
 //
 // Values are QVariantMaps nested as the schema is nested, with the leaves' values at the leaves' places.
 // Memory: the schema document, an attribute per leaf (several where leaves lie within leaves), the 64 MiB
-// that the attributes may gather together, and for the time of one conversion the payloads and frames it
-// yields: 4 MiB of payload at most.
+// that the attributes may gather together, and, during a conversion, the payloads and frames that it yields:
+// 4 MiB of payload at most.
 //
-// Log: one conversion writes at most 1,000 lines of a kind, and then one that says how many more there were.
+// Log: one conversion writes at most 1,000 lines of each kind, and then one that says how many more there
+// were.
 #pragma once
 
 #include "schema/schemadataattribute.h"
@@ -32,19 +33,19 @@ public:
     explicit SchemaConverter(QObject *parent = nullptr);
 
     // Replaces the schema; what the old one's attributes had gathered is dropped unsent. A document that is
-    // no object gives an empty schema, by which no frame and no value is known.
+    // not an object gives an empty schema, which knows no frame and no value.
     void loadSchema(const QJsonDocument &document);
 
-    // loadSchema with the content of a file; without effect if the file cannot be opened.
+    // loadSchema with the contents of a file; no effect if the file cannot be opened.
     void loadSchemaFromFile(const QString &path);
 
     // Writes the schema document to the debug log.
     void dump();
 
     // Offers a received payload to the attributes of its endpoint and emits variantToSend at the end if one
-    // of them became ready by it. Returns 1, or 2 if the schema does not know the endpoint. Throws
+    // of them became ready. Returns 1, or 2 if the schema does not know the endpoint. Throws
     // std::runtime_error("Bad type") as SchemaDataAttribute::insert does; nothing is emitted then, and values
-    // that were ready stay to be taken.
+    // that were ready can still be taken.
     int insertFrame(const VEKEndpoint &endpoint, const QByteArray &payload);
 
     // Hands over the values of all ready attributes and clears these; with `force`, of all that hold
@@ -66,7 +67,7 @@ signals:
     void variantToSend();
 
 private:
-    // What a frame of one endpoint concerns.
+    // What the frames of one endpoint concern.
     struct Stream {
         VEKEndpoint endpoint;
         QList<SchemaDataAttribute> *attributes;

@@ -4,8 +4,8 @@
 // The converter makes the attributes from the leaves of a schema and owns them in its table; it feeds them
 // payloads, asks whether they are ready, takes their value and clears them. A plain value, not for sharing
 // between threads. An attribute that gathers holds at most "@flushSize" elements of 1 to 4 bytes; that number
-// is the client's, and nothing is reserved for it in advance. What the attributes of a schema hold together
-// is bounded by their GatheringRoom.
+// is chosen by the client, and nothing is reserved for it in advance. What the attributes of a schema hold
+// together is bounded by their GatheringRoom.
 #pragma once
 
 #include "schema/gatheringroom.h"
@@ -19,7 +19,7 @@
 class SchemaDataAttribute
 {
 public:
-    // What Qt's containers need. All fields are zero, empty or null, the factor is 1; the mask too is 0,
+    // For Qt's containers. All fields are zero, empty or null, and the factor is 1. The mask is 0 as well,
     // which makes it read-only, unlike an attribute made from an empty option map.
     SchemaDataAttribute() = default;
 
@@ -28,7 +28,7 @@ public:
     // std::runtime_error("Bad type") when `definition` does not hold a QVariantMap.
     SchemaDataAttribute(const QVariant &definition, const QStringList &path);
 
-    // The same where path and options are at hand as the schema has them.
+    // The same for path and options as the schema holds them.
     SchemaDataAttribute(const SchemaPath &path, const QVariantMap &options);
 
     char format() const { return m_format; }      // first byte of "@format", 0 for none
@@ -43,7 +43,7 @@ public:
 
     bool isEmpty() const { return m_data.isNull(); }
 
-    // A full attribute takes no payloads. With a negative flush size that is so from the start.
+    // A full attribute takes no payloads. With a negative flush size it is full from the start.
     bool isFull() const { return m_flushSize > 0 ? m_count >= m_flushSize : m_count > m_flushSize; }
 
     bool isReadyToFlush() const { return isFull() && (m_changed || !m_observe); }
@@ -52,16 +52,16 @@ public:
     bool isReadOnly() const { return m_asBool || m_mask != allBits; }
 
     // Decodes one frame's payload. True when the attribute holds a reading afterwards; false too when it was
-    // full before or, observing, has seen no change. A payload too short for offset and width carries no
-    // reading. Throws std::runtime_error("Bad type") when an empty payload ends a packed value ("p") that
+    // already full or, when observing, has seen no change. A payload too short for offset and width carries
+    // no reading. Throws std::runtime_error("Bad type") when an empty payload ends a packed value ("p") that
     // is no map; the attribute is unchanged then.
     //
-    // What a gathering attribute needs comes out of `room`, which has to be the same for all calls. A reading
-    // that finds no room is dropped; what was gathered stays, and gathering goes on with the first reading
-    // that finds room again. Without `room` there is no bound but "@flushSize".
+    // A gathering attribute takes its memory out of `room`, which has to be the same for all calls. A reading
+    // that finds no room is dropped; what was gathered stays, and gathering continues with the next reading
+    // that finds room. Without `room` there is no bound but "@flushSize".
     bool insert(const QByteArray &payload, GatheringRoom *room = nullptr);
 
-    // Drops the readings and gives back their room. What the next reading is compared with when observing
+    // Drops the readings and gives back their room. When observing, what the next reading is compared with
     // stays.
     void clear(GatheringRoom *room = nullptr);
 
@@ -83,7 +83,7 @@ private:
     void decodePacked(const QByteArray &payload);
     void observeChange();
 
-    // The order leaves no gaps: a schema can have very many of these.
+    // Ordered to leave no padding: a schema can have very many of these.
     char m_format = 0;
     bool m_asBool = false;
     bool m_observe = false;

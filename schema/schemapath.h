@@ -1,8 +1,8 @@
 // Where a node of the schema is: the member names from the root of the schema to it.
 //
-// The document walk makes one path per node, the attributes of the node's leaf share it. A path is a link to
-// the path of its parent, so a schema of many leaves far down costs one link for each node and not one list
-// of names for each leaf.
+// Walking the document makes one path per node, which the attributes of the node's leaf share. A path is a
+// link to the path of its parent, so a schema with many deep leaves costs one link for each node, not one
+// list of names for each leaf.
 #pragma once
 
 #include <QExplicitlySharedDataPointer>
