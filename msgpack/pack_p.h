@@ -1,8 +1,8 @@
 // The packing routines, for MsgPack::pack and MsgPackStream.
 //
 // Each routine writes one item at the position `p` and returns the position after it. With `wr` false it
-// writes nothing and only counts. So a value is packed in two passes: one from position 0 that finds its
-// size, and one that fills an array of exactly that size, without looking for its end.
+// writes nothing and only counts. A value is therefore packed in two passes: one from position 0 that finds
+// its size, and one that fills an array of exactly that size, without checking for its end.
 #pragma once
 
 #include "msgpack/linelimit.h"

@@ -17,9 +17,9 @@
 // every version that wrote it; widening it would make all stored times unreadable.
 //
 // Packers take any variant: one that does not convert to the type packs as the byte 0x00. Unpackers take any
-// payload: a byte alone is the type's default in the last column, and so is a payload that is shorter than
-// the shortest form of the type or holds a number that is no 32-bit signed integer; bytes behind the payload
-// are not looked at. A default QRect is the null rectangle: (0, 0) to (-1, -1).
+// payload: a single byte gives the type's default in the last column, and so does a payload that is shorter
+// than the shortest form of the type or holds a number that is not a 32-bit signed integer; bytes after the
+// payload are ignored. A default QRect is the null rectangle: (0, 0) to (-1, -1).
 #pragma once
 
 #include <QByteArray>

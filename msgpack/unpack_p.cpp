@@ -17,9 +17,9 @@ QReadWriteLock unpackers_lock;
 
 using namespace MsgPackPrivate;
 
-// For what needs objects of its own beside the functions that call each other for every level of nesting.
-// Their frames stay small without it, in any kind of build: the stack has to do for MsgPack::maxNesting of
-// them.
+// For what needs local objects, apart from the functions that call each other for every level of nesting.
+// Their frames stay small without it, in any kind of build: the stack has to suffice for MsgPack::maxNesting
+// of them.
 #define OUT_OF_LINE Q_NEVER_INLINE
 
 namespace
@@ -159,8 +159,8 @@ bool s_refuseNesting(const unpack_context &context)
     return true;
 }
 
-// Whether at least a byte is there for each of `count` elements, but no list holds so many. What runs short
-// is told by decoding it, silently.
+// Whether there is at least a byte for each of `count` elements, but no list holds so many. An array that
+// runs short is found out by decoding it, and leaves no line.
 bool s_isTooLong(const quint8 *p, quint32 count, const unpack_context &context)
 {
     return count > maxListSize && context.end - p >= static_cast<qptrdiff>(count) - 1;
@@ -187,9 +187,9 @@ void s_warnOfUnknown(qint8 type, unpack_context &context)
     }
 }
 
-// What the target of the value at `p` has to hold before that is decoded, given what held the value before it
-// in the same container. An extension that nobody decodes leaves its target as it is, so that the value
-// before it shows up again: clients know this as the sign of an extension that the service does not
+// What the target of the value at `p` has to hold before that is decoded, given the target of the value
+// before it in the same container. An extension that nobody decodes leaves its target as it is, so that the
+// value before it shows up again: to clients, this is the sign of an extension that the service does not
 // understand.
 const QVariant &s_contentFor(const quint8 *p, const QVariant *previous)
 {

@@ -9,7 +9,7 @@
 namespace
 {
 
-// Keeps the beginning of what is written to it and drops the rest.
+// Keeps the first 64 KiB of what is written to it and drops the rest.
 class CappedBuffer : public QIODevice
 {
 public:

@@ -36,10 +36,10 @@ bool s_convertsToMap(const QVariant &value)
     return value.canConvert(QMetaType::QVariantMap);
 }
 
-// Copies that stand behind one another would all take in and give away the same at the same time, and writing
-// a value to its place in the map twice in a row changes nothing: one does for all. A copy behind the
-// attribute of another leaf decodes for itself: that leaf, inside of the first one, may have written over the
-// place of the copy's value in between, and clients rely on who is the last.
+// Copies next to each other would all take in and hand over the same at the same time, and writing a value
+// to its place in the map twice in a row changes nothing: one serves for all. A copy after the attribute of
+// another leaf decodes for itself: that leaf, inside the first one, may have overwritten the place of the
+// copy's value in between, and clients rely on which comes last.
 void s_addAttribute(QList<SchemaDataAttribute> &attributes, const SchemaDataAttribute &attribute)
 {
     if (attributes.isEmpty() || !attribute.isCopyOf(attributes.last())) {

@@ -1,7 +1,7 @@
 // The key of one stream of VEK frames.
 //
-// The links make one from every received frame header, the schema one for every leaf; maps keyed by it find
-// the leaves that a frame concerns. A plain value, copied freely.
+// The links make one from the header of every received frame, the schema has one for every leaf; maps keyed
+// by it find the leaves that a frame concerns. A plain value, copied freely.
 #pragma once
 
 #include <QtGlobal>
@@ -17,9 +17,9 @@ struct VEKEndpoint {
     {
     }
 
-    // cmd in the high half and mac in the low half of one signed number, so a cmd of 0x8000 or more orders
+    // cmd in the high half and mac in the low half of one signed number, so a cmd of 0x8000 or more sorts
     // before every smaller one. The flag takes no part: the links never know it, and still have to find the
-    // entries of schemas that set it. In a map the key inserted first stays, and with it that key's flag.
+    // entries of schemas that set it. In a map, the key inserted first stays, and so does that key's flag.
     constexpr qint32 order() const
     {
         return static_cast<qint32>(static_cast<quint32>(cmd) << 16 | static_cast<quint32>(mac));

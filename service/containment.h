@@ -8,9 +8,9 @@
 #include <utility>
 
 // Wraps a functor so that an exception ends the functor and nothing else: one critical line says what was
-// thrown, and the wrapped call returns. What the functor was handling is lost, what comes after it is not.
+// thrown, and the wrapped call returns. What the functor was handling is lost; what comes after it is not.
 //
-// Every handler of Main is given to connect() in this wrapper, and every frame that a link hands on has its
+// Every handler of Main is passed to connect() in this wrapper, and every frame that a link hands on has its
 // own. It must stay that way: Qt's network, WebSocket, serial and CAN libraries carry no unwind tables. An
 // exception that passes through them leaks what they held, leaves the socket half handled and silences a
 // serial port for good, even when it is caught further up.

@@ -5,9 +5,9 @@
 
 // Sets, on a listening TCP socket, what every socket accepted from it inherits (Linux, tcp(7)):
 // messages leave without waiting for the acknowledgement of the one before, and a peer that vanished without
-// a word is found out within 25 seconds, whether or not there is something to send to it. Options that the
+// a word is detected within 25 seconds, whether or not there is something to send to it. Options that the
 // system refuses are logged as warnings; the socket stays usable.
 void prepareListeningSocket(qintptr descriptor);
 
-// Whether the process may open one more descriptor; tries it with a duplicate that is closed again.
+// Whether the process may open one more descriptor: makes a duplicate and closes it again.
 bool canDuplicate(qintptr descriptor);

@@ -8,7 +8,7 @@
 //   main.cpp           the entry point
 //
 // All of it runs on the thread that constructed it; every connection is direct, so each event is handled to
-// its end before the next. The only call that blocks is the pause before each frame written to SocketCAN.
+// its end before the next. The only thing that blocks is the pause before each frame written to SocketCAN.
 #pragma once
 
 #include "schema/schemaconverter.h"
@@ -32,8 +32,8 @@ class Main : public QObject
 
 public:
     // Reads VORBEL_SOURCE, starts the supervision timer and listens on port 10443. Touches neither link: the
-    // first attempt comes with the first tick, one second later. When the port cannot be had, a warning says
-    // so and the object works on without clients.
+    // first attempt comes with the first tick, one second later. If the port is not available, a warning says
+    // so and the object carries on without clients.
     explicit Main(QObject *parent);
     ~Main() override;
 
@@ -41,21 +41,21 @@ public:
     // is none (silently) or when it does not open (with a warning). DTR follows 200 ms later.
     bool openSerialPort();
 
-    // Lowers DTR, writes out what is pending and closes the port. For embedders: the daemon has no orderly
-    // stop and never calls it.
+    // Lowers DTR, writes what is pending and closes the port. For embedders: the daemon has no orderly
+    // shutdown and never calls it.
     void closeSerialPort();
 
     // Connects canDevice's incoming frames to the converter; does nothing unless the source is SocketCAN.
     void startRead();
 
     // Broadcasts to all clients, in the order in which they connected: `value` as a MessagePack binary
-    // message, `text` as a text message. A client that leaves more than 16 MiB unread is dropped, or more
-    // than three times the largest message that is on its way; of many that leave 96 MiB together, those that
-    // leave most.
+    // message, `text` as a text message. A client that leaves unread more than 16 MiB, and more than
+    // three times the largest message on its way, is dropped; of many that together leave 96 MiB unread,
+    // those that leave most.
     void sendToWebSocket(const QVariant &value);
     void sendTextToWebSocket(const QString &text);
 
-    // Tells all clients, as JSON, which device this is. The environment is read anew for every hello.
+    // Tells all clients, as JSON, which device this is. The environment is read again for every hello.
     void sendHelloMessage();
 
 private:
@@ -102,5 +102,5 @@ private:
     QByteArray portLocation;            // device node of the serial port last selected
     unsigned canInterfaceIndex = 0;     // the kernel's number of "can0" when canDevice was connected
     qint64 largestMessage = 0;          // in bytes, of those that may be on their way to a client
-    qint64 unreadByAll = 0;             // bytes that waited for all clients together after the last broadcast
+    qint64 unreadByAll = 0;             // bytes waiting for all clients together after the last broadcast
 };

@@ -11,7 +11,7 @@ namespace
 {
 
 constexpr qint32 baudRate = 1000000;
-constexpr int terminalReadyDelay = 200; // ms from opening until the adapter is let loose
+constexpr int terminalReadyDelay = 200; // ms from opening until DTR is raised
 
 // What may wait for an adapter that takes nothing any more: over ten seconds of the line at its full rate.
 constexpr qint64 unwrittenLimit = 1024 * 1024;
@@ -46,7 +46,8 @@ bool Main::openSerialPort()
                    << "error" << serialPort.errorString();
         return false;
     }
-    // Opening has set it already; adapters have always been told twice, the second time when they are open.
+    // Opening has set it already; adapters have always been sent it twice, the second time when they are
+    // open.
     serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
     serialPort.setRequestToSend(true);
     serialPort.setDataTerminalReady(false);

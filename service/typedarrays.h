@@ -1,8 +1,8 @@
 // The typed numeric arrays: vectors that reach clients as extension values of raw little-endian elements, and
 // that convert to text.
 //
-// Their payload is the elements one after another at their natural width, with nothing before, between or
-// behind them. Nothing decodes these extension types: from a client they are unknown ones.
+// Their payload is the elements one after another in their natural width, with nothing before, between or
+// after them. Nothing decodes these extension types: when a client sends them, they are unknown ones.
 #pragma once
 
 #include "msgpack/msgpack.h"
@@ -14,9 +14,9 @@
 namespace TypedArrays
 {
 
-// The payload of a variant that holds a QVector<T> or converts to one; empty if it does not. Where memory has
-// the elements as the payload wants them, it is the memory of the vector that `variant` holds, to be used no
-// longer than that vector stays as it is.
+// The payload of a variant that holds a QVector<T> or converts to one; empty if it does not. Where the
+// elements are in memory as the payload needs them, it is the memory of the vector that `variant` holds,
+// valid only for as long as that vector does not change.
 template <class T>
 QByteArray pack(const QVariant &variant)
 {
@@ -44,7 +44,7 @@ inline QString elementText(float element)
     return QString::number(static_cast<double>(element), 'g', 6);
 }
 
-// The elements' texts, each followed by ", ", the last one too: clients split the text at it.
+// The elements' texts, each followed by ", ", even the last one: clients split the text there.
 template <class T>
 QString toText(const QVector<T> &elements)
 {
@@ -70,5 +70,5 @@ void registerType(int msgpackType)
 // Registers QVector of signed char, unsigned char, short, unsigned short, int, unsigned int and float, in
 // this order, as extension types 17 to 23. Once per process, on the main thread, before any value exists.
 //
-// QVector<char> is none of them: it stays a type without packer and text.
+// QVector<char> is not among them: it stays a type without packer and text.
 void registerTypedArrays();

@@ -31,15 +31,15 @@ constexpr int VEK_FRAME_COVERED_SIZE = 10; // bytes under the checksum: header a
 
 // CRC-8 of `count` bytes: polynomial 0x07, most significant bit first, initial value 0, no reflection, no
 // final XOR (catalogued as CRC-8/SMBUS; check value over "123456789" is 0xF4). 0 for an empty range, for
-// which `bytes` is not looked at.
+// which `bytes` is not used.
 std::uint8_t vek_crc8(const void *bytes, unsigned count);
 
-// Stores the checksum of the frame's first ten bytes in its crc. Whatever dlc says, the unused data bytes
-// are covered too.
+// Stores the checksum of the frame's first ten bytes in its crc. Unused data bytes are covered too, whatever
+// dlc says.
 void vek_frame_set_valid(vek_frame_t *frame);
 
 // True exactly when the eleventh byte is the checksum of the first ten. Takes a vek_frame_t or any eleven
-// readable bytes, at any alignment. A dlc of 9 to 15 passes: the checksum does not look at the length.
+// readable bytes, at any alignment. A dlc of 9 to 15 passes: the checksum says nothing about the length.
 bool vek_frame_is_valid(const void *frame);
 
 // The fields of a header in the machine's byte order.
