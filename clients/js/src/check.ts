@@ -1,6 +1,17 @@
 import { dotted, type Path } from "./paths.js";
 import { listed, problem, quoted, SchemaError, type Problem, type ProblemCode } from "./problem.js";
-import { FORMATS, isLeaf, isObject, isScaled, NESTING_LIMIT, readJson, toLeaf, walk, type Leaf, type Schema } from "./schema.js";
+import {
+    FORMATS,
+    isLeaf,
+    isObject,
+    isScaled,
+    NESTING_LIMIT,
+    readJson,
+    toLeaf,
+    walk,
+    type Leaf,
+    type Schema,
+} from "./schema.js";
 import { readOnlyReason } from "./writing.js";
 
 const FRAME_BYTES = 8;
@@ -68,8 +79,9 @@ type OptionCheck = (value: unknown) => Found | undefined;
 
 function wholeNumber(least: number, most: number, consequence: string): OptionCheck {
     return (value) => {
-        if (!Number.isInteger(value)) return ["option-type", `must be a whole number, not ${quoted(value)}`];
-        if ((value as number) < least || (value as number) > most) {
+        if (typeof value !== "number" || !Number.isInteger(value))
+            return ["option-type", `must be a whole number, not ${quoted(value)}`];
+        if (value < least || value > most) {
             return ["option-range", `is ${value}, outside ${least} to ${most}: ${consequence}`];
         }
         return undefined;
@@ -157,7 +169,8 @@ function* optionProblems(node: Schema): Generator<Found> {
         const meant = optionInOtherLetters(`@${name}`);
         const found = optionChecks.get(name)?.(value);
         if (found) yield [found[0], `"${name}" ${found[1]}`];
-        else if (meant && !isObject(value)) yield ["option-without-sign", `"${name}" is ignored; did you mean "${meant}"?`];
+        else if (meant && !isObject(value))
+            yield ["option-without-sign", `"${name}" is ignored; did you mean "${meant}"?`];
     }
     if (!Object.hasOwn(node, "@cmd")) yield ["no-cmd", `has no "@cmd", which counts as 0`];
 }
@@ -168,7 +181,10 @@ function* formatProblems(node: Schema, { format }: Leaf): Generator<Found> {
         yield ["no-format", `has no "@format", so it never has a value`];
     } else if (typeof text === "string" && !FORMATS[format]) {
         const known = Object.keys(FORMATS).join(", ");
-        yield ["unknown-format", `"@format" ${quoted(text)} is unknown, so the leaf never has a value; known are ${known}`];
+        yield [
+            "unknown-format",
+            `"@format" ${quoted(text)} is unknown, so the leaf never has a value; known are ${known}`,
+        ];
     } else if (typeof text === "string" && text.length > 1) {
         yield ["long-format", `only the first character of "@format" counts: "${format}"`];
     }
@@ -203,7 +219,12 @@ function* packedProblems(leaf: Leaf): Generator<Found> {
     yield ["write-only", `format "p" is only for writing: the leaf never has a value`];
     if (!leaf.fragmentation) yield ["packed-cut", `more than 8 packed bytes are cut off without "@fragmentation"`];
     if (leaf.asBool) yield ["no-effect", `"@asBool" has no effect on format "p" but makes the leaf read-only`];
-    const isSet = { "@skip": leaf.skip !== 0, "@factor": isScaled(leaf), "@flushSize": leaf.flushSize !== 0, "@observe": leaf.observe };
+    const isSet = {
+        "@skip": leaf.skip !== 0,
+        "@factor": isScaled(leaf),
+        "@flushSize": leaf.flushSize !== 0,
+        "@observe": leaf.observe,
+    };
     for (const [name, set] of Object.entries(isSet)) if (set) yield ["no-effect", `"${name}" is ignored by format "p"`];
 }
 
@@ -270,7 +291,8 @@ function overlap(leaf: Leaf, other: Leaf, bits: number[]): Problem {
     const shared = [...new Set(bits.map((bit) => bit >> 3))].filter((byte) => others.has(byte));
     const where = shared.length === 1 ? `byte ${shared[0]}` : `bytes ${shared[0]} to ${shared.at(-1)}`;
     const bothWritable = !readOnlyReason(leaf) && !readOnlyReason(other);
-    const message = `overlaps ${dotted(other.path)} at ${where} of mac ${leaf.mac}, cmd ${leaf.cmd}` +
+    const message =
+        `overlaps ${dotted(other.path)} at ${where} of mac ${leaf.mac}, cmd ${leaf.cmd}` +
         (bothWritable ? ": written together, one destroys the other" : "");
     return problem(leaf.path, "overlap", message);
 }

@@ -154,7 +154,10 @@ export class Client {
         this.connect();
         if (this.#state === "connected") return Promise.resolve(this.#hello!);
         return new Promise((resolve, reject) => {
-            const fail = () => settle(() => reject(new NotConnectedError(`No connection to ${this.url}: ${this.#failure ?? this.#reason}`)));
+            const fail = () =>
+                settle(() =>
+                    reject(new NotConnectedError(`No connection to ${this.url}: ${this.#failure ?? this.#reason}`)),
+                );
             const timer = timeout === Infinity ? undefined : setTimeout(fail, timeout);
             const off = this.on("state", (state) => {
                 if (state === "connected") settle(() => resolve(this.#hello!));
@@ -180,7 +183,10 @@ export class Client {
      * checked first; a SchemaError lists what is wrong with it, and then nothing is sent. `clear: true` takes one
      * without leaves, which clears the one in force; `check: false` sends whatever it is.
      */
-    setSchema<const S extends Schema>(schema: S & SchemaOf<S>, { check = true, clear = false }: CheckOptions & { check?: boolean } = {}): void {
+    setSchema<const S extends Schema>(
+        schema: S & SchemaOf<S>,
+        { check = true, clear = false }: CheckOptions & { check?: boolean } = {},
+    ): void {
         if (check) assertSchema(schema, { clear });
         assertSize(new TextEncoder().encode(JSON.stringify(schema)), "The schema");
         this.#schema = schema;
@@ -220,11 +226,14 @@ export class Client {
      */
     confirmed(timeout = 10_000): Promise<void> {
         const socket = this.#socket;
-        if (this.#state !== "connected" || !socket) return Promise.reject(new NotConnectedError(`Not connected to ${this.url} (${this.#reason})`));
-        if (!socket.ping || !socket.on || !socket.off) return Promise.reject(new TypeError("This WebSocket cannot ping: that of the ws package can"));
+        if (this.#state !== "connected" || !socket)
+            return Promise.reject(new NotConnectedError(`Not connected to ${this.url} (${this.#reason})`));
+        if (!socket.ping || !socket.on || !socket.off)
+            return Promise.reject(new TypeError("This WebSocket cannot ping: that of the ws package can"));
         const mark = `vorbel ${++this.#pings}`;
         return new Promise((resolve, reject) => {
-            const fail = (reason: string) => settle(() => reject(new NotConnectedError(`${this.url} did not confirm what was sent: ${reason}`)));
+            const fail = (reason: string) =>
+                settle(() => reject(new NotConnectedError(`${this.url} did not confirm what was sent: ${reason}`)));
             const timer = setTimeout(() => fail("no answer in time"), timeout);
             const off = this.on("state", (_, reason) => fail(reason));
             const answered = (data: { toString(): string }) => data.toString() === mark && settle(resolve);
@@ -244,7 +253,11 @@ export class Client {
      * the oldest when `limit` of them wait; `lost` of what is returned counts them.
      */
     values({ limit = 1000 } = {}): ValueStream {
-        const queue = new Queue<Value>(limit, () => off.forEach((each) => each()), () => this.#lost++);
+        const queue = new Queue<Value>(
+            limit,
+            () => off.forEach((each) => each()),
+            () => this.#lost++,
+        );
         const off = [
             this.on("values", (values) => queue.push(values)),
             this.on("state", (state) => state === "closed" && queue.end()),
@@ -364,7 +377,9 @@ function unprepared(values: ValueMap): Message {
 
 function assertSize(message: Uint8Array, name: string): void {
     if (message.length <= MESSAGE_LIMIT) return;
-    throw new RangeError(`${name} has ${message.length} bytes, more than the 4 MiB that the daemon takes: nothing was sent`);
+    throw new RangeError(
+        `${name} has ${message.length} bytes, more than the 4 MiB that the daemon takes: nothing was sent`,
+    );
 }
 
 function parseHello(text: string): Hello | undefined {

@@ -1,14 +1,7 @@
 import { Decoder, Encoder, ExtensionCodec } from "@msgpack/msgpack";
 
 /** Readings that the daemon gathered ("@flushSize"); the type follows the leaf's format and factor. */
-export type NumericArray =
-    | Int8Array
-    | Uint8Array
-    | Int16Array
-    | Uint16Array
-    | Int32Array
-    | Uint32Array
-    | Float32Array;
+export type NumericArray = Int8Array | Uint8Array | Int16Array | Uint16Array | Int32Array | Uint32Array | Float32Array;
 
 /**
  * What a message holds: maps named as in the schema, with values at the leaves. 64-bit integers, which only a

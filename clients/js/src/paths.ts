@@ -4,9 +4,7 @@ import type { Value, ValueMap } from "./codec.js";
 export type Path = readonly string[];
 
 export function isMap(value: unknown): value is ValueMap {
-    return (
-        typeof value === "object" && value !== null && Object.getPrototypeOf(value) === Object.prototype
-    );
+    return typeof value === "object" && value !== null && Object.getPrototypeOf(value) === Object.prototype;
 }
 
 /** A path as people write it: names joined by dots; a dot or a backslash within a name behind a backslash. */

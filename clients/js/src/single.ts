@@ -9,9 +9,9 @@ export function nextTo(number: number): [further: number, nearer: number] {
     float[0] = number;
     const at = bits[0]!;
     bits[0] = at + 1;
-    const further = float[0]!;
+    const further = float[0];
     bits[0] = at - 1;
-    return [further, float[0]!];
+    return [further, float[0]];
 }
 
 /**

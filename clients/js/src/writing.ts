@@ -27,7 +27,10 @@ export type Message = { values: ValueMap; written: Written[] };
  * WriteError, with all problems, for what it would ignore or write otherwise.
  */
 export function prepareWrite(schema: Schema, values: unknown): Message {
-    if (!isMap(values)) throw new WriteError([problem([], "not-a-map", "only a map of values, named as in the schema, can be written")]);
+    if (!isMap(values))
+        throw new WriteError([
+            problem([], "not-a-map", "only a map of values, named as in the schema, can be written"),
+        ]);
     const preparation = new Preparation();
     const sent = preparation.members(schema, values, []);
     if (preparation.problems.length > 0) throw new WriteError(preparation.problems);
@@ -115,7 +118,13 @@ class Preparation {
         if (!isObject(member)) return this.#refuse(problem(path, "unknown-name", "does not exist in the schema"));
         if (isMap(value) && isGroup(member)) return this.members(member, value, path);
         if (isLeaf(member)) return this.#leaf(toLeaf(member, path), value);
-        return this.#refuse(problem(path, "is-a-group", `is a group of values, not a value: ${listed(Object.keys(member)) || "it is empty"}`));
+        return this.#refuse(
+            problem(
+                path,
+                "is-a-group",
+                `is a group of values, not a value: ${listed(Object.keys(member)) || "it is empty"}`,
+            ),
+        );
     }
 
     #leaf(leaf: Leaf, value: Value): Value | undefined {

@@ -51,7 +51,12 @@ describe("writes", () => {
             Object.fromEntries(each.map((one) => [dotted(one.leaf.path), one[number]]));
         expect(byPath(numbers, "raw")).toEqual(raw);
         expect(numbers.filter(isRounded).map(({ leaf }) => dotted(leaf.path))).toEqual(rounded);
-        expect(byPath(numbers.filter(({ raw, nearest }) => raw !== nearest), "nearest")).toEqual(missed);
+        expect(
+            byPath(
+                numbers.filter(({ raw, nearest }) => raw !== nearest),
+                "nearest",
+            ),
+        ).toEqual(missed);
     });
     test.each(refused)("refusing $values", ({ values, problems }) => {
         let found: Problem[] = [];
@@ -67,16 +72,19 @@ describe("writes", () => {
 });
 
 describe("values", () => {
-    test.each(cases<{ messages: MessageCase[] }>("values").messages)("$name", ({ message, value, undecodable, shown = {}, schema }) => {
-        if (undecodable) {
-            expect(() => decodeValues(bytes(message))).toThrow();
-            return;
-        }
-        const values = decodeValues(bytes(message));
-        expect(values).toStrictEqual(valueOf(value));
-        for (const [path, text] of Object.entries(shown)) {
-            const leaf = leavesOf(schema as Schema).find((each) => dotted(each.path) === path);
-            expect(String(justified(flatten(values).get(path) as number, leaf))).toBe(text);
-        }
-    });
+    test.each(cases<{ messages: MessageCase[] }>("values").messages)(
+        "$name",
+        ({ message, value, undecodable, shown = {}, schema }) => {
+            if (undecodable) {
+                expect(() => decodeValues(bytes(message))).toThrow();
+                return;
+            }
+            const values = decodeValues(bytes(message));
+            expect(values).toStrictEqual(valueOf(value));
+            for (const [path, text] of Object.entries(shown)) {
+                const leaf = leavesOf(schema as Schema).find((each) => dotted(each.path) === path);
+                expect(String(justified(flatten(values).get(path) as number, leaf))).toBe(text);
+            }
+        },
+    );
 });

@@ -16,7 +16,11 @@ export type SchemaCase = {
     clear?: boolean;
     problems: [severity: Severity, path: string, code: string][];
 };
-export type Writes = { schema: Schema; written: WriteCase[]; refused: { values: unknown; problems: [path: string, code: string][] }[] };
+export type Writes = {
+    schema: Schema;
+    written: WriteCase[];
+    refused: { values: unknown; problems: [path: string, code: string][] }[];
+};
 export type WriteCase = {
     values: unknown;
     raw: Record<string, number>;
@@ -55,7 +59,8 @@ export function valueOf(notation: any): any {
     if (Array.isArray(notation)) return notation.map(valueOf);
     if (typeof notation !== "object" || notation === null) return notation;
     const kind = notation["$"];
-    if (kind === undefined) return Object.fromEntries(Object.entries(notation).map(([name, member]) => [name, valueOf(member)]));
+    if (kind === undefined)
+        return Object.fromEntries(Object.entries(notation).map(([name, member]) => [name, valueOf(member)]));
     if (kind in special) return special[kind];
     return arrays[kind as keyof typeof arrays].from(notation.elements.map(valueOf));
 }

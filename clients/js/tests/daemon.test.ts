@@ -44,7 +44,7 @@ const links: Link[] = ["serialport", "socketcan"];
 describe.each(links)("a running machine on the link %s", (link) => {
     beforeEach(async () => {
         machine = new Machine(link);
-        await machine.play();
+        machine.play();
         await machine.startDaemon();
     });
 
@@ -127,7 +127,8 @@ describe.each(links)("a running machine on the link %s", (link) => {
         const client = newClient();
         await client.ready();
         client.setSchema(machineSchema);
-        expect(() => client.setSchema({ a: { "@mac": "5", "@format": "s" } } as Schema)).toThrow(SchemaError);
+        const broken: Schema = { a: { "@mac": "5", "@format": "s" } };
+        expect(() => client.setSchema(broken)).toThrow(SchemaError);
         expect(client.schema).toBe(machineSchema);
         await valueOf(client, "motor.speed");
     });
@@ -135,14 +136,15 @@ describe.each(links)("a running machine on the link %s", (link) => {
     test("takes an unchecked schema", async () => {
         const client = newClient();
         await client.ready();
-        client.setSchema({ a: { "@mac": 5, "@cmd": 2, "@format": "s", "@note": 1 } } as Schema, { check: false });
+        const unchecked: Schema = { a: { "@mac": 5, "@cmd": 2, "@format": "s", "@note": 1 } };
+        client.setSchema(unchecked, { check: false });
         await valueOf(client, "a");
     });
 });
 
 test("what all clients write comes out as they agreed", async () => {
     const { schema, written } = cases<Writes>("writes");
-    await machine.play();
+    machine.play();
     await machine.startDaemon();
     const client = newClient();
     await client.ready();
@@ -150,7 +152,9 @@ test("what all clients write comes out as they agreed", async () => {
     await valueOf(client, "alive"); // the link is up
     client.setSchema(schema, { check: false });
     for (const { values } of written) client.write(valueOfCase(values));
-    const expected = written.flatMap(({ frames }) => frames).map(([mac, cmd, payload]) => `mac ${mac} cmd ${cmd}: ${payload}`);
+    const expected = written
+        .flatMap(({ frames }) => frames)
+        .map(([mac, cmd, payload]) => `mac ${mac} cmd ${cmd}: ${payload}`);
     await until(() => machine.heard.length >= expected.length, "all frames");
     expect(machine.heard).toEqual(expected);
 });
@@ -170,7 +174,7 @@ describe.each(links)("typed arrays on the link %s", (link) => {
         const values = client.values();
         const [first, second] = ["(1.0) can0 041#FF010280FFFFFFFF", "(1.1) can0 041#00010000000080BF"];
         const last = "(6.0) can0 7FF#"; // keeps the link up meanwhile
-        await machine.replay([first, second, last], 3);
+        machine.replay([first, second, last], 3);
         expect((await values.next()).value).toStrictEqual({
             C: Uint8Array.of(255, 0),
             I: Uint32Array.of(0xffffffff, 0xbf800000),
@@ -185,7 +189,7 @@ describe.each(links)("typed arrays on the link %s", (link) => {
 
 describe("connections", () => {
     test("begin when the daemon comes, and come back when it does, with the schema", async () => {
-        await machine.play();
+        machine.play();
         const client = newClient();
         const states: string[] = [];
         client.on("state", (state) => states.push(state));
@@ -226,7 +230,7 @@ describe("connections", () => {
         client.close();
         expect(await next).toEqual({ done: true, value: undefined });
         expect(client.state).toBe("closed");
-        await expect(Promise.race([client.values().next(), "nothing"])).resolves.toBe("nothing");
+        await expect(Promise.race([client.values().next(), Promise.resolve("nothing")])).resolves.toBe("nothing");
     });
 
     test("that are closing take no values, which would be lost", async () => {
@@ -235,6 +239,7 @@ describe("connections", () => {
         class Closing extends WebSocket {
             constructor(url: string) {
                 super(url);
+                // eslint-disable-next-line @typescript-eslint/no-this-alias -- the client keeps it to itself
                 socket = this;
             }
         }
@@ -249,7 +254,7 @@ describe("connections", () => {
         await machine.startDaemon({ VORBEL_SOURCE: "none" });
         const sent: unknown[] = [];
         class Recording extends WebSocket {
-            override send(data: any) {
+            override send(data: Uint8Array | string) {
                 sent.push(data);
                 super.send(data);
             }
@@ -264,9 +269,11 @@ describe("connections", () => {
         expect(sent).toEqual([JSON.stringify(machineSchema)]);
     });
 
-    test("refuse what is no map, and what the daemon would hang up on", async () => {
+    test("refuse what is no map, and what the daemon would hang up on", () => {
         const client = newClient();
-        expect(() => client.write({ a: "x".repeat(2 ** 22) })).toThrow(/^The message has 41943\d\d bytes, more than the 4 MiB/);
+        expect(() => client.write({ a: "x".repeat(2 ** 22) })).toThrow(
+            /^The message has 41943\d\d bytes, more than the 4 MiB/,
+        );
         expect(() => client.setSchema({ note: "x".repeat(2 ** 22) }, { clear: true })).toThrow(/^The schema has/);
         expect(() => client.write([1] as never)).toThrow(TypeError);
         expect(() => client.write(5 as never)).toThrow(TypeError);
@@ -275,7 +282,7 @@ describe("connections", () => {
 
 describe("confirmed", () => {
     test("means that the daemon has handled all before", async () => {
-        await machine.play();
+        machine.play();
         await machine.startDaemon();
         const client = newClient();
         await client.ready();
@@ -318,7 +325,7 @@ describe("confirmed", () => {
 });
 
 test("slow readers lose the oldest messages, not memory, and can tell how many", async () => {
-    await machine.play();
+    machine.play();
     await machine.startDaemon();
     const client = newClient();
     const values = client.values({ limit: 2 });

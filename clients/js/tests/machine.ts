@@ -37,15 +37,15 @@ export class Machine {
     constructor(readonly link: Link = "serialport") {}
 
     /** Starts the simulated machine: motor, battery and door. */
-    async play(): Promise<void> {
-        await this.#startBus("--seed", "1", "--noise", "0");
+    play(): void {
+        this.#startBus("--seed", "1", "--noise", "0");
     }
 
     /** Sends the frames of the lines of a `candump -l` log, at its pace, `seconds` after the link came up. */
-    async replay(lines: string[], seconds: number): Promise<void> {
+    replay(lines: string[], seconds: number): void {
         const log = join(this.#folder, "frames.log");
         writeFileSync(log, lines.join("\n"));
-        await this.#startBus("--replay", log, "--wait", String(seconds));
+        this.#startBus("--replay", log, "--wait", String(seconds));
     }
 
     async startDaemon(environment: Record<string, string> = {}): Promise<void> {
@@ -78,20 +78,26 @@ export class Machine {
         const script = `unset $(env | sed -n 's/^\\(VORBEL_[A-Z_]*\\)=.*/\\1/p'); eval "$0"; exec env -0`;
         const assignments = execFileSync(python, this.#bus("--env"), { encoding: "utf8", env: this.#environment });
         const variables = execFileSync("sh", ["-c", script, assignments], { encoding: "utf8" });
-        return Object.fromEntries(variables.split("\0").filter(Boolean).map((line) => line.split(/=(.*)/s).slice(0, 2)));
+        return Object.fromEntries(
+            variables
+                .split("\0")
+                .filter(Boolean)
+                .map((line) => line.split(/=(.*)/s).slice(0, 2)),
+        );
     }
 
     get #environment() {
         return { ...process.env, VORBEL_BUILD_DIR: build };
     }
 
-    async #startBus(...options: string[]): Promise<void> {
+    #startBus(...options: string[]): void {
         const bus = this.#spawn(python, this.#bus(...options), this.#environment);
         let text = "";
         bus.stdout!.setEncoding("utf8").on("data", (piece: string) => {
             const lines = (text + piece).split("\n");
             text = lines.pop()!;
-            for (const line of lines) if (line.startsWith("bus heard ")) this.heard.push(line.slice("bus heard ".length));
+            for (const line of lines)
+                if (line.startsWith("bus heard ")) this.heard.push(line.slice("bus heard ".length));
         });
     }
 
@@ -99,8 +105,8 @@ export class Machine {
         const child = spawn(program, parameters, { env, stdio: ["ignore", "pipe", "pipe"] });
         // Read, or a full pipe would stop it; shown only when it fails.
         let said = "";
-        child.stderr!.setEncoding("utf8").on("data", (piece: string) => (said = (said + piece).slice(-4000)));
-        child.stdout!.resume();
+        child.stderr.setEncoding("utf8").on("data", (piece: string) => (said = (said + piece).slice(-4000)));
+        child.stdout.resume();
         child.on("error", (error) => console.error(`${program}: ${error.message}`));
         child.on("exit", (code) => code && console.error(`${program} ended with status ${code}:\n${said}`));
         this.#running.add(child);

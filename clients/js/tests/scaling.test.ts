@@ -7,14 +7,54 @@ import { build } from "./machine.js";
 /** Scaled values on their way through the daemon's conversion, in numbers that are too large for the running daemon. */
 
 const factors = [
-    1e-6, 2e-6, 1e-5, 1e-4, 0.001, 0.0054931640625, 0.01, 0.1, 0.125, 0.3, 1 / 3, 0.5, 0.7, 0.999, 0.9999999, 1.0000001, 1.1,
-    1.5, 2, 3, 7, 10, 12.5, 60, 100, 128, 182.04, 256, 360, 1000, 1024, 3600, 10000, 32768, 1e5, 123456.789, 999999, 1e6, -1, -0.1,
+    1e-6,
+    2e-6,
+    1e-5,
+    1e-4,
+    0.001,
+    0.0054931640625,
+    0.01,
+    0.1,
+    0.125,
+    0.3,
+    1 / 3,
+    0.5,
+    0.7,
+    0.999,
+    0.9999999,
+    1.0000001,
+    1.1,
+    1.5,
+    2,
+    3,
+    7,
+    10,
+    12.5,
+    60,
+    100,
+    128,
+    182.04,
+    256,
+    360,
+    1000,
+    1024,
+    3600,
+    10000,
+    32768,
+    1e5,
+    123456.789,
+    999999,
+    1e6,
+    -1,
+    -0.1,
     -100,
 ];
 
 /** A leaf for each factor, in the order of their frames. */
 function schemaOf(format: string): Schema {
-    return Object.fromEntries(factors.map((factor, at) => [nameOf(at), { "@mac": at, "@cmd": 1, "@format": format, "@factor": factor }]));
+    return Object.fromEntries(
+        factors.map((factor, at) => [nameOf(at), { "@mac": at, "@cmd": 1, "@format": format, "@factor": factor }]),
+    );
 }
 
 function nameOf(at: number): string {
@@ -34,10 +74,15 @@ function converted(schema: Schema, messages: ValueMap[]): Buffer[] {
         return [length, packed];
     });
     const options = { input: Buffer.concat(input), maxBuffer: 1 << 28 };
-    const { stdout, status } = spawnSync(join(build, "clients/conformance/vorbel_converter"), [JSON.stringify(schema)], options);
+    const { stdout, status } = spawnSync(
+        join(build, "clients/conformance/vorbel_converter"),
+        [JSON.stringify(schema)],
+        options,
+    );
     expect(status).toBe(0);
     const payloads: Buffer[] = [];
-    for (let at = 0; at < stdout.length; at += 1 + stdout[at]!) payloads.push(stdout.subarray(at + 1, at + 1 + stdout[at]!));
+    for (let at = 0; at < stdout.length; at += 1 + stdout[at]!)
+        payloads.push(stdout.subarray(at + 1, at + 1 + stdout[at]!));
     return payloads;
 }
 
@@ -50,7 +95,10 @@ function* numbers(count: number): Generator<number> {
     }
 }
 
-describe.each<[string, number]>([["s", 16], ["C", 8]])("format %s", (format, bits) => {
+describe.each<[string, number]>([
+    ["s", 16],
+    ["C", 8],
+])("format %s", (format, bits) => {
     test("every raw number can be written with every factor", () => {
         const schema = schemaOf(format);
         const raws = Array.from({ length: 2 ** bits }, (_, at) => at - 2 ** (bits - 1));
@@ -58,7 +106,10 @@ describe.each<[string, number]>([["s", 16], ["C", 8]])("format %s", (format, bit
         const told = messages.flatMap(({ written }) => written.map(({ raw }) => raw));
         const expected = raws.flatMap((raw) => factors.map(() => raw + 0));
         expect(told.findIndex((raw, at) => raw !== expected[at])).toBe(-1);
-        const payloads = converted(schema, messages.map(({ values }) => values));
+        const payloads = converted(
+            schema,
+            messages.map(({ values }) => values),
+        );
         expect(payloads).toHaveLength(expected.length);
         expect(payloads.findIndex((payload, at) => payload.readIntLE(0, bits / 8) !== expected[at])).toBe(-1);
     }, 120_000);
@@ -71,11 +122,16 @@ describe.each(["i", "f"])("format %s", (format) => {
         const messages = raws.map((raw) => prepareWrite(schema, valuesOf(raw)));
         const written = messages.flatMap((message) => message.written);
         expect(written.filter(({ nearest, raw }) => Math.abs(nearest) < 2 ** 23 && raw !== nearest)).toEqual([]);
-        expect(written.filter(({ nearest, raw }) => Math.abs(raw - nearest) > Math.abs(nearest) * 2 ** -23)).toEqual([]);
+        expect(written.filter(({ nearest, raw }) => Math.abs(raw - nearest) > Math.abs(nearest) * 2 ** -23)).toEqual(
+            [],
+        );
         expect(written.some(({ nearest, raw }) => raw !== nearest)).toBe(true);
         const read = (payload: Buffer) => (format === "i" ? payload.readInt32LE() : payload.readFloatLE());
         const told = written.map(({ raw }) => (format === "i" ? raw : Math.fround(raw)));
-        const payloads = converted(schema, messages.map(({ values }) => values)).map(read);
+        const payloads = converted(
+            schema,
+            messages.map(({ values }) => values),
+        ).map(read);
         expect(payloads.findIndex((payload, at) => payload !== told[at])).toBe(-1);
     }, 60_000);
 });

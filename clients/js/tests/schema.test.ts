@@ -34,24 +34,52 @@ describe("refused, with the path", () => {
         ["a number for a truth", { "@asBool": 1 }, `"@asBool" must be true or false, not 1`],
         ["null", { "@mask": null }, `"@mask" must be a whole number, not null`],
         ["an object", { "@skip": {} }, `"@skip" must be a whole number, not {}`],
-        ["an address that no frame has", { "@mac": 64 }, `"@mac" is 64, outside 0 to 63: no frame carries such an address`],
-        ["a command that no frame has", { "@cmd": 32 }, `"@cmd" is 32, outside 0 to 31: no frame carries such a command`],
-        ["a negative flush size", { "@flushSize": -1 }, `"@flushSize" is -1, outside 0 to 2147483647: such a leaf never has a value`],
-        ["a mask of more than 32 bits", { "@mask": 4294967296 },
-            `"@mask" is 4294967296, outside -2147483648 to 4294967295: it must fit 32 bits`],
+        [
+            "an address that no frame has",
+            { "@mac": 64 },
+            `"@mac" is 64, outside 0 to 63: no frame carries such an address`,
+        ],
+        [
+            "a command that no frame has",
+            { "@cmd": 32 },
+            `"@cmd" is 32, outside 0 to 31: no frame carries such a command`,
+        ],
+        [
+            "a negative flush size",
+            { "@flushSize": -1 },
+            `"@flushSize" is -1, outside 0 to 2147483647: such a leaf never has a value`,
+        ],
+        [
+            "a mask of more than 32 bits",
+            { "@mask": 4294967296 },
+            `"@mask" is 4294967296, outside -2147483648 to 4294967295: it must fit 32 bits`,
+        ],
         ["the factor 0", { "@factor": 0 }, `"@factor" is 0: readings are divided by it in single precision`],
-        ["an unknown format", { "@format": "x" },
-            `"@format" "x" is unknown, so the leaf never has a value; known are C, c, S, s, Q, q, I, i, f, p`],
+        [
+            "an unknown format",
+            { "@format": "x" },
+            `"@format" "x" is unknown, so the leaf never has a value; known are C, c, S, s, Q, q, I, i, f, p`,
+        ],
         ["a leaf that leaves every frame", { "@format": "i", "@skip": 61 }, "ends at byte 64: no frame is that long"],
-        ["an array that cannot be sent", { "@format": "c", "@flushSize": 4 },
-            `arrays of format "c" make every message undecodable, for all clients; "C" reads the same bytes`],
+        [
+            "an array that cannot be sent",
+            { "@format": "c", "@flushSize": 4 },
+            `arrays of format "c" make every message undecodable, for all clients; "C" reads the same bytes`,
+        ],
     ])("%s", (_, options, message) => expect(motor(options)).toEqual([`error: motor.speed: ${message}`]));
 
     test.each<[string, object, string]>([
         ["a leaf without a format", { "@mac": 1, "@cmd": 2 }, `has no "@format", so it never has a value`],
-        ["options without an address", { "@cmd": 1, "@format": "s" }, `has "@cmd", "@format" but no "@mac": it is no leaf without one`],
-        ["a leaf without any sign", { mac: 1, cmd: 1, format: "s" },
-            `has "mac", "cmd", "format" but no "@mac": the names of options begin with "@"`],
+        [
+            "options without an address",
+            { "@cmd": 1, "@format": "s" },
+            `has "@cmd", "@format" but no "@mac": it is no leaf without one`,
+        ],
+        [
+            "a leaf without any sign",
+            { mac: 1, cmd: 1, format: "s" },
+            `has "mac", "cmd", "format" but no "@mac": the names of options begin with "@"`,
+        ],
     ])("%s", (_, a, message) => expect(told({ a, b: leaf() })).toEqual([`error: a: ${message}`]));
 
     test("a document without leaves", () => {
@@ -70,16 +98,33 @@ describe("refused, with the path", () => {
 
 describe("doubtful, with the path", () => {
     test.each<[string, object, string]>([
-        ["a leaf that leaves the frame", { "@format": "i", "@skip": 5 },
-            `ends at byte 8: it is read from CAN FD frames only, and not written without "@fragmentation"`],
-        ["a packed leaf", { "@format": "p", "@fragmentation": true }, `format "p" is only for writing: the leaf never has a value`],
-        ["observing an array", { "@observe": true, "@flushSize": 4 }, `"@observe" is ignored, because "@flushSize" is set`],
-        ["a mask that masks nothing", { "@format": "q", "@mask": 1 },
-            `"@mask" has no effect on format "q" but makes the leaf read-only`],
+        [
+            "a leaf that leaves the frame",
+            { "@format": "i", "@skip": 5 },
+            `ends at byte 8: it is read from CAN FD frames only, and not written without "@fragmentation"`,
+        ],
+        [
+            "a packed leaf",
+            { "@format": "p", "@fragmentation": true },
+            `format "p" is only for writing: the leaf never has a value`,
+        ],
+        [
+            "observing an array",
+            { "@observe": true, "@flushSize": 4 },
+            `"@observe" is ignored, because "@flushSize" is set`,
+        ],
+        [
+            "a mask that masks nothing",
+            { "@format": "q", "@mask": 1 },
+            `"@mask" has no effect on format "q" but makes the leaf read-only`,
+        ],
         ["a long format", { "@format": "short" }, `only the first character of "@format" counts: "s"`],
         ["an option without its sign", { mask: 1 }, `"mask" is ignored; did you mean "@mask"?`],
-        ["a leaf inside a leaf", { inner: leaf({ "@cmd": 3 }) },
-            "holds objects inside of a leaf: their values and its own replace one another"],
+        [
+            "a leaf inside a leaf",
+            { inner: leaf({ "@cmd": 3 }) },
+            "holds objects inside of a leaf: their values and its own replace one another",
+        ],
     ])("%s", (_, options, message) => expect(motor(options)).toEqual([`warning: motor.speed: ${message}`]));
 
     test("a leaf without a command", () => {
@@ -129,18 +174,49 @@ test("a name that occurs twice in one object is an error", () => {
     const text = `{"motor": {"speed": ${JSON.stringify(leaf())}, "a": [{"x": "}"}], "sp\\u0065ed": {}}, "speed": 1}`;
     expect(() => parseSchema(text)).toThrow(/\nmotor\.speed: is there twice; only the last one would count\n/);
     expect(() => parseJson(text)).toThrow(/\nmotor\.speed: is there twice; only the last one would count$/);
-    expect(parseSchema(text.replace("u0065", "u0066").replace("{}}", "{}, \"x\": " + JSON.stringify(leaf()) + "}"))).toHaveProperty("motor");
+    expect(
+        parseSchema(text.replace("u0065", "u0066").replace("{}}", '{}, "x": ' + JSON.stringify(leaf()) + "}")),
+    ).toHaveProperty("motor");
 });
 
 test("leaves come by name, with the daemon's defaults", () => {
     expect(leavesOf({ b: leaf(), a: { x: { "@mac": 1, "@format": "float" } } })).toEqual([
-        { path: ["a", "x"], mac: 1, cmd: 0, format: "f", skip: 0, flushSize: 0, factor: 1, mask: -1, asBool: false, observe: false, fragmentation: false },
-        { path: ["b"], mac: 5, cmd: 2, format: "s", skip: 0, flushSize: 0, factor: 1, mask: -1, asBool: false, observe: false, fragmentation: false },
+        {
+            path: ["a", "x"],
+            mac: 1,
+            cmd: 0,
+            format: "f",
+            skip: 0,
+            flushSize: 0,
+            factor: 1,
+            mask: -1,
+            asBool: false,
+            observe: false,
+            fragmentation: false,
+        },
+        {
+            path: ["b"],
+            mac: 5,
+            cmd: 2,
+            format: "s",
+            skip: 0,
+            flushSize: 0,
+            factor: 1,
+            mask: -1,
+            asBool: false,
+            observe: false,
+            fragmentation: false,
+        },
     ]);
 });
 
 describe("what was written", () => {
-    const schema = { s: leaf(), volt: leaf({ "@factor": 100 }), f: leaf({ "@format": "f" }), i: leaf({ "@format": "i", "@factor": 1000 }) };
+    const schema = {
+        s: leaf(),
+        volt: leaf({ "@factor": 100 }),
+        f: leaf({ "@format": "f" }),
+        i: leaf({ "@format": "i", "@factor": 1000 }),
+    };
     const told = (values: ValueMap) => prepareWrite(schema, values).written.map(describeWritten);
 
     test.each<[ValueMap, string]>([
@@ -151,15 +227,24 @@ describe("what was written", () => {
         [{ volt: 0.534 }, "raw 53, which is 0.53"],
         [{ f: 0.1 }, "raw 0.1"],
         [{ f: 16777217 }, "raw 16777216, which is 16777216"],
-        [{ i: 2000000.001 }, "raw 2000000000, which is 2000000 instead of 2000000001, which the daemon's single precision does not reach"],
+        [
+            { i: 2000000.001 },
+            "raw 2000000000, which is 2000000 instead of 2000000001, which the daemon's single precision does not reach",
+        ],
     ])("%o", (values, text) => expect(told(values)).toEqual([text]));
 
     test.each<[ValueMap, string]>([
         [{ s: 65536 }, "Nothing was written: s: 65536 is outside of -32768 to 65535"],
-        [{ volt: 400 }, "Nothing was written: volt: 400 times the factor 100 is 40000, which is outside of -32768 to 32767"],
+        [
+            { volt: 400 },
+            "Nothing was written: volt: 400 times the factor 100 is 40000, which is outside of -32768 to 32767",
+        ],
         [{ f: 1e39 }, "Nothing was written: f: 1e+39 is outside of single precision"],
         [{ s: "5" }, `Nothing was written: s: takes a number, not "5"`],
-        [{ s: Uint8Array.of(1), t: 1 }, `Nothing was written: s: takes a number, not {"0":1}; t: does not exist in the schema`],
+        [
+            { s: Uint8Array.of(1), t: 1 },
+            `Nothing was written: s: takes a number, not {"0":1}; t: does not exist in the schema`,
+        ],
     ])("refused: %o", (values, text) => expect(() => told(values)).toThrow(text));
 
     test("one leaf is prepared by itself, or refused", () => {
@@ -176,11 +261,17 @@ describe("what can be written", () => {
         ["a byte", { "@format": "c" }, { least: -128, most: 255, step: 1 }],
         ["signed 16-bit", { "@format": "q" }, { least: -32768, most: 65535, step: 1 }],
         ["unsigned 16-bit", { "@format": "S" }, { least: -32768, most: 65535, step: 1 }],
-        ["scaled 16-bit is clamped to the signed range", { "@format": "S", "@factor": 1000 },
-            { least: -32.768, most: 32.767, step: 0.001 }],
+        [
+            "scaled 16-bit is clamped to the signed range",
+            { "@format": "S", "@factor": 1000 },
+            { least: -32.768, most: 32.767, step: 0.001 },
+        ],
         ["a negative factor", { "@format": "s", "@factor": -2 }, { least: -16383.5, most: 16384, step: 0.5 }],
-        ["a scaled float is cut to whole numbers", { "@format": "f", "@factor": 10 },
-            { least: -214748364.8, most: 214748364.7, step: 0.1 }],
+        [
+            "a scaled float is cut to whole numbers",
+            { "@format": "f", "@factor": 10 },
+            { least: -214748364.8, most: 214748364.7, step: 0.1 },
+        ],
         ["packed", { "@format": "p" }, undefined],
     ])("%s", (_, options, range) => expect(writableRange(first(options))).toEqual(range));
 
@@ -202,12 +293,13 @@ describe("what can be written", () => {
 test("the compiler refuses options that do not exist or are of another type", () => {
     defineSchema({ motor: { speed: { "@mac": 5, "@cmd": 2, "@format": "s", unit: "rpm" }, note: "left" }, list: [1] });
     defineSchema(JSON.parse("{}") as Schema);
-    // @ts-expect-error
+    // @ts-expect-error: no such option
     defineSchema({ motor: { speed: { "@mac": 5, "@factr": 10 } } });
-    // @ts-expect-error
+    // @ts-expect-error: a text for a number
     defineSchema({ motor: { speed: { "@mac": "5" } } });
-    // @ts-expect-error
+    // @ts-expect-error: a number for a truth
     defineSchema({ "@asBool": 1 });
-    // @ts-expect-error
-    expect(() => new Client("localhost", { WebSocket: class {} as never }).setSchema({ a: { "@mac": 5, "@factr": 10 } })).toThrow(SchemaError);
+    const client = new Client("localhost", { WebSocket: class {} as never });
+    // @ts-expect-error: no such option
+    expect(() => client.setSchema({ a: { "@mac": 5, "@factr": 10 } })).toThrow(SchemaError);
 });

@@ -11,7 +11,9 @@ async function faults(): Promise<string[]> {
     await page.evaluate(`${axe}; 0`);
     return page.evaluate(async (rules) => {
         const { violations } = await (window as any).axe.run(document, { runOnly: rules });
-        return violations.flatMap((each: any) => each.nodes.map((node: any) => `${each.id}: ${node.target} ${node.failureSummary}`));
+        return violations.flatMap((each: any) =>
+            each.nodes.map((node: any) => `${each.id}: ${node.target} ${node.failureSummary}`),
+        );
     }, RULES);
 }
 
@@ -20,59 +22,62 @@ test.each([
     ["dark", 1280, 800],
     ["light", 360, 740],
     ["dark", 360, 740],
-] as const)("no state has faults that can be found by a program: %s, %d pixels wide", async (colorScheme, width, height) => {
-    await page.emulateMedia({ colorScheme });
-    await page.setViewportSize({ width, height });
-    const narrow = width < 820;
-    const turnTo = async (name: string) => {
-        if (narrow) await page.getByRole("navigation").getByRole("button", { name }).click();
-    };
-    await connected();
-    expect(await faults(), "no values").toEqual([]);
-    await openSchema();
-    expect(await faults(), "no schema").toEqual([]);
-    await page.getByLabel("Schema as JSON").fill('{"a": {"@mac": 64, "@format": "p", "@fator": 2}}');
-    expect(await faults(), "a schema with problems").toEqual([]);
-    await page.keyboard.press("Escape");
+] as const)(
+    "no state has faults that can be found by a program: %s, %d pixels wide",
+    async (colorScheme, width, height) => {
+        await page.emulateMedia({ colorScheme });
+        await page.setViewportSize({ width, height });
+        const narrow = width < 820;
+        const turnTo = async (name: string) => {
+            if (narrow) await page.getByRole("navigation").getByRole("button", { name }).click();
+        };
+        await connected();
+        expect(await faults(), "no values").toEqual([]);
+        await openSchema();
+        expect(await faults(), "no schema").toEqual([]);
+        await page.getByLabel("Schema as JSON").fill('{"a": {"@mac": 64, "@format": "p", "@fator": 2}}');
+        expect(await faults(), "a schema with problems").toEqual([]);
+        await page.keyboard.press("Escape");
 
-    await sendSchema();
-    await page.getByLabel("Search values").fill("motor");
-    await value("motor.speed").getByText(/^\d+$/).waitFor();
-    await row("motor.speed").getByRole("button", { name: "Plot" }).click();
-    await row("motor.current").getByRole("button", { name: "Plot" }).click();
-    expect(await faults(), "values").toEqual([]);
-    await turnTo("plots");
-    await page.getByRole("button", { name: "Pause" }).click();
-    expect(await faults(), "plots").toEqual([]);
-    await turnTo("values");
-    await startSetting("motor.setpoint");
-    await page.keyboard.type("40000");
-    expect(await faults(), "a value that does not fit").toEqual([]);
-    await page.keyboard.press("Control+A");
-    await page.keyboard.type("1200");
-    await page.keyboard.press("Enter");
-    await page.getByText("Sent at").waitFor();
-    expect(await faults(), "a sent value").toEqual([]);
-    await page.keyboard.press("Escape");
-    await row("motor.enabled").getByRole("button", { name: "Why" }).click();
-    expect(await faults(), "a read-only value").toEqual([]);
-    await page.keyboard.press("Escape");
-    await page.getByLabel("Search values").fill("nothing like this");
-    expect(await faults(), "nothing found").toEqual([]);
+        await sendSchema();
+        await page.getByLabel("Search values").fill("motor");
+        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await row("motor.speed").getByRole("button", { name: "Plot" }).click();
+        await row("motor.current").getByRole("button", { name: "Plot" }).click();
+        expect(await faults(), "values").toEqual([]);
+        await turnTo("plots");
+        await page.getByRole("button", { name: "Pause" }).click();
+        expect(await faults(), "plots").toEqual([]);
+        await turnTo("values");
+        await startSetting("motor.setpoint");
+        await page.keyboard.type("40000");
+        expect(await faults(), "a value that does not fit").toEqual([]);
+        await page.keyboard.press("Control+A");
+        await page.keyboard.type("1200");
+        await page.keyboard.press("Enter");
+        await page.getByText("Sent at").waitFor();
+        expect(await faults(), "a sent value").toEqual([]);
+        await page.keyboard.press("Escape");
+        await row("motor.enabled").getByRole("button", { name: "Why" }).click();
+        expect(await faults(), "a read-only value").toEqual([]);
+        await page.keyboard.press("Escape");
+        await page.getByLabel("Search values").fill("nothing like this");
+        expect(await faults(), "nothing found").toEqual([]);
 
-    await machine.stopDaemon();
-    await page.getByText("nothing answers").first().waitFor();
-    await page.getByLabel("Search values").fill("motor");
-    await page.waitForTimeout(3000); // values grow old, and amber
-    expect(await faults(), "the daemon is away").toEqual([]);
-    expect(await page.evaluate(() => document.documentElement.scrollWidth), "nothing sticks out").toBe(width);
-    await turnTo("log");
-    expect(await faults(), "the log").toEqual([]);
-    await page.getByLabel("Address of the daemon").fill("http://machine");
-    await page.getByRole("button", { name: "Connect" }).click();
-    expect(await faults(), "a wrong address").toEqual([]);
-    expect(await page.evaluate(() => document.documentElement.scrollWidth), "nothing sticks out").toBe(width);
-});
+        await machine.stopDaemon();
+        await page.getByText("nothing answers").first().waitFor();
+        await page.getByLabel("Search values").fill("motor");
+        await page.waitForTimeout(3000); // values grow old, and amber
+        expect(await faults(), "the daemon is away").toEqual([]);
+        expect(await page.evaluate(() => document.documentElement.scrollWidth), "nothing sticks out").toBe(width);
+        await turnTo("log");
+        expect(await faults(), "the log").toEqual([]);
+        await page.getByLabel("Address of the daemon").fill("http://machine");
+        await page.getByRole("button", { name: "Connect" }).click();
+        expect(await faults(), "a wrong address").toEqual([]);
+        expect(await page.evaluate(() => document.documentElement.scrollWidth), "nothing sticks out").toBe(width);
+    },
+);
 
 test("fingers find what they can press", async () => {
     await page.setViewportSize({ width: 360, height: 740 });
@@ -85,7 +90,9 @@ test("fingers find what they can press", async () => {
             buttons.flatMap((button) => {
                 const { width, height } = button.getBoundingClientRect();
                 const shown = width > 0 && !button.classList.contains("fold"); // the whole row folds
-                return shown && (width < 42 || height < 42) ? [`${button.textContent || button.ariaLabel}: ${width} × ${height}`] : [];
+                return shown && (width < 42 || height < 42)
+                    ? [`${button.textContent || button.ariaLabel}: ${width} × ${height}`]
+                    : [];
             }),
         );
     expect(await small()).toEqual([]);

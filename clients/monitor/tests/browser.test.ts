@@ -2,7 +2,19 @@ import { readFileSync } from "node:fs";
 import { describe, expect, test } from "vitest";
 import { machineSchema, until, type Link } from "../../js/tests/machine.js";
 import {
-    changes, coloredPixels, connected, machine, newPage, openSchema, page, row, sendSchema, shoot, startMachine, startSetting, value,
+    changes,
+    coloredPixels,
+    connected,
+    machine,
+    newPage,
+    openSchema,
+    page,
+    row,
+    sendSchema,
+    shoot,
+    startMachine,
+    startSetting,
+    value,
 } from "./fixture.js";
 
 test("connects to where the page came from and shows what the daemon is", async () => {
@@ -17,28 +29,35 @@ test("loads the machine's schema and sees its values change", async () => {
     await sendSchema();
     await value("motor.speed").getByText(/^\d+$/).waitFor();
     await changes(value("motor.speed"));
-    await value("battery.cells.a").getByText(/^5 × \[3\.9/).waitFor();
-    await value("door.open").getByText(/true|false/).waitFor();
+    await value("battery.cells.a")
+        .getByText(/^5 × \[3\.9/)
+        .waitFor();
+    await value("door.open")
+        .getByText(/true|false/)
+        .waitFor();
     await expect.poll(() => row("motor.speed").locator(".rate").textContent()).toMatch(/^(19|2\d)$/);
     await expect.poll(() => coloredPixels(row("motor.speed").locator("canvas"))).toBeGreaterThan(30);
     await page.waitForTimeout(4000);
     await shoot("values");
 });
 
-test.each<Link>(["serialport", "socketcan"])("works on the link %s, from the bus to the page and back", async (link) => {
-    await machine.stop();
-    await startMachine(link);
-    await sendSchema();
-    await value("motor.speed").getByText(/^\d+$/).waitFor();
-    await changes(value("motor.speed"));
-    await row("motor.speed").getByRole("button", { name: "Plot" }).click();
-    await expect.poll(() => coloredPixels(page.locator(".plots canvas"))).toBeGreaterThan(10);
-    await startSetting("motor.setpoint");
-    await page.keyboard.type("1200");
-    await page.keyboard.press("Enter");
-    await until(() => machine.heard.length > 0, "a frame on the bus");
-    expect(machine.heard).toEqual(["mac 5 cmd 3: b0 04"]);
-});
+test.each<Link>(["serialport", "socketcan"])(
+    "works on the link %s, from the bus to the page and back",
+    async (link) => {
+        await machine.stop();
+        await startMachine(link);
+        await sendSchema();
+        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await changes(value("motor.speed"));
+        await row("motor.speed").getByRole("button", { name: "Plot" }).click();
+        await expect.poll(() => coloredPixels(page.locator(".plots canvas"))).toBeGreaterThan(10);
+        await startSetting("motor.setpoint");
+        await page.keyboard.type("1200");
+        await page.keyboard.press("Enter");
+        await until(() => machine.heard.length > 0, "a frame on the bus");
+        expect(machine.heard).toEqual(["mac 5 cmd 3: b0 04"]);
+    },
+);
 
 test("takes the schema and the plot that a link asks for", async () => {
     await sendSchema(); // what explains the values to the daemon
@@ -62,12 +81,17 @@ test("opens a schema from a file and saves the one in use", async () => {
     await connected();
     await openSchema();
     const text = JSON.stringify({ speed: machineSchema["motor"] });
-    await page.getByLabel("Schema file").setInputFiles({ name: "a.json", mimeType: "application/json", buffer: Buffer.from(text) });
+    await page
+        .getByLabel("Schema file")
+        .setInputFiles({ name: "a.json", mimeType: "application/json", buffer: Buffer.from(text) });
     await page.getByText("No problems found.").waitFor();
     await page.getByRole("button", { name: "Send to the daemon" }).click();
     await value("speed.speed").getByText(/^\d+$/).waitFor();
     await openSchema();
-    const [download] = await Promise.all([page.waitForEvent("download"), page.getByRole("button", { name: "Save as file" }).click()]);
+    const [download] = await Promise.all([
+        page.waitForEvent("download"),
+        page.getByRole("button", { name: "Save as file" }).click(),
+    ]);
     expect(readFileSync(await download.path(), "utf8")).toBe(text);
 });
 
@@ -100,10 +124,12 @@ test("shows a schema's problems at their paths and does not send it", async () =
     const broken = { motor: { speed: { ...leaf, "@fator": 10 }, current: { ...leaf, "@skip": "2" } } };
     await page.getByLabel("Schema as JSON").fill(JSON.stringify(broken, null, 4));
     const problems = page.locator("#schema-problems li");
-    await expect.poll(() => problems.allTextContents()).toEqual([
-        'error: motor.current "@skip" must be a whole number, not "2"',
-        'error: motor.speed "@fator" is no option; did you mean "@factor"?',
-    ]);
+    await expect
+        .poll(() => problems.allTextContents())
+        .toEqual([
+            'error: motor.current "@skip" must be a whole number, not "2"',
+            'error: motor.speed "@fator" is no option; did you mean "@factor"?',
+        ]);
     expect(await page.getByRole("button", { name: "Send to the daemon" }).isDisabled()).toBe(true);
     await shoot("schema");
     await page.getByLabel("Schema as JSON").fill('{"motor": ');
@@ -185,7 +211,9 @@ describe("writing", () => {
         await until(() => machine.heard.length > 0, "a frame on the bus");
         expect(machine.heard).toEqual(["mac 5 cmd 3: b0 04"]);
         const entry = page.getByRole("log").getByRole("listitem").first();
-        await expect.poll(() => entry.textContent()).toMatch(/^\d\d:\d\d:\d\dSent: motor\.setpoint = 1200: raw 1200mac 5 cmd 3: b0 04$/);
+        await expect
+            .poll(() => entry.textContent())
+            .toMatch(/^\d\d:\d\d:\d\dSent: motor\.setpoint = 1200: raw 1200mac 5 cmd 3: b0 04$/);
         await expect.poll(() => value("motor.setpoint").textContent()).toBe("sent 1200");
         await expect.poll(async () => Number(await value("motor.speed").textContent())).toBeGreaterThan(1100);
         await shoot("writing");
@@ -241,7 +269,10 @@ describe("writing", () => {
     test("is refused for read-only leaves, with the reason", async () => {
         await sendSchema();
         await row("door.open").getByRole("button", { name: "Why door.open cannot be set" }).click();
-        await page.getByRole("alert").getByText('door.open cannot be set: it is read-only, because "@asBool"').waitFor();
+        await page
+            .getByRole("alert")
+            .getByText('door.open cannot be set: it is read-only, because "@asBool"')
+            .waitFor();
         await shoot("read-only");
     });
 });
@@ -266,7 +297,10 @@ test("survives a daemon restart, schema, plot and all", async () => {
 
 test("tells of messages that cannot be decoded, with their bytes, and goes on", async () => {
     const leaf = { "@mac": 5, "@cmd": 2 };
-    const broken = { good: { ...leaf, "@format": "s" }, lost: { ...leaf, "@skip": 4, "@format": "c", "@flushSize": 2 } };
+    const broken = {
+        good: { ...leaf, "@format": "s" },
+        lost: { ...leaf, "@skip": 4, "@format": "c", "@flushSize": 2 },
+    };
     // The page itself refuses such a schema, but another client may have sent it.
     await page.evaluate((schema) => {
         const socket = new WebSocket("ws://127.0.0.1:10443");
@@ -306,7 +340,10 @@ describe("by keyboard and search", () => {
     const activeRow = () =>
         page.evaluate(() => {
             const id = document.querySelector("[role=treegrid]")!.getAttribute("aria-activedescendant");
-            return document.getElementById(id ?? "")?.querySelector(".name")?.getAttribute("title");
+            return document
+                .getElementById(id ?? "")
+                ?.querySelector(".name")
+                ?.getAttribute("title");
         });
 
     test("the table folds, plots and sets", async () => {

@@ -46,7 +46,7 @@ afterEach(async () => {
 /** The machine and its daemon; one that runs has to be stopped before. */
 export async function startMachine(link?: Link): Promise<void> {
     machine = new Machine(link);
-    await machine.play();
+    machine.play();
     await machine.startDaemon();
 }
 
@@ -59,7 +59,8 @@ export async function newPage(query = ""): Promise<Page> {
     tab.on("pageerror", (error) => strange.push(String(error)));
     tab.on("console", (message) => {
         // While the daemon is away, and of what a link names wrongly.
-        const expected = message.text().startsWith("WebSocket connection to") || message.location().url.includes("missing");
+        const expected =
+            message.text().startsWith("WebSocket connection to") || message.location().url.includes("missing");
         if (message.type() === "error" && !expected) strange.push(message.text());
     });
     await tab.goto(url + query);

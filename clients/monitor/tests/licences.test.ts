@@ -18,7 +18,9 @@ describe("the copyright file of the Debian package", () => {
     test("knows what the page contains", () => expect(contained).toContain("node_modules/preact"));
 
     test.each(contained)("names the holder and has the terms of %s", (path) => {
-        const paragraphs = read(path, "LICENSE").split(/\n\s*\n/).map(inOneLine);
+        const paragraphs = read(path, "LICENSE")
+            .split(/\n\s*\n/)
+            .map(inOneLine);
         const holder = paragraphs.findIndex((paragraph) => paragraph.startsWith("Copyright"));
         expect(shipped).toContain(paragraphs[holder]!.replace(/^Copyright (\(c\) )?|\.$/g, ""));
         const terms = paragraphs.slice(holder + 1);

@@ -31,7 +31,14 @@ describe("a history", () => {
         for (const [time, value] of counting(200).slice(130)) history.push(time, value);
         expect(contents(history)).toEqual(counting(200).slice(30));
     });
-    test.each([[-1, 0], [0, 0], [4.5, 5], [5, 5], [39, 39], [40, 40]])("finds the first reading from %d on", (time, index) => {
+    test.each([
+        [-1, 0],
+        [0, 0],
+        [4.5, 5],
+        [5, 5],
+        [39, 39],
+        [40, 40],
+    ])("finds the first reading from %d on", (time, index) => {
         expect(historyOf(counting(40)).indexAt(time)).toBe(index);
     });
 });
@@ -48,7 +55,12 @@ describe("a rate", () => {
         expect(rateAfter([])).toBeUndefined();
         expect(rateAfter([5])).toBeUndefined();
     });
-    test.each([[1, 1000], [50, 20], [1000, 1], [20_000, 0.05]])("of every %d ms is %d a second", (period, rate) => {
+    test.each([
+        [1, 1000],
+        [50, 20],
+        [1000, 1],
+        [20_000, 0.05],
+    ])("of every %d ms is %d a second", (period, rate) => {
         expect(rateAfter(every(period, 10_000))).toBeCloseTo(rate, 6);
     });
     test("is not fooled by bursts", () => {
@@ -72,7 +84,18 @@ describe("decimation", () => {
     };
 
     test("keeps the extremes of every stretch, in order", () => {
-        const { line } = draw([[10, 5], [11, 9], [12, 1], [13, 4], [20, 7]], 10, 30, 2);
+        const { line } = draw(
+            [
+                [10, 5],
+                [11, 9],
+                [12, 1],
+                [13, 4],
+                [20, 7],
+            ],
+            10,
+            30,
+            2,
+        );
         expect(line.slice(0, 4)).toEqual([9, 1, 7, undefined]);
     });
     test("has its stretches on a grid that time does not move", () => {
@@ -80,23 +103,77 @@ describe("decimation", () => {
         expect(draw([], 103, 203, 10).times.slice(0, 3)).toEqual([100, 105, 110]);
     });
     test("begins with the last reading from before", () => {
-        expect(draw([[1, 3], [2, 8], [150, 5]], 100, 200, 10).line[0]).toBe(8);
+        expect(
+            draw(
+                [
+                    [1, 3],
+                    [2, 8],
+                    [150, 5],
+                ],
+                100,
+                200,
+                10,
+            ).line[0],
+        ).toBe(8);
     });
     test("ends before what comes later", () => {
-        expect(draw([[150, 5], [900, 7]], 100, 200, 10).line).not.toContain(7);
+        expect(
+            draw(
+                [
+                    [150, 5],
+                    [900, 7],
+                ],
+                100,
+                200,
+                10,
+            ).line,
+        ).not.toContain(7);
     });
     test("draws on what holds", () => {
         expect(draw([[150, 1]], 100, 200, 10, true).line.at(-1)).toBe(1);
         expect(draw([], 100, 200, 10, true).line.at(-1)).toBeUndefined();
     });
     test("has a gap from what is no finite number to the next that is one", () => {
-        const { line } = draw([[100, 1], [115, NaN], [145, 2], [146, Infinity], [147, 3]], 100, 160, 6);
+        const { line } = draw(
+            [
+                [100, 1],
+                [115, NaN],
+                [145, 2],
+                [146, Infinity],
+                [147, 3],
+            ],
+            100,
+            160,
+            6,
+        );
         const none = undefined;
         expect(line).toEqual([1, none, none, none, null, null, null, null, 2, 3, none, none, none, none]);
     });
     test("does not draw on across a gap that is open", () => {
-        expect(draw([[101, 1], [102, NaN]], 100, 140, 4, true).line.slice(0, 4)).toEqual([1, undefined, null, null]);
-        expect(draw([[101, 1], [102, NaN]], 100, 140, 4, true).line.at(-1)).toBeNull();
+        expect(
+            draw(
+                [
+                    [101, 1],
+                    [102, NaN],
+                ],
+                100,
+                140,
+                4,
+                true,
+            ).line.slice(0, 4),
+        ).toEqual([1, undefined, null, null]);
+        expect(
+            draw(
+                [
+                    [101, 1],
+                    [102, NaN],
+                ],
+                100,
+                140,
+                4,
+                true,
+            ).line.at(-1),
+        ).toBeNull();
     });
 });
 
@@ -134,7 +211,10 @@ describe("the tree", () => {
         tree.update({ a: 1, b: { c: true } }, 5);
         tree.interrupt(7);
         const { history } = tree.find(["b", "c"])!.series!;
-        expect(contents(history)).toEqual([[5, 1], [7, NaN]]);
+        expect(contents(history)).toEqual([
+            [5, 1],
+            [7, NaN],
+        ]);
     });
     test("tells a dot within a name from one between names", () => {
         const tree = new Tree();
@@ -179,7 +259,12 @@ describe("writing", () => {
         ["infinity", { "@format": "f" }, "Infinity", "must be a number"],
         ["what would wrap", { "@format": "s" }, "65536", "must lie between -32768 and 65535"],
         ["what would be clamped", { "@format": "S", "@factor": 1000 }, "40", "must lie between -32.768 and 32.767"],
-        ["a read-only leaf", { "@format": "s", "@mask": 1 }, "1", 'x cannot be written: it is read-only, because "@mask" keeps only some of the bits'],
+        [
+            "a read-only leaf",
+            { "@format": "s", "@mask": 1 },
+            "1",
+            'x cannot be written: it is read-only, because "@mask" keeps only some of the bits',
+        ],
     ])("refuses %s", (_, options, text, problem) => expect(parseInput(leafOf(options), text)).toEqual({ problem }));
 
     test("refuses packed text that is no JSON", () => {
@@ -201,7 +286,14 @@ describe("writing", () => {
         ["scaled and rounded", [[{ "@format": "s", "@factor": 10 }, -1.29]], [0xf3, 0xff]],
         ["scaled, where single precision would be one too low", [[{ "@format": "s", "@factor": 100 }, 0.53]], [53, 0]],
         ["a scaled float, rounded", [[{ "@format": "f", "@factor": 10 }, 1.25]], [0, 0, 0x50, 0x41]],
-        ["together", [[{ "@format": "C", "@skip": 1 }, 2], [{ "@format": "C" }, 1]], [1, 2]],
+        [
+            "together",
+            [
+                [{ "@format": "C", "@skip": 1 }, 2],
+                [{ "@format": "C" }, 1],
+            ],
+            [1, 2],
+        ],
     ])("tells the payload: %s", (_, values, payload) => {
         expect([...payloadOf(new Map(values.map(([options, value]) => [leafOf(options), value])))!]).toEqual(payload);
     });
@@ -263,7 +355,11 @@ test("the log counts repetitions instead of listing them, but lists everything t
     log.add("problem", "lost", "2");
     log.add("sent", "a = 1");
     log.add("sent", "a = 1");
-    expect(log.entries.map(({ text, times }) => [text, times])).toEqual([["a = 1", 1], ["a = 1", 1], ["lost", 2]]);
+    expect(log.entries.map(({ text, times }) => [text, times])).toEqual([
+        ["a = 1", 1],
+        ["a = 1", 1],
+        ["lost", 2],
+    ]);
     expect(log.entries.at(-1)!.detail).toBe("2");
     for (let count = 0; count < 500; count++) log.add("sent", `a = ${count}`);
     expect(log.entries.length).toBeLessThan(300);
@@ -271,22 +367,43 @@ test("the log counts repetitions instead of listing them, but lists everything t
 
 describe("texts", () => {
     test.each<[number, string]>([
-        [Math.fround(0.1), "0.1"], [Math.fround(3.93), "3.93"], [4294967295, "4294967295"], [-0.5, "-0.5"], [1e20, "100000000000000000000"], [NaN, "NaN"],
+        [Math.fround(0.1), "0.1"],
+        [Math.fround(3.93), "3.93"],
+        [4294967295, "4294967295"],
+        [-0.5, "-0.5"],
+        [1e20, "100000000000000000000"],
+        [NaN, "NaN"],
     ])("of the number %d", (value, text) => expect(numberText(value)).toBe(text));
     test.each<[string, Value, string]>([
-        ["nil", null, "nil"], ["a truth", true, "true"], ["a text", 'a"b', '"a\\"b"'], ["a bigint", 2n ** 63n, "9223372036854775808"],
-        ["a short array", Int8Array.of(1, -2), "2 × [1, -2]"], ["a long array", new Float32Array(100), "100 × [0, 0, …]"],
+        ["nil", null, "nil"],
+        ["a truth", true, "true"],
+        ["a text", 'a"b', '"a\\"b"'],
+        ["a bigint", 2n ** 63n, "9223372036854775808"],
+        ["a short array", Int8Array.of(1, -2), "2 × [1, -2]"],
+        ["a long array", new Float32Array(100), "100 × [0, 0, …]"],
         ["a list", [1, "a"], '[1, "a"]'],
     ])("of %s", (_, value, text) => expect(valueText(value)).toBe(text));
     test.each<[number, object, string]>([
-        [Math.fround(0.9000000357627869), { "@factor": 10 }, "0.9"], [Math.fround(8 / 3), { "@factor": 3 }, "2.67"],
+        [Math.fround(0.9000000357627869), { "@factor": 10 }, "0.9"],
+        [Math.fround(8 / 3), { "@factor": 3 }, "2.67"],
     ])("of the reading %d at %j", (value, options, text) => {
         const leaf = leavesOf({ "@mac": 1, "@format": "s", ...options })[0]!;
         expect(valueText(value, leaf)).toBe(text);
         expect(valueText(Float32Array.of(value), leaf)).toBe(`1 × [${text}]`);
     });
-    test.each([[0, "0.0 s"], [9940, "9.9 s"], [9960, "10 s"], [99_000, "99 s"], [100_000, "2 min"], [7_200_000, "2 h"], [-5, "0.0 s"]])(
-        "of the age %d", (age, text) => expect(ageText(age)).toBe(text));
-    test.each<[number | undefined, string]>([[undefined, "–"], [0.25, "0.3"], [9.96, "10"], [1234.5, "1235"]])(
-        "of the rate %d", (rate, text) => expect(rateText(rate)).toBe(text));
+    test.each([
+        [0, "0.0 s"],
+        [9940, "9.9 s"],
+        [9960, "10 s"],
+        [99_000, "99 s"],
+        [100_000, "2 min"],
+        [7_200_000, "2 h"],
+        [-5, "0.0 s"],
+    ])("of the age %d", (age, text) => expect(ageText(age)).toBe(text));
+    test.each<[number | undefined, string]>([
+        [undefined, "–"],
+        [0.25, "0.3"],
+        [9.96, "10"],
+        [1234.5, "1235"],
+    ])("of the rate %d", (rate, text) => expect(rateText(rate)).toBe(text));
 });

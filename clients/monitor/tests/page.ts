@@ -9,7 +9,11 @@ import { chromium, type BrowserContext } from "playwright-core";
 export const dist = resolve(fileURLToPath(import.meta.url), "../../dist");
 const examples = resolve(fileURLToPath(import.meta.url), "../../../../examples");
 const types: Record<string, string> = {
-    ".html": "text/html", ".js": "text/javascript", ".css": "text/css", ".svg": "image/svg+xml", ".json": "application/json",
+    ".html": "text/html",
+    ".js": "text/javascript",
+    ".css": "text/css",
+    ".svg": "image/svg+xml",
+    ".json": "application/json",
 };
 
 /** Serves the built page, with the machine's schema beside it, on a port of 127.0.0.1. */
@@ -29,14 +33,22 @@ export async function serve(): Promise<{ server: Server; url: string }> {
 }
 
 /** Debian's Chromium with a profile of its own, which is removed by end(). */
-export async function startBrowser(more: string[] = []): Promise<{ browser: BrowserContext; end: () => Promise<void> }> {
+export async function startBrowser(
+    more: string[] = [],
+): Promise<{ browser: BrowserContext; end: () => Promise<void> }> {
     const profile = mkdtempSync(join(tmpdir(), "vorbel-chromium-"));
     const browser = await chromium.launchPersistentContext(profile, {
         executablePath: "/usr/bin/chromium",
         headless: true,
         args: [
-            "--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
-            "--disable-component-update", "--disable-sync", "--disable-dev-shm-usage",
+            "--no-sandbox",
+            "--disable-gpu",
+            "--disable-quic",
+            "--no-first-run",
+            "--disable-background-networking",
+            "--disable-component-update",
+            "--disable-sync",
+            "--disable-dev-shm-usage",
             ...more,
         ],
         viewport: { width: 1280, height: 800 },

@@ -15,7 +15,7 @@ let browser: BrowserContext;
 let endBrowser: () => Promise<void>;
 
 beforeAll(async () => {
-    await machine.play();
+    machine.play();
     await machine.startDaemon();
     proxy = spawn("/usr/bin/python3", [script, dist], { stdio: ["pipe", "pipe", "inherit"] });
     const [certificate] = await once(proxy.stdout!.setEncoding("utf8"), "data");

@@ -3,7 +3,19 @@ import { encode, ExtData } from "@msgpack/msgpack";
 import { expect, onTestFinished, test } from "vitest";
 import { WebSocketServer, type WebSocket } from "ws";
 import { Machine, until } from "../../js/tests/machine.js";
-import { changes, coloredPixels, connected, machine, newPage, openSchema, page, row, sendSchema, startSetting, value } from "./fixture.js";
+import {
+    changes,
+    coloredPixels,
+    connected,
+    machine,
+    newPage,
+    openSchema,
+    page,
+    row,
+    sendSchema,
+    startSetting,
+    value,
+} from "./fixture.js";
 
 const SPEED = { "@mac": 5, "@cmd": 2, "@format": "s" };
 
@@ -86,7 +98,7 @@ test("thousands of values at the rate of the line: only rows in sight, drawn ten
     await machine.stop();
     const busy = new Machine();
     onTestFinished(() => busy.stop());
-    await busy.replay(bigLog(leaves, 7000, 25), 5);
+    busy.replay(bigLog(leaves, 7000, 25), 5);
     await busy.startDaemon({ QT_LOGGING_RULES: "default.debug=false" });
     await sendFile(bigSchema(leaves));
     await row("group0.value0").locator(".rate").getByText(/\d/).waitFor();
@@ -149,10 +161,26 @@ test("takes what is malformed for what it is, and goes on", async () => {
         socket.send('{"hello": {"type": "<b>other</b>", "id": "ü"}}');
         socket.send("no hello");
         socket.send('{"hello": 5}');
-        for (const bytes of [[], [0xc1], [0x81], [0x82, 0xa1, 0x61], [1, 2], [0xdf, 0xff, 0xff, 0xff, 0xff], [0xc7, 3, 19, 1, 2, 3]]) {
+        for (const bytes of [
+            [],
+            [0xc1],
+            [0x81],
+            [0x82, 0xa1, 0x61],
+            [1, 2],
+            [0xdf, 0xff, 0xff, 0xff, 0xff],
+            [0xc7, 3, 19, 1, 2, 3],
+        ]) {
             socket.send(Uint8Array.from(bytes));
         }
-        for (const value of [null, 5, [1, "a"], { a: { b: null } }, { e: new ExtData(99, Uint8Array.of(1)) }, { d: deep }, { "": { "": 1 } }]) {
+        for (const value of [
+            null,
+            5,
+            [1, "a"],
+            { a: { b: null } },
+            { e: new ExtData(99, Uint8Array.of(1)) },
+            { d: deep },
+            { "": { "": 1 } },
+        ]) {
             socket.send(encode(value, { maxDepth: 1000 }));
         }
         socket.send(encode({ a: 1, odd: { nan: NaN, most: Infinity, list: [1, [2]], text: "<i>x</i>" } }));
@@ -181,7 +209,9 @@ test("draws arrays of a hundred thousand elements", async () => {
         socket.on("close", () => clearInterval(timer));
     });
     await connectTo(address);
-    await value("wave").getByText(/^100000 × \[/).waitFor();
+    await value("wave")
+        .getByText(/^100000 × \[/)
+        .waitFor();
     await row("wave").getByRole("button", { name: "Plot" }).click();
     await expect.poll(() => coloredPixels(page.locator(".plots canvas"))).toBeGreaterThan(500);
     const before = Date.now();

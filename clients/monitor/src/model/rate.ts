@@ -27,7 +27,8 @@ export class Rate {
         // From checkpoint to checkpoint: both are the first arrival of a burst, if they come in bursts.
         const to = this.#checkpoints.at(-1);
         if (!to) return undefined;
-        const isFarEnough = ([time, count]: [number, number]) => to[0] - time >= ENOUGH_TIME && to[1] - count >= ENOUGH_ARRIVALS;
+        const isFarEnough = ([time, count]: [number, number]) =>
+            to[0] - time >= ENOUGH_TIME && to[1] - count >= ENOUGH_ARRIVALS;
         const from = this.#checkpoints.findLast(isFarEnough) ?? this.#checkpoints[0]!;
         if (from === to) return undefined;
         const intervals = to[1] - from[1];

@@ -39,7 +39,7 @@ export class Series {
 
     /** The array, when the value is one: a waveform instead of a history. */
     get waveform(): NumericArray | undefined {
-        return ArrayBuffer.isView(this.value) ? (this.value as NumericArray) : undefined;
+        return ArrayBuffer.isView(this.value) ? this.value : undefined;
     }
 
     get isFlag(): boolean {

@@ -180,8 +180,11 @@ export class Session {
         client.on("values", (values) => this.#received(values));
         client.on("undecodable", ({ bytes, error }) => {
             this.undecodable++;
-            this.log.add("problem", `Skipped a message that cannot be decoded: ${error.message}`,
-                `${bytes.length} bytes: ${hexText(bytes.subarray(0, 48))}${bytes.length > 48 ? " …" : ""}`);
+            this.log.add(
+                "problem",
+                `Skipped a message that cannot be decoded: ${error.message}`,
+                `${bytes.length} bytes: ${hexText(bytes.subarray(0, 48))}${bytes.length > 48 ? " …" : ""}`,
+            );
             this.status.changed();
         });
         return client;
@@ -195,7 +198,8 @@ export class Session {
         }
         if (state === "connected") {
             this.log.add("connection", "Connected", this.#client?.url);
-            if (this.#client?.schema) this.log.add("schema", "Schema sent", "as after every connection: a restarted daemon has none");
+            if (this.#client?.schema)
+                this.log.add("schema", "Schema sent", "as after every connection: a restarted daemon has none");
         }
         this.state = state;
         this.reason = reason;
@@ -210,7 +214,11 @@ export class Session {
         this.#plotWanted();
         for (const { series } of this.plotted) series?.keepForPlot();
         if (this.schema && unexplained === 0 && this.tree.unexplained > 0) {
-            this.log.add("schema", "Values come that the schema here does not have", "another client may have changed the daemon's");
+            this.log.add(
+                "schema",
+                "Values come that the schema here does not have",
+                "another client may have changed the daemon's",
+            );
         }
         this.status.changed();
     }

@@ -10,7 +10,7 @@ export function valueText(value: Value, leaf?: Leaf): string {
     if (value === null) return "nil";
     if (typeof value === "number") return numberText(value, leaf);
     if (typeof value === "string") return JSON.stringify(value);
-    if (ArrayBuffer.isView(value)) return arrayText(value as ArrayLike<number> & ArrayBufferView, leaf);
+    if (ArrayBuffer.isView(value)) return arrayText(value, leaf);
     if (Array.isArray(value)) return `[${value.map((item) => valueText(item)).join(", ")}]`;
     if (isMap(value)) return JSON.stringify(value, (_, item) => (typeof item === "bigint" ? String(item) : item));
     return String(value);

@@ -1,5 +1,9 @@
 /** A canvas's context, its backing store fitted to its size on the screen; drawing is in CSS pixels. */
-export function contextOf(canvas: HTMLCanvasElement): { context: CanvasRenderingContext2D; width: number; height: number } {
+export function contextOf(canvas: HTMLCanvasElement): {
+    context: CanvasRenderingContext2D;
+    width: number;
+    height: number;
+} {
     const { clientWidth: width, clientHeight: height } = canvas;
     const scale = window.devicePixelRatio;
     if (canvas.width !== Math.round(width * scale) || canvas.height !== Math.round(height * scale)) {

@@ -3,7 +3,12 @@ import { load, save } from "../model/memory";
 import type { Session } from "../model/session";
 import { Icon } from "./icons";
 
-const stateWords = { connected: "Connected", connecting: "Connecting", waiting: "Not connected", closed: "Disconnected" };
+const stateWords = {
+    connected: "Connected",
+    connecting: "Connecting",
+    waiting: "Not connected",
+    closed: "Disconnected",
+};
 
 export function Header({ session, openSchema }: { session: Session; openSchema: () => void }) {
     const { state, hello, reason, undecodable } = session;
@@ -74,7 +79,9 @@ function Address({ session }: { session: Session }) {
                 />
             </label>
             {!connected || text !== session.address ? (
-                <button type="submit">{session.state === "waiting" && text === session.address ? "Try now" : "Connect"}</button>
+                <button type="submit">
+                    {session.state === "waiting" && text === session.address ? "Try now" : "Connect"}
+                </button>
             ) : (
                 <button type="button" onClick={() => session.disconnect()}>
                     Disconnect
@@ -109,7 +116,12 @@ function ThemeButton() {
     useLayoutEffect(() => save("theme", theme), [theme]);
     const next = themes[(themes.indexOf(theme as "auto") + 1) % themes.length]!;
     return (
-        <button class="square" onClick={() => setTheme(next)} aria-label={`Theme: ${theme}. Change to ${next}`} title={`Theme: ${theme}`}>
+        <button
+            class="square"
+            onClick={() => setTheme(next)}
+            aria-label={`Theme: ${theme}. Change to ${next}`}
+            title={`Theme: ${theme}`}
+        >
             <Icon name="theme" />
         </button>
     );

@@ -13,7 +13,9 @@ export function LogPanel({ log }: { log: Log }) {
                 <h2 id="log-title">Log</h2>
                 {log.entries.length > 0 && <button onClick={() => log.clear()}>Clear</button>}
             </div>
-            {log.entries.length === 0 && <p class="empty">Values that you set, schemas and connections are listed here.</p>}
+            {log.entries.length === 0 && (
+                <p class="empty">Values that you set, schemas and connections are listed here.</p>
+            )}
             <div role="log" aria-labelledby="log-title" tabIndex={0}>
                 <ol>
                     {log.entries.map((entry) => (

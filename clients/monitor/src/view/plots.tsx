@@ -6,7 +6,12 @@ import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
 import { latest, TimePlot, WavePlot, type Window } from "./uplot";
 
-const SPANS: [number, string][] = [[10, "10 s"], [60, "1 min"], [300, "5 min"], [900, "15 min"]];
+const SPANS: [number, string][] = [
+    [10, "10 s"],
+    [60, "1 min"],
+    [300, "5 min"],
+    [900, "15 min"],
+];
 
 /** All chosen values over common time; arrays as waveforms. */
 export function PlotPanel({ session }: { session: Session }) {
@@ -30,7 +35,11 @@ export function PlotPanel({ session }: { session: Session }) {
     const pause = () => setFrozen(frozen ? undefined : shown());
     const press = (event: KeyboardEvent) => {
         const actions: Record<string, () => void> = {
-            " ": pause, "+": () => zoom(0.5), "-": () => zoom(2), ArrowLeft: () => shift(-0.25), ArrowRight: () => shift(0.25),
+            " ": pause,
+            "+": () => zoom(0.5),
+            "-": () => zoom(2),
+            ArrowLeft: () => shift(-0.25),
+            ArrowRight: () => shift(0.25),
         };
         if (event.ctrlKey || event.metaKey || event.altKey || !actions[event.key]) return;
         actions[event.key]!();
@@ -43,15 +52,29 @@ export function PlotPanel({ session }: { session: Session }) {
                 <h2 id="plots-title">Plots</h2>
                 {session.plotted.length > 0 && (
                     <div class="tools" role="group" aria-label="Time shown">
-                        <select aria-label="Time span" value={String(span)} onChange={(event) => {
-                            setSpan(Number(event.currentTarget.value));
-                            setFrozen(undefined);
-                        }}>
-                            {SPANS.every(([seconds]) => seconds !== span) && <option value={String(span)}>{spanText(span)}</option>}
-                            {SPANS.map(([seconds, text]) => <option key={text} value={String(seconds)}>{text}</option>)}
+                        <select
+                            aria-label="Time span"
+                            value={String(span)}
+                            onChange={(event) => {
+                                setSpan(Number(event.currentTarget.value));
+                                setFrozen(undefined);
+                            }}
+                        >
+                            {SPANS.every(([seconds]) => seconds !== span) && (
+                                <option value={String(span)}>{spanText(span)}</option>
+                            )}
+                            {SPANS.map(([seconds, text]) => (
+                                <option key={text} value={String(seconds)}>
+                                    {text}
+                                </option>
+                            ))}
                         </select>
-                        <button class="square" onClick={() => zoom(0.5)} aria-label="Zoom in" title="Zoom in (+)"><Icon name="closer" /></button>
-                        <button class="square" onClick={() => zoom(2)} aria-label="Zoom out" title="Zoom out (−)"><Icon name="wider" /></button>
+                        <button class="square" onClick={() => zoom(0.5)} aria-label="Zoom in" title="Zoom in (+)">
+                            <Icon name="closer" />
+                        </button>
+                        <button class="square" onClick={() => zoom(2)} aria-label="Zoom out" title="Zoom out (−)">
+                            <Icon name="wider" />
+                        </button>
                         <button class={frozen ? "primary" : ""} onClick={pause} aria-pressed={frozen !== undefined}>
                             <Icon name={frozen ? "play" : "pause"} /> {frozen ? "Go on" : "Pause"}
                         </button>
@@ -59,11 +82,25 @@ export function PlotPanel({ session }: { session: Session }) {
                 )}
             </div>
             {session.plotted.length === 0 && (
-                <p class="empty">Choose values with <Icon name="plot" /> in the table: they are drawn here together.</p>
+                <p class="empty">
+                    Choose values with <Icon name="plot" /> in the table: they are drawn here together.
+                </p>
             )}
             {curves.length > 0 && (
-                <figure tabIndex={0} onKeyDown={press} aria-label={`Plot of ${curves.map((node) => node.dotted).join(", ")} over time. Space pauses, plus and minus zoom, arrows move.`}>
-                    <TimePlot session={session} nodes={curves} span={span} frozen={frozen} ownScales={ownScales} height={height} zoomTo={setFrozen} />
+                <figure
+                    tabIndex={0}
+                    onKeyDown={press}
+                    aria-label={`Plot of ${curves.map((node) => node.dotted).join(", ")} over time. Space pauses, plus and minus zoom, arrows move.`}
+                >
+                    <TimePlot
+                        session={session}
+                        nodes={curves}
+                        span={span}
+                        frozen={frozen}
+                        ownScales={ownScales}
+                        height={height}
+                        zoomTo={setFrozen}
+                    />
                 </figure>
             )}
             {arrays.length > 0 && (
@@ -74,7 +111,11 @@ export function PlotPanel({ session }: { session: Session }) {
             {session.plotted.length > 0 && <Legend session={session} />}
             {curves.length > 1 && (
                 <label class="quiet check">
-                    <input type="checkbox" checked={ownScales} onChange={(event) => setOwnScales(event.currentTarget.checked)} />
+                    <input
+                        type="checkbox"
+                        checked={ownScales}
+                        onChange={(event) => setOwnScales(event.currentTarget.checked)}
+                    />
                     Every curve on its own scale
                 </label>
             )}

@@ -32,8 +32,8 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
                 </button>
             </div>
             <p class="quiet">
-                It says which bytes of which frames are which value. Sent to the daemon, it replaces the one in force, for all
-                its clients.
+                It says which bytes of which frames are which value. Sent to the daemon, it replaces the one in force,
+                for all its clients.
             </p>
             <div class="actions">
                 <FileButton setText={setText} />
@@ -44,7 +44,9 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
             <textarea
                 aria-label="Schema as JSON"
                 aria-describedby="schema-problems"
-                placeholder={'Paste a schema here, or drop a file:\n{"motor": {"speed": {"@mac": 5, "@cmd": 2, "@format": "s"}}}'}
+                placeholder={
+                    'Paste a schema here, or drop a file:\n{"motor": {"speed": {"@mac": 5, "@cmd": 2, "@format": "s"}}}'
+                }
                 value={text}
                 onInput={(event) => setText(event.currentTarget.value)}
                 onDrop={(event) => {
@@ -57,7 +59,9 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
             />
             <Problems text={text} problems={problems} />
             <div class="actions end">
-                <p class="problem" role="alert">{refusal}</p>
+                <p class="problem" role="alert">
+                    {refusal}
+                </p>
                 <button onClick={() => apply(false)} disabled={useless}>
                     Use here only
                 </button>

@@ -29,7 +29,12 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
                 <label class="search">
                     <Icon name="search" />
                     <span class="hidden">Search values</span>
-                    <input type="search" placeholder="Search" value={search} onInput={(event) => setSearch(event.currentTarget.value)} />
+                    <input
+                        type="search"
+                        placeholder="Search"
+                        value={search}
+                        onInput={(event) => setSearch(event.currentTarget.value)}
+                    />
                 </label>
             </div>
             {rows.length > 0 ? (
@@ -92,7 +97,14 @@ function Grid({ session, rows, searching }: GridProps) {
     const press = (event: KeyboardEvent) => {
         if (event.ctrlKey || event.metaKey || event.altKey) return; // the browser's own: printing, going back
         if (event.key === "Enter" && event.target !== grid.current) return; // a button in the row takes it
-        const handled = pressed(event.key, { session, rows, index: activeIndex, page: Math.floor(view.height / rowHeight), goTo, fold });
+        const handled = pressed(event.key, {
+            session,
+            rows,
+            index: activeIndex,
+            page: Math.floor(view.height / rowHeight),
+            goTo,
+            fold,
+        });
         if (handled) event.preventDefault();
     };
 
@@ -137,11 +149,19 @@ function Heads() {
         <div class="heads" role="rowgroup">
             <div role="row" aria-rowindex={1}>
                 <span role="columnheader">Path</span>
-                <span role="columnheader" class="number">Value</span>
-                <span role="columnheader" class="number">per s</span>
-                <span role="columnheader" class="number">Age</span>
+                <span role="columnheader" class="number">
+                    Value
+                </span>
+                <span role="columnheader" class="number">
+                    per s
+                </span>
+                <span role="columnheader" class="number">
+                    Age
+                </span>
                 <span role="columnheader">Trend</span>
-                <span role="columnheader"><span class="hidden">Plot and set</span></span>
+                <span role="columnheader">
+                    <span class="hidden">Plot and set</span>
+                </span>
             </div>
         </div>
     );
@@ -174,13 +194,20 @@ type Place = {
 /** What a key does in the grid; false when nothing. */
 function pressed(key: string, { session, rows, index, page, goTo, fold }: Place): boolean {
     const moves: Record<string, number> = {
-        ArrowDown: index + 1, ArrowUp: index - 1, PageDown: index + page, PageUp: index - page, Home: 0, End: rows.length - 1,
+        ArrowDown: index + 1,
+        ArrowUp: index - 1,
+        PageDown: index + page,
+        PageUp: index - page,
+        Home: 0,
+        End: rows.length - 1,
     };
     const node = rows[index];
+    const isBranch = node !== undefined && node.children.size > 0;
     if (key in moves) goTo(moves[key]!);
     else if (!node) return false;
-    else if (key === "ArrowRight" && node.children.size > 0) node.collapsed ? fold(node, false) : goTo(index + 1);
-    else if (key === "ArrowLeft" && node.children.size > 0 && !node.collapsed) fold(node, true);
+    else if (key === "ArrowRight" && isBranch && node.collapsed) fold(node, false);
+    else if (key === "ArrowRight" && isBranch) goTo(index + 1);
+    else if (key === "ArrowLeft" && isBranch && !node.collapsed) fold(node, true);
     else if (key === "ArrowLeft") goTo(rows.indexOf(node.parent!));
     else if (key === "Enter" && isValue(node)) session.startWriting(node);
     else if (key.toLowerCase() === "p" && isValue(node)) session.togglePlot(node);
@@ -220,7 +247,12 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
                 if (branch && !isValue(node)) fold(node, !node.collapsed);
             }}
         >
-            <div role="gridcell" class="name" style={{ paddingLeft: `${Math.max(0, node.depth - 1) * 16}px` }} title={node.dotted}>
+            <div
+                role="gridcell"
+                class="name"
+                style={{ paddingLeft: `${Math.max(0, node.depth - 1) * 16}px` }}
+                title={node.dotted}
+            >
                 {branch ? (
                     <button
                         class={`fold${open ? " open" : ""}`}
@@ -256,9 +288,15 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
             <div role="gridcell" class={`value number${stale ? " stale" : ""}`}>
                 <Shown node={node} />
             </div>
-            <div role="gridcell" class="rate number">{series && rateText(rate)}</div>
-            <div role="gridcell" class={`age number${stale ? " stale" : ""}`}>{age === undefined ? "" : ageText(age)}</div>
-            <div role="gridcell" class="course">{series && <Sparkline series={series} />}</div>
+            <div role="gridcell" class="rate number">
+                {series && rateText(rate)}
+            </div>
+            <div role="gridcell" class={`age number${stale ? " stale" : ""}`}>
+                {age === undefined ? "" : ageText(age)}
+            </div>
+            <div role="gridcell" class="course">
+                {series && <Sparkline series={series} />}
+            </div>
             <div role="gridcell" class="buttons">
                 {series && (
                     <button
@@ -292,5 +330,9 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
 function Shown({ node: { series, sent, leaf } }: { node: TreeNode }) {
     if (!series) return <span class="quiet">{sent === undefined ? "–" : `sent ${valueText(sent, leaf)}`}</span>;
     const text = valueText(series.value, leaf);
-    return <span class={series.isFlag ? `flag ${text}` : ""} title={text}>{text}</span>;
+    return (
+        <span class={series.isFlag ? `flag ${text}` : ""} title={text}>
+            {text}
+        </span>
+    );
 }

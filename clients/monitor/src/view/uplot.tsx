@@ -29,7 +29,11 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, hei
         const build = () => {
             plot.current?.destroy();
             const width = Math.max(100, box.current!.clientWidth);
-            plot.current = new uPlot({ ...make(), width, height }, [[], []] as unknown as uPlot.AlignedData, box.current!);
+            plot.current = new uPlot(
+                { ...make(), width, height },
+                [[], []] as unknown as uPlot.AlignedData,
+                box.current!,
+            );
             refresh(plot.current);
         };
         build();
@@ -104,7 +108,8 @@ export function TimePlot({ session, nodes, span, frozen, ownScales, height, zoom
         plot.setData([times.map((time) => time / 1000), ...lines] as uPlot.AlignedData, false);
         plot.setScale("x", { min: from / 1000, max: to / 1000 });
     };
-    const key = `${nodes.map((node) => `${session.plotted.indexOf(node)} ${node.id} ${node.series!.isFlag}`)}|${ownScales}`;
+    const curve = (node: TreeNode) => `${session.plotted.indexOf(node)} ${node.id} ${node.series!.isFlag}`;
+    const key = `${nodes.map(curve).join()}|${ownScales}`;
     const { box, plot } = useUPlot(() => timeOptions(session, nodes, ownScales, zoomTo), refresh, height, [key]);
 
     useEffect(() => {
@@ -145,10 +150,17 @@ class Clock {
     }
 }
 
-function timeOptions(session: Session, nodes: TreeNode[], ownScales: boolean, zoomTo: (window: Window) => void): uPlot.Options {
+function timeOptions(
+    session: Session,
+    nodes: TreeNode[],
+    ownScales: boolean,
+    zoomTo: (window: Window) => void,
+): uPlot.Options {
     const scaleOf = (node: TreeNode) => (node.series!.isFlag ? "flags" : ownScales ? node.id : "values");
     const numbers = nodes.filter((node) => !node.series!.isFlag);
-    const named = new Map(numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: lineColor(session, node) }]));
+    const named = new Map(
+        numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: lineColor(session, node) }]),
+    );
     const scales: uPlot.Scales = { x: { time: true, auto: false }, flags: { range: [-0.25, 1.25] } };
     for (const name of named.keys()) scales[name] = { range: paddedRange };
     return {
@@ -157,7 +169,10 @@ function timeOptions(session: Session, nodes: TreeNode[], ownScales: boolean, zo
         legend: { show: false },
         cursor: { drag: { x: true, y: false, setScale: false }, points: { size: 7 } },
         scales,
-        axes: [axis({ space: 70, size: 34, values: (_, seconds) => seconds.map((second) => clockText(second * 1000)) }), ...valueAxes([...named.values()])],
+        axes: [
+            axis({ space: 70, size: 34, values: (_, seconds) => seconds.map((second) => clockText(second * 1000)) }),
+            ...valueAxes([...named.values()]),
+        ],
         series: [
             {},
             ...nodes.map((node): uPlot.Series => ({
@@ -217,12 +232,20 @@ function waveOptions(session: Session, nodes: TreeNode[]): uPlot.Options {
         legend: { show: false },
         cursor: { drag: { x: true, y: false }, points: { size: 7 } },
         scales: { x: { time: false }, y: { range: paddedRange } },
-        axes: [axis({ space: 50, size: 34, incrs: [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000] }), ...valueAxes([{ name: "y", stroke: "" }])],
+        axes: [
+            axis({ space: 50, size: 34, incrs: [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000] }),
+            ...valueAxes([{ name: "y", stroke: "" }]),
+        ],
         series: [
             {},
             ...nodes.map((node): uPlot.Series => {
                 const short = (node.series?.waveform?.length ?? 0) <= 64;
-                return { label: node.dotted, stroke: lineColor(session, node), width: 1.6, points: { show: short, size: 5 } };
+                return {
+                    label: node.dotted,
+                    stroke: lineColor(session, node),
+                    width: 1.6,
+                    points: { show: short, size: 5 },
+                };
             }),
         ],
     };

@@ -78,7 +78,9 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
                 />
             ))}
             {nodes.length > 1 && (
-                <p class="quiet">These share one frame. What is left empty goes out as zero bytes, or not at all at its end.</p>
+                <p class="quiet">
+                    These share one frame. What is left empty goes out as zero bytes, or not at all at its end.
+                </p>
             )}
             <div class="actions">
                 <button type="submit" class="primary" disabled={!ready}>
@@ -126,7 +128,13 @@ function LeafInput({ id, leaf, main, text, problem, change }: LeafInputProps) {
             {leaf.format === "p" ? (
                 <textarea {...shared} rows={4} spellcheck={false} />
             ) : (
-                <input {...shared} inputMode={keypad(leaf)} autocomplete="off" autocapitalize="off" spellcheck={false} />
+                <input
+                    {...shared}
+                    inputMode={keypad(leaf)}
+                    autocomplete="off"
+                    autocapitalize="off"
+                    spellcheck={false}
+                />
             )}
             <small id={`${id}-help`} class={problem ? "problem" : "quiet"}>
                 {problem ?? rangeText(leaf)}
@@ -169,7 +177,7 @@ function parseAll(texts: Map<TreeNode, string>) {
     for (const [{ leaf }, text] of texts) {
         if (text === "") continue;
         const { value, problem } = parseInput(leaf!, text);
-        if (problem === undefined) values.set(leaf!, value!);
+        if (problem === undefined) values.set(leaf!, value);
         else problems.set(leaf!, problem);
     }
     return { values, problems };
