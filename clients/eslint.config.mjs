@@ -2,7 +2,7 @@ import js from "@eslint/js";
 import typescript from "typescript-eslint";
 
 export default typescript.config(
-    { ignores: ["**/dist/", "python/"] },
+    { ignores: ["**/dist/", "**/*.config.*"] },
     js.configs.recommended,
     typescript.configs.recommendedTypeChecked,
     {

@@ -32,7 +32,9 @@ need() {
 
 build_packages=(cmake ninja-build g++ qtbase5-dev libqt5websockets5-dev libqt5serialport5-dev
                 libqt5serialbus5-dev libqt5serialbus5-plugins libudev-dev)
+# shellcheck disable=SC2034 # for the scripts
 client_packages=(python3 python3-websockets python3-msgpack python3-rich)
+# shellcheck disable=SC2034 # for the scripts
 test_packages=("${build_packages[@]}" "${client_packages[@]}" python3-pytest python3-pytest-asyncio
                python3-numpy python3-matplotlib iproute2 util-linux procps chromium systemd nginx-light openssl man-db)
 fuzz_packages=(clang libclang-rt-14-dev)

@@ -6,7 +6,6 @@ The reverse proxy of the deployment page, as it is printed there, in front of a 
 """
 
 import contextlib
-import os
 import pathlib
 import shutil
 import socket

@@ -56,7 +56,7 @@ SCHEMAS = {
 
 
 def gathering_schema(leaves):
-    """Every frame of node 1, command 1 with eight bytes adds four bytes for each leaf, and none of them is ever sent."""
+    """Every frame of node 1, command 1 with eight bytes adds four bytes for each leaf, and none is ever sent."""
     leaf = {"@mac": 1, "@cmd": 1, "@format": "I", "@flushSize": 1_000_000_000}
     return {f"{i:05}": leaf for i in range(leaves)}
 
@@ -66,4 +66,5 @@ LARGE = LARGE_LEAVES * LARGE_READINGS * 4
 
 
 def large_schema():
-    return {f"{i:05}": {"@mac": 1, "@cmd": 1, "@format": "f", "@flushSize": LARGE_READINGS} for i in range(LARGE_LEAVES)}
+    leaf = {"@mac": 1, "@cmd": 1, "@format": "f", "@flushSize": LARGE_READINGS}
+    return {f"{i:05}": leaf for i in range(LARGE_LEAVES)}

@@ -6,7 +6,7 @@ import re
 import msgpack
 import pytest
 
-from hardware import (CONVERSION_FAILED, counted, counter_leaf, counting_client, gate_open, load, next_value, no_value,
+from hardware import (CONVERSION_FAILED, counted, counter_leaf, counting_client, gate_open, load, next_value,
                       send_value)
 from harness import connect, eventually, receive, round_trip
 from hostile import (EXTENSION, INCOMING_LIMIT, LARGE, LARGE_READINGS, MESSAGES, MIB, SCHEMAS, doubling,
@@ -64,7 +64,8 @@ async def test_four_mib_of_what_nobody_knows_cost_few_lines(start_daemon, bus, h
         expected = await cost(daemon, client, ordinary)
         assert await cost(daemon, client, message) < 5 * expected + 0.1
     assert daemon.count(line) == LINES_OF_ONE_KIND
-    more = [found[1] for found in (re.fullmatch(MORE_LINES.format("warning"), text) for text in daemon.lines()) if found]
+    totals = (re.fullmatch(MORE_LINES.format("warning"), text) for text in daemon.lines())
+    more = [found[1] for found in totals if found]
     assert more == [str(count - LINES_OF_ONE_KIND)]
 
 

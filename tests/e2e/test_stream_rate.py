@@ -98,7 +98,8 @@ class Reader(threading.Thread):
 
 
 def stream(adapter):
-    """Writes the whole stream at the line's rate. Returns by how much the last portion was late, and the number of records."""
+    """Writes the whole stream at the line's rate. Returns by how much the last portion was late,
+    and the number of records."""
     per_slice = round(RATE * SLICE)
     portions = [b"".join(vek.record(5, 2, counted(FIRST + n)) for n in range(at, at + per_slice))
                 for at in range(0, round(RATE * SECONDS), per_slice)]

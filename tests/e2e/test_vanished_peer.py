@@ -7,7 +7,6 @@ import time
 
 import pytest
 
-import harness
 from harness import connect, eventually, receive
 
 PEER = """

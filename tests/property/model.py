@@ -184,7 +184,7 @@ class Attribute:
         width, signed, masked, array = FORMATS[self.format]
         if self.skip < 0 or self.skip + width > len(payload):
             return
-        piece = payload[self.skip : self.skip + width]
+        piece = payload[self.skip:self.skip + width]
         if self.format == "f":
             reading = struct.unpack("<f", piece)[0]
         else:
@@ -315,7 +315,7 @@ def write_fixed(payload, attribute, value, log):
         piece = wrap(as_whole(value), width, False).to_bytes(width, "little")
     missing = attribute.skip + width - len(payload)
     payload += bytes(max(missing, 0))
-    payload[attribute.skip : attribute.skip + width] = piece
+    payload[attribute.skip:attribute.skip + width] = piece
 
 
 def clamped(product, format_code, log):
@@ -338,8 +338,8 @@ def cut(frames, key, payload, fragmentation, log):
     mac, cmd = key & 0x3F, key >> 16 & 0x1F
     data = bytes(8)
     for start in range(0, len(payload), 8):
-        piece = payload[start : start + 8]
-        data = piece + data[len(piece) :]  # what the previous fragment left stays behind a shorter one
+        piece = payload[start:start + 8]
+        data = piece + data[len(piece):]  # what the previous fragment left stays behind a shorter one
         log.append(
             "debug: Preparing CAN frame MAC: %d CMD: %d RTR: 0 DLC: %d toSend: %d"
             % (mac, cmd, len(piece), len(payload) - start)

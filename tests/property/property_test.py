@@ -57,7 +57,8 @@ def random_leaf(rng):
     if rng.random() < 0.05:
         leaf["@mac"] = rng.choice(["1", 65537, -65535, None, True, 1.4, "one"])
     if rng.random() < 0.1:
-        leaf["@format"] = rng.choice(["x", "", "float", "short", "F", "P", False, None, "p ", "Int", "\u0143", "s\u0301"])
+        leaf["@format"] = rng.choice(["x", "", "float", "short", "F", "P", False, None, "p ", "Int", "\u0143",
+                                      "s\u0301"])
     sometimes = [
         ("@cmd", 0.6, CMDS),
         ("@skip", 0.6, [0, 1, 1, 2, 3, 4, 5, 6, 7, 8, 9, 20, "3", 1.5]),

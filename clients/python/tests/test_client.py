@@ -88,7 +88,8 @@ async def test_connecting_without_a_block(bridge):
 
 
 async def test_what_was_never_connected_says_so():
-    for attempt in (lambda client: client.connected(), lambda client: client.close(), lambda client: client.set("a", 1)):
+    for attempt in (lambda client: client.connected(), lambda client: client.close(),
+                    lambda client: client.set("a", 1)):
         with pytest.raises(vorbel.ConnectError, match="The client was not connected"):
             await attempt(connect())
 

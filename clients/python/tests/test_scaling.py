@@ -12,8 +12,8 @@ from vorbel import schema as schemas, wire, writing
 from vorbel.single import single
 
 CONVERTER = BUILD / "clients" / "conformance" / "vorbel_converter"
-FACTORS = (1e-6, 1e-4, 0.001, 0.0054931640625, 0.01, 0.1, 0.3, 1 / 3, 0.7, 0.9999999, 1.0000001, 1.5, 3, 7, 10, 12.5, 100,
-           182.04, 360, 1000, 10000, 123456.789, 1e6, -0.1, -100)
+FACTORS = (1e-6, 1e-4, 0.001, 0.0054931640625, 0.01, 0.1, 0.3, 1 / 3, 0.7, 0.9999999, 1.0000001, 1.5, 3, 7, 10, 12.5,
+           100, 182.04, 360, 1000, 10000, 123456.789, 1e6, -0.1, -100)
 
 
 def schema_of(code):

@@ -25,7 +25,7 @@ class Expectation(NamedTuple):
             value = number(value[-1])
         if is_number(value) and is_number(self.value):
             return abs(justified(value, leaf) - self.value) <= self.tolerance
-        return type(value) is type(self.value) and value == self.value
+        return type(value) is type(self.value) and value == self.value  # noqa: E721, as true is not 1
 
 
 def parse_assignment(text: str) -> tuple:

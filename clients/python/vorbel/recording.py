@@ -117,4 +117,3 @@ class Recorder:
             if path.name == f"{self.path.stem}.{number}{self.path.suffix}" and number.isdecimal():
                 found.append((int(number), path))
         return sorted(found)
-
