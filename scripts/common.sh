@@ -2,6 +2,7 @@
 # shellcheck shell=bash
 
 project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+. "$project/scripts/usage.sh"
 cd "$project" || exit 1
 
 say() { printf '\033[1m%s\033[0m\n' "$*" >&2; }

@@ -1,0 +1,135 @@
+"""Every script explains itself from any folder, refuses words that it does not know, and does nothing before it has
+understood all of them. Run in a copy of the tree, where whatever could do something only says that it was called."""
+
+import os
+import pathlib
+import shutil
+import subprocess
+
+import pytest
+
+PROJECT = pathlib.Path(__file__).resolve().parents[2]
+FOLDERS = (".ci", "scripts", "clients", "tests", "sim", "bench")
+LARGE = shutil.ignore_patterns("node_modules", "dist", "corpus", "src", "guest", "__pycache__")
+DOERS = ("apt-get", "cmake", "cpack", "ctest", "dpkg-query", "flock", "node", "npm", "sudo", "unshare", "valgrind")
+
+UNKNOWN = ("--nosuch", "nosuch", "i386")
+
+
+def scripts():
+    """The paths of all programs that a person can call."""
+    for folder in FOLDERS:
+        for parent, names, files in os.walk(PROJECT / folder):
+            names[:] = set(names) - {"node_modules", "system"}
+            for name in files:
+                path = pathlib.Path(parent, name)
+                if os.access(path, os.X_OK) and path.read_bytes().startswith(b"#!"):
+                    yield str(path.relative_to(PROJECT))
+
+
+SCRIPTS = sorted(scripts())
+
+
+class Tree:
+    """A copy of the tree, built and packaged, with `calls` of the programs that do something."""
+
+    def __init__(self, folder):
+        self.root = folder / "tree"
+        self._log = folder / "calls"
+        self._programs = folder / "programs"
+        self._elsewhere = folder / "else" / "where"
+        for name in FOLDERS:
+            shutil.copytree(PROJECT / name, self.root / name, ignore=LARGE)
+        for name in ("build/release/build.ninja", "dist/vorbel_0_amd64.deb", "dist/python3-vorbel_0_all.deb"):
+            (self.root / name).parent.mkdir(parents=True, exist_ok=True)
+            (self.root / name).touch()
+        self._elsewhere.mkdir(parents=True)
+        self._programs.mkdir()
+        for name in DOERS:
+            self.stand_in(self._programs / name)
+        self._before = self._files()
+
+    def stand_in(self, path, *lines):
+        """Puts a program there that notes its words."""
+        path.write_text(f'#!/bin/sh\necho "{path.name} $*" >>{self._log}\n' + "\n".join(lines))
+        path.chmod(0o755)
+
+    def program(self, name, *lines):
+        self.stand_in(self._programs / name, *lines)
+
+    def run(self, script, *words):
+        """(status, output, errors) of a script that is called by a relative path from another folder."""
+        relative = os.path.relpath(self.root / script, self._elsewhere)
+        result = subprocess.run([relative, *words], cwd=self._elsewhere, capture_output=True, text=True, timeout=30,
+                                stdin=subprocess.DEVNULL, env={**os.environ, "PATH": f"{self._programs}:/usr/bin:/bin"})
+        return result.returncode, result.stdout, result.stderr
+
+    @property
+    def calls(self):
+        return self._log.read_text().splitlines() if self._log.exists() else []
+
+    @property
+    def is_untouched(self):
+        return self._files() == self._before and self.calls == []
+
+    def _files(self):
+        return {path: path.stat().st_mtime_ns for path in self.root.rglob("*") if "__pycache__" not in str(path)}
+
+
+@pytest.fixture
+def tree(tmp_path):
+    return Tree(tmp_path)
+
+
+def test_the_scripts_are_found():
+    assert {".ci/run", "scripts/package", "clients/install", "tests/own_network", "tests/e2e/run"} <= set(SCRIPTS)
+
+
+@pytest.mark.parametrize("script", SCRIPTS)
+@pytest.mark.parametrize("word", ["--help", "-h"])
+def test_help(tree, script, word):
+    status, output, errors = tree.run(script, word)
+    assert (status, errors) == (0, "") and len(output) > 50
+    assert tree.is_untouched
+
+
+@pytest.mark.parametrize("words", [
+    *((script, "--nosuch") for script in SCRIPTS),
+    ("scripts/package", "--nosuch"), ("scripts/package", "i386"), ("scripts/package", "arm64", "--nosuch"),
+    ("scripts/demo", "--once", "nosuch"), ("scripts/bench", "--quick", "nosuch"), ("scripts/test", "nosuch"),
+    ("scripts/test", "--fast", "nosuch"), ("scripts/test", "--asan", "--nosuch"), ("scripts/lint", "nosuch", "--help"),
+], ids=" ".join)
+def test_unknown_words(tree, words):
+    status, output, errors = tree.run(*words)
+    unknown = next(word for word in words if word in UNKNOWN)
+    assert (status, output) == (2, "") and (unknown in errors or "required" in errors)
+    assert tree.is_untouched
+
+
+@pytest.mark.parametrize("words", [
+    ("scripts/bench", "--only"), ("tests/own_network",), ("tests/e2e/run",), ("clients/python/tests/run",),
+    ("tests/golden/check", "program"), ("tests/fuzz/run", "program", "seeds"),
+], ids=" ".join)
+def test_too_few_words(tree, words):
+    status, output, errors = tree.run(*words)
+    assert (status, output) == (2, "") and "(see --help)" in errors
+    assert tree.is_untouched
+
+
+@pytest.mark.parametrize("words, passed_on", [
+    (("-R", "e2e"), "-R e2e"), (("--fast", "-E", "x"), "-LE slow -E x"),
+    (("--repeat", "until-fail:3"), "--repeat until-fail:3"),
+], ids=str)
+def test_words_for_ctest(tree, words, passed_on):
+    tree.program("dpkg-query", "echo install ok installed")
+    tree.program("ctest", "echo '100% tests passed, 0 tests failed out of 3'")
+    status, output, _ = tree.run("scripts/test", *words)
+    assert (status, output.splitlines()[-1]) == (0, "3 passed, 0 failed")
+    (call,) = (call for call in tree.calls if call.startswith("ctest "))
+    assert call.endswith(f" -j {len(os.sched_getaffinity(0))} {passed_on}")
+
+
+def test_words_for_pytest(tree):
+    tree.stand_in(tree.root / "tests" / "system" / "run")
+    assert tree.run("scripts/test", "--system", "-k", "adapter")[0] == 0
+    assert tree.calls == ["run -k adapter"]
