@@ -8,17 +8,29 @@ import os
 import re
 import signal
 import sys
-import time
+import types
+from collections.abc import Coroutine, Sequence
+from typing import Any, Callable, Optional
 
-from . import checks, client as clients, commands, once, paths, plotting, schema as schemas, table
-from .client import connect
+from . import paths
+from .checks import check, check_text
+from .client import Client, Hello, Values
 from .errors import VorbelError
+from .once import Look, parse_assignment, parse_expectation, report
+from .plot import plot as plot_to_file
+from .record import record as record_to_files
 from .recording import Recorder
+from .schema import leaves, parse, read
+from .session import Session, parse_value, sent_text
+from .table import plain
+from .terminal import say
 
+Options = argparse.Namespace
+Command = Callable[[Options], Coroutine[Any, Any, int]]
 UNITS = {"": 1, "k": 1024, "M": 1024**2, "G": 1024**3}
 
 
-def main(arguments=None) -> int:
+def main(arguments: Optional[Sequence[str]] = None) -> int:
     _prepare_streams()
     try:
         return _run(arguments)
@@ -35,17 +47,18 @@ def main(arguments=None) -> int:
         return 1
 
 
-def _run(arguments) -> int:
+def _run(arguments: Optional[Sequence[str]]) -> int:
+    options = _parser().parse_args(arguments)
+    command: Command = options.run
     try:
-        options = _parser().parse_args(arguments)
-        return asyncio.run(options.run(options))
+        return asyncio.run(command(options))
     except (KeyboardInterrupt, asyncio.CancelledError):
-        return options.interrupted
+        return int(options.interrupted)
     finally:
         sys.stdout.flush()
 
 
-def _prepare_streams():
+def _prepare_streams() -> None:
     """What they cannot show is escaped; those that are closed swallow everything."""
     for name in ("stdin", "stdout", "stderr"):
         stream = getattr(sys, name) or open(os.devnull, "r" if name == "stdin" else "w", encoding="utf-8")
@@ -53,158 +66,86 @@ def _prepare_streams():
         setattr(sys, name, stream)
 
 
-def _drop_output():
+def _drop_output() -> None:
     """Python would complain once more on its way out about what could not be written."""
     os.dup2(os.open(os.devnull, os.O_WRONLY), sys.stdout.fileno())
-
-
-def say(text: str):
-    """To the person; standard output is for values."""
-    print(f"vorbel-cli: {text}", file=sys.stderr, flush=True)
 
 
 # The commands
 
 
-async def watch(options) -> int:
+async def watch(options: Options) -> int:
     if options.once is not None:
         return await _watch_once(options)
     if options.set or options.expect:
         raise VorbelError("--set and --expect go with --once SECONDS")
     live = _live_module(options)
-    async with _connect(options) as client:
-        session = commands.Session(client, note=say)
+    async with _client(options) as client:
+        session = Session(client, note=say)
         session.filter = options.filter
-        return await (live.watch_live(session) if live else _watch_plain(session))
+        status: int = await (live.watch_live(session) if live else _watch_plain(session))
+        return status
 
 
-async def set_value(options) -> int:
-    async with _connect(options) as client:
-        value = commands.parse_value(options.value)
+async def set_value(options: Options) -> int:
+    async with _client(options) as client:
+        value = parse_value(options.value)
         written = await client.set(options.path, value)
         await client.confirmed()
-    print(commands.sent_text(options.path, value, written))
+    print(sent_text(options.path, value, written))
     return 0
 
 
-async def hello(options) -> int:
-    async with _connect(options) as client:
-        print(f"type: {paths.shown(client.hello.type)}")
-        if client.hello.id is not None:
-            print(f"id: {paths.shown(client.hello.id)}")
+async def hello(options: Options) -> int:
+    async with _client(options) as client:
+        greeting = client.hello
+        assert greeting is not None  # or there would be no connection
+        print(f"type: {paths.shown(greeting.type)}")
+        if greeting.id is not None:
+            print(f"id: {paths.shown(greeting.id)}")
     return 0
 
 
-async def schema_check(options) -> int:
-    text = schemas.read(options.file)
-    problems = checks.check_text(text)
+async def schema_check(options: Options) -> int:
+    text = read(options.file)
+    problems = check_text(text)
     for problem in problems:
         print(problem)
     errors = sum(problem.is_error for problem in problems)
-    leaves = schemas.leaves(schemas.parse(text)[0]).values()
-    endpoints = {(json.dumps(leaf.mac), json.dumps(leaf.cmd)) for leaf in leaves}
-    print(f"{options.file}: {len(leaves)} leaves on {len(endpoints)} endpoints, "
+    all_leaves = leaves(parse(text)[0]).values()
+    endpoints = {(json.dumps(leaf.mac), json.dumps(leaf.cmd)) for leaf in all_leaves}
+    print(f"{options.file}: {len(all_leaves)} leaves on {len(endpoints)} endpoints, "
           f"{errors} errors, {len(problems) - errors} warnings")
     return 1 if errors else 0
 
 
-async def record(options) -> int:
+async def record(options: Options) -> int:
+    client = _client(options)
     recorder = Recorder(options.file, options.max_size, options.keep, options.append)
-    progress = Progress()
-    lost = 0
-    try:
-        async with _connect(options) as client:
-            session = commands.Session(client, note=progress.note)
-            async for event in client.events(options.seconds):
-                session.take(event)
-                recorder.record(event)
-                progress.show(f"{recorder.messages} messages, {recorder.written / 1e6:.1f} MB, {_files(recorder)}")
-                lost = client.lost
-    finally:
-        recorder.close()
-        progress.end()
-        say(_recorded(recorder, options.file, lost))
-    return 0 if recorder.messages else 1
+    return await record_to_files(client, recorder, options.seconds)
 
 
-def _recorded(recorder, file, lost) -> str:
-    if recorder.written == 0:
-        return f"nothing was recorded to {file}"
-    more = f"; {lost} more came faster than they could be written" if lost else ""
-    return f"recorded {recorder.messages} messages, {recorder.written} bytes in {_files(recorder)} at {file}{more}"
-
-
-def _files(recorder) -> str:
-    return f"{recorder.files} {'file' if recorder.files == 1 else 'files'}"
-
-
-async def plot(options) -> int:
-    plotting.prepare(options.output)
-    courses = {path: plotting.Course() for path in options.paths}
-    progress = Progress()
-    async with _connect(options) as client:
-        session = commands.Session(client, note=progress.note)
-        async for event in client.events(options.seconds):
-            session.take(event)
-            progress.show(f"{session.table.messages} messages")
-            if isinstance(event, clients.Values):
-                for path, value in event.flat().items():
-                    if path in courses:
-                        courses[path].add(value, event.time)
-        title = str(client.hello)
-    progress.end()
-    empty = [path for path, course in courses.items() if not course.times]
-    if empty:
-        say(paths.shown(f"no numbers came for {', '.join(empty)}; "
-                        f"there were: {', '.join(session.table.rows) or 'none at all'}"))
-    courses = {path: course for path, course in courses.items() if course.times}
-    if courses:
-        plotting.draw(courses, options.output, title)
-        print(f"{options.output}: {sum(len(course.times) for course in courses.values())} points")
-    return 1 if empty else 0
+async def plot(options: Options) -> int:
+    return await plot_to_file(_client(options), options.paths, options.output, options.seconds)
 
 
 # What they share
 
 
-class Progress:
-    """One line on the terminal that is written over and over; nothing where standard error is none."""
-
-    INTERVAL = 0.2  # seconds
-
-    def __init__(self):
-        self._terminal = sys.stderr.isatty()
-        self._started = time.monotonic()
-        self._shown_at = 0.0
-
-    def show(self, text: str):
-        now = time.monotonic()
-        if self._terminal and now - self._shown_at > self.INTERVAL:
-            self._shown_at = now
-            seconds = int(now - self._started)
-            print(f"\r\x1b[K{seconds // 60:02}:{seconds % 60:02}  {text}", end="", file=sys.stderr, flush=True)
-
-    def note(self, text: str):
-        self.end()
-        say(text)
-
-    def end(self):
-        if self._terminal:
-            print("\r\x1b[K", end="", file=sys.stderr, flush=True)
-
-
-def _connect(options):
+def _client(options: Options) -> Client:
     """The client for the options; warnings about its schema are told."""
-    client = connect(options.address, schema=options.schema, check=options.check, timeout=options.timeout)
+    client = Client(options.address, schema=options.schema, check=options.check, timeout=options.timeout)
     if options.check and client.schema is not None:
-        for warning in checks.check(client.schema):
+        for warning in check(client.schema):
             say(str(warning))
     # From here on being told to end is as good as Ctrl-C: files are closed, the terminal is as it was.
-    asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, asyncio.current_task().cancel)
+    task = asyncio.current_task()
+    if task is not None:
+        asyncio.get_running_loop().add_signal_handler(signal.SIGTERM, task.cancel)
     return client
 
 
-def _live_module(options):
+def _live_module(options: Options) -> Optional[types.ModuleType]:
     """The live table, or None where it cannot be: not on a terminal, or without rich."""
     if options.plain or not (sys.stdin.isatty() and sys.stdout.isatty()):
         return None
@@ -216,20 +157,20 @@ def _live_module(options):
     return live
 
 
-async def _watch_plain(session) -> int:
+async def _watch_plain(session: Session) -> int:
     """A line for each value: time, path, value as JSON, with tabs between them."""
-    greeted = None
+    greeted: Optional[Hello] = None
     async for event in session.client.events():
         session.take(event)
-        if isinstance(event, clients.Hello) and event != greeted:
+        if isinstance(event, Hello) and event != greeted:
             greeted = event
             say(f"hello: {event}")
-        if isinstance(event, clients.Values):
+        if isinstance(event, Values):
             when = _local_time(event.time)
             for path, value in event.flat().items():
                 if session.filter in path:
-                    plain = table.plain(value, session.leaf(path))
-                    print(when, paths.shown(path), json.dumps(plain, ensure_ascii=False), sep="\t")
+                    text = json.dumps(plain(value, session.leaf(path)), ensure_ascii=False)
+                    print(when, paths.shown(path), text, sep="\t")
             sys.stdout.flush()
     return 0
 
@@ -238,14 +179,14 @@ def _local_time(seconds: float) -> str:
     return datetime.datetime.fromtimestamp(seconds).isoformat(timespec="milliseconds")
 
 
-async def _watch_once(options) -> int:
-    assignments = [once.parse_assignment(text) for text in options.set]
-    expectations = [once.parse_expectation(text) for text in options.expect]
-    async with _connect(options) as client:
-        session = commands.Session(client, note=say)
-        look = once.Look(session, assignments, expectations)
+async def _watch_once(options: Options) -> int:
+    assignments = [parse_assignment(text) for text in options.set]
+    expectations = [parse_expectation(text) for text in options.expect]
+    async with _client(options) as client:
+        session = Session(client, note=say)
+        look = Look(session, assignments, expectations)
         await look.follow(options.once)
-        lines, well = once.report(session, look, expectations, options.once)
+        lines, well = report(session, look, expectations, options.once)
     print("\n".join(lines))
     return 0 if well else 1
 
@@ -253,11 +194,12 @@ async def _watch_once(options) -> int:
 # The command line
 
 
-def _parser():
+def _parser() -> argparse.ArgumentParser:
     parser = argparse.ArgumentParser(prog="vorbel-cli", description="Talks to a Vorbel daemon.")
     commands_of = parser.add_subparsers(metavar="COMMAND", required=True)
 
-    def add(name, run, text, interrupted=130, connects=True, of=commands_of):
+    def add(name: str, run: Command, text: str, interrupted: int = 130, connects: bool = True,
+            of: "argparse._SubParsersAction[argparse.ArgumentParser]" = commands_of) -> argparse.ArgumentParser:
         command = of.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".")
         command.set_defaults(run=run, interrupted=interrupted)
         if connects:
@@ -302,7 +244,7 @@ def _parser():
     return parser
 
 
-def _add_connection(command):
+def _add_connection(command: argparse.ArgumentParser) -> None:
     command.add_argument("-a", "--address", default="localhost", metavar="HOST[:PORT]",
                          help="where the daemon is (default %(default)s, port 10443), or its ws:// URI")
     command.add_argument("-s", "--schema", metavar="FILE", help="send this schema, which then holds for all clients")

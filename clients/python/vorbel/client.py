@@ -13,14 +13,20 @@ import re
 import time
 from collections.abc import AsyncIterator, Generator, Sequence
 from dataclasses import dataclass, field
-from typing import Any, Optional, Union
+from typing import TYPE_CHECKING, Any, Optional, Union
 
 import websockets
 import websockets.uri
+from websockets.exceptions import (ConnectionClosed, ConnectionClosedError, InvalidHandshake, InvalidURI,
+                                   WebSocketException)
 
-from . import checks, paths, schema as schemas, wire, writing
+from . import checks, paths, wire, writing
 from .errors import ConnectError, Problem, WriteError
+from .schema import MESSAGE_LIMIT as SENT_LIMIT, Source, load_schema, to_text
 from .writing import Written
+
+if TYPE_CHECKING:
+    from websockets.legacy.client import WebSocketClientProtocol
 
 PORT = 10443
 HELLO_TIMEOUT = 10.0  # seconds from connecting to the hello
@@ -102,7 +108,7 @@ def _checked(uri: str) -> str:
     """The URI. Raises ConnectError for what no attempt could ever reach."""
     try:
         websockets.uri.parse_uri(uri)
-    except (ValueError, websockets.InvalidURI) as error:
+    except (ValueError, InvalidURI) as error:
         raise ConnectError(f"{uri} is no address of a daemon: {error}") from None
     return uri
 
@@ -118,7 +124,7 @@ class Client:
     as they are. `timeout` is how many seconds to wait for a connection on entering and in write(); None: for ever.
     """
 
-    def __init__(self, address: str = "localhost", *, schema: Optional[schemas.Source] = None, check: bool = True,
+    def __init__(self, address: str = "localhost", *, schema: Optional[Source] = None, check: bool = True,
                  timeout: Optional[float] = 10.0, pauses: tuple[float, float] = (0.2, 10.0)) -> None:
         self.uri = _checked(uri_of(address))
         self.timeout = timeout
@@ -129,7 +135,7 @@ class Client:
         self._pauses = pauses
         self._trouble = "no answer yet"
         self._schema_text = ""
-        self._socket: Optional[websockets.WebSocketClientProtocol] = None
+        self._socket: Optional[WebSocketClientProtocol] = None
         self._ready = asyncio.Event()
         self._events: collections.deque[Event] = collections.deque()
         self._arrived = asyncio.Event()
@@ -203,7 +209,7 @@ class Client:
 
     # What goes
 
-    async def send_schema(self, schema: schemas.Source, clear: bool = False) -> list[Problem]:
+    async def send_schema(self, schema: Source, clear: bool = False) -> list[Problem]:
         """Replaces the schema for all clients of the daemon and returns the warnings about it. One without leaves is
         refused unless it is to `clear` the one in force."""
         warnings = self._adopt(schema, clear)
@@ -225,7 +231,7 @@ class Client:
             data = wire.encode(message.values)
         except ValueError as error:
             raise WriteError(f"Not written: {error}") from None
-        if len(data) > schemas.MESSAGE_LIMIT:
+        if len(data) > SENT_LIMIT:
             raise WriteError(f"Not written: the daemon takes no message of more than 4 MiB, this has {len(data)}")
         await self.connected()
         await self._send(data)
@@ -242,7 +248,7 @@ class Client:
         try:
             async with asyncio.timeout(self.timeout):
                 await (await self._connection().ping())
-        except (websockets.ConnectionClosed, TimeoutError, ConnectionError):
+        except (ConnectionClosed, TimeoutError, ConnectionError):
             raise ConnectError(f"{self.uri} did not confirm what was sent; nothing says whether it arrived") from None
 
     # Inside
@@ -259,23 +265,23 @@ class Client:
             task.result()
         return task.done()
 
-    def _connection(self) -> websockets.WebSocketClientProtocol:
+    def _connection(self) -> WebSocketClientProtocol:
         """Raises ConnectionError while there is none."""
         if self._socket is None:
             raise ConnectionError
         return self._socket
 
-    def _adopt(self, schema: schemas.Source, clear: bool = False) -> list[Problem]:
-        schema = schemas.load_schema(schema)
+    def _adopt(self, schema: Source, clear: bool = False) -> list[Problem]:
+        schema = load_schema(schema)
         warnings = checks.check_or_raise(schema, clear) if self._check else []
-        self._schema_text = schemas.to_text(schema)
+        self._schema_text = to_text(schema)
         self.schema = schema
         return warnings
 
     async def _send(self, message: Union[str, bytes]) -> None:
         try:
             await self._connection().send(message)
-        except (websockets.ConnectionClosed, ConnectionError):
+        except (ConnectionClosed, ConnectionError):
             raise ConnectError(f"The connection to {self.uri} ended while sending; "
                                "nothing says whether the message arrived") from None
 
@@ -296,22 +302,23 @@ class Client:
     async def _one_connection(self) -> str:
         """Talks until the connection ends, and returns why it did."""
         try:
-            async with websockets.connect(self.uri, max_size=MESSAGE_LIMIT, compression=None, open_timeout=10,
-                                          ping_interval=PING_INTERVAL, ping_timeout=PING_INTERVAL,
-                                          close_timeout=1) as socket:
+            connection = websockets.connect(  # type: ignore[attr-defined]
+                self.uri, max_size=MESSAGE_LIMIT, compression=None, open_timeout=10, close_timeout=1,
+                ping_interval=PING_INTERVAL, ping_timeout=PING_INTERVAL)
+            async with connection as socket:
                 await self._greet(socket)
                 async for message in socket:
                     self._take(message)
             return "the daemon ended the connection"
         except TimeoutError:
             return "it does not answer in time"
-        except (OSError, ValueError, websockets.WebSocketException) as error:
+        except (OSError, ValueError, WebSocketException) as error:
             return _told(error)
         finally:
             self._socket = None
             self._ready.clear()
 
-    async def _greet(self, socket: websockets.WebSocketClientProtocol) -> None:
+    async def _greet(self, socket: WebSocketClientProtocol) -> None:
         async with asyncio.timeout(HELLO_TIMEOUT):
             message = await socket.recv()
         if _hello_in(message) is None:
@@ -354,9 +361,9 @@ def _hello_in(message: Union[str, bytes]) -> Optional[Hello]:
 
 
 def _told(error: BaseException) -> str:
-    if isinstance(error, websockets.ConnectionClosedError) and error.rcvd is None:
+    if isinstance(error, ConnectionClosedError) and error.rcvd is None:
         return "the connection broke"
-    if isinstance(error, websockets.InvalidHandshake):
+    if isinstance(error, InvalidHandshake):
         return f"something else than a Vorbel daemon answers ({error})"
     if refused := re.search(r"\[Errno (\d+)\] Connect call failed", str(error)):  # maybe at several addresses
         return os.strerror(int(refused[1]))

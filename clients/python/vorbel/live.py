@@ -8,14 +8,18 @@ import sys
 import termios
 import time
 import tty
+from collections.abc import Iterator
+from typing import Callable
 
 from rich.console import Console, Group
 from rich.live import Live
 from rich.table import Table as Grid
 from rich.text import Text
 
-from . import commands, paths, table
+from . import paths
 from .prompt import Prompt
+from .session import Session
+from .table import Row, shown
 
 REFRESH = 0.2  # seconds
 NOTES = 4
@@ -25,23 +29,21 @@ FRAME_LINES = 5  # around rows and notes: hello, column names and their rule, wh
 class Screen:
     """What stands on the terminal: the hello, the table, the last notes, the prompt."""
 
-    def __init__(self, session):
+    def __init__(self, session: Session) -> None:
         self.session = session
-        self.notes = collections.deque(maxlen=NOTES)
+        self.notes: collections.deque[str] = collections.deque(maxlen=NOTES)
         self.prompt = Prompt(session.complete)
 
-    def note(self, text: str):
+    def note(self, text: str) -> None:
         self.notes.extend(f"{time.strftime('%H:%M:%S')}  {paths.shown(line)}" for line in text.splitlines())
 
     def draw(self, width: int, height: int) -> Group:
         rows = self.session.shown_rows()
         room = max(1, height - FRAME_LINES - len(self.notes))
         remark = self._remark(len(rows) - room)
-        parts = [self._header(), self._grid(rows[:room], width)]
-        parts += [_line(f"  {remark}", "dim")] if remark else []
-        parts += [_line(note, "yellow") for note in self.notes]
-        parts.append(self._prompt_line(width))
-        return Group(*parts)
+        return Group(self._header(), self._grid(rows[:room], width),
+                     *([_line(f"  {remark}", "dim")] if remark else []),
+                     *(_line(note, "yellow") for note in self.notes), self._prompt_line(width))
 
     def _remark(self, hidden: int) -> str:
         """On what is not in the table."""
@@ -61,54 +63,58 @@ class Screen:
         return Text.assemble(state, f" {session.state}  {session.table.messages} messages{filtered}  ",
                              ("help: commands", "dim"), overflow="ellipsis", no_wrap=True)
 
-    def _grid(self, rows, width: int) -> Grid:
+    def _grid(self, rows: list[tuple[str, Row]], width: int) -> Grid:
         now = time.time()
         points = max(5, 5 * (width - 24) // 9 - 18)  # what the value's column leaves beside count and last element
         grid = Grid(box=None, header_style="bold", pad_edge=False, expand=True)
-        for name, justify, size in (("path", "left", {"ratio": 4}), ("value", "left", {"ratio": 5}),
-                                    ("change", "right", {"width": 11}), ("age", "right", {"width": 7})):
-            grid.add_column(name, justify=justify, no_wrap=True, overflow="ellipsis", **size)
+        grid.add_column("path", no_wrap=True, overflow="ellipsis", ratio=4)
+        grid.add_column("value", no_wrap=True, overflow="ellipsis", ratio=5)
+        grid.add_column("change", justify="right", no_wrap=True, overflow="ellipsis", width=11)
+        grid.add_column("age", justify="right", no_wrap=True, overflow="ellipsis", width=7)
         for path, row in rows:
             stale = "dim" if now - row.time > 10 else ""
-            value = table.shown(row.value, points, self.session.leaf(path))
+            value = shown(row.value, points, self.session.leaf(path))
             cells = (paths.shown(path), value, row.change(now), row.age(now))
             grid.add_row(*map(Text, cells), style=stale)
         return grid
 
 
-async def watch_live(session: commands.Session) -> int:
+async def watch_live(session: Session) -> int:
     """Runs until `quit`, Ctrl-D or Ctrl-C. Needs a terminal on both sides."""
     console = Console()
     screen = Screen(session)
     session.note = screen.note
-    lines = asyncio.Queue()
-    with _keyboard(lambda typed: [lines.put_nowait(line) for line in screen.prompt.feed(typed)]):
-        with Live(console=console, screen=True, auto_refresh=False) as live:
-            tasks = [asyncio.create_task(work) for work in (
-                session.follow(), _obey(session, lines, screen), _refresh(live, screen, console))]
-            try:
-                done, _ = await asyncio.wait(tasks, return_when=asyncio.FIRST_COMPLETED)
-                for task in done:
-                    task.result()
-            finally:
-                for task in tasks:
-                    task.cancel()
-                await asyncio.wait(tasks)
+    lines: asyncio.Queue[str] = asyncio.Queue()
+
+    def typed(characters: str) -> None:
+        for line in screen.prompt.feed(characters):
+            lines.put_nowait(line)
+
+    with _keyboard(typed), Live(console=console, screen=True, auto_refresh=False) as live:
+        tasks = [asyncio.create_task(work) for work in (
+            session.follow(), _carry_out(session, lines, screen), _refresh(live, screen, console))]
+        try:
+            done, _ = await asyncio.wait(tasks, return_when=asyncio.FIRST_COMPLETED)
+            for task in done:
+                task.result()
+        finally:
+            for task in tasks:
+                task.cancel()
+            await asyncio.wait(tasks)
     return 0
 
 
-async def _obey(session, lines, screen):
+async def _carry_out(session: Session, lines: asyncio.Queue[str], screen: Screen) -> None:
     """Ends with the command to quit."""
     while True:
-        line = await lines.get()
-        answer = await session.obey(line)
+        answer = await session.carry_out(await lines.get())
         if answer is None:
             return
         if answer:
             screen.note(answer)
 
 
-async def _refresh(live, screen, console):
+async def _refresh(live: Live, screen: Screen, console: Console) -> None:
     while True:
         live.update(screen.draw(*console.size), refresh=True)
         await asyncio.sleep(REFRESH)
@@ -118,7 +124,7 @@ def _line(text: str, style: str) -> Text:
     return Text(text, style=style, overflow="ellipsis", no_wrap=True)
 
 
-def _read(descriptor) -> str:
+def _read(descriptor: int) -> str:
     """What was typed; when the terminal has gone, the keys that clear the line and end."""
     try:
         return os.read(descriptor, 4096).decode(errors="ignore") or "\x15\x04"
@@ -127,7 +133,7 @@ def _read(descriptor) -> str:
 
 
 @contextlib.contextmanager
-def _keyboard(typed):
+def _keyboard(typed: Callable[[str], None]) -> Iterator[None]:
     """Hands over what is typed as it is typed, not line by line, and without the terminal's echo."""
     descriptor = sys.stdin.fileno()
     before = termios.tcgetattr(descriptor)

@@ -1,39 +1,42 @@
 """A look at a daemon without a terminal: what came within some seconds, and whether it was as expected."""
 
 import time
-from typing import NamedTuple, Optional
+from collections.abc import Iterable
+from typing import Any, NamedTuple, Optional
 
-from . import client as clients, commands, paths, schema as schemas
+from . import paths
+from .client import Values
 from .digits import justified
 from .errors import VorbelError
-from .schema import Leaf
+from .schema import Leaf, leaves
+from .session import Session, parse_value, sent_text
 from .table import is_number, number, shown
 from .wire import is_array
 
 
 class Expectation(NamedTuple):
     path: str
-    value: object
+    value: Any
     tolerance: float = 0
 
-    def __str__(self):
+    def __str__(self) -> str:
         return f"{paths.shown(self.path)} = {shown(self.value)}" + (f" ± {self.tolerance:g}" if self.tolerance else "")
 
-    def is_met_by(self, value, leaf: Optional[Leaf] = None) -> bool:
+    def is_met_by(self, value: Any, leaf: Optional[Leaf] = None) -> bool:
         """Of an array, the last element counts; of a number, the digits that are shown."""
         if is_array(value) and len(value):
             value = number(value[-1])
         if is_number(value) and is_number(self.value):
-            return abs(justified(value, leaf) - self.value) <= self.tolerance
-        return type(value) is type(self.value) and value == self.value  # noqa: E721, as true is not 1
+            return bool(abs(justified(value, leaf) - self.value) <= self.tolerance)
+        return type(value) is type(self.value) and bool(value == self.value)  # noqa: E721, as true is not 1
 
 
-def parse_assignment(text: str) -> tuple:
+def parse_assignment(text: str) -> tuple[str, Any]:
     """(path, value) of PATH=VALUE."""
     path, sign, value = text.partition("=")
     if not path or not sign:
         raise VorbelError(f"{text!r} is not of the form PATH=VALUE")
-    return path, commands.parse_value(value)
+    return path, parse_value(value)
 
 
 def parse_expectation(text: str) -> Expectation:
@@ -49,45 +52,46 @@ class Look:
     """Follows a session for a while: writes when the first values came, that is when the bus is up, and notes when
     each expectation was first met after that."""
 
-    def __init__(self, session: commands.Session, assignments, expectations):
+    def __init__(self, session: Session, assignments: Iterable[tuple[str, Any]],
+                 expectations: Iterable[Expectation]) -> None:
         self._session = session
         self._assignments = list(assignments)
         self._waiting = set(expectations)
-        self._written_at = None
-        self.sent = []
-        self.met = {}
+        self._written_at: Optional[float] = None
+        self.sent: list[str] = []
+        self.met: dict[Expectation, float] = {}
 
-    async def follow(self, seconds: float):
+    async def follow(self, seconds: float) -> None:
         async for event in self._session.client.events(seconds):
             self._session.take(event)
-            if isinstance(event, clients.Values):
-                await self._write_once()
-                self._compare(event)
+            if isinstance(event, Values):
+                if self._written_at is None:
+                    self._written_at = await self._write()
+                if event.time >= self._written_at:
+                    self._compare(event, self._written_at)
 
-    async def _write_once(self):
-        if self._written_at is None:
-            for path, value in self._assignments:
-                self.sent.append(commands.sent_text(path, value, await self._session.client.set(path, value)))
-            await self._session.client.confirmed()
-            self._written_at = time.time()
+    async def _write(self) -> float:
+        """Returns when all had been written."""
+        for path, value in self._assignments:
+            self.sent.append(sent_text(path, value, await self._session.client.set(path, value)))
+        await self._session.client.confirmed()
+        return time.time()
 
-    def _compare(self, event):
-        if event.time < self._written_at:
-            return
+    def _compare(self, event: Values, written_at: float) -> None:
         flat = event.flat()
         for expectation in list(self._waiting):
             path = expectation.path
             if path in flat and expectation.is_met_by(flat[path], self._session.leaf(path)):
-                self.met[expectation] = event.time - self._written_at
+                self.met[expectation] = event.time - written_at
                 self._waiting.discard(expectation)
 
 
-def report(session, look, expectations, seconds) -> tuple:
+def report(session: Session, look: Look, expectations: Iterable[Expectation], seconds: float) -> tuple[list[str], bool]:
     """(lines, whether all is well)"""
     client, table = session.client, session.table
     lines = [f"hello: {client.hello}"]
     if client.schema is not None:
-        lines.append(f"schema: sent, {len(schemas.leaves(client.schema))} leaves")
+        lines.append(f"schema: sent, {len(leaves(client.schema))} leaves")
     lines.append(f"values: {table.messages} messages within {seconds:g} s, {len(table.rows)} paths")
     now = time.time()
     width = max((len(paths.shown(path)) for path in table.rows), default=0)
@@ -98,4 +102,4 @@ def report(session, look, expectations, seconds) -> tuple:
     for expectation in expectations:
         seen = f"seen after {look.met[expectation]:.1f} s" if expectation in look.met else "NOT SEEN"
         lines.append(f"expected {expectation}: {seen}")
-    return lines, table.messages > 0 and len(look.met) == len(expectations)
+    return lines, table.messages > 0 and all(each in look.met for each in expectations)

@@ -3,6 +3,7 @@
 import os
 import pathlib
 import warnings
+from typing import Any, Optional
 
 from . import paths
 from .errors import VorbelError
@@ -16,31 +17,32 @@ SUFFIXES = (".png", ".svg", ".pdf")
 class Course:
     """The points of one path. The elements of an array are spread over the time since the message before it."""
 
-    def __init__(self):
-        self.times = []
-        self.values = []
-        self._before = None
+    def __init__(self) -> None:
+        self.times: list[float] = []
+        self.values: list[float] = []
+        self._before: Optional[float] = None
 
-    def add(self, value, time: float):
+    def add(self, value: Any, time: float) -> None:
         if is_array(value) and len(value):
             self._spread([number(element) for element in value], time)
         elif is_number(value) or isinstance(value, bool):
             self._point(time, float(value))
         self._before = time
 
-    def _spread(self, elements, time):
+    def _spread(self, elements: list[float], time: float) -> None:
         """When the first array was begun nobody knows: only its last element has a time."""
         if self._before is None:
-            return self._point(time, elements[-1])
+            self._point(time, elements[-1])
+            return
         for index, element in enumerate(elements, 1):
             self._point(self._before + (time - self._before) * index / len(elements), element)
 
-    def _point(self, time, value):
+    def _point(self, time: float, value: float) -> None:
         self.times.append(time)
         self.values.append(value)
 
 
-def prepare(output: str):
+def prepare(output: str) -> None:
     """Raises VorbelError, before anything is collected, when nothing can be drawn or written."""
     try:
         import matplotlib
@@ -54,7 +56,7 @@ def prepare(output: str):
         raise VorbelError(f"The plot cannot be written to {output}: there is no such folder, or it is not yours")
 
 
-def draw(courses: dict, output: str, title: str):
+def draw(courses: dict[str, Course], output: str, title: str) -> None:
     """One panel for each path, with a common axis of seconds; the suffix of `output` says the format."""
     from matplotlib import pyplot
 

@@ -1,15 +1,19 @@
 """A line of input on a terminal that does not edit by itself."""
 
 
+from collections.abc import Iterator
+from typing import Callable
+
+
 class Prompt:
     """One line of input, fed character by character as the terminal delivers them."""
 
-    def __init__(self, complete):
+    def __init__(self, complete: Callable[[str], str]) -> None:
         self.text = ""
         self._complete = complete  # from the text so far to the completed text
         self._escape = ""
 
-    def feed(self, characters: str):
+    def feed(self, characters: str) -> Iterator[str]:
         """Yields the lines that `characters` finish. Cursor keys and the like are passed over."""
         for character in characters:
             if self._in_escape(character):
@@ -29,7 +33,7 @@ class Prompt:
             elif character.isprintable():
                 self.text += character
 
-    def _in_escape(self, character) -> bool:
+    def _in_escape(self, character: str) -> bool:
         """Escape sequences begin with ESC [ or ESC O and end with a letter or a tilde."""
         if character == "\x1b":
             self._escape = character

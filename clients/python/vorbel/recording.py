@@ -4,29 +4,30 @@ import csv
 import io
 import json
 import pathlib
+from typing import Any, Callable, Union
 
-from . import client as clients
+from .client import Disconnected, Event, Undecodable, Values
 from .errors import VorbelError
 from .table import number, plain
 from .wire import is_array
 
 
-def json_lines(event) -> str:
+def json_lines(event: Event) -> str:
     """One line for any event: its time, and what there is of values, message, hello, disconnected."""
-    if isinstance(event, clients.Values):
+    if isinstance(event, Values):
         entry = {"time": event.time, "values": plain(event.data)}
-    elif isinstance(event, clients.Undecodable):
+    elif isinstance(event, Undecodable):
         entry = {"time": event.time, "undecodable": event.message.hex(), "reason": event.reason}
-    elif isinstance(event, clients.Disconnected):
+    elif isinstance(event, Disconnected):
         entry = {"time": event.time, "disconnected": event.reason}
     else:
         return ""
     return json.dumps(entry, ensure_ascii=False, separators=(",", ":")) + "\n"
 
 
-def csv_rows(event) -> str:
+def csv_rows(event: Event) -> str:
     """A row for each value: time, path, place in the array (empty for a single value), value."""
-    if not isinstance(event, clients.Values):
+    if not isinstance(event, Values):
         return ""
     text = io.StringIO()
     writer = csv.writer(text, lineterminator="\n")
@@ -36,18 +37,19 @@ def csv_rows(event) -> str:
     return text.getvalue()
 
 
-def _cell(value):
+def _cell(value: Any) -> Any:
     return str(value).lower() if isinstance(value, bool) else plain(number(value))
 
 
-FORMATS = {".jsonl": (json_lines, ""), ".ndjson": (json_lines, ""), ".csv": (csv_rows, "time,path,index,value\n")}
+FORMATS: dict[str, tuple[Callable[[Event], str], str]] = {
+    ".jsonl": (json_lines, ""), ".ndjson": (json_lines, ""), ".csv": (csv_rows, "time,path,index,value\n")}
 
 
 class Recorder:
     """Writes events to `path`. A file that reached `max_size` bytes is put aside as NAME.1.SUFFIX, NAME.2.SUFFIX and
     so on; of those the latest `keep` stay (0: all). Raises OSError with the file's name."""
 
-    def __init__(self, path, max_size=0, keep=0, append=False):
+    def __init__(self, path: Union[str, pathlib.Path], max_size: int = 0, keep: int = 0, append: bool = False) -> None:
         self.path = pathlib.Path(path)
         if self.path.suffix not in FORMATS:
             raise VorbelError(f"{path} says by its suffix how to record: it must be one of {', '.join(FORMATS)}")
@@ -62,34 +64,34 @@ class Recorder:
         self.files = 1
         self._open()
 
-    def record(self, event):
+    def record(self, event: Event) -> None:
         """Of attempts to connect that fail one after another, only the first is recorded."""
-        is_disconnected = isinstance(event, clients.Disconnected)
+        is_disconnected = isinstance(event, Disconnected)
         text = "" if is_disconnected and self._was_disconnected else self._text_of(event)
         self._was_disconnected = is_disconnected
         if text:
             self._append(text.encode(errors="backslashreplace"))
             self.messages += not is_disconnected
 
-    def close(self):
+    def close(self) -> None:
         """A file that was begun here, and into which nothing came, is taken away again."""
         self._file.close()
         if self._is_new and self.written == 0:
             self.path.unlink(missing_ok=True)
 
-    def _append(self, line: bytes):
+    def _append(self, line: bytes) -> None:
         if self._max_size and self._size > len(self._header) and self._size + len(line) > self._max_size:
             self._put_aside()
         self._write(line)
         self.written += len(line)
 
-    def _open(self):
+    def _open(self) -> None:
         self._file = open(self.path, "ab", buffering=0)
         self._size = self._file.tell()
         if self._size == 0:
             self._write(self._header.encode())
 
-    def _write(self, data: bytes):
+    def _write(self, data: bytes) -> None:
         rest = memoryview(data)
         try:
             while rest:
@@ -98,7 +100,7 @@ class Recorder:
             raise OSError(error.errno, error.strerror, str(self.path)) from None
         self._size += len(data)
 
-    def _put_aside(self):
+    def _put_aside(self) -> None:
         self._file.close()
         aside = self._earlier_files()
         number = aside[-1][0] + 1 if aside else 1
@@ -109,7 +111,7 @@ class Recorder:
         self.files += 1
         self._open()
 
-    def _earlier_files(self) -> list:
+    def _earlier_files(self) -> list[tuple[int, pathlib.Path]]:
         """(number, path) of the files that were put aside already, oldest first."""
         found = []
         for path in self.path.parent.iterdir():

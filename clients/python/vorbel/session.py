@@ -2,12 +2,14 @@
 
 import json
 import shlex
-from typing import Optional
+from collections.abc import Iterable
+from typing import Any, Callable, Optional
 
-from . import client as clients, paths, schema as schemas
+from . import paths
+from .client import Client, Disconnected, Event, Hello, Values
 from .errors import VorbelError
-from .schema import Leaf
-from .table import Table, shown
+from .schema import Leaf, leaves
+from .table import Row, Table, shown
 from .writing import Written
 
 HELP = """set PATH VALUE    writes a value to the bus
@@ -17,7 +19,7 @@ quit              ends; Tab completes commands and paths"""
 NAMES = ("set", "schema", "filter", "help", "quit")
 
 
-def parse_value(text: str):
+def parse_value(text: str) -> Any:
     """A typed value: JSON where it is JSON, otherwise the text itself."""
     try:
         return json.loads(text)
@@ -25,14 +27,14 @@ def parse_value(text: str):
         return text
 
 
-def sent_text(path: str, value, written: Optional[Written]) -> str:
+def sent_text(path: str, value: Any, written: Optional[Written]) -> str:
     return f"{paths.shown(path)} = {shown(value)} sent" + (f": {written}" if written else "")
 
 
 class Session:
     """Follows a client's events into a table; `note` is called with texts for the person watching."""
 
-    def __init__(self, client, note=lambda text: None):
+    def __init__(self, client: Client, note: Callable[[str], None] = lambda text: None) -> None:
         self.client = client
         self.note = note
         self.table = Table()
@@ -40,29 +42,29 @@ class Session:
         self.up = False
         self.filter = ""
         self._trouble = ""
-        self._schema = None
-        self._leaves = {}
+        self._schema: Optional[dict[str, Any]] = None
+        self._leaves: dict[str, Leaf] = {}
 
-    async def follow(self):
+    async def follow(self) -> None:
         async for event in self.client.events():
             self.take(event)
 
-    def take(self, event):
-        if isinstance(event, clients.Values):
+    def take(self, event: Event) -> None:
+        if isinstance(event, Values):
             self.table.update(event)
-        elif isinstance(event, clients.Hello):
+        elif isinstance(event, Hello):
             self._take_hello()
-        elif isinstance(event, clients.Disconnected):
+        elif isinstance(event, Disconnected):
             self._take_disconnected(event)
         else:
             self.note(str(event))
 
-    def _take_hello(self):
+    def _take_hello(self) -> None:
         if self._trouble:
             self.note("connected again")
         self.up, self.state, self._trouble = True, f"at {self.client.uri}", ""
 
-    def _take_disconnected(self, event):
+    def _take_disconnected(self, event: Disconnected) -> None:
         """Each attempt that fails is told in the state, but only once for each reason in a note."""
         self.up, self.state = False, f"no connection to {self.client.uri}, next attempt in {event.retry_in:.1f} s"
         if event.reason != self._trouble:
@@ -73,10 +75,10 @@ class Session:
         """What the schema says of a path, if one was sent from here."""
         return self._known_leaves().get(path)
 
-    def shown_rows(self) -> list:
+    def shown_rows(self) -> list[tuple[str, Row]]:
         return [(path, row) for path, row in self.table.rows.items() if self.filter in path]
 
-    async def obey(self, line: str):
+    async def carry_out(self, line: str) -> Optional[str]:
         """Carries out a typed command and returns the answer to it; None for the one that quits."""
         try:
             words = shlex.split(line.replace("\\", "\\\\"))
@@ -86,7 +88,7 @@ class Session:
         except (VorbelError, ValueError) as error:
             return str(error)
 
-    async def _answer(self, words) -> str:
+    async def _answer(self, words: list[str]) -> str:
         if words[0] == "set" and len(words) >= 3:
             return await self._set(words[1], parse_value(" ".join(words[2:])))
         if words[0] == "schema" and len(words) == 2:
@@ -98,7 +100,7 @@ class Session:
             return ""
         return HELP
 
-    async def _set(self, path, value) -> str:
+    async def _set(self, path: str, value: Any) -> str:
         if not self.up:  # nobody wants it written at some later time
             return "Not written: no connection"
         written = await self.client.set(path, value)
@@ -108,7 +110,7 @@ class Session:
     def complete(self, text: str) -> str:
         """The text with its last word completed as far as there is one way to go on."""
         before, blank, word = text.rpartition(" ")
-        candidates = self._paths() if blank else NAMES
+        candidates: Iterable[str] = self._paths() if blank else NAMES
         fitting = [candidate for candidate in candidates if candidate.startswith(word)]
         if not fitting:
             return text
@@ -116,17 +118,17 @@ class Session:
         end = " " if len(fitting) == 1 else ""
         return before + blank + completed + end
 
-    def _paths(self):
+    def _paths(self) -> set[str]:
         return set(self.table.rows) | set(self._known_leaves())
 
     def _known_leaves(self) -> dict[str, Leaf]:
         if self.client.schema is not self._schema:
             self._schema = self.client.schema
-            self._leaves = schemas.leaves(self._schema)
+            self._leaves = leaves(self._schema) if self._schema else {}
         return self._leaves
 
 
-def _common_beginning(texts) -> str:
+def _common_beginning(texts: Iterable[str]) -> str:
     first, last = min(texts), max(texts)
     length = next((at for at, (one, other) in enumerate(zip(first, last)) if one != other), min(len(first), len(last)))
     return first[:length]
