@@ -9,6 +9,7 @@ from vorbel.plotting import Course
 from vorbel.prompt import Prompt
 from vorbel.recording import csv_rows, json_lines
 from vorbel.table import Table, plain, shown, sparkline
+from vorbel.watch import fitted
 
 
 def floats(*values):
@@ -77,6 +78,20 @@ def test_rows_are_in_order_of_paths():
     table = Table()
     table.update(Values({"b": 1, "a": {"z": 2, "c": 3}}, 0))
     assert list(table.rows) == ["a.c", "a.z", "b"] and table.messages == 1
+
+
+@pytest.mark.parametrize("columns, line", [
+    (30, "12:00:00  a.path  long value"), (28, "12:00:00  a.path  long value"), (27, "12:00:00  a.path  long val…"),
+    (26, "12:00:00  a.path  long va…"), (25, "a.path  long value"), (12, "a.path  lon…"), (9, "a.path  …"),
+    (8, "a.path"), (5, "a.pa…"),
+])
+def test_what_does_not_fit_a_line(columns, line):
+    assert fitted("12:00:00", "a.path", "long value", columns) == line
+
+
+def test_wide_characters_take_two_columns():
+    assert fitted("12:00:00", "日本", "値値値値値値", 25) == "12:00:00  日本  値値値値…"
+    assert fitted("12:00:00", "日本", "1", 17) == "12:00:00  日本  1"
 
 
 def test_recorded_lines():

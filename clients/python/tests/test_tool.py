@@ -7,6 +7,7 @@ import os
 import pty
 import select
 import signal
+import socket
 import struct
 import subprocess
 import termios
@@ -14,6 +15,8 @@ import time
 
 import harness
 import pytest
+
+import vorbel
 
 from support import MACHINE, PROJECT, TOOL
 
@@ -46,6 +49,10 @@ def missing(tmp_path):
 # hello, and what all commands share
 
 
+def test_version(tool):
+    assert tool("--version") == (0, f"vorbel-cli {vorbel.__version__}\n", "")
+
+
 def test_hello(bridge, tool):
     assert tool("hello") == (0, "type: unknown\n", "")
     bridge.stop()
@@ -70,10 +77,40 @@ def test_address_that_cannot_be(tool):
     (("record", "x.csv", "--max-size", "5x"), "argument --max-size: must be a number of bytes, with k, M or G"),
     (("watch", "--nosuch"), "unrecognized arguments: --nosuch"),
     ((), "the following arguments are required: COMMAND"),
-], ids=["no number", "no size", "unknown option", "no command"])
+    (("wacth",), "there is no 'wacth' (did you mean \"watch\"?); there are: watch, set, hello, schema, record, plot"),
+    (("xyz",), "there is no 'xyz'; there are: watch, "),
+    (("schema", "chekc"), "there is no 'chekc' (did you mean \"check\"?); there are: check"),
+], ids=["no number", "no size", "unknown option", "no command", "mistyped", "not like any", "mistyped second word"])
 def test_wrong_command_lines(tool, words, message):
     status, output, errors = tool(*words)
     assert (status, output) == (2, "") and message in errors
+
+
+@pytest.mark.parametrize("words", [("hello",), ("watch",), ("watch", "--once", "9"), ("record", "x.csv"),
+                                   ("set", "a", "1"), ("plot", "a", "-o", "x.png")], ids=" ".join)
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGINT])
+def test_interrupted_before_there_was_a_daemon(tool, tmp_path, words, number):
+    words = [tmp_path / word if "." in word else word for word in words]
+    with socket.create_server(("127.0.0.1", 10443)) as silent:
+        process = tool.start(*words, "-a", "127.0.0.1")
+        silent.accept()
+        process.send_signal(number)
+        process.communicate(timeout=10)
+    assert process.returncode == 130 and list(tmp_path.iterdir()) == []
+
+
+def test_waiting_is_shown_on_a_terminal(terminal):
+    screen = terminal("hello", "--timeout", "2")
+    screen.wait_for("00:00  waiting for the daemon at ws://localhost:10443: Connection refused")
+    screen.wait_for("00:01  waiting for the daemon")
+    assert screen.end() == 1
+    assert "\x1b[Kvorbel-cli: No daemon at ws://localhost:10443 within 2 s" in screen.seen
+
+
+def test_waiting_is_not_shown_where_a_terminal_cannot(terminal):
+    screen = terminal("hello", "--timeout", "1", TERM="dumb")
+    assert screen.end() == 1
+    assert screen.seen.startswith("vorbel-cli: No daemon at ws://localhost:10443 within 1 s")
 
 
 # Where output goes
@@ -142,6 +179,12 @@ def test_set(bridge, tool):
 def test_set_refuses(bridge, tool, path, value, message):
     assert tool("set", path, value, "--schema", MACHINE) == (1, "", f"vorbel-cli: Not written: {message}\n")
     assert bridge.heard(timeout=0.2) == []
+
+
+def test_set_without_a_schema_says_what_it_cannot_know(bridge, tool):
+    assert tool("set", "motor.setpoint", "5") == (
+        0, "motor.setpoint = 5 sent\n",
+        "vorbel-cli: not checked, and not written if no schema is in force that has it: --schema FILE sends one\n")
 
 
 def test_set_says_what_went_out(bridge, tool, schema_file):
@@ -255,6 +298,50 @@ def test_watch_once_fails_without_values(bridge, tool):
     assert output.splitlines()[-1] == "values: 0 messages within 0.5 s, 0 paths"
 
 
+@pytest.mark.parametrize("words", [("watch", "--once", "0.5"), ("watch",), ("record", "x.jsonl", "--for", "0.5"),
+                                   ("plot", "a", "-o", "x.png", "--for", "0.5")], ids=" ".join)
+@pytest.mark.parametrize("schema, doubt", [
+    ((), "is a schema in force? --schema FILE sends one"),
+    (("--schema", MACHINE), "does the schema name them?"),
+], ids=["no schema", "schema"])
+def test_silence_is_explained(bridge, tool, tmp_path, words, schema, doubt):
+    process = tool.start(*(tmp_path / word if "." in word and word[0] == "x" else word for word in words), *schema)
+    lines = iter(process.stderr.readline, "")
+    assert f"vorbel-cli: no values came: do frames come, and {doubt}\n" in lines
+
+
+def test_values_need_no_explanation(machine, tool):
+    process = tool.start("watch", "--schema", MACHINE)
+    time.sleep(4)
+    process.send_signal(signal.SIGINT)
+    assert process.communicate(timeout=10)[1] == "vorbel-cli: hello: type unknown\n"
+
+
+@pytest.mark.parametrize("words, message", [
+    (("--expect", "motor.sped=1"), 'motor.sped: does not exist in the schema as a value (did you mean "motor.speed"?) '
+                                   "and cannot be expected"),
+    (("--expect", "motor=1"), "motor: does not exist in the schema as a value"),
+    (("--set", "motor.nosuch=1"), "Not written: motor.nosuch: does not exist in the schema"),
+    (("--set", "motor.setpoint=1", "--set", "motor.enabled=1"), "Not written: motor.enabled: is read-only"),
+], ids=["unknown", "a group", "set of unknown", "set of read-only"])
+def test_watch_once_refuses_at_once_what_can_never_be(tool, words, message):
+    """Without any daemon."""
+    status, output, errors = tool("watch", "--once", "20", "--schema", MACHINE, *words)
+    assert (status, output) == (1, "") and errors.startswith(f"vorbel-cli: {message}")
+
+
+def test_watch_once_expects_anything_without_a_check(bridge, tool):
+    status, output, _ = tool("watch", "--once", "0.3", "--schema", MACHINE, "--no-check", "--expect", "nosuch=1")
+    assert status == 1 and output.endswith("expected nosuch = 1: NOT SEEN\n")
+
+
+def test_watch_once_interrupted(machine, tool):
+    process = tool.start("watch", "--schema", MACHINE, "--once", "20")
+    machine.daemon.wait_for("info Received schema: .*")
+    process.send_signal(signal.SIGINT)
+    assert process.communicate(timeout=10) == ("", "") and process.returncode == 130
+
+
 def test_watch_once_fails_when_the_expected_does_not_come(machine, tool):
     status, output, _ = tool("watch", "--schema", MACHINE, "--once", "2", "--expect", "motor.speed=5999")
     assert status == 1
@@ -262,14 +349,14 @@ def test_watch_once_fails_when_the_expected_does_not_come(machine, tool):
 
 
 class Terminal:
-    """The tool on a terminal of 100 by 30 characters."""
+    """The tool on a terminal of 30 lines."""
 
-    def __init__(self, *words, **environment):
+    def __init__(self, *words, columns=100, **environment):
         self.process, self._descriptor = pty.fork()
         if self.process == 0:
-            os.environ.update(TERM="xterm-256color", **environment)
+            fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("4H", 30, columns, 0, 0))
+            os.environ.update({"TERM": "xterm-256color", **environment})
             os.execv(TOOL, [TOOL, *map(str, words)])
-        fcntl.ioctl(self._descriptor, termios.TIOCSWINSZ, struct.pack("4H", 30, 100, 0, 0))
         self.seen = ""
 
     def type(self, text):
@@ -303,8 +390,8 @@ class Terminal:
 def terminal():
     running = []
 
-    def start(*words, **environment):
-        running.append(Terminal(*words, **environment))
+    def start(*words, **options):
+        running.append(Terminal(*words, **options))
         return running[-1]
 
     yield start
@@ -327,6 +414,10 @@ def test_watch_on_a_terminal(bridge, terminal, schema_file):
     screen.type("set motor.enabled 1\r")
     screen.wait_for("Not written: motor.enabled: is read-only")
     screen.type("nonsense\r")
+    screen.wait_for('There is no command "nonsense": help lists them')
+    screen.type("sett motor.setpoint 5\r")
+    screen.wait_for('There is no command "sett" (did you mean "set"?): help lists them')
+    screen.type("help\r")
     screen.wait_for("quit              ends")
     screen.seen = ""
     screen.type(f"schema {schema_file({'other': LEAF})}\r")
@@ -381,9 +472,21 @@ def test_without_rich_there_are_lines(bridge, terminal, missing):
     screen.wait_for("plain lines instead of the live table, which needs rich: apt install python3-rich")
     bridge.daemon.wait_for("info Received schema: .*")
     bridge.say(12, 1, "01")
-    screen.wait_for("\tdoor.open\ttrue")
+    screen.wait_for("  door.open  true\r\n")
     screen.type("\x03")
     assert screen.end() == 0
+
+
+@pytest.mark.parametrize("columns, variables", [(100, {"TERM": "dumb"}), (40, {})], ids=["dumb", "narrow"])
+def test_lines_where_the_table_cannot_be(bridge, terminal, columns, variables):
+    screen = terminal("watch", "--schema", MACHINE, columns=columns, **variables)
+    screen.wait_for("hello: type unknown")
+    bridge.daemon.wait_for("info Received schema: .*")
+    bridge.say(5, 2, "58 02 90 01 01")
+    screen.wait_for("  motor.speed  600\r\n")
+    screen.type("\x03")
+    assert screen.end() == 0
+    assert "\x1b" not in screen.seen.replace("\x1b[K", "") and max(map(len, screen.seen.splitlines())) <= columns
 
 
 # record
@@ -427,6 +530,18 @@ def test_record_until_interrupted(bridge, tool, tmp_path):
     assert "recorded 1 messages" in process.communicate(timeout=10)[1]
     assert process.returncode == 0
     assert json.loads(file.read_text())["values"] == {"door": {"open": True}}
+
+
+@pytest.mark.parametrize("words", [(), ("--for", "20")], ids=["nothing recorded", "before its time"])
+def test_record_interrupted_before_it_did_its_work(bridge, tool, tmp_path, words):
+    process = tool.start("record", tmp_path / "run.jsonl", "--schema", MACHINE, *words)
+    bridge.daemon.wait_for("info Received schema: .*")
+    if words:
+        bridge.say(12, 1, "01")
+        harness.wait_until(lambda: (tmp_path / "run.jsonl").read_text())
+    process.send_signal(signal.SIGINT)
+    assert f"recorded {'1 messages' if words else 'to'}" in process.communicate(timeout=10)[1]
+    assert process.returncode == 130
 
 
 def test_record_shows_its_progress_on_a_terminal(machine, terminal, tmp_path):

@@ -2,31 +2,32 @@
 
 import argparse
 import asyncio
-import datetime
 import json
 import os
 import re
+import shutil
 import signal
 import sys
 import types
 from collections.abc import Coroutine, Sequence
 from typing import Any, Callable, Optional
 
-from . import paths
+from . import __version__, paths
 from .checks import check, check_text
-from .client import Client, Hello, Values
-from .errors import VorbelError
-from .once import Look, parse_assignment, parse_expectation, report
+from .client import Client
+from .errors import VorbelError, suggestion
+from .once import Look, check_paths, parse_assignment, parse_expectation, report
 from .plot import plot as plot_to_file
 from .record import record as record_to_files
 from .recording import Recorder
 from .schema import leaves, parse, read
 from .session import Session, parse_value, sent_text
-from .table import plain
-from .terminal import say
+from .terminal import connected, is_dumb, say
+from .watch import NARROW, watch_lines
 
 Options = argparse.Namespace
 Command = Callable[[Options], Coroutine[Any, Any, int]]
+INTERRUPTED = 130  # as shells have it, before what was asked for was done
 UNITS = {"": 1, "k": 1024, "M": 1024**2, "G": 1024**3}
 
 
@@ -53,7 +54,7 @@ def _run(arguments: Optional[Sequence[str]]) -> int:
     try:
         return asyncio.run(command(options))
     except (KeyboardInterrupt, asyncio.CancelledError):
-        return int(options.interrupted)
+        return INTERRUPTED
     finally:
         sys.stdout.flush()
 
@@ -80,24 +81,29 @@ async def watch(options: Options) -> int:
     if options.set or options.expect:
         raise VorbelError("--set and --expect go with --once SECONDS")
     live = _live_module(options)
-    async with _client(options) as client:
+    async with connected(_client(options)) as client:
         session = Session(client, note=say)
         session.filter = options.filter
-        status: int = await (live.watch_live(session) if live else _watch_plain(session))
-        return status
+        try:
+            await (live.watch_live(session) if live else watch_lines(session))
+        except asyncio.CancelledError:
+            pass  # that is how a person ends it
+    return 0
 
 
 async def set_value(options: Options) -> int:
-    async with _client(options) as client:
+    async with connected(_client(options)) as client:
         value = parse_value(options.value)
         written = await client.set(options.path, value)
         await client.confirmed()
     print(sent_text(options.path, value, written))
+    if client.schema is None:
+        say("not checked, and not written if no schema is in force that has it: --schema FILE sends one")
     return 0
 
 
 async def hello(options: Options) -> int:
-    async with _client(options) as client:
+    async with connected(_client(options)) as client:
         greeting = client.hello
         assert greeting is not None  # or there would be no connection
         print(f"type: {paths.shown(greeting.type)}")
@@ -146,8 +152,10 @@ def _client(options: Options) -> Client:
 
 
 def _live_module(options: Options) -> Optional[types.ModuleType]:
-    """The live table, or None where it cannot be: not on a terminal, or without rich."""
+    """The live table, or None where it cannot be: not on a terminal, on a dumb or narrow one, or without rich."""
     if options.plain or not (sys.stdin.isatty() and sys.stdout.isatty()):
+        return None
+    if is_dumb() or shutil.get_terminal_size().columns < NARROW:
         return None
     try:
         from . import live
@@ -157,56 +165,50 @@ def _live_module(options: Options) -> Optional[types.ModuleType]:
     return live
 
 
-async def _watch_plain(session: Session) -> int:
-    """A line for each value: time, path, value as JSON, with tabs between them."""
-    greeted: Optional[Hello] = None
-    async for event in session.client.events():
-        session.take(event)
-        if isinstance(event, Hello) and event != greeted:
-            greeted = event
-            say(f"hello: {event}")
-        if isinstance(event, Values):
-            when = _local_time(event.time)
-            for path, value in event.flat().items():
-                if session.filter in path:
-                    text = json.dumps(plain(value, session.leaf(path)), ensure_ascii=False)
-                    print(when, paths.shown(path), text, sep="\t")
-            sys.stdout.flush()
-    return 0
-
-
-def _local_time(seconds: float) -> str:
-    return datetime.datetime.fromtimestamp(seconds).isoformat(timespec="milliseconds")
-
-
 async def _watch_once(options: Options) -> int:
     assignments = [parse_assignment(text) for text in options.set]
     expectations = [parse_expectation(text) for text in options.expect]
-    async with _client(options) as client:
+    client = _client(options)
+    if options.check:
+        check_paths(client, assignments, expectations)
+    async with connected(client):
         session = Session(client, note=say)
         look = Look(session, assignments, expectations)
         await look.follow(options.once)
         lines, well = report(session, look, expectations, options.once)
     print("\n".join(lines))
+    if session.table.messages == 0:
+        say(session.silence())
     return 0 if well else 1
 
 
 # The command line
 
 
+class _Parser(argparse.ArgumentParser):
+    """Proposes the nearest for a command that does not exist."""
+
+    def _check_value(self, action: argparse.Action, value: Any) -> None:
+        if action.choices is not None and value not in action.choices:
+            known = list(action.choices)
+            raise argparse.ArgumentError(
+                action, f"there is no {value!r}{suggestion(str(value), known)}; there are: {', '.join(known)}")
+
+
 def _parser() -> argparse.ArgumentParser:
-    parser = argparse.ArgumentParser(prog="vorbel-cli", description="Talks to a Vorbel daemon.")
+    parser = _Parser(prog="vorbel-cli", description="Talks to a Vorbel daemon.")
+    parser.add_argument("--version", action="version", version=f"vorbel-cli {__version__}")
     commands_of = parser.add_subparsers(metavar="COMMAND", required=True)
 
-    def add(name: str, run: Command, text: str, interrupted: int = 130, connects: bool = True,
-            of: "argparse._SubParsersAction[argparse.ArgumentParser]" = commands_of) -> argparse.ArgumentParser:
+    def add(name: str, run: Command, text: str, connects: bool = True,
+            of: "argparse._SubParsersAction[_Parser]" = commands_of) -> argparse.ArgumentParser:
         command = of.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".")
-        command.set_defaults(run=run, interrupted=interrupted)
+        command.set_defaults(run=run)
         if connects:
             _add_connection(command)
         return command
 
-    command = add("watch", watch, "show the values as they come; on a terminal as a table that takes commands", 0)
+    command = add("watch", watch, "show the values as they come; on a terminal as a table that takes commands")
     command.add_argument("--plain", action="store_true", help="lines instead of the table, as when piped")
     command.add_argument("--filter", default="", metavar="TEXT", help="only paths that contain the text")
     command.add_argument("--once", type=_seconds, metavar="SECONDS",
@@ -228,7 +230,7 @@ def _parser() -> argparse.ArgumentParser:
                   connects=False, of=of_schema)
     command.add_argument("file", metavar="FILE")
 
-    command = add("record", record, "write all that comes to a file, until interrupted", 0)
+    command = add("record", record, "write all that comes to a file, until interrupted")
     command.add_argument("file", metavar="FILE", help="NAME.jsonl (JSON Lines) or NAME.csv")
     command.add_argument("--max-size", type=_size, default=0, metavar="BYTES",
                          help="put a file aside at this size and begin a new one; 10M, for instance")

@@ -122,6 +122,7 @@ class Client:
     `schema` is a file or a dict; it is sent after each hello, since a daemon that was restarted has forgotten it,
     and it then holds for all clients of that daemon. `check` False sends it whatever is wrong with it, and values
     as they are. `timeout` is how many seconds to wait for a connection on entering and in write(); None: for ever.
+    `trouble` says why there was no connection last.
     """
 
     def __init__(self, address: str = "localhost", *, schema: Optional[Source] = None, check: bool = True,
@@ -133,7 +134,7 @@ class Client:
         self.lost = 0
         self._check = check
         self._pauses = pauses
-        self._trouble = "no answer yet"
+        self.trouble = "no answer yet"
         self._schema_text = ""
         self._socket: Optional[WebSocketClientProtocol] = None
         self._ready = asyncio.Event()
@@ -171,7 +172,7 @@ class Client:
         waiting.cancel()
         self._is_over()
         if not self._ready.is_set():
-            raise ConnectError(f"No daemon at {self.uri} within {self.timeout:g} s: {self._trouble}")
+            raise ConnectError(f"No daemon at {self.uri} within {self.timeout:g} s: {self.trouble}")
 
     async def close(self) -> None:
         """Ends the connection and the stream of events."""
@@ -290,12 +291,12 @@ class Client:
         pause = shortest
         while True:
             started = time.monotonic()
-            self._trouble = await self._one_connection()
+            self.trouble = await self._one_connection()
             if time.monotonic() - started > longest:
                 pause = shortest
             # Clients that lost one daemon together should not come back together.
             retry_in = pause * random.uniform(0.5, 1)
-            self._emit(Disconnected(self._trouble, retry_in))
+            self._emit(Disconnected(self.trouble, retry_in))
             await asyncio.sleep(retry_in)
             pause = min(2 * pause, longest)
 

@@ -1,5 +1,6 @@
 """What can go wrong, in words for the person who has to put it right."""
 
+import difflib
 import json
 from collections.abc import Iterable, Sequence
 from typing import Any, NamedTuple, Optional
@@ -30,6 +31,12 @@ def quoted(value: Any) -> str:
     """A value as it stands in JSON, cut where it is long."""
     text = json.dumps(value, ensure_ascii=False, default=str)
     return text if len(text) <= 40 else text[:37] + "..."
+
+
+def suggestion(word: str, known: Iterable[str]) -> str:
+    """A question behind a word that is not known, if it is much like one that is."""
+    close = difflib.get_close_matches(word, list(known), n=1)
+    return f' (did you mean "{close[0]}"?)' if close else ""
 
 
 def listed(names: Iterable[str]) -> str:

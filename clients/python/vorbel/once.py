@@ -5,13 +5,14 @@ from collections.abc import Iterable
 from typing import Any, NamedTuple, Optional
 
 from . import paths
-from .client import Values
+from .client import Client, Values
 from .digits import justified
-from .errors import VorbelError
+from .errors import VorbelError, suggestion
 from .schema import Leaf, leaves
 from .session import Session, parse_value, sent_text
 from .table import is_number, number, shown
 from .wire import is_array
+from .writing import prepare
 
 
 class Expectation(NamedTuple):
@@ -46,6 +47,19 @@ def parse_expectation(text: str) -> Expectation:
         return Expectation(*parse_assignment(rest), float(tolerance or 0))
     except ValueError:
         raise VorbelError(f"{tolerance!r} in {text!r} is no number") from None
+
+
+def check_paths(client: Client, assignments: Iterable[tuple[str, Any]], expectations: Iterable[Expectation]) -> None:
+    """Raises VorbelError for what the client's schema says will never be: before anything is sent or waited for."""
+    if client.schema is None:
+        return
+    for path, value in assignments:
+        prepare(client.schema, paths.nest(path, value))
+    known = leaves(client.schema)
+    for path, *_ in expectations:
+        if path not in known:
+            raise VorbelError(paths.shown(f"{path or 'the root'}: does not exist in the schema as a value"
+                                          f"{suggestion(path, known)} and cannot be expected"))
 
 
 class Look:

@@ -3,7 +3,7 @@
 from . import paths, plotting
 from .client import Client, Values
 from .session import Session
-from .terminal import Progress, say
+from .terminal import Progress, connected, say
 
 
 async def plot(client: Client, wanted: list[str], output: str, seconds: float) -> int:
@@ -11,7 +11,7 @@ async def plot(client: Client, wanted: list[str], output: str, seconds: float) -
     plotting.prepare(output)
     courses = {path: plotting.Course() for path in wanted}
     progress = Progress()
-    async with client:
+    async with connected(client):
         session = Session(client, note=progress.note)
         async for event in client.events(seconds):
             session.take(event)
@@ -25,6 +25,8 @@ async def plot(client: Client, wanted: list[str], output: str, seconds: float) -
     if empty:
         say(paths.shown(f"no numbers came for {', '.join(empty)}; "
                         f"there were: {', '.join(session.table.rows) or 'none at all'}"))
+    if not session.table.rows:
+        say(session.silence())
     courses = {path: course for path, course in courses.items() if course.times}
     if courses:
         plotting.draw(courses, output, str(client.hello))

@@ -1,30 +1,42 @@
 """The command that writes all that comes to files."""
 
+import asyncio
 from typing import Optional
 
 from .client import Client
 from .recording import Recorder
 from .session import Session
-from .terminal import Progress, say
+from .terminal import Progress, connected, say
 
 
 async def record(client: Client, recorder: Recorder, seconds: Optional[float]) -> int:
-    """Until interrupted, or for some seconds; returns the exit status."""
-    progress = Progress()
-    lost = 0
+    """For some seconds, or until interrupted, which then is no failure if something was recorded. Returns the exit
+    status."""
+    session = Session(client)
     try:
-        async with client:
-            session = Session(client, note=progress.note)
+        await _follow(session, recorder, seconds)
+    except asyncio.CancelledError:
+        if seconds is not None or recorder.messages == 0:
+            raise
+    finally:
+        recorder.close()
+        say(_summary(recorder, client.lost))
+    if recorder.messages == 0:
+        say(session.silence())
+    return 0 if recorder.messages else 1
+
+
+async def _follow(session: Session, recorder: Recorder, seconds: Optional[float]) -> None:
+    progress = Progress()
+    session.note = progress.note
+    try:
+        async with connected(session.client) as client:
             async for event in client.events(seconds):
                 session.take(event)
                 recorder.record(event)
                 progress.show(f"{recorder.messages} messages, {recorder.written / 1e6:.1f} MB, {_files(recorder)}")
-                lost = client.lost
     finally:
-        recorder.close()
         progress.end()
-        say(_summary(recorder, lost))
-    return 0 if recorder.messages else 1
 
 
 def _summary(recorder: Recorder, lost: int) -> str:

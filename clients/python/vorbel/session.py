@@ -7,7 +7,7 @@ from typing import Any, Callable, Optional
 
 from . import paths
 from .client import Client, Disconnected, Event, Hello, Values
-from .errors import VorbelError
+from .errors import VorbelError, suggestion
 from .schema import Leaf, leaves
 from .table import Row, Table, shown
 from .writing import Written
@@ -71,6 +71,12 @@ class Session:
             self._trouble = event.reason
             self.note(f"no connection: {event.reason}; trying again")
 
+    def silence(self) -> str:
+        """What may be the matter when no values come."""
+        if self.client.schema is None:
+            return "no values came: do frames come, and is a schema in force? --schema FILE sends one"
+        return "no values came: do frames come, and does the schema name them?"
+
     def leaf(self, path: str) -> Optional[Leaf]:
         """What the schema says of a path, if one was sent from here."""
         return self._known_leaves().get(path)
@@ -98,7 +104,9 @@ class Session:
         if words[0] == "filter":
             self.filter = " ".join(words[1:])
             return ""
-        return HELP
+        if words[0] in NAMES:
+            return HELP
+        return f'There is no command "{words[0]}"{suggestion(words[0], NAMES)}: help lists them'
 
     async def _set(self, path: str, value: Any) -> str:
         if not self.up:  # nobody wants it written at some later time
