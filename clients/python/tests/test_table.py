@@ -118,9 +118,33 @@ def test_course_takes_numbers_and_bools():
     ("set a 1\r", ["set a 1"], ""), ("  \r\n", [], ""), ("ab\x7fc\r", ["ac"], ""), ("abc\x15d", [], "d"),
     ("\x1b[Aa\x1b[3~b\x1bOPc", [], "abc"), ("\x04", ["quit"], ""), ("a\x04", [], "a"), ("x\t", [], "x!"),
     ("a\rb\rc", ["a", "b"], "c"),
-], ids=["a line", "empty lines", "backspace", "erase all", "cursor keys", "end of input", "not on a line", "completion",
-        "several lines at once"])
+    ("ac\x1b[Db", [], "abc"), ("bc\x1bOHa", [], "abc"), ("ab\x01\x1b[C\x1b[C\x1b[C\x05c", [], "abc"),
+    ("bc\x1b[1~a\x1b[Fd", [], "abcd"), ("ab\x1b[D\x1b[D\x1b[D\x1b[3~", [], "b"), ("ab\x02\x04", [], "a"),
+    ("ab\x02\x7f", [], "b"), ("abcd\x02\x02\x0b", [], "ab"), ("abcd\x02\x15", [], "d"),
+    ("set a.b  \x17c", [], "set c"), ("set\x17c", [], "c"), ("x y\x02\x02\t", [], "x! y"),
+    ("a\x01b\r", ["ba"], ""),
+], ids=["a line", "empty lines", "backspace", "erase all", "keys without meaning", "end of input", "not on a line",
+        "completion", "several lines at once", "left", "home", "no further than the end", "home and end",
+        "delete, no further left", "delete by control", "backspace within", "erase to the end",
+        "erase to the beginning",
+        "erase a word", "erase the first word", "completion within", "a line with the cursor within"])
 def test_prompt(typed, lines, left):
     prompt = Prompt(complete=lambda text: text + "!")
     assert list(prompt.feed(typed)) == lines
     assert prompt.text == left
+
+
+UP, DOWN = "\x1b[A", "\x1bOB"
+
+
+@pytest.mark.parametrize("typed, left", [
+    (UP, "b"), (UP + UP, "a"), (UP + UP + UP, "a"), (UP + UP + DOWN, "b"), ("new" + UP + DOWN + "er", "newer"),
+    (UP + DOWN + DOWN, ""), (UP + "c", "bc"), ("b\r" + UP + UP, "a"), (UP + "\r" + UP + UP, "a"),
+    (UP + UP + "\r" + UP + UP, "b"), ("\x10\x10\x0e", "b"),
+], ids=["last", "last but one", "no further", "back", "what was begun", "back to nothing", "changed", "repeated",
+        "repeated from history", "older one again", "by control"])
+def test_lines_are_recalled(typed, left):
+    prompt = Prompt(complete=str)
+    assert list(prompt.feed("a\rb\r")) == ["a", "b"]
+    list(prompt.feed(typed))
+    assert (prompt.text, prompt.cursor) == (left, len(left))

@@ -449,12 +449,25 @@ def test_table_outlives_the_daemon(bridge, terminal):
     assert screen.end() == 0
 
 
+def test_typed_lines_can_be_recalled_and_changed(bridge, terminal):
+    screen = terminal("watch", "--schema", MACHINE)
+    screen.wait_for("no values yet")
+    screen.type("set motor.setpoint 5\r")
+    assert bridge.heard() == [(5, 3, "05 00")]
+    screen.type("\x1b[A\x1b[D1\r")
+    assert bridge.heard() == [(5, 3, "0f 00")]
+    screen.type("quit\r")
+    assert screen.end() == 0
+
+
 def test_line_longer_than_the_terminal_shows_its_end(bridge, terminal):
     screen = terminal("watch")
     screen.wait_for("unknown")
     screen.type("set a.path " + 200 * "7" + "890")
     screen.wait_for(93 * "7" + "890")
-    screen.type("\x15quit\r")
+    screen.type("\x01")
+    screen.wait_for("et a.path " + 60 * "7")
+    screen.type("\x05\x15quit\r")
     assert screen.end() == 0
 
 

@@ -52,9 +52,12 @@ class Screen:
         return f"… {hidden} more; narrow them down with: filter TEXT" if hidden > 0 else ""
 
     def _prompt_line(self, width: int) -> Text:
-        """A line that is too long for the terminal shows its end, where the cursor is."""
-        text = self.prompt.text[-max(1, width - 4):]
-        return Text.assemble(("> ", "bold cyan"), text, ("█", "dim"), overflow="crop", no_wrap=True)
+        """Of a line that is too long for the terminal, the part that ends where the cursor is."""
+        text, cursor = self.prompt.text, self.prompt.cursor
+        start = max(0, cursor - max(1, width - 4))
+        under = (text[cursor], "reverse") if cursor < len(text) else ("█", "dim")
+        return Text.assemble(("> ", "bold cyan"), text[start:cursor], under, text[cursor + 1:],
+                             overflow="crop", no_wrap=True)
 
     def _header(self) -> Text:
         session = self.session
