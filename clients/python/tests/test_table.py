@@ -122,12 +122,12 @@ def test_course_takes_numbers_and_bools():
     ("bc\x1b[1~a\x1b[Fd", [], "abcd"), ("ab\x1b[D\x1b[D\x1b[D\x1b[3~", [], "b"), ("ab\x02\x04", [], "a"),
     ("ab\x02\x7f", [], "b"), ("abcd\x02\x02\x0b", [], "ab"), ("abcd\x02\x15", [], "d"),
     ("set a.b  \x17c", [], "set c"), ("set\x17c", [], "c"), ("x y\x02\x02\t", [], "x! y"),
-    ("a\x01b\r", ["ba"], ""),
+    ("a\x01b\r", ["ba"], ""), ("ab\x01\x7f", [], "ab"),
 ], ids=["a line", "empty lines", "backspace", "erase all", "keys without meaning", "end of input", "not on a line",
         "completion", "several lines at once", "left", "home", "no further than the end", "home and end",
         "delete, no further left", "delete by control", "backspace within", "erase to the end",
-        "erase to the beginning",
-        "erase a word", "erase the first word", "completion within", "a line with the cursor within"])
+        "erase to the beginning", "erase a word", "erase the first word", "completion within",
+        "a line with the cursor within", "nothing before the cursor"])
 def test_prompt(typed, lines, left):
     prompt = Prompt(complete=lambda text: text + "!")
     assert list(prompt.feed(typed)) == lines

@@ -68,7 +68,7 @@ class Prompt:
         line = self.text.strip()
         if line and self._lines[-1:] != [line]:
             self._lines.append(line)
-        self._recalled, self._draft = len(self._lines), ""
+        self._recalled = len(self._lines)
         self._show("")
         return line
 
