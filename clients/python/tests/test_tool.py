@@ -430,6 +430,31 @@ def test_watch_on_a_terminal(bridge, terminal, schema_file):
     assert screen.seen.endswith("\x1b[?1049l")  # the terminal is as it was
 
 
+def test_what_is_only_for_writing_appears(bridge, terminal, tool, schema_file):
+    packed = {**LEAF, "@format": "p", "@fragmentation": True}
+    schema = schema_file({"text": packed, "value": {**LEAF, "@cmd": 3}})
+    screen = terminal("watch", "--schema", schema, columns=60)
+    screen.wait_for("no values yet")
+    screen.wait_for("only for writing  ")
+    screen.type('set text "a"\r')
+    screen.wait_for('sent "a"')
+    screen.type("quit\r")
+    assert screen.end() == 0
+    output = tool("watch", "--schema", schema, "--once", "0.3")[1]
+    assert output.splitlines()[-1] == "  text  only for writing"
+
+
+def test_values_are_cut_before_paths(bridge, terminal, schema_file):
+    path = "a" * 40
+    schema = schema_file({path: {**LEAF, "@format": "C", "@flushSize": 60}})
+    screen = terminal("watch", "--schema", schema, columns=80)
+    bridge.daemon.wait_for("info Received schema: .*")
+    bridge.say(5, 2, *["05"] * 60)
+    screen.wait_for(f"{path}   ▁▁▁▁▁  60 ×")
+    screen.type("quit\r")
+    assert screen.end() == 0
+
+
 def test_table_outlives_the_daemon(bridge, terminal):
     """Meanwhile nothing is written: nobody expects an old set point to take effect by itself."""
     screen = terminal("watch", "--schema", MACHINE)

@@ -9,8 +9,9 @@ import termios
 import time
 import tty
 from collections.abc import Iterator
-from typing import Callable
+from typing import Callable, Optional
 
+from rich.cells import cell_len
 from rich.console import Console, Group
 from rich.live import Live
 from rich.table import Table as Grid
@@ -23,6 +24,9 @@ from .table import Row, shown
 
 REFRESH = 0.2  # seconds
 NOTES = 4
+OTHER_COLUMNS = 11 + 7 + 4 * 2  # those of change and age, and the space around all four
+LEAST_VALUE = 12  # columns
+BESIDE_POINTS = 18  # columns for an array's length and its last element
 FRAME_LINES = 5  # around rows and notes: hello, column names and their rule, what is not shown, the prompt
 
 
@@ -66,20 +70,28 @@ class Screen:
         return Text.assemble(state, f" {session.state}  {session.table.messages} messages{filtered}  ",
                              ("help: commands", "dim"), overflow="ellipsis", no_wrap=True)
 
-    def _grid(self, rows: list[tuple[str, Row]], width: int) -> Grid:
-        now = time.time()
-        points = max(5, 5 * (width - 24) // 9 - 18)  # what the value's column leaves beside count and last element
+    def _grid(self, rows: list[tuple[str, Optional[Row]]], width: int) -> Grid:
+        """What does not fit is cut: the values before the paths."""
+        longest = max((cell_len(paths.shown(path)) for path, _ in rows), default=0)
+        path_width = max(len("path"), min(longest, width - OTHER_COLUMNS - LEAST_VALUE))
+        value_width = width - OTHER_COLUMNS - path_width
         grid = Grid(box=None, header_style="bold", pad_edge=False, expand=True)
-        grid.add_column("path", no_wrap=True, overflow="ellipsis", ratio=4)
-        grid.add_column("value", no_wrap=True, overflow="ellipsis", ratio=5)
+        grid.add_column("path", no_wrap=True, overflow="ellipsis", width=path_width)
+        grid.add_column("value", no_wrap=True, overflow="ellipsis", ratio=1)
         grid.add_column("change", justify="right", no_wrap=True, overflow="ellipsis", width=11)
         grid.add_column("age", justify="right", no_wrap=True, overflow="ellipsis", width=7)
         for path, row in rows:
-            stale = "dim" if now - row.time > 10 else ""
-            value = shown(row.value, points, self.session.leaf(path))
-            cells = (paths.shown(path), value, row.change(now), row.age(now))
-            grid.add_row(*map(Text, cells), style=stale)
+            self._add_row(grid, path, row, value_width)
         return grid
+
+    def _add_row(self, grid: Grid, path: str, row: Optional[Row], value_width: int) -> None:
+        if row is None:
+            grid.add_row(Text(paths.shown(path)), Text(self.session.never_read_text(path)), style="dim")
+            return
+        now = time.time()
+        points = max(5, value_width - BESIDE_POINTS)
+        cells = (paths.shown(path), shown(row.value, points, self.session.leaf(path)), row.change(now), row.age(now))
+        grid.add_row(*map(Text, cells), style="dim" if now - row.time > 10 else "")
 
 
 async def watch_live(session: Session) -> int:

@@ -108,10 +108,12 @@ def report(session: Session, look: Look, expectations: Iterable[Expectation], se
         lines.append(f"schema: sent, {len(leaves(client.schema))} leaves")
     lines.append(f"values: {table.messages} messages within {seconds:g} s, {len(table.rows)} paths")
     now = time.time()
-    width = max((len(paths.shown(path)) for path in table.rows), default=0)
+    width = max((len(paths.shown(path)) for path, _ in session.shown_rows()), default=0)
     for path, row in table.rows.items():
         value = shown(row.value, leaf=session.leaf(path))
         lines.append(f"  {paths.shown(path):{width}}  {value}  {row.change(now)}".rstrip())
+    lines += [f"  {paths.shown(path):{width}}  {session.never_read_text(path)}"
+              for path, row in session.shown_rows() if row is None]
     lines += look.sent
     for expectation in expectations:
         seen = f"seen after {look.met[expectation]:.1f} s" if expectation in look.met else "NOT SEEN"

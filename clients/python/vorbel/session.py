@@ -42,6 +42,7 @@ class Session:
         self.up = False
         self.filter = ""
         self._trouble = ""
+        self._sent: dict[str, Any] = {}  # what was last written from here, by path
         self._schema: Optional[dict[str, Any]] = None
         self._leaves: dict[str, Leaf] = {}
 
@@ -81,8 +82,14 @@ class Session:
         """What the schema says of a path, if one was sent from here."""
         return self._known_leaves().get(path)
 
-    def shown_rows(self) -> list[tuple[str, Row]]:
-        return [(path, row) for path, row in self.table.rows.items() if self.filter in path]
+    def shown_rows(self) -> list[tuple[str, Optional[Row]]]:
+        """In the order of the paths; without a row those that are never read."""
+        rows: dict[str, Optional[Row]] = {**dict.fromkeys(self._never_read()), **self.table.rows}
+        return [(path, rows[path]) for path in sorted(rows) if self.filter in path]
+
+    def never_read_text(self, path: str) -> str:
+        """What stands for the value of a leaf that is only for writing."""
+        return f"sent {shown(self._sent[path])}" if path in self._sent else "only for writing"
 
     async def carry_out(self, line: str) -> Optional[str]:
         """Carries out a typed command and returns the answer to it; None for the one that quits."""
@@ -113,6 +120,7 @@ class Session:
             return "Not written: no connection"
         written = await self.client.set(path, value)
         await self.client.confirmed()
+        self._sent[paths.join(paths.split(path))] = value
         return sent_text(path, value, written)
 
     def complete(self, text: str) -> str:
@@ -128,6 +136,10 @@ class Session:
 
     def _paths(self) -> set[str]:
         return set(self.table.rows) | set(self._known_leaves())
+
+    def _never_read(self) -> list[str]:
+        """The daemon only packs values of this format, and never reads one."""
+        return [path for path, leaf in self._known_leaves().items() if leaf.format == "p"]
 
     def _known_leaves(self) -> dict[str, Leaf]:
         if self.client.schema is not self._schema:
