@@ -634,6 +634,31 @@ def test_record_on_a_full_disk(machine, tool, tmp_path):
     assert errors.splitlines()[-1] == f"vorbel-cli: {file}: No space left on device"
 
 
+@pytest.mark.parametrize("name", ["run.jsonl", "run.csv"])
+def test_record_on_a_disk_that_fills_up_keeps_whole_lines(machine, tmp_path, name):
+    file = tmp_path / name
+    process = run_with_files_of(3000, "record", file, "--schema", MACHINE)
+    assert process.returncode == 1
+    assert process.stderr.splitlines()[-1] == f"vorbel-cli: {file}: File too large"
+    text = file.read_text()
+    assert 2000 < len(text) <= 3000 and text.endswith("\n")
+    lines = text.splitlines()
+    assert all(json.loads(line)["values"] for line in lines) if name == "run.jsonl" else (
+        {line.count(",") for line in lines} == {3})
+
+
+def test_record_on_a_disk_without_any_room(bridge, tmp_path):
+    process = run_with_files_of(5, "record", tmp_path / "run.csv")
+    assert (process.returncode, process.stderr) == (1, f"vorbel-cli: {tmp_path}/run.csv: File too large\n")
+    assert list(tmp_path.glob("run*")) == []
+
+
+def run_with_files_of(size, *words):
+    """The tool where no file can have more bytes."""
+    return subprocess.run(["prlimit", f"--fsize={size}", TOOL, *map(str, words)], stdin=subprocess.DEVNULL,
+                          capture_output=True, text=True, timeout=30)
+
+
 def test_record_does_not_overwrite(bridge, tool, tmp_path):
     file = tmp_path / "run.jsonl"
     file.write_text("precious\n")
@@ -691,6 +716,18 @@ def test_plot_on_a_full_disk(machine, tool, tmp_path):
     status, _, errors = tool("plot", "motor.speed", "-o", file, "--for", "1", "--schema", MACHINE)
     assert (status, errors) == (
         1, f"vorbel-cli: The plot cannot be written to {file}: No space left on device\n")
+
+
+@pytest.mark.parametrize("before", [None, b"older"], ids=["new", "older"])
+def test_plot_on_a_disk_that_fills_up_leaves_what_was_there(machine, tmp_path, before):
+    pytest.importorskip("matplotlib")
+    file = tmp_path / "x.png"
+    if before:
+        file.write_bytes(before)
+    process = run_with_files_of(1000, "plot", "motor.speed", "-o", file, "--for", "1", "--schema", MACHINE)
+    assert process.returncode == 1
+    assert process.stderr.splitlines()[-1] == f"vorbel-cli: The plot cannot be written to {file}: File too large"
+    assert [path.read_bytes() for path in tmp_path.glob("x*")] == ([before] if before else [])
 
 
 def test_plot_of_names_that_look_like_formulas(bridge, tool, schema_file, tmp_path):

@@ -1,5 +1,6 @@
 """Values over time as a picture."""
 
+import io
 import os
 import pathlib
 import warnings
@@ -70,10 +71,26 @@ def draw(courses: dict[str, Course], output: str, title: str) -> None:
         panel.grid(alpha=0.3)
     panels[-1, 0].set_xlabel("seconds")
     figure.suptitle(title, parse_math=False)
+    picture = io.BytesIO()
     try:
-        figure.savefig(output)
+        figure.savefig(picture, format=pathlib.Path(output).suffix[1:])
+        _write(pathlib.Path(output).resolve(), picture.getvalue())
     except (OSError, ValueError) as error:
         reason = getattr(error, "strerror", None) or error
         raise VorbelError(f"The plot cannot be written to {output}: {reason}") from None
     finally:
         pyplot.close(figure)
+
+
+def _write(path: pathlib.Path, picture: bytes) -> None:
+    """The whole picture or none: what is there already stays until the new one is complete."""
+    if path.exists() and not path.is_file():
+        path.write_bytes(picture)
+        return
+    part = path.with_name(f"{path.name}.part")
+    try:
+        part.write_bytes(picture)
+        part.replace(path)
+    except OSError:
+        part.unlink(missing_ok=True)
+        raise

@@ -1,5 +1,6 @@
 """Recordings of what a daemon says: JSON Lines or CSV, in files of limited size."""
 
+import contextlib
 import csv
 import io
 import json
@@ -47,7 +48,8 @@ FORMATS: dict[str, tuple[Callable[[Event], str], str]] = {
 
 class Recorder:
     """Writes events to `path`. A file that reached `max_size` bytes is put aside as NAME.1.SUFFIX, NAME.2.SUFFIX and
-    so on; of those the latest `keep` stay (0: all). Raises OSError with the file's name."""
+    so on; of those the latest `keep` stay (0: all). Raises OSError with the file's name when one cannot be written;
+    what was written of the last line is then taken away again."""
 
     def __init__(self, path: Union[str, pathlib.Path], max_size: int = 0, keep: int = 0, append: bool = False) -> None:
         self.path = pathlib.Path(path)
@@ -76,7 +78,7 @@ class Recorder:
     def close(self) -> None:
         """A file that was begun here, and into which nothing came, is taken away again."""
         self._file.close()
-        if self._is_new and self.written == 0:
+        if self._is_new and self._size <= len(self._header):
             self.path.unlink(missing_ok=True)
 
     def _append(self, line: bytes) -> None:
@@ -89,7 +91,11 @@ class Recorder:
         self._file = open(self.path, "ab", buffering=0)
         self._size = self._file.tell()
         if self._size == 0:
-            self._write(self._header.encode())
+            try:
+                self._write(self._header.encode())
+            except OSError:
+                self.close()
+                raise
 
     def _write(self, data: bytes) -> None:
         rest = memoryview(data)
@@ -97,6 +103,8 @@ class Recorder:
             while rest:
                 rest = rest[self._file.write(rest):]
         except OSError as error:
+            with contextlib.suppress(OSError):  # what is no file has no lines either
+                self._file.truncate(self._size)
             raise OSError(error.errno, error.strerror, str(self.path)) from None
         self._size += len(data)
 
@@ -109,6 +117,7 @@ class Recorder:
         for _, old in aside[:max(0, surplus)]:
             old.unlink()
         self.files += 1
+        self._is_new = True
         self._open()
 
     def _earlier_files(self) -> list[tuple[int, pathlib.Path]]:
