@@ -4,10 +4,11 @@ import array
 
 import pytest
 
-from vorbel import Values
-from vorbel.plotting import Course
+from vorbel import Disconnected, Values, VorbelError
+from vorbel.plot import unit_of
+from vorbel.plotting import Course, figure_of
 from vorbel.prompt import Prompt
-from vorbel.recording import csv_rows, json_lines
+from vorbel.recording import Recorder, csv_rows, json_lines, read_recording
 from vorbel.table import Table, plain, shown, sparkline
 from vorbel.watch import fitted
 
@@ -98,6 +99,66 @@ def test_recorded_lines():
     event = Values({"a": floats(1, 2.5), "b": {"c": True}}, 12.5)
     assert json_lines(event) == '{"time":12.5,"values":{"a":[1.0,2.5],"b":{"c":true}}}\n'
     assert csv_rows(event) == "12.500000,a,0,1.0\n12.500000,a,1,2.5\n12.500000,b.c,,true\n"
+
+
+@pytest.mark.parametrize("name", ["run.jsonl", "run.csv"])
+def test_what_was_recorded_is_read_again(tmp_path, name):
+    recorder = Recorder(tmp_path / name)
+    for event in (Values({"a": floats(1, 2.5), "b": {"c": True, "d.e": -3}}, 12.5), Disconnected("gone", 1.0),
+                  Values({"a": floats(4, float("inf"))}, 13.25), Values({"a": floats(7)}, 13.5),
+                  Values({"b": {"c": "text", "d.e": float("-inf")}}, 14.0)):
+        recorder.record(event)
+    recorder.close()
+    read = [(values.time, path, list(value) if isinstance(value, array.array) else value)
+            for values in read_recording(tmp_path / name) for path, value in values.flat().items()]
+    assert read == [(12.5, "a", [1, 2.5]), (12.5, "b.c", True), (12.5, r"b.d\.e", -3), (13.25, "a", [4, float("inf")]),
+                    (13.5, "a", [7]), (14.0, "b.c", "text"), (14.0, r"b.d\.e", float("-inf"))]
+    assert all(type(value) is bool for _, path, value in read[:4] if path == "b.c")
+
+
+@pytest.mark.parametrize("name, text", [
+    ("x.jsonl", '{"time":1,"values":{"a":1}}\n{"time":2,"val'), ("x.csv", "time,path,index,value\n1,a,,1\n2,a,,"),
+], ids=["JSON Lines", "CSV"])
+def test_last_line_that_was_not_finished_is_passed_over(tmp_path, name, text):
+    (tmp_path / name).write_text(text)
+    assert [values.data for values in read_recording(tmp_path / name)] == [{"a": 1}]
+
+
+@pytest.mark.parametrize("name, text, message", [
+    ("x.jsonl", '{"time":1,"values":{"a":1}}\n{"tim\n{"time":1,"values":{"a":1}}\n', "line 2 is none"),
+    ("x.jsonl", '{"values":{"a":1}}\n', "line 1 is none"), ("x.jsonl", "[]\n", "line 1 is none"),
+    ("x.jsonl", '{"time":1,"values":{"a":[{}]}}\n', "line 1 is none"), ("x.jsonl", "[" * 9999 + "\n", "line 1 is none"),
+    ("x.csv", "a,b\n1,2\n", "line 2 is none"), ("x.csv", "time,path,index,value\n1,a,,1\nnow,a,,1\n", "line 3 is none"),
+    ("x.csv", "time,path,index,value\n1,a\n", "line 2 is none"), ("x.txt", "", "one of .jsonl, .ndjson, .csv"),
+])
+def test_what_is_no_recording(tmp_path, name, text, message):
+    (tmp_path / name).write_text(text)
+    with pytest.raises(VorbelError, match=message):
+        list(read_recording(tmp_path / name))
+
+
+def test_figure_has_units_and_draws_flags_as_steps():
+    pyplot = pytest.importorskip("matplotlib.pyplot")
+    courses = {"speed": Course(), "flag": Course(), "was.a.flag": Course(), "flags": Course()}
+    for at, value in enumerate((True, False)):
+        courses["speed"].add(at, 10.0 + at)
+        courses["flag"].add(value, 10.0 + at)
+        courses["flags"].add(floats(1, 0), 10.0 + at)
+    courses["was.a.flag"].add(True, 10.0)
+    courses["was.a.flag"].add(2, 11.0)
+    figure = figure_of(courses, "title", {path: "$rpm" if path == "speed" else "" for path in courses})
+    assert [panel.get_ylabel() for panel in figure.axes] == ["$rpm", "", "", ""]
+    assert [panel.lines[0].get_drawstyle() for panel in figure.axes] == ["default", "steps-post", "default", "default"]
+    assert [label.get_text() for label in figure.axes[1].get_yticklabels()] == ["false", "true"]
+    assert list(figure.axes[1].lines[0].get_xdata()) == [0, 1]
+    pyplot.close(figure)
+
+
+@pytest.mark.parametrize("path, unit", [("motor.speed", "rpm"), ("motor", ""), ("motor.current", ""), ("nosuch.a", ""),
+                                        ("motor.speed.unit", "")])
+def test_unit_of_a_path(path, unit):
+    schema = {"motor": {"speed": {"@mac": 5, "unit": "rpm"}, "current": {"@mac": 5, "unit": 3}}}
+    assert unit_of(schema, path) == unit
 
 
 def test_course_spreads_an_array_over_the_time_since_the_message_before():

@@ -692,6 +692,32 @@ def test_plot(machine, tool, tmp_path):
     assert len({tuple(pixel) for row in picture for pixel in row}) > 20  # lines, grid, text
 
 
+@pytest.mark.parametrize("suffix", ["jsonl", "csv"])
+def test_plot_of_recordings(machine, tool, tmp_path, suffix):
+    """Without the daemon that they are of."""
+    pytest.importorskip("matplotlib")
+    files = [tmp_path / f"{name}.{suffix}" for name in "ab"]
+    for file in files:
+        assert tool("record", file, "--schema", MACHINE, "--for", "2")[0] == 0
+    points = sum(text.count('"door"') if suffix == "jsonl" else text.count(",door.open,")
+                 for text in (file.read_text() for file in files))
+    machine.stop()
+    picture = tmp_path / "x.png"
+    status, output, errors = tool("plot", "door.open", "-o", picture, "--from", files[0], "--from", files[1],
+                                  "--schema", MACHINE)
+    assert (status, output, errors) == (0, f"{picture}: {points} points\n", "") and picture.exists()
+    status, _, errors = tool("plot", "door.opened", "-o", picture, "--from", files[0])
+    assert status == 1
+    assert errors.startswith("vorbel-cli: no numbers came for door.opened; there were: battery.cells.a, ")
+
+
+def test_plot_of_a_recording_that_is_not_there(tool, tmp_path):
+    pytest.importorskip("matplotlib")
+    file = tmp_path / "nosuch.csv"
+    assert tool("plot", "a", "-o", tmp_path / "x.png", "--from", file) == (
+        1, "", f"vorbel-cli: {file}: No such file or directory\n")
+
+
 def test_plot_of_a_path_that_does_not_come(machine, tool, tmp_path):
     pytest.importorskip("matplotlib")
     status, _, errors = tool("plot", "motor.spede", "-o", tmp_path / "x.png", "--for", "2", "--schema", MACHINE)

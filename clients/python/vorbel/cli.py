@@ -17,10 +17,10 @@ from .checks import check, check_text
 from .client import Client
 from .errors import VorbelError, suggestion
 from .once import Look, check_paths, parse_assignment, parse_expectation, report
-from .plot import plot as plot_to_file
+from .plot import plot as plot_to_file, plot_recordings
 from .record import record as record_to_files
 from .recording import Recorder
-from .schema import leaves, parse, read
+from .schema import leaves, load_schema, parse, read
 from .session import Session, parse_value, sent_text
 from .terminal import connected, is_dumb, say
 from .watch import NARROW, watch_lines
@@ -132,6 +132,9 @@ async def record(options: Options) -> int:
 
 
 async def plot(options: Options) -> int:
+    if options.recordings:
+        return plot_recordings(options.recordings, options.paths, options.output,
+                               load_schema(options.schema) if options.schema else None)
     return await plot_to_file(_client(options), options.paths, options.output, options.seconds)
 
 
@@ -243,6 +246,9 @@ def _parser() -> argparse.ArgumentParser:
     command.add_argument("-o", "--output", required=True, metavar="FILE.png")
     command.add_argument("--for", dest="seconds", type=_seconds, default=10, metavar="SECONDS",
                          help="how long to collect (default %(default)s)")
+    command.add_argument("--from", dest="recordings", action="append", metavar="RECORDING",
+                         help="draw what was recorded instead; for several files in their order, several times. No "
+                              "daemon is needed, and the schema is not sent: it says the units")
     return parser
 
 

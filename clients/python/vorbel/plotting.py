@@ -21,17 +21,20 @@ class Course:
     def __init__(self) -> None:
         self.times: list[float] = []
         self.values: list[float] = []
+        self.is_flag = True  # whether all of them were true or false
         self._before: Optional[float] = None
 
     def add(self, value: Any, time: float) -> None:
         if is_array(value) and len(value):
             self._spread([number(element) for element in value], time)
         elif is_number(value) or isinstance(value, bool):
+            self.is_flag = self.is_flag and isinstance(value, bool)
             self._point(time, float(value))
         self._before = time
 
     def _spread(self, elements: list[float], time: float) -> None:
         """When the first array was begun nobody knows: only its last element has a time."""
+        self.is_flag = False
         if self._before is None:
             self._point(time, elements[-1])
             return
@@ -57,8 +60,8 @@ def prepare(output: str) -> None:
         raise VorbelError(f"The plot cannot be written to {output}: there is no such folder, or it is not yours")
 
 
-def draw(courses: dict[str, Course], output: str, title: str) -> None:
-    """One panel for each path, with a common axis of seconds; the suffix of `output` says the format."""
+def figure_of(courses: dict[str, Course], title: str, units: dict[str, str]) -> Any:
+    """One panel for each path, with a common axis of seconds."""
     from matplotlib import pyplot
 
     warnings.filterwarnings("ignore", "Glyph")  # characters that the font lacks are drawn as boxes
@@ -66,11 +69,29 @@ def draw(courses: dict[str, Course], output: str, title: str) -> None:
     figure, panels = pyplot.subplots(len(courses), sharex=True, squeeze=False, layout="constrained",
                                      figsize=(9, 1 + 1.8 * len(courses)))
     for panel, (path, course) in zip(panels[:, 0], courses.items()):
-        panel.plot([time - start for time in course.times], course.values, ".-", markersize=3, linewidth=1)
+        _draw_course(panel, [time - start for time in course.times], course)
         panel.set_title(paths.shown(path), loc="left", fontsize="medium", parse_math=False)
+        panel.set_ylabel(paths.shown(units[path]), parse_math=False)
         panel.grid(alpha=0.3)
     panels[-1, 0].set_xlabel("seconds")
     figure.suptitle(title, parse_math=False)
+    return figure
+
+
+def _draw_course(panel: Any, times: list[float], course: Course) -> None:
+    """A flag stays as it is until it changes, and has no values between."""
+    if course.is_flag:
+        panel.plot(times, course.values, ".-", markersize=3, linewidth=1, drawstyle="steps-post")
+        panel.set_yticks([0, 1], ["false", "true"])
+    else:
+        panel.plot(times, course.values, ".-", markersize=3, linewidth=1)
+
+
+def draw(courses: dict[str, Course], output: str, title: str, units: dict[str, str]) -> None:
+    """The figure as a file; the suffix of `output` says the format."""
+    from matplotlib import pyplot
+
+    figure = figure_of(courses, title, units)
     picture = io.BytesIO()
     try:
         figure.savefig(picture, format=pathlib.Path(output).suffix[1:])

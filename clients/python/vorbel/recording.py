@@ -1,14 +1,17 @@
 """Recordings of what a daemon says: JSON Lines or CSV, in files of limited size."""
 
+import array
 import contextlib
 import csv
 import io
 import json
 import pathlib
+from collections.abc import Iterable, Iterator
 from typing import Any, Callable, Union
 
 from .client import Disconnected, Event, Undecodable, Values
 from .errors import VorbelError
+from .paths import nest
 from .table import number, plain
 from .wire import is_array
 
@@ -44,6 +47,78 @@ def _cell(value: Any) -> Any:
 
 FORMATS: dict[str, tuple[Callable[[Event], str], str]] = {
     ".jsonl": (json_lines, ""), ".ndjson": (json_lines, ""), ".csv": (csv_rows, "time,path,index,value\n")}
+
+
+def read_recording(path: Union[str, pathlib.Path]) -> Iterator[Values]:
+    """The values of a recording with their times. Raises VorbelError for what is none, and OSError; a last line that
+    was never finished is passed over."""
+    path = pathlib.Path(path)
+    if path.suffix not in FORMATS:
+        raise VorbelError(f"{path} says by its suffix how it was recorded: it must be one of {', '.join(FORMATS)}")
+    read = _read_rows if path.suffix == ".csv" else _read_json_lines
+    with open(path, encoding="utf-8", newline="") as file:
+        lines = _Lines(file)
+        try:
+            yield from read(lines)
+        except (ValueError, KeyError, TypeError, AttributeError, RecursionError):
+            raise VorbelError(f"{path}: line {lines.number} is none of a recording") from None
+
+
+class _Lines:
+    """The finished lines of a file, and the number of the one that is being read."""
+
+    def __init__(self, file: Iterable[str]) -> None:
+        self._file = file
+        self.number = 0
+
+    def __iter__(self) -> Iterator[str]:
+        for line in self._file:
+            self.number += 1
+            if line.endswith("\n"):
+                yield line
+
+
+def _read_json_lines(lines: Iterable[str]) -> Iterator[Values]:
+    for line in lines:
+        entry = json.loads(line)
+        if entry.get("values") is not None:
+            yield Values(_number_or_value(entry["values"]), float(entry["time"]))
+
+
+def _number_or_value(value: Any) -> Any:
+    """What plain() made of a value, made what it was, as far as it is a number."""
+    if isinstance(value, dict):
+        return {name: _number_or_value(member) for name, member in value.items()}
+    if isinstance(value, list):
+        return array.array("d", map(float, value))
+    return float(value) if value in ("nan", "inf", "-inf") else value
+
+
+def _read_rows(lines: Iterable[str]) -> Iterator[Values]:
+    """The rows of an array follow one another, from the index 0 on."""
+    elements = array.array("d")
+    begun = ("", 0.0)  # their path and time
+    for row in csv.DictReader(lines, strict=True):
+        path, time = row["path"], float(row["time"])
+        if elements and row["index"] in ("", "0"):
+            yield Values(nest(begun[0], elements), begun[1])
+            elements = array.array("d")
+        if row["index"]:
+            begun = path, time
+            elements.append(float(row["value"]))
+        else:
+            yield Values(nest(path, _from_cell(row["value"])), time)
+    if elements:
+        yield Values(nest(begun[0], elements), begun[1])
+
+
+def _from_cell(cell: str) -> Any:
+    if cell in ("true", "false"):
+        return cell == "true"
+    try:
+        return float(cell)
+    except ValueError:
+        return cell
 
 
 class Recorder:
