@@ -133,3 +133,19 @@ def test_words_for_pytest(tree):
     tree.stand_in(tree.root / "tests" / "system" / "run")
     assert tree.run("scripts/test", "--system", "-k", "adapter")[0] == 0
     assert tree.calls == ["run -k adapter"]
+
+
+def test_the_demonstration_shows_what_it_builds_and_where_the_monitor_is(tree):
+    tree.program("dpkg-query", "echo install ok installed")
+    tree.program("npm", 'echo "npm at work"', f"mkdir -p {tree.root}/clients/node_modules {tree.root}/clients/monitor/dist")
+    tree.stand_in(tree.root / "build" / "release" / "vorbel", "exec sleep 30")
+    tree.stand_in(tree.root / "clients" / "python" / "vorbel-cli")
+    (tree.root / "sim" / "simulated_bus.py").write_text("")
+    (tree.root / "examples").mkdir()
+    (tree.root / "examples" / "machine.schema.json").touch()
+    status, _, errors = tree.run("scripts/demo")
+    told = [errors.index(text) for text in (
+        "Building the monitor", "Installing what the TypeScript clients are built with", "npm at work",
+        "The monitor: http://127.0.0.1:8443/?schema=machine.schema.json")]
+    assert status == 0 and told == sorted(told)
+    assert "watch --schema examples/machine.schema.json --title The monitor: http://127.0.0.1:8443/" in tree.calls[-1]

@@ -474,6 +474,17 @@ def test_table_outlives_the_daemon(bridge, terminal):
     assert screen.end() == 0
 
 
+def test_title_stays_above_the_table(bridge, terminal, tool):
+    screen = terminal("watch", "--title", "The page is at http://a")
+    screen.wait_for("\x1b[H\x1b[1mThe page is at http://a\x1b[0m")
+    screen.seen = ""
+    screen.wait_for("\x1b[H\x1b[1mThe page is at http://a\x1b[0m")
+    screen.type("quit\r")
+    assert screen.end() == 0
+    lines = tool.start("watch", "--title", "The page is at http://a").stderr
+    assert lines.readline() == "vorbel-cli: The page is at http://a\n"
+
+
 def test_typed_lines_can_be_recalled_and_changed(bridge, terminal):
     screen = terminal("watch", "--schema", MACHINE)
     screen.wait_for("no values yet")

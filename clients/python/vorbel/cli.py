@@ -83,7 +83,7 @@ async def watch(options: Options) -> int:
     live = _live_module(options)
     async with connected(_client(options)) as client:
         session = Session(client, note=say)
-        session.filter = options.filter
+        session.title, session.filter = options.title, options.filter
         try:
             await (live.watch_live(session) if live else watch_lines(session))
         except asyncio.CancelledError:
@@ -214,6 +214,7 @@ def _parser() -> argparse.ArgumentParser:
     command = add("watch", watch, "show the values as they come; on a terminal as a table that takes commands")
     command.add_argument("--plain", action="store_true", help="lines instead of the table, as when piped")
     command.add_argument("--filter", default="", metavar="TEXT", help="only paths that contain the text")
+    command.add_argument("--title", default="", metavar="TEXT", help="a line that stays above the table")
     command.add_argument("--once", type=_seconds, metavar="SECONDS",
                          help="print a summary after so long; the exit status is 1 if no values came or one of "
                               "those expected did not")

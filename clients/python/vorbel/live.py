@@ -31,7 +31,7 @@ FRAME_LINES = 5  # around rows and notes: hello, column names and their rule, wh
 
 
 class Screen:
-    """What stands on the terminal: the hello, the table, the last notes, the prompt."""
+    """What stands on the terminal: a title, the hello, the table, the last notes, the prompt."""
 
     def __init__(self, session: Session) -> None:
         self.session = session
@@ -43,9 +43,10 @@ class Screen:
 
     def draw(self, width: int, height: int) -> Group:
         rows = self.session.shown_rows()
-        room = max(1, height - FRAME_LINES - len(self.notes))
+        titles = [self.session.title] if self.session.title else []
+        room = max(1, height - FRAME_LINES - len(titles) - len(self.notes))
         remark = self._remark(len(rows) - room)
-        return Group(self._header(), self._grid(rows[:room], width),
+        return Group(*(_line(title, "bold") for title in titles), self._header(), self._grid(rows[:room], width),
                      *([_line(f"  {remark}", "dim")] if remark else []),
                      *(_line(note, "yellow") for note in self.notes), self._prompt_line(width))
 

@@ -40,6 +40,7 @@ class Session:
         self.table = Table()
         self.state = ""
         self.up = False
+        self.title = ""
         self.filter = ""
         self._trouble = ""
         self._sent: dict[str, Any] = {}  # what was last written from here, by path
