@@ -17,4 +17,10 @@ export default typescript.config(
             "@typescript-eslint/no-unsafe-return": "off",
         },
     },
+    {
+        files: ["monitor/src/model/**"],
+        rules: {
+            "no-restricted-globals": ["error", "window", "document", "location", "localStorage", "navigator", "fetch"],
+        },
+    },
 );

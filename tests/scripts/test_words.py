@@ -137,7 +137,8 @@ def test_words_for_pytest(tree):
 
 def test_the_demonstration_shows_what_it_builds_and_where_the_monitor_is(tree):
     tree.program("dpkg-query", "echo install ok installed")
-    tree.program("npm", 'echo "npm at work"', f"mkdir -p {tree.root}/clients/node_modules {tree.root}/clients/monitor/dist")
+    tree.program("npm", "echo npm at work",
+                 f"mkdir -p {tree.root}/clients/node_modules {tree.root}/clients/monitor/dist")
     tree.stand_in(tree.root / "build" / "release" / "vorbel", "exec sleep 30")
     tree.stand_in(tree.root / "clients" / "python" / "vorbel-cli")
     (tree.root / "sim" / "simulated_bus.py").write_text("")

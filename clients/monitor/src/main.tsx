@@ -1,7 +1,8 @@
 import { render } from "preact";
 import "uplot/dist/uPlot.min.css";
 import { Session } from "./model/session";
+import { surroundings } from "./page";
 import "./style.css";
 import { App } from "./view/app";
 
-render(<App session={new Session()} />, document.getElementById("app")!);
+render(<App session={new Session(surroundings())} />, document.getElementById("app")!);

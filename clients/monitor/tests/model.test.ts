@@ -4,6 +4,7 @@ import { decimate } from "../src/model/decimate";
 import { History } from "../src/model/history";
 import { Log } from "../src/model/log";
 import { Rate } from "../src/model/rate";
+import { Session, type Surroundings } from "../src/model/session";
 import { Source } from "../src/model/source";
 import { ageText, numberText, rateText, valueText } from "../src/model/text";
 import { Tree } from "../src/model/tree";
@@ -300,6 +301,71 @@ describe("writing", () => {
 
     test("does not guess the payload of packed values", () => {
         expect(payloadOf(new Map([[leafOf({ "@format": "p" }), 1]]))).toBeUndefined();
+    });
+});
+
+describe("a session", () => {
+    const schema = '{"a": {"@mac": 5, "@cmd": 2, "@format": "s"}}';
+    const addresses: string[] = [];
+    beforeEach(() => {
+        addresses.length = 0;
+        vi.stubGlobal(
+            "WebSocket",
+            class {
+                constructor(url: string) {
+                    addresses.push(url);
+                }
+                close() {}
+            },
+        );
+    });
+    afterEach(() => void vi.unstubAllGlobals());
+
+    function sessionWith(query: Record<string, string>, remembered: Record<string, string> = {}, text = schema) {
+        const saved = new Map(Object.entries(remembered));
+        const surroundings: Surroundings = {
+            home: "plant",
+            query: new URLSearchParams(query),
+            memory: { load: (name) => saved.get(name), save: (name, text) => void saved.set(name, text) },
+            read: (name) => (name === "a.json" ? Promise.resolve(text) : Promise.reject(new Error("no such file"))),
+        };
+        const session = new Session(surroundings);
+        session.disconnect();
+        return { session, saved };
+    }
+
+    test.each([
+        ["where it runs", {}, {}, "plant"],
+        ["where it was last", {}, { address: "last" }, "last"],
+        ["where it is asked to", { address: "asked" }, { address: "last" }, "asked"],
+    ])("begins %s", (_, query, remembered, address) => {
+        const { session, saved } = sessionWith(query, remembered);
+        expect([session.address, addresses, saved.get("address")]).toEqual([
+            address,
+            [`ws://${address}:10443`],
+            address,
+        ]);
+    });
+
+    test("uses the schema that it remembers, if it is still one", () => {
+        expect(leavesOf(sessionWith({}, { schema }).session.schema!)).toHaveLength(1);
+        expect(sessionWith({}, { schema: "{" }).session.schema).toBeUndefined();
+    });
+
+    test("reads a schema that it is asked to use, and remembers it", async () => {
+        const { session, saved } = sessionWith({ schema: "a.json" });
+        await vi.waitFor(() => expect(session.schema).toEqual(JSON.parse(schema)));
+        expect(saved.get("schema")).toBe(schema);
+    });
+
+    test("says which schema could not be read", async () => {
+        const { session } = sessionWith({ schema: "b.json" });
+        await vi.waitFor(() =>
+            expect(session.log.entries[0]).toMatchObject({
+                text: "The schema b.json could not be loaded",
+                detail: "no such file",
+            }),
+        );
     });
 });
 

@@ -18,19 +18,27 @@ import {
     type Written,
 } from "vorbel";
 import { Log } from "./log";
-import { load, save } from "./memory";
 import { Source } from "./source";
 import { hexText, valueText } from "./text";
 import { Tree, type TreeNode } from "./tree";
 import { payloadOf } from "./writing";
 
-/** Where a daemon is to be expected when nobody said: where the page came from. */
-function defaultAddress(): string {
-    const { protocol, hostname, host } = window.location;
-    // A page that came through TLS may not open a plain connection; its server is the one to pass it on.
-    if (protocol === "https:") return `wss://${host}/vorbel`;
-    return hostname || "127.0.0.1";
-}
+/** Texts by name that stay from one visit to the next, as far as they can. */
+export type Memory = {
+    load(name: string): string | undefined;
+    save(name: string, text: string): void;
+};
+
+/** What a session is given of where it runs. */
+export type Surroundings = {
+    /** The address to begin with when none was asked for or is remembered. */
+    home: string;
+    /** What was asked for: "address", "schema" (the name of a file), "plot" (paths with commas between them). */
+    query: { get(name: string): string | null };
+    memory: Memory;
+    /** The text of a file by its name. */
+    read: (name: string) => Promise<string>;
+};
 
 /** One page's dealings with one daemon at a time. Its sources say what changed. */
 export class Session {
@@ -56,14 +64,16 @@ export class Session {
     writing: TreeNode | undefined;
     #client: Client | undefined;
 
-    constructor() {
-        const asked = new URLSearchParams(window.location.search);
-        this.address = asked.get("address") ?? load("address") ?? defaultAddress();
-        this.#wanted = asked.get("plot")?.split(",") ?? [];
-        this.schemaText = load("schema") ?? "";
+    readonly #memory: Memory;
+
+    constructor({ home, query, memory, read }: Surroundings) {
+        this.#memory = memory;
+        this.address = query.get("address") ?? memory.load("address") ?? home;
+        this.#wanted = query.get("plot")?.split(",") ?? [];
+        this.schemaText = memory.load("schema") ?? "";
         if (this.schemaText && isUsable(this.schemaText)) this.#use(JSON.parse(this.schemaText));
-        const schema = asked.get("schema");
-        if (schema) void this.#loadSchema(schema);
+        const schema = query.get("schema");
+        if (schema) void this.#loadSchema(schema, read);
         this.connect(this.address);
     }
 
@@ -76,7 +86,7 @@ export class Session {
             return (error as Error).message;
         }
         this.address = address;
-        save("address", address);
+        this.#memory.save("address", address);
         if (this.#client?.url !== url) {
             this.disconnect();
             if (this.#client) this.#forgetReadings();
@@ -97,7 +107,7 @@ export class Session {
         const schema = parseJson(text) as Schema;
         if (send) this.#client?.setSchema(schema);
         this.schemaText = text;
-        save("schema", text);
+        this.#memory.save("schema", text);
         this.#use(schema);
         const leaves = `${leavesOf(schema).length} leaves`;
         if (!send) this.log.add("schema", `Schema of ${leaves} used here`, "not sent to the daemon");
@@ -105,12 +115,10 @@ export class Session {
         else this.log.add("schema", `Schema of ${leaves} kept`, "goes out with the next connection");
     }
 
-    /** Uses a schema that lies beside the page on its server. */
-    async #loadSchema(name: string): Promise<void> {
+    /** Uses a schema that has to be read first. */
+    async #loadSchema(name: string, read: Surroundings["read"]): Promise<void> {
         try {
-            const response = await fetch(name);
-            if (!response.ok) throw new Error(`the page's server answers ${response.status}`);
-            const text = await response.text();
+            const text = await read(name);
             parseSchema(text);
             this.setSchema(text, false);
         } catch (error) {

@@ -1,6 +1,6 @@
 import { useLayoutEffect, useState } from "preact/hooks";
-import { load, save } from "../model/memory";
 import type { Session } from "../model/session";
+import { memory } from "../page";
 import { Icon } from "./icons";
 
 const stateWords = {
@@ -111,9 +111,9 @@ function useTheme(theme: string): void {
 }
 
 function ThemeButton() {
-    const [theme, setTheme] = useState(() => load("theme") ?? "auto");
+    const [theme, setTheme] = useState(() => memory.load("theme") ?? "auto");
     useTheme(theme);
-    useLayoutEffect(() => save("theme", theme), [theme]);
+    useLayoutEffect(() => memory.save("theme", theme), [theme]);
     const next = themes[(themes.indexOf(theme as "auto") + 1) % themes.length]!;
     return (
         <button

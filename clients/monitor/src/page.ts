@@ -1,0 +1,40 @@
+import type { Memory, Surroundings } from "./model/session";
+
+/** What the page remembers from one visit to the next; nothing where the browser does not let it. */
+export const memory: Memory = {
+    load(name) {
+        try {
+            return localStorage.getItem(`vorbel.${name}`) ?? undefined;
+        } catch {
+            return undefined;
+        }
+    },
+    save(name, text) {
+        try {
+            localStorage.setItem(`vorbel.${name}`, text);
+        } catch {
+            // It is only a convenience.
+        }
+    },
+};
+
+/** What the page's URL and its server have to say. */
+export function surroundings(): Surroundings {
+    const { search } = window.location;
+    return { home: home(), query: new URLSearchParams(search), memory, read };
+}
+
+/** Where a daemon is to be expected when nobody said: where the page came from. */
+function home(): string {
+    const { protocol, hostname, host } = window.location;
+    // A page that came through TLS may not open a plain connection; its server is the one to pass it on.
+    if (protocol === "https:") return `wss://${host}/vorbel`;
+    return hostname || "127.0.0.1";
+}
+
+/** The text of a file that lies beside the page on its server. */
+async function read(name: string): Promise<string> {
+    const response = await fetch(name);
+    if (!response.ok) throw new Error(`the page's server answers ${response.status}`);
+    return response.text();
+}
