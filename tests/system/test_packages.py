@@ -108,7 +108,8 @@ def test_the_python_client_is_the_module_the_tool_and_their_documents(python_pac
 
 
 def test_the_python_client_depends_on_what_it_imports(python_package):
-    names = {name: re.sub(r" \(.*?\)", "", field(python_package, name)) for name in ("Depends", "Recommends", "Suggests")}
+    names = {name: re.sub(r" \(.*?\)", "", field(python_package, name))
+             for name in ("Depends", "Recommends", "Suggests")}
     assert names == {"Depends": "python3, python3-websockets, python3-msgpack, python3-rich",
                      "Recommends": "python3-matplotlib", "Suggests": "python3-numpy"}
 

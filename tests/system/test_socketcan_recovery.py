@@ -45,7 +45,8 @@ async def speaks(bus, client):
 def heard_soon(guest, peer):
     """Checks that what happens inside brings a link back that is heard as soon as promised."""
     with Watch(guest) as watch:
-        guest.run(f"(while sleep 0.05; do cansend {peer} '085#0100' || true; done) >/dev/null 2>&1 &\necho $! >/run/talker.pid")
+        guest.run(f"(while sleep 0.05; do cansend {peer} '085#0100' || true; done) >/dev/null 2>&1 &\n"
+                  "echo $! >/run/talker.pid")
         try:
             yield
             back = now(guest)

@@ -5,6 +5,7 @@ import subprocess
 
 import pytest
 
+
 @pytest.fixture
 def newer(guest, packages, tmp_path):
     """The same package with a higher version, and a new default in the environment file."""
