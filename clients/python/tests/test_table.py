@@ -146,11 +146,12 @@ def test_figure_has_units_and_draws_flags_as_steps():
         courses["flags"].add(floats(1, 0), 10.0 + at)
     courses["was.a.flag"].add(True, 10.0)
     courses["was.a.flag"].add(2, 11.0)
-    figure = figure_of(courses, "title", {path: "$rpm" if path == "speed" else "" for path in courses})
-    assert [panel.get_ylabel() for panel in figure.axes] == ["$rpm", "", "", ""]
+    figure = figure_of(courses, "title", {path: "$r_{$" if path == "speed" else "" for path in courses})
+    assert [panel.get_ylabel() for panel in figure.axes] == ["$r_{$", "", "", ""]
     assert [panel.lines[0].get_drawstyle() for panel in figure.axes] == ["default", "steps-post", "default", "default"]
     assert [label.get_text() for label in figure.axes[1].get_yticklabels()] == ["false", "true"]
     assert list(figure.axes[1].lines[0].get_xdata()) == [0, 1]
+    figure.canvas.draw()  # which would fail on a formula that is none
     pyplot.close(figure)
 
 
