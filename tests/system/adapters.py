@@ -201,7 +201,14 @@ class GadgetAdapter:
             bring_aboard(self.guest, "feed")
             shutil.copytree(SIM, self.guest.share / "sim", ignore=shutil.ignore_patterns("__pycache__"),
                             dirs_exist_ok=True)
-            self.guest.run(f"python3 -B /host/feed {STREAM_PERIOD} >/host/feed.log 2>&1 &\necho $! >/run/feed.pid")
+            self.guest.run(f"""
+                python3 -B /host/feed {STREAM_PERIOD} >/run/feed.log 2>&1 &
+                echo $! >/run/feed.pid
+                # On a busy host its start takes longer than an adapter may be silent.
+                for i in $(seq 600); do grep -q ready /run/feed.log && exit; sleep 0.1; done
+                cat /run/feed.log
+                exit 1
+            """, limit=120)
             self.feeding = True
         if self.feeding:
             self.guest.run(f"kill -{'CONT' if on else 'STOP'} $(cat /run/feed.pid)")
