@@ -6,7 +6,7 @@ import pytest
 
 from vorbel import Disconnected, Values, VorbelError
 from vorbel.plot import unit_of
-from vorbel.plotting import Course, figure_of
+from vorbel.plotting import Series, figure_of
 from vorbel.prompt import Prompt
 from vorbel.recording import Recorder, csv_rows, json_lines, read_recording
 from vorbel.table import Table, plain, shown, sparkline
@@ -139,14 +139,14 @@ def test_what_is_no_recording(tmp_path, name, text, message):
 
 def test_figure_has_units_and_draws_flags_as_steps():
     pyplot = pytest.importorskip("matplotlib.pyplot")
-    courses = {"speed": Course(), "flag": Course(), "was.a.flag": Course(), "flags": Course()}
+    series = {"speed": Series(), "flag": Series(), "was.a.flag": Series(), "flags": Series()}
     for at, value in enumerate((True, False)):
-        courses["speed"].add(at, 10.0 + at)
-        courses["flag"].add(value, 10.0 + at)
-        courses["flags"].add(floats(1, 0), 10.0 + at)
-    courses["was.a.flag"].add(True, 10.0)
-    courses["was.a.flag"].add(2, 11.0)
-    figure = figure_of(courses, "title", {path: "$r_{$" if path == "speed" else "" for path in courses})
+        series["speed"].add(at, 10.0 + at)
+        series["flag"].add(value, 10.0 + at)
+        series["flags"].add(floats(1, 0), 10.0 + at)
+    series["was.a.flag"].add(True, 10.0)
+    series["was.a.flag"].add(2, 11.0)
+    figure = figure_of(series, "title", {path: "$r_{$" if path == "speed" else "" for path in series})
     assert [panel.get_ylabel() for panel in figure.axes] == ["$r_{$", "", "", ""]
     assert [panel.lines[0].get_drawstyle() for panel in figure.axes] == ["default", "steps-post", "default", "default"]
     assert [label.get_text() for label in figure.axes[1].get_yticklabels()] == ["false", "true"]
@@ -163,17 +163,17 @@ def test_unit_of_a_path(path, unit):
 
 
 def test_course_spreads_an_array_over_the_time_since_the_message_before():
-    course = Course()
-    course.add(floats(1, 2, 3), 10)
-    course.add(floats(4, 5), 12)
-    assert (course.times, course.values) == ([10, 11, 12], [3, 4, 5])
+    line = Series()
+    line.add(floats(1, 2, 3), 10)
+    line.add(floats(4, 5), 12)
+    assert (line.times, line.values) == ([10, 11, 12], [3, 4, 5])
 
 
 def test_course_takes_numbers_and_bools():
-    course = Course()
+    line = Series()
     for time, value in enumerate((1, True, "text", floats(), 2.5)):
-        course.add(value, time)
-    assert (course.times, course.values) == ([0, 1, 4], [1, 1, 2.5])
+        line.add(value, time)
+    assert (line.times, line.values) == ([0, 1, 4], [1, 1, 2.5])
 
 
 @pytest.mark.parametrize("typed, lines, left", [

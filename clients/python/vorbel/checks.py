@@ -71,7 +71,7 @@ class _Kind(NamedTuple):
     largest: float = math.inf
 
 
-def _is_number(value: Any) -> bool:
+def _is_finite_number(value: Any) -> bool:
     if isinstance(value, bool) or not isinstance(value, (int, float)):
         return False
     try:
@@ -81,10 +81,10 @@ def _is_number(value: Any) -> bool:
 
 
 def _whole(least: int, largest: int) -> _Kind:
-    return _Kind("a whole number", lambda value: _is_number(value) and value == int(value), least, largest)
+    return _Kind("a whole number", lambda value: _is_finite_number(value) and value == int(value), least, largest)
 
 
-_NUMBER = _Kind("a number", _is_number)
+_NUMBER = _Kind("a number", _is_finite_number)
 _TEXT = _Kind("a text", lambda value: isinstance(value, str))
 _TRUTH = _Kind("true or false", lambda value: isinstance(value, bool))
 _KINDS = dict(zip(OPTIONS, (_whole(0, 63), _whole(0, 31), _TEXT, _whole(0, 65535), _NUMBER, _whole(-(2**31), 2**32 - 1),
@@ -95,7 +95,7 @@ def _option_problem(name: str, value: Any) -> Optional[tuple[str, str]]:
     kind = _KINDS[name]
     if not kind.fits(value):
         return "option-type", f'"{name}" is {quoted(value)}: it must be {kind.words}'
-    if _is_number(value) and not kind.least <= value <= kind.largest:
+    if _is_finite_number(value) and not kind.least <= value <= kind.largest:
         return "option-range", f'"{name}" is {value}: it must be from {kind.least} to {kind.largest}'
     if name == "@factor" and not _has_reciprocal(single(value)):
         return "option-range", f'"@factor" is {value:g}: readings are divided by it in single precision'

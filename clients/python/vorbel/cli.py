@@ -16,7 +16,7 @@ from . import __version__, paths
 from .checks import check, check_text
 from .client import Client
 from .errors import VorbelError, suggestion
-from .once import Look, check_paths, parse_assignment, parse_expectation, report
+from .once import Observation, check_paths, parse_assignment, parse_expectation, report
 from .plot import plot as plot_to_file, plot_recordings
 from .record import record as record_to_files
 from .recording import Recorder
@@ -176,9 +176,9 @@ async def _watch_once(options: Options) -> int:
         check_paths(client, assignments, expectations)
     async with connected(client):
         session = Session(client, note=say)
-        look = Look(session, assignments, expectations)
-        await look.follow(options.once)
-        lines, well = report(session, look, expectations, options.once)
+        observation = Observation(session, assignments, expectations)
+        await observation.follow(options.once)
+        lines, well = report(session, observation, expectations, options.once)
     print("\n".join(lines))
     if session.table.messages == 0:
         say(session.silence())

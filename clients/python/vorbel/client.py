@@ -166,18 +166,18 @@ class Client:
 
     async def connected(self) -> None:
         """Returns when connected, greeted and, if there is a schema, that was sent. Raises ConnectError."""
-        task = self._started()
+        task = self._require_task()
         waiting = asyncio.create_task(self._ready.wait())
         await asyncio.wait({waiting, task}, timeout=self.timeout, return_when=asyncio.FIRST_COMPLETED)
         waiting.cancel()
-        self._is_over()
+        self._raise_failure()
         if not self._ready.is_set():
             raise ConnectError(f"No daemon at {self.uri} within {self.timeout:g} s: {self.trouble}")
 
     async def close(self) -> None:
         """Ends the connection and the stream of events."""
-        task = self._started()
-        while not task.done():  # what is called in there may miss to be cancelled
+        task = self._require_task()
+        while not task.done():  # what is called in there may swallow the cancellation
             task.cancel()
             await asyncio.wait({task}, timeout=5)
 
@@ -191,6 +191,7 @@ class Client:
             while self._events:
                 yield self._events.popleft()
             left = None if deadline is None else deadline - time.monotonic()
+            self._raise_failure()
             if self._is_over() or (left is not None and left <= 0):
                 return
             self._arrived.clear()
@@ -248,25 +249,28 @@ class Client:
         await self.connected()
         try:
             async with asyncio.timeout(self.timeout):
-                await (await self._connection().ping())
+                await (await self._require_connection().ping())
         except (ConnectionClosed, TimeoutError, ConnectionError):
             raise ConnectError(f"{self.uri} did not confirm what was sent; nothing says whether it arrived") from None
 
     # Inside
 
-    def _started(self) -> asyncio.Task[None]:
+    def _require_task(self) -> asyncio.Task[None]:
         if self._task is None:
             raise ConnectError("The client was not connected: use it as `async with` or after `await`")
         return self._task
 
     def _is_over(self) -> bool:
-        """Whether nothing can come any more. Raises what ended it, if it was not close()."""
-        task = self._started()
+        """Whether nothing can come any more."""
+        return self._require_task().done()
+
+    def _raise_failure(self) -> None:
+        """Raises what ended the connecting, if anything but close() did."""
+        task = self._require_task()
         if task.done() and not task.cancelled():
             task.result()
-        return task.done()
 
-    def _connection(self) -> WebSocketClientProtocol:
+    def _require_connection(self) -> WebSocketClientProtocol:
         """Raises ConnectionError while there is none."""
         if self._socket is None:
             raise ConnectionError
@@ -281,7 +285,7 @@ class Client:
 
     async def _send(self, message: Union[str, bytes]) -> None:
         try:
-            await self._connection().send(message)
+            await self._require_connection().send(message)
         except (ConnectionClosed, ConnectionError):
             raise ConnectError(f"The connection to {self.uri} ended while sending; "
                                "nothing says whether the message arrived") from None
@@ -314,7 +318,7 @@ class Client:
         except TimeoutError:
             return "it does not answer in time"
         except (OSError, ValueError, WebSocketException) as error:
-            return _told(error)
+            return _description(error)
         finally:
             self._socket = None
             self._ready.clear()
@@ -361,7 +365,7 @@ def _hello_in(message: Union[str, bytes]) -> Optional[Hello]:
         return None
 
 
-def _told(error: BaseException) -> str:
+def _description(error: BaseException) -> str:
     if isinstance(error, ConnectionClosedError) and error.rcvd is None:
         return "the connection broke"
     if isinstance(error, InvalidHandshake):

@@ -62,7 +62,7 @@ def check_paths(client: Client, assignments: Iterable[tuple[str, Any]], expectat
                                           f"{suggestion(path, known)} and cannot be expected"))
 
 
-class Look:
+class Observation:
     """Follows a session for a while: writes when the first values came, that is when the bus is up, and notes when
     each expectation was first met after that."""
 
@@ -100,7 +100,8 @@ class Look:
                 self._waiting.discard(expectation)
 
 
-def report(session: Session, look: Look, expectations: Iterable[Expectation], seconds: float) -> tuple[list[str], bool]:
+def report(session: Session, observation: Observation, expectations: Iterable[Expectation],
+           seconds: float) -> tuple[list[str], bool]:
     """(lines, whether all is well)"""
     client, table = session.client, session.table
     lines = [f"hello: {client.hello}"]
@@ -114,8 +115,9 @@ def report(session: Session, look: Look, expectations: Iterable[Expectation], se
         lines.append(f"  {paths.shown(path):{width}}  {value}  {row.change(now)}".rstrip())
     lines += [f"  {paths.shown(path):{width}}  {session.never_read_text(path)}"
               for path, row in session.shown_rows() if row is None]
-    lines += look.sent
+    lines += observation.sent
     for expectation in expectations:
-        seen = f"seen after {look.met[expectation]:.1f} s" if expectation in look.met else "NOT SEEN"
+        met = observation.met.get(expectation)
+        seen = "NOT SEEN" if met is None else f"seen after {met:.1f} s"
         lines.append(f"expected {expectation}: {seen}")
-    return lines, table.messages > 0 and all(each in look.met for each in expectations)
+    return lines, table.messages > 0 and all(each in observation.met for each in expectations)

@@ -5,36 +5,36 @@ from typing import Any, Optional
 
 from . import paths, plotting
 from .client import Client, Values
-from .plotting import Course
+from .plotting import Series
 from .recording import read_recording
 from .session import Session
 from .terminal import Progress, connected, say
 
 
 class Collection:
-    """The courses of the paths that are wanted, and which paths there were at all."""
+    """The series of the paths that are wanted, and which paths there were at all."""
 
     def __init__(self, wanted: Iterable[str]) -> None:
-        self._courses = {path: Course() for path in wanted}
+        self._series = {path: Series() for path in wanted}
         self._there_were: dict[str, None] = {}  # in their order
 
     def add(self, values: Values) -> None:
         for path, value in values.flat().items():
             self._there_were[path] = None
-            if path in self._courses:
-                self._courses[path].add(value, values.time)
+            if path in self._series:
+                self._series[path].add(value, values.time)
 
     def draw(self, output: str, title: str, schema: Optional[Mapping[str, Any]]) -> int:
         """Returns the exit status: 1 if something that is wanted did not come."""
-        drawn = {path: course for path, course in self._courses.items() if course.times}
-        empty = [path for path in self._courses if path not in drawn]
+        drawn = {path: line for path, line in self._series.items() if line.times}
+        empty = [path for path in self._series if path not in drawn]
         if empty:
             there_were = ", ".join(sorted(self._there_were)) or "none at all"
             say(paths.shown(f"no numbers came for {', '.join(empty)}; there were: {there_were}"))
         if drawn:
             units = {path: unit_of(schema or {}, path) for path in drawn}
             plotting.draw(drawn, output, title, units)
-            print(f"{output}: {sum(len(course.times) for course in drawn.values())} points")
+            print(f"{output}: {sum(len(line.times) for line in drawn.values())} points")
         return 1 if empty else 0
 
 

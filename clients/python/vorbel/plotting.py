@@ -15,7 +15,7 @@ from .wire import is_array
 SUFFIXES = (".png", ".svg", ".pdf")
 
 
-class Course:
+class Series:
     """The points of one path. The elements of an array are spread over the time since the message before it."""
 
     def __init__(self) -> None:
@@ -60,16 +60,16 @@ def prepare(output: str) -> None:
         raise VorbelError(f"The plot cannot be written to {output}: there is no such folder, or it is not yours")
 
 
-def figure_of(courses: dict[str, Course], title: str, units: dict[str, str]) -> Any:
+def figure_of(series: dict[str, Series], title: str, units: dict[str, str]) -> Any:
     """One panel for each path, with a common axis of seconds."""
     from matplotlib import pyplot
 
     warnings.filterwarnings("ignore", "Glyph")  # characters that the font lacks are drawn as boxes
-    start = min(course.times[0] for course in courses.values())
-    figure, panels = pyplot.subplots(len(courses), sharex=True, squeeze=False, layout="constrained",
-                                     figsize=(9, 1 + 1.8 * len(courses)))
-    for panel, (path, course) in zip(panels[:, 0], courses.items()):
-        _draw_course(panel, [time - start for time in course.times], course)
+    start = min(line.times[0] for line in series.values())
+    figure, panels = pyplot.subplots(len(series), sharex=True, squeeze=False, layout="constrained",
+                                     figsize=(9, 1 + 1.8 * len(series)))
+    for panel, (path, line) in zip(panels[:, 0], series.items()):
+        _draw_series(panel, [time - start for time in line.times], line)
         panel.set_title(paths.shown(path), loc="left", fontsize="medium", parse_math=False)
         panel.set_ylabel(paths.shown(units[path]), parse_math=False)
         panel.grid(alpha=0.3)
@@ -78,20 +78,20 @@ def figure_of(courses: dict[str, Course], title: str, units: dict[str, str]) -> 
     return figure
 
 
-def _draw_course(panel: Any, times: list[float], course: Course) -> None:
+def _draw_series(panel: Any, times: list[float], line: Series) -> None:
     """A flag stays as it is until it changes, and has no values between."""
-    if course.is_flag:
-        panel.plot(times, course.values, ".-", markersize=3, linewidth=1, drawstyle="steps-post")
+    if line.is_flag:
+        panel.plot(times, line.values, ".-", markersize=3, linewidth=1, drawstyle="steps-post")
         panel.set_yticks([0, 1], ["false", "true"])
     else:
-        panel.plot(times, course.values, ".-", markersize=3, linewidth=1)
+        panel.plot(times, line.values, ".-", markersize=3, linewidth=1)
 
 
-def draw(courses: dict[str, Course], output: str, title: str, units: dict[str, str]) -> None:
+def draw(series: dict[str, Series], output: str, title: str, units: dict[str, str]) -> None:
     """The figure as a file; the suffix of `output` says the format."""
     from matplotlib import pyplot
 
-    figure = figure_of(courses, title, units)
+    figure = figure_of(series, title, units)
     picture = io.BytesIO()
     try:
         figure.savefig(picture, format=pathlib.Path(output).suffix[1:])
