@@ -67,21 +67,22 @@ def service(guest, deb):
     return Service(guest)
 
 
-@pytest.fixture
-def ftdi(guest, service):
-    """An unplugged adapter, whose driver was not loaded yet when the service started."""
-    adapter = FtdiAdapter(guest)
+def awaited(adapter, service):
+    """The adapter, unplugged, while the service waits for one."""
     service.configure(VORBEL_SOURCE="serialport")
     yield adapter
     adapter.close()
+
+
+@pytest.fixture
+def ftdi(guest, service):
+    """Its driver was not loaded yet when the service started."""
+    yield from awaited(FtdiAdapter(guest), service)
 
 
 @pytest.fixture
 def gadget(guest, service):
-    adapter = GadgetAdapter(guest)
-    service.configure(VORBEL_SOURCE="serialport")
-    yield adapter
-    adapter.close()
+    yield from awaited(GadgetAdapter(guest), service)
 
 
 @pytest.fixture(params=["ftdi", "gadget"])

@@ -180,32 +180,29 @@ test("a name that occurs twice in one object is an error", () => {
 });
 
 test("leaves come by name, with the daemon's defaults", () => {
+    const defaults = {
+        skip: 0,
+        flushSize: 0,
+        factor: 1,
+        mask: -1,
+        asBool: false,
+        observe: false,
+        fragmentation: false,
+    };
     expect(leavesOf({ b: leaf(), a: { x: { "@mac": 1, "@format": "float" } } })).toEqual([
         {
             path: ["a", "x"],
             mac: 1,
             cmd: 0,
             format: "f",
-            skip: 0,
-            flushSize: 0,
-            factor: 1,
-            mask: -1,
-            asBool: false,
-            observe: false,
-            fragmentation: false,
+            ...defaults,
         },
         {
             path: ["b"],
             mac: 5,
             cmd: 2,
             format: "s",
-            skip: 0,
-            flushSize: 0,
-            factor: 1,
-            mask: -1,
-            asBool: false,
-            observe: false,
-            fragmentation: false,
+            ...defaults,
         },
     ]);
 });

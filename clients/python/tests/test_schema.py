@@ -5,12 +5,12 @@ import fractions
 import json
 import numbers
 
+import numpy
 import pytest
 
 from support import MACHINE
 from vorbel import SchemaError, WriteError, check, load_schema
 from vorbel.schema import parse, to_text
-from vorbel.wire import numpy
 from vorbel.writing import prepare
 
 
@@ -245,7 +245,6 @@ def test_numbers_of_the_standard_library(number):
             prepare(WRITABLE, {"scaled": number})
 
 
-@pytest.mark.skipif(numpy is None, reason="numpy is not installed")
 def test_numbers_of_numpy_are_numbers_and_its_truths_are_none():
     assert prepare(WRITABLE, {"s": numpy.int16(-2), "scaled": numpy.float32(0.53)}).values["s"] == -2
     with pytest.raises(WriteError, match="takes a number"):

@@ -3,6 +3,7 @@
 import array
 
 import pytest
+from matplotlib import pyplot
 
 from vorbel import Disconnected, Values, VorbelError
 from vorbel.plot import unit_of
@@ -138,7 +139,6 @@ def test_what_is_no_recording(tmp_path, name, text, message):
 
 
 def test_figure_has_units_and_draws_flags_as_steps():
-    pyplot = pytest.importorskip("matplotlib.pyplot")
     series = {"speed": Series(), "flag": Series(), "was.a.flag": Series(), "flags": Series()}
     for at, value in enumerate((True, False)):
         series["speed"].add(at, 10.0 + at)

@@ -15,6 +15,7 @@ import time
 
 import harness
 import pytest
+from matplotlib import pyplot
 
 import vorbel
 
@@ -693,7 +694,6 @@ def test_record_where_nothing_can_be_written(tool, tmp_path):
 
 
 def test_plot(machine, tool, tmp_path):
-    pyplot = pytest.importorskip("matplotlib.pyplot")
     file = tmp_path / "x.png"
     status, output, errors = tool("plot", "motor.speed", "battery.cells.a", "-o", file, "--for", "4",
                                   "--schema", MACHINE)
@@ -706,7 +706,6 @@ def test_plot(machine, tool, tmp_path):
 @pytest.mark.parametrize("suffix", ["jsonl", "csv"])
 def test_plot_of_recordings(machine, tool, tmp_path, suffix):
     """Without the daemon that they are of."""
-    pytest.importorskip("matplotlib")
     files = [tmp_path / f"{name}.{suffix}" for name in "ab"]
     for file in files:
         assert tool("record", file, "--schema", MACHINE, "--for", "2")[0] == 0
@@ -723,14 +722,12 @@ def test_plot_of_recordings(machine, tool, tmp_path, suffix):
 
 
 def test_plot_of_a_recording_that_is_not_there(tool, tmp_path):
-    pytest.importorskip("matplotlib")
     file = tmp_path / "nosuch.csv"
     assert tool("plot", "a", "-o", tmp_path / "x.png", "--from", file) == (
         1, "", f"vorbel-cli: {file}: No such file or directory\n")
 
 
 def test_plot_of_a_path_that_does_not_come(machine, tool, tmp_path):
-    pytest.importorskip("matplotlib")
     status, _, errors = tool("plot", "motor.spede", "-o", tmp_path / "x.png", "--for", "2", "--schema", MACHINE)
     assert status == 1 and not (tmp_path / "x.png").exists()
     assert errors.startswith("vorbel-cli: no numbers came for motor.spede; there were: ") and "motor.speed" in errors
@@ -741,13 +738,11 @@ def test_plot_of_a_path_that_does_not_come(machine, tool, tmp_path):
     ("nosuch/x.png", "there is no such folder"),
 ], ids=["suffix", "folder"])
 def test_plot_that_could_not_be_written_is_told_before_it_is_collected(tool, tmp_path, name, message):
-    pytest.importorskip("matplotlib")
     status, _, errors = tool("plot", "motor.speed", "-o", tmp_path / name)
     assert status == 1 and message in errors
 
 
 def test_plot_on_a_full_disk(machine, tool, tmp_path):
-    pytest.importorskip("matplotlib")
     file = tmp_path / "x.png"
     file.symlink_to("/dev/full")
     status, _, errors = tool("plot", "motor.speed", "-o", file, "--for", "1", "--schema", MACHINE)
@@ -757,7 +752,6 @@ def test_plot_on_a_full_disk(machine, tool, tmp_path):
 
 @pytest.mark.parametrize("before", [None, b"older"], ids=["new", "older"])
 def test_plot_on_a_disk_that_fills_up_leaves_what_was_there(machine, tmp_path, before):
-    pytest.importorskip("matplotlib")
     file = tmp_path / "x.png"
     if before:
         file.write_bytes(before)
@@ -768,7 +762,6 @@ def test_plot_on_a_disk_that_fills_up_leaves_what_was_there(machine, tmp_path, b
 
 
 def test_plot_of_names_that_look_like_formulas(bridge, tool, schema_file, tmp_path):
-    pytest.importorskip("matplotlib")
     process = tool.start("plot", "$x_{$", "日本", "-o", tmp_path / "x.png", "--for", "2", "--schema",
                          schema_file({"$x_{$": LEAF, "日本": {**LEAF, "@cmd": 3}}))
     bridge.daemon.wait_for("info Received schema: .*")
