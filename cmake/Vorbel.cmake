@@ -35,9 +35,24 @@ function(vorbel_unit_test name)
     add_executable(${name} ${name}.cpp ${arg_SOURCES})
     target_link_libraries(${name} PRIVATE ${arg_LIBRARIES} Qt5::Test)
     if(arg_OWN_NETWORK)
-        set(network ${PROJECT_SOURCE_DIR}/tests/own_network)
+        set(network ${PROJECT_SOURCE_DIR}/tests/support/own_network)
     endif()
     add_test(NAME unit.${name} COMMAND ${network} $<TARGET_FILE:${name}>)
+endfunction()
+
+# vorbel_pytest(NAME FILES file... [TIMEOUT seconds] [LABELS label...])
+# Registers files or folders that pytest runs against the programs of this build, in a network namespace of its own.
+function(vorbel_pytest name)
+    cmake_parse_arguments(arg "" "TIMEOUT" "FILES;LABELS" ${ARGN})
+    if(NOT arg_TIMEOUT)
+        set(arg_TIMEOUT 180)
+    endif()
+    list(TRANSFORM arg_FILES PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
+    add_test(NAME ${name} COMMAND ${PROJECT_SOURCE_DIR}/tests/run ${arg_FILES})
+    set_tests_properties(${name} PROPERTIES
+        TIMEOUT ${arg_TIMEOUT}
+        LABELS "${arg_LABELS}"
+        ENVIRONMENT "VORBEL_BUILD_DIR=${PROJECT_BINARY_DIR};VORBEL_SANITIZED=${VORBEL_SANITIZE}")
 endfunction()
 
 # vorbel_fuzzer(NAME LIBRARIES target... [SECONDS n])

@@ -1,5 +1,5 @@
 # Compiles for AArch64 Linux on another machine, against the folder of the target's libraries that
-# -DCMAKE_SYSROOT=DIR names (scripts/sysroot makes one).
+# -DCMAKE_SYSROOT=DIR names (scripts/lib/sysroot makes one).
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_LIBRARY_ARCHITECTURE aarch64-linux-gnu)

@@ -4,16 +4,13 @@ import os
 import pathlib
 import re
 import subprocess
-import sys
 import time
 
 import documents
 import pytest
+from vorbelsim import vek
 
 PROJECT = pathlib.Path(__file__).parents[2]
-sys.path.insert(0, str(PROJECT / "sim"))
-from vorbelsim import vek  # noqa: E402
-
 PAGE = PROJECT / "docs" / "wiring.md"
 TOOL = PROJECT / "clients" / "python" / "vorbel-cli"
 SIMULATION = ["/usr/bin/python3", PROJECT / "sim" / "simulated_bus.py"]

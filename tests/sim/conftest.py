@@ -4,15 +4,12 @@ import os
 import pathlib
 import select
 import subprocess
-import sys
 import time
 
 import pytest
+from vorbelsim import build
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "sim"))
-
-from vorbelsim import build  # noqa: E402
 
 
 class Probe:

@@ -1,18 +1,16 @@
 import os
 import pathlib
 import shutil
-import sys
 
 import pytest
 
-PROJECT = pathlib.Path(__file__).parents[2]
-sys.path[:0] = [str(PROJECT / folder) for folder in ("sim", "packaging/tests", "tests/e2e")]
+import documents
+from adapters import FtdiAdapter, GadgetAdapter
+from guest import Guest
+from service import Service
+from watch import bring_aboard
 
-import documents  # noqa: E402
-from adapters import FtdiAdapter, GadgetAdapter  # noqa: E402
-from guest import Guest  # noqa: E402
-from service import Service  # noqa: E402
-from watch import bring_aboard  # noqa: E402
+PROJECT = pathlib.Path(__file__).parents[2]
 
 
 @pytest.hookimpl(hookwrapper=True)

@@ -4,7 +4,7 @@ import subprocess
 
 import pytest
 
-from support import TOOL, Bridge, SerialBridge
+from bridges import TOOL, Bridge, SerialBridge
 
 
 @pytest.fixture

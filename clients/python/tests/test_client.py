@@ -7,7 +7,7 @@ import pytest
 
 import harness
 import vorbel
-from support import MACHINE
+from bridges import MACHINE
 from vorbel import Disconnected, Hello, Undecodable, Values, wire
 
 SPEED = {"@mac": 5, "@cmd": 2, "@format": "s"}

@@ -6,8 +6,8 @@ import re
 
 import pytest
 
+from bridges import PROJECT
 from harness import connect, receive, round_trip
-from support import PROJECT
 from vorbel import WriteError, check, check_text, paths, schema as schemas, table, wire, writing
 from vorbel.errors import WARNINGS
 

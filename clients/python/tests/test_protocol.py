@@ -9,8 +9,8 @@ import sys
 import msgpack
 import pytest
 
+from bridges import PROJECT
 from harness import connect, eventually, receive, round_trip
-from support import PROJECT
 from vorbelsim import CanFrame
 from vorbel import wire
 

@@ -7,7 +7,7 @@ import pytest
 
 import harness
 import vorbel
-from support import PROJECT
+from bridges import PROJECT
 
 COUNTER = {"count": {"@mac": 5, "@cmd": 2, "@format": "I"}}
 PROGRAM = PROJECT / "sim" / "simulated_bus.py"

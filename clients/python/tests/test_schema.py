@@ -8,7 +8,7 @@ import numbers
 import numpy
 import pytest
 
-from support import MACHINE
+from bridges import MACHINE
 from vorbel import SchemaError, WriteError, check, load_schema
 from vorbel.schema import parse, to_text
 from vorbel.writing import prepare

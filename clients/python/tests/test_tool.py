@@ -19,7 +19,7 @@ from matplotlib import pyplot
 
 import vorbel
 
-from support import MACHINE, PROJECT, TOOL
+from bridges import MACHINE, PROJECT, TOOL
 
 LEAF = {"@mac": 5, "@cmd": 2, "@format": "s"}
 

@@ -2,6 +2,7 @@
 
 import array
 import os
+import pathlib
 import random
 import struct
 import subprocess
@@ -9,7 +10,7 @@ import subprocess
 import msgpack
 import pytest
 
-ECHO = os.environ["CODEC_ECHO"]
+ECHO = pathlib.Path(os.environ["VORBEL_BUILD_DIR"]) / "tests" / "unit" / "codec_echo"
 VALUES = 2000
 
 INTEGER_EDGES = [0, 1, 31, 32, 127, 128, 255, 256, 32767, 32768, 65535, 65536, 2**31 - 1, 2**31, 2**32 - 1, 2**32,

@@ -3,17 +3,12 @@
 import asyncio
 import contextlib
 import json
-import pathlib
-import sys
 
 import msgpack
 import pytest
 
 from harness import connect, eventually, receive, round_trip
-
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "sim"))
-
-from vorbelsim import VirtualAdapter, VirtualCanBus  # noqa: E402
+from vorbelsim import VirtualAdapter, VirtualCanBus
 
 
 @pytest.fixture

@@ -1,8 +1,8 @@
-# Shared by the scripts of this folder: where the project is, what it says, what it installs.
+# Shared by the scripts: where the project is, what it says, what it installs.
 # shellcheck shell=bash
 
-project=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-. "$project/scripts/usage.sh"
+project=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+. "$project/scripts/lib/usage.sh"
 cd "$project" || exit 1
 
 say() { printf '\033[1m%s\033[0m\n' "$*" >&2; }
