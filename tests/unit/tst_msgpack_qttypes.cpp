@@ -110,7 +110,7 @@ static const Type &s_type(const QVariant &value)
     qFatal("no such type");
 }
 
-static bool s_same(const QVariant &a, const QVariant &b)
+static bool s_areSame(const QVariant &a, const QVariant &b)
 {
     return a.userType() == b.userType() && a == b;
 }
@@ -198,7 +198,7 @@ void TestMsgPackQtTypes::payloads()
     QFETCH(QByteArray, hex);
     const Type &type = s_type(value);
     QCOMPARE(type.pack(value).toHex(), hex);
-    QVERIFY(s_same(type.unpack(Bytes::fromHex(hex)), value));
+    QVERIFY(s_areSame(type.unpack(Bytes::fromHex(hex)), value));
 }
 
 void TestMsgPackQtTypes::payloadsThatComeBackDifferent_data()
@@ -233,7 +233,7 @@ void TestMsgPackQtTypes::payloadsThatComeBackDifferent()
     QFETCH(QVariant, back);
     const Type &type = s_type(value);
     QCOMPARE(type.pack(value).toHex(), hex);
-    QVERIFY(s_same(type.unpack(Bytes::fromHex(hex)), back));
+    QVERIFY(s_areSame(type.unpack(Bytes::fromHex(hex)), back));
 }
 
 void TestMsgPackQtTypes::everySecondOfTheDay()
@@ -308,10 +308,10 @@ void TestMsgPackQtTypes::numbersOfAnyFormat()
     QFETCH(int, x);
     QFETCH(int, y);
     const Bytes payload = Bytes::fromHex(hex);
-    QVERIFY(s_same(unpack_qpoint(payload), QPoint(x, y)));
-    QVERIFY(s_same(unpack_qsize(payload), QSize(x, y)));
+    QVERIFY(s_areSame(unpack_qpoint(payload), QPoint(x, y)));
+    QVERIFY(s_areSame(unpack_qsize(payload), QSize(x, y)));
     if (!hex.startsWith("0102")) {
-        QVERIFY(s_same(unpack_qrect(payload + payload), QRect(QPoint(x, y), QPoint(x, y))));
+        QVERIFY(s_areSame(unpack_qrect(payload + payload), QRect(QPoint(x, y), QPoint(x, y))));
     }
 }
 
@@ -364,7 +364,7 @@ void TestMsgPackQtTypes::oneByteIsTheDefault()
 {
     QFETCH(QVariant, missing);
     for (int byte = 0; byte < 256; ++byte) {
-        QVERIFY(s_same(s_type(missing).unpack(Bytes(1, static_cast<char>(byte))), missing));
+        QVERIFY(s_areSame(s_type(missing).unpack(Bytes(1, static_cast<char>(byte))), missing));
     }
     QVERIFY(!unpack_qcolor("\x05").value<QColor>().isValid());
     QVERIFY(unpack_qtime("\x05").toTime().isNull());
@@ -411,19 +411,19 @@ void TestMsgPackQtTypes::payloadsOfOtherLengths()
 {
     QFETCH(QVariant, expected);
     QFETCH(QByteArray, hex);
-    QVERIFY(s_same(s_unpackExactly(s_type(expected).unpack, Bytes::fromHex(hex)), expected));
+    QVERIFY(s_areSame(s_unpackExactly(s_type(expected).unpack, Bytes::fromHex(hex)), expected));
 }
 
 void TestMsgPackQtTypes::fieldsThatAreNoTimeOrDate()
 {
-    QVERIFY(s_same(unpack_qtime(Bytes::fromHex("0f00")), QTime()));     // minute 60
-    QVERIFY(s_same(unpack_qtime(Bytes::fromHex("003c")), QTime()));     // second 60
-    QVERIFY(s_same(unpack_qtime(Bytes::fromHex("000003e8")), QTime())); // millisecond 1000
-    QVERIFY(s_same(unpack_qtime(Bytes::fromHex("0000ffff")), QTime()));
-    QVERIFY(s_same(unpack_qdate(Bytes::fromHex("07e800")), QDate())); // month 0, day 0
-    QVERIFY(s_same(unpack_qdate(Bytes::fromHex("07e8d1")), QDate())); // month 13
-    QVERIFY(s_same(unpack_qdate(Bytes::fromHex("87e82e")), QDate())); // 30th of February
-    QVERIFY(s_same(unpack_qdate(Bytes::fromHex("000011")), QDate())); // year 0
+    QVERIFY(s_areSame(unpack_qtime(Bytes::fromHex("0f00")), QTime()));     // minute 60
+    QVERIFY(s_areSame(unpack_qtime(Bytes::fromHex("003c")), QTime()));     // second 60
+    QVERIFY(s_areSame(unpack_qtime(Bytes::fromHex("000003e8")), QTime())); // millisecond 1000
+    QVERIFY(s_areSame(unpack_qtime(Bytes::fromHex("0000ffff")), QTime()));
+    QVERIFY(s_areSame(unpack_qdate(Bytes::fromHex("07e800")), QDate())); // month 0, day 0
+    QVERIFY(s_areSame(unpack_qdate(Bytes::fromHex("07e8d1")), QDate())); // month 13
+    QVERIFY(s_areSame(unpack_qdate(Bytes::fromHex("87e82e")), QDate())); // 30th of February
+    QVERIFY(s_areSame(unpack_qdate(Bytes::fromHex("000011")), QDate())); // year 0
     QVERIFY(!unpack_qdatetime(Bytes::fromHex("07e8d10000")).toDateTime().isValid());
 }
 
@@ -459,13 +459,13 @@ void TestMsgPackQtTypes::numbersThatDoNotFit()
     QFETCH(QByteArray, number);
     const Bytes bad = Bytes::fromHex(number);
     const Bytes good("\xCC\x01");
-    QVERIFY(s_same(s_unpackExactly(&unpack_qpoint, good + bad), QPoint()));
-    QVERIFY(s_same(s_unpackExactly(&unpack_qsize, good + bad), QSize()));
-    QVERIFY(s_same(s_unpackExactly(&unpack_qrect, good + good + good + bad), QRect()));
+    QVERIFY(s_areSame(s_unpackExactly(&unpack_qpoint, good + bad), QPoint()));
+    QVERIFY(s_areSame(s_unpackExactly(&unpack_qsize, good + bad), QSize()));
+    QVERIFY(s_areSame(s_unpackExactly(&unpack_qrect, good + good + good + bad), QRect()));
     if (number.size() > 2) {
-        QVERIFY(s_same(s_unpackExactly(&unpack_qpoint, bad), QPoint()));
-        QVERIFY(s_same(s_unpackExactly(&unpack_qsize, bad), QSize()));
-        QVERIFY(s_same(s_unpackExactly(&unpack_qrect, good + bad), QRect()));
+        QVERIFY(s_areSame(s_unpackExactly(&unpack_qpoint, bad), QPoint()));
+        QVERIFY(s_areSame(s_unpackExactly(&unpack_qsize, bad), QSize()));
+        QVERIFY(s_areSame(s_unpackExactly(&unpack_qrect, good + bad), QRect()));
     }
 }
 
@@ -510,7 +510,7 @@ void TestMsgPackQtTypes::registeredTypesTravel()
     const QVariantList back = MsgPack::unpack(MsgPack::pack(list)).toList();
     QCOMPARE(back.size(), list.size());
     for (int i = 0; i < list.size(); ++i) {
-        QVERIFY2(s_same(back.at(i), list.at(i)), list.at(i).typeName());
+        QVERIFY2(s_areSame(back.at(i), list.at(i)), list.at(i).typeName());
     }
 }
 
