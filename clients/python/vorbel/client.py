@@ -22,6 +22,7 @@ from websockets.exceptions import (ConnectionClosed, ConnectionClosedError, Inva
 
 from . import checks, paths, wire, writing
 from .errors import ConnectError, Problem, WriteError
+from .pulse import DOUBTED_AFTER, INTERVAL, LOST_AFTER, Pulse
 from .schema import MESSAGE_LIMIT as SENT_LIMIT, Source, load_schema, to_text
 from .writing import Written
 
@@ -30,7 +31,6 @@ if TYPE_CHECKING:
 
 PORT = 10443
 HELLO_TIMEOUT = 10.0  # seconds from connecting to the hello
-PING_INTERVAL = 10.0  # seconds; a peer that does not answer within another ten is given up
 MESSAGE_LIMIT = 32 * 1024 * 1024  # the daemon drops a client that leaves half of this unread
 EVENTS_KEPT = 4096  # for a program that does not keep up
 
@@ -137,6 +137,7 @@ class Client:
         self.trouble = "no answer yet"
         self._schema_text = ""
         self._socket: Optional[WebSocketClientProtocol] = None
+        self._pulse: Optional[Pulse] = None
         self._ready = asyncio.Event()
         self._events: collections.deque[Event] = collections.deque()
         self._arrived = asyncio.Event()
@@ -225,6 +226,8 @@ class Client:
         With a schema they are checked first: WriteError instead of what the daemon would only log or ignore. Scaled
         ones are sent so that the daemon, which multiplies in single precision and cuts off, writes the nearest raw
         number. Nothing comes back when they were written; confirmed() tells when the daemon has handled them.
+
+        They go out now or never: without a connection, or while the daemon does not answer, ConnectError is raised.
         """
         message = writing.Message(values)
         if self._check and self.schema is not None:
@@ -235,7 +238,7 @@ class Client:
             raise WriteError(f"Not written: {error}") from None
         if len(data) > SENT_LIMIT:
             raise WriteError(f"Not written: the daemon takes no message of more than 4 MiB, this has {len(data)}")
-        await self.connected()
+        self._refuse_doubtful()
         await self._send(data)
         return message.written
 
@@ -276,6 +279,14 @@ class Client:
             raise ConnectionError
         return self._socket
 
+    def _refuse_doubtful(self) -> None:
+        """Raises ConnectError when what is sent now might arrive late, or not at all."""
+        self._raise_failure()
+        if self._pulse is None:
+            raise ConnectError(f"Not written: there is no connection to {self.uri}: {self.trouble}")
+        if self._pulse.is_doubtful:
+            raise ConnectError(f"Not written: {self.uri} has not answered for {DOUBTED_AFTER * INTERVAL:g} s")
+
     def _adopt(self, schema: Source, clear: bool = False) -> list[Problem]:
         schema = load_schema(schema)
         warnings = checks.check_or_raise(schema, clear) if self._check else []
@@ -285,7 +296,10 @@ class Client:
 
     async def _send(self, message: Union[str, bytes]) -> None:
         try:
-            await self._require_connection().send(message)
+            connection = self._require_connection()
+            await connection.send(message)
+            if not connection.open:  # what waits for room is let go when the connection is dropped
+                raise ConnectionError
         except (ConnectionClosed, ConnectionError):
             raise ConnectError(f"The connection to {self.uri} ended while sending; "
                                "nothing says whether the message arrived") from None
@@ -309,21 +323,31 @@ class Client:
         try:
             connection = websockets.connect(  # type: ignore[attr-defined]
                 self.uri, max_size=MESSAGE_LIMIT, compression=None, open_timeout=10, close_timeout=1,
-                ping_interval=PING_INTERVAL, ping_timeout=PING_INTERVAL)
+                ping_interval=None)
             async with connection as socket:
-                await self._greet(socket)
-                async for message in socket:
-                    self._take(message)
+                await self._listen(socket, await self._greet(socket))
             return "the daemon ended the connection"
         except TimeoutError:
             return "it does not answer in time"
         except (OSError, ValueError, WebSocketException) as error:
+            if self._pulse is not None and self._pulse.is_lost:
+                return f"the daemon has not answered for {LOST_AFTER * INTERVAL:g} s"
             return _description(error)
         finally:
-            self._socket = None
+            self._socket = self._pulse = None
             self._ready.clear()
 
-    async def _greet(self, socket: WebSocketClientProtocol) -> None:
+    async def _listen(self, socket: WebSocketClientProtocol, pulse: Pulse) -> None:
+        watching = asyncio.create_task(pulse.watch())
+        try:
+            async for message in socket:
+                pulse.heard()
+                self._take(message)
+        finally:
+            watching.cancel()
+
+    async def _greet(self, socket: WebSocketClientProtocol) -> Pulse:
+        """From now on there is a connection."""
         async with asyncio.timeout(HELLO_TIMEOUT):
             message = await socket.recv()
         if _hello_in(message) is None:
@@ -332,7 +356,9 @@ class Client:
         if self.schema is not None:
             await socket.send(self._schema_text)
         self._socket = socket
+        self._pulse = pulse = Pulse(socket)
         self._ready.set()
+        return pulse
 
     def _take(self, message: Union[str, bytes]) -> None:
         """A text is a hello; other texts are for clients of another time."""
