@@ -42,6 +42,7 @@ endfunction()
 
 # vorbel_pytest(NAME FILES file... [TIMEOUT seconds] [LABELS label...])
 # Registers files or folders that pytest runs against the programs of this build, in a network namespace of its own.
+# What may take long is begun first.
 function(vorbel_pytest name)
     cmake_parse_arguments(arg "" "TIMEOUT" "FILES;LABELS" ${ARGN})
     if(NOT arg_TIMEOUT)
@@ -50,6 +51,7 @@ function(vorbel_pytest name)
     list(TRANSFORM arg_FILES PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/)
     add_test(NAME ${name} COMMAND ${PROJECT_SOURCE_DIR}/tests/run ${arg_FILES})
     set_tests_properties(${name} PROPERTIES
+        COST ${arg_TIMEOUT}
         TIMEOUT ${arg_TIMEOUT}
         LABELS "${arg_LABELS}"
         ENVIRONMENT "VORBEL_BUILD_DIR=${PROJECT_BINARY_DIR};VORBEL_SANITIZED=${VORBEL_SANITIZE}")

@@ -31,7 +31,7 @@ need() {
     rm -f "$log"
 }
 
-build_packages=(cmake ninja-build g++ qtbase5-dev libqt5websockets5-dev libqt5serialport5-dev
+build_packages=(cmake ninja-build g++ ccache qtbase5-dev libqt5websockets5-dev libqt5serialport5-dev
                 libqt5serialbus5-dev libqt5serialbus5-plugins libudev-dev)
 # shellcheck disable=SC2034 # for the scripts
 client_packages=(python3 python3-websockets python3-msgpack python3-rich)
@@ -40,6 +40,9 @@ test_packages=("${build_packages[@]}" "${client_packages[@]}" python3-pytest pyt
                python3-numpy python3-matplotlib iproute2 util-linux procps chromium systemd nginx-light openssl man-db)
 fuzz_packages=(clang libclang-rt-14-dev)
 
+# For cmake: what several builds have in common is compiled once.
+export CMAKE_C_COMPILER_LAUNCHER=ccache CMAKE_CXX_COMPILER_LAUNCHER=ccache
+
 # need_npm: Node.js and npm from anywhere, or from Debian when there are none.
 need_npm() {
     { command -v node && command -v npm; } >/dev/null || need nodejs npm
@@ -47,13 +50,10 @@ need_npm() {
 
 # build PRESET [--target NAME]: configures when it has not been, then builds what changed. Warnings are errors.
 build() {
-    local preset=$1 options=()
+    local preset=$1
     shift
     [ "$preset" != fuzz ] || need "${fuzz_packages[@]}"
-    if command -v ccache >/dev/null; then
-        options=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache -DCMAKE_C_COMPILER_LAUNCHER=ccache)
-    fi
-    [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" -DVORBEL_WERROR=ON "${options[@]}" >/dev/null ||
+    [ -f "build/$preset/build.ninja" ] || cmake --preset "$preset" -DVORBEL_WERROR=ON >/dev/null ||
         fail "could not configure the $preset build (see above)"
     cmake --build --preset "$preset" "$@" || fail "the $preset build failed (see above)"
 }

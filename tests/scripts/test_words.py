@@ -130,7 +130,7 @@ def test_words_for_ctest(tree, words, passed_on):
     status, output, _ = tree.run("scripts/test", *words)
     assert (status, output.splitlines()[-1]) == (0, "3 passed, 0 failed")
     (call,) = (call for call in tree.calls if call.startswith("ctest "))
-    assert call.endswith(f" -j {len(os.sched_getaffinity(0))} {passed_on}")
+    assert call.endswith(f" -j {2 * len(os.sched_getaffinity(0))} {passed_on}")
 
 
 def test_words_for_pytest(tree):
