@@ -4,6 +4,7 @@ understood all of them. Run in a copy of the tree, where whatever could do somet
 import os
 import pathlib
 import shutil
+import socket
 import subprocess
 
 import pytest
@@ -139,7 +140,9 @@ def test_words_for_pytest(tree):
     assert tree.calls == ["run -k adapter"]
 
 
-def test_the_demonstration_shows_what_it_builds_and_where_the_monitor_is(tree):
+@pytest.fixture
+def demonstration(tree):
+    """A tree with all that the demonstration starts."""
     tree.program("dpkg-query", "echo install ok installed")
     tree.program("npm", "echo npm at work",
                  f"mkdir -p {tree.root}/clients/node_modules {tree.root}/clients/monitor/dist")
@@ -148,9 +151,39 @@ def test_the_demonstration_shows_what_it_builds_and_where_the_monitor_is(tree):
     (tree.root / "sim" / "simulated_bus.py").write_text("")
     (tree.root / "examples").mkdir()
     (tree.root / "examples" / "machine.schema.json").touch()
-    status, _, errors = tree.run("scripts/demo")
+    return tree
+
+
+MONITOR = "http://127.0.0.1:8443/?schema=machine.json&plot=motor.speed,motor.current"
+
+
+def test_the_demonstration_shows_what_it_builds_and_where_the_monitor_is(demonstration):
+    status, _, errors = demonstration.run("scripts/demo")
     told = [errors.index(text) for text in (
         "Building the monitor", "Installing what the TypeScript clients are built with", "npm at work",
-        "The monitor: http://127.0.0.1:8443/?schema=machine.schema.json")]
+        f"The monitor: {MONITOR}")]
     assert status == 0 and told == sorted(told)
-    assert "watch --schema examples/machine.schema.json --title The monitor: http://127.0.0.1:8443/" in tree.calls[-1]
+    assert "vorbel-cli watch --schema examples/machine.schema.json --title Type  set motor.setpoint 1200 " in (
+        demonstration.calls[-2])
+    assert demonstration.calls[-1] == MONITOR and len(MONITOR) < 80  # whole on a usual terminal
+
+
+def test_the_demonstration_announces_no_monitor_of_somebody_else(demonstration):
+    with socket.create_server(("127.0.0.1", 8443)):
+        status, _, errors = demonstration.run("scripts/demo")
+    assert status == 0 and "Address already in use" in errors and "going on without it" in errors
+    assert "http://" not in errors + demonstration.calls[-1]
+
+
+@pytest.mark.parametrize("can0, writes", [("true", False), ("false", True)], ids=["real", "virtual"])
+def test_the_demonstration_writes_only_to_a_simulated_machine(demonstration, can0, writes):
+    demonstration.program("ip", can0)
+    assert demonstration.run("scripts/demo", "--once", "socketcan")[0] == 0
+    assert (" --set motor.setpoint=1200 " in demonstration.calls[-1]) == writes
+    assert " --once 10" in demonstration.calls[-1]
+
+
+def test_the_demonstration_proposes_no_value_for_a_real_bus(demonstration):
+    demonstration.program("ip")
+    assert demonstration.run("scripts/demo", "socketcan")[0] == 0
+    assert demonstration.calls[-2].endswith(" --title Ctrl-C ends everything.") and demonstration.calls[-1] == MONITOR
