@@ -172,11 +172,12 @@ def test_set(bridge, tool):
     ("motor.enabled", "true", 'motor.enabled: is read-only, because its schema has "@asBool"'),
     ("motor.setpoint", "fast", 'motor.setpoint: takes a number, not "fast"'),
     ("motor.nosuch", "1", "motor.nosuch: does not exist in the schema"),
+    ("motor.setpint", "1", 'motor.setpint: does not exist in the schema (did you mean "setpoint"?)'),
     ("motor", "1", 'motor: is a group of values, not a value: "speed", "current", "enabled", "setpoint"'),
     ("", "1", "the root: values are written as a map from names, not as a value of its own"),
     ("motor.setpoint", "9" * 400, "motor.setpoint: Infinity is outside of -32768 to 65535"),
     ("motor.setpoint", "[" * 9999, f'motor.setpoint: takes a number, not "{36 * "["}...'),
-], ids=["read-only", "text", "unknown", "a group", "the root", "beyond any number", "nested without end"])
+], ids=["read-only", "text", "unknown", "mistyped", "a group", "the root", "beyond any number", "nested without end"])
 def test_set_refuses(bridge, tool, path, value, message):
     assert tool("set", path, value, "--schema", MACHINE) == (1, "", f"vorbel-cli: Not written: {message}\n")
     assert bridge.heard(timeout=0.2) == []

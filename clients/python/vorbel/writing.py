@@ -7,7 +7,7 @@ from dataclasses import dataclass, field
 from typing import Any, Optional, Union
 
 from . import paths
-from .errors import Problem, WriteError, listed, quoted
+from .errors import Problem, WriteError, listed, quoted, suggestion
 from .schema import FORMATS, Leaf, is_leaf, leaf_of
 from .single import next_to, shortest, single
 
@@ -87,7 +87,9 @@ def _prepare_members(node: Mapping[str, Any], values: Mapping[str, Any], names: 
         below = (*names, name)
         member = node.get(name)
         if not isinstance(member, dict):
-            problems.append(Problem(paths.join(below), "unknown-name", "does not exist in the schema"))
+            known = [name for name, member in node.items() if isinstance(member, dict)]
+            problems.append(Problem(paths.join(below), "unknown-name",
+                                    f"does not exist in the schema{suggestion(name, known)}"))
         elif isinstance(value, dict) and _is_group(member):
             sent[name] = {}
             problems += _prepare_members(member, value, below, sent[name], written)
