@@ -487,6 +487,18 @@ def test_title_stays_above_the_table(bridge, terminal, tool):
     assert lines.readline() == "vorbel-cli: The page is at http://a\n"
 
 
+def test_title_of_several_lines_is_shown_whole(bridge, terminal, tool):
+    title = "Two lines:\nhttp://" + "a" * 60 + "z"
+    screen = terminal("watch", "--title", title, columns=60)
+    screen.wait_for("Two lines:")
+    screen.wait_for("http://" + "a" * 53)
+    screen.wait_for("aaaaaaaz")
+    screen.type("quit\r")
+    assert screen.end() == 0
+    lines = tool.start("watch", "--title", title).stderr
+    assert [lines.readline() for _ in range(2)] == [f"vorbel-cli: {line}\n" for line in title.splitlines()]
+
+
 def test_typed_lines_can_be_recalled_and_changed(bridge, terminal):
     screen = terminal("watch", "--schema", MACHINE)
     screen.wait_for("no values yet")

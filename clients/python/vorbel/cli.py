@@ -214,7 +214,7 @@ def _parser() -> argparse.ArgumentParser:
     command = add("watch", watch, "show the values as they come; on a terminal as a table that takes commands")
     command.add_argument("--plain", action="store_true", help="lines instead of the table, as when piped")
     command.add_argument("--filter", default="", metavar="TEXT", help="only paths that contain the text")
-    command.add_argument("--title", default="", metavar="TEXT", help="a line that stays above the table")
+    command.add_argument("--title", default="", metavar="TEXT", help="a text that stays above the table")
     command.add_argument("--once", type=_seconds, metavar="SECONDS",
                          help="print a summary after so long; the exit status is 1 if no values came or one of "
                               "those expected did not")

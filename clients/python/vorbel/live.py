@@ -43,12 +43,16 @@ class Screen:
 
     def draw(self, width: int, height: int) -> Group:
         rows = self.session.shown_rows()
-        titles = [self.session.title] if self.session.title else []
+        titles = self._titles(width)
         room = max(1, height - FRAME_LINES - len(titles) - len(self.notes))
         remark = self._remark(len(rows) - room)
         return Group(*(_line(title, "bold") for title in titles), self._header(), self._grid(rows[:room], width),
                      *([_line(f"  {remark}", "dim")] if remark else []),
                      *(_line(note, "yellow") for note in self.notes), self._prompt_line(width))
+
+    def _titles(self, width: int) -> list[str]:
+        """The lines of the title, continued below where they are too long, so that an address stays whole."""
+        return [line[at:at + width] for line in self.session.title.splitlines() for at in range(0, len(line), width)]
 
     def _remark(self, hidden: int) -> str:
         """On what is not in the table."""

@@ -24,8 +24,8 @@ async def watch_lines(session: Session) -> None:
     """Until the client is closed."""
     reminder = asyncio.get_running_loop().call_later(PATIENCE, _remind, session)
     greeted: Optional[Hello] = None
-    if session.title:
-        say(session.title)
+    for line in session.title.splitlines():
+        say(line)
     try:
         async for event in session.client.events():
             session.take(event)
