@@ -196,6 +196,14 @@ def test_set_says_what_went_out(bridge, tool, schema_file):
     assert bridge.heard(2) == [(5, 2, "35 00"), (5, 2, "36 00")]
 
 
+@pytest.mark.parametrize("value, payload", [
+    ("-5", "fb ff"), ("-1e3", "18 fc"), ("-1.5E+2", "6a ff"), ("-20e-1", "fe ff"),
+])
+def test_set_below_zero(bridge, tool, value, payload):
+    assert tool("set", "motor.setpoint", value, "--schema", MACHINE)[0] == 0
+    assert bridge.heard() == [(5, 3, payload)]
+
+
 def test_set_without_the_check(bridge, tool):
     assert tool("set", "motor.nosuch", "1", "--no-check", "--schema", MACHINE)[0] == 0
     assert bridge.daemon.count('warning Key: "nosuch" does not exist in the schema') == 1

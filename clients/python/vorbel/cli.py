@@ -189,7 +189,11 @@ async def _watch_once(options: Options) -> int:
 
 
 class _Parser(argparse.ArgumentParser):
-    """Proposes the nearest for a command that does not exist."""
+    """Proposes the nearest for a command that does not exist, and takes any number below 0 for a value."""
+
+    def __init__(self, **options: Any) -> None:
+        super().__init__(**options)
+        self._negative_number_matcher = re.compile(r"-\d*\.?\d+([eE][-+]?\d+)?$")
 
     def _check_value(self, action: argparse.Action, value: Any) -> None:
         if action.choices is not None and value not in action.choices:
@@ -225,7 +229,7 @@ def _parser() -> argparse.ArgumentParser:
 
     command = add("set", set_value, "write one value to the bus")
     command.add_argument("path", metavar="PATH")
-    command.add_argument("value", metavar="VALUE", help="as JSON, or text; one like -1e3 goes behind --")
+    command.add_argument("value", metavar="VALUE", help="as JSON, or text; a text that begins with - goes behind --")
 
     add("hello", hello, "print which device answers")
 
