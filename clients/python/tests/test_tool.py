@@ -454,6 +454,24 @@ def test_what_is_only_for_writing_appears(bridge, terminal, tool, schema_file):
     assert output.splitlines()[-1] == "  text  only for writing"
 
 
+def test_what_was_written_and_does_not_come_appears(bridge, terminal, schema_file):
+    screen = terminal("watch", "--schema", schema_file({"speed": LEAF, "setpoint": {**LEAF, "@cmd": 3}}), columns=60)
+    screen.wait_for("no values yet")
+    screen.type("set setpoint 12\r")
+    assert bridge.heard() == [(5, 3, "0c 00")]
+    screen.wait_for("sent 12  ")
+    bridge.say(5, 3, "0b 00")
+    screen.wait_for("setpoint   11 ")
+    screen.type("set setpoint 13\r")
+    screen.wait_for("setpoint = 13 sent")
+    screen.type(f"schema {schema_file({'setpoint': LEAF})}\r")
+    screen.wait_for("schema sent")
+    screen.seen = ""
+    screen.wait_for("no values yet")
+    screen.type("quit\r")
+    assert screen.end() == 0 and "sent 13 " not in screen.seen
+
+
 def test_values_are_cut_before_paths(bridge, terminal, schema_file):
     path = "a" * 40
     schema = schema_file({path: {**LEAF, "@format": "C", "@flushSize": 60}})

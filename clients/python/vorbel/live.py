@@ -91,7 +91,7 @@ class Screen:
 
     def _add_row(self, grid: Grid, path: str, row: Optional[Row], value_width: int) -> None:
         if row is None:
-            grid.add_row(Text(paths.shown(path)), Text(self.session.never_read_text(path)), style="dim")
+            grid.add_row(Text(paths.shown(path)), Text(self.session.text_without_row(path)), style="dim")
             return
         now = time.time()
         points = max(5, value_width - BESIDE_POINTS)

@@ -113,7 +113,7 @@ def report(session: Session, observation: Observation, expectations: Iterable[Ex
     for path, row in table.rows.items():
         value = shown(row.value, leaf=session.leaf(path))
         lines.append(f"  {paths.shown(path):{width}}  {value}  {row.change(now)}".rstrip())
-    lines += [f"  {paths.shown(path):{width}}  {session.never_read_text(path)}"
+    lines += [f"  {paths.shown(path):{width}}  {session.text_without_row(path)}"
               for path, row in session.shown_rows() if row is None]
     lines += observation.sent
     for expectation in expectations:

@@ -84,12 +84,12 @@ class Session:
         return self._known_leaves().get(path)
 
     def shown_rows(self) -> list[tuple[str, Optional[Row]]]:
-        """In the order of the paths; without a row those that are never read."""
-        rows: dict[str, Optional[Row]] = {**dict.fromkeys(self._never_read()), **self.table.rows}
+        """In the order of the paths; without a row those that are only for writing or were only written."""
+        rows: dict[str, Optional[Row]] = {**dict.fromkeys([*self._never_read(), *self._sent]), **self.table.rows}
         return [(path, rows[path]) for path in sorted(rows) if self.filter in path]
 
-    def never_read_text(self, path: str) -> str:
-        """What stands for the value of a leaf that is only for writing."""
+    def text_without_row(self, path: str) -> str:
+        """What stands for the value of a leaf of which none has come."""
         return f"sent {shown(self._sent[path])}" if path in self._sent else "only for writing"
 
     async def carry_out(self, line: str) -> Optional[str]:
@@ -107,7 +107,7 @@ class Session:
             return await self._set(words[1], parse_value(" ".join(words[2:])))
         if words[0] == "schema" and len(words) == 2:
             warnings = await self.client.send_schema(words[1])
-            self.table = Table()  # what the old schema named comes no more
+            self.table, self._sent = Table(), {}  # what the old schema named comes no more
             return "\n".join(["schema sent", *map(str, warnings)])
         if words[0] == "filter":
             self.filter = " ".join(words[1:])
