@@ -78,10 +78,15 @@ def test_address_that_cannot_be(tool):
     (("record", "x.csv", "--max-size", "5x"), "argument --max-size: must be a number of bytes, with k, M or G"),
     (("watch", "--nosuch"), "unrecognized arguments: --nosuch"),
     ((), "the following arguments are required: COMMAND"),
+    (("watch", "--set", "a=1"), "vorbel-cli watch: error: --set and --expect go with --once SECONDS"),
+    (("watch", "--expect", "a=1"), "vorbel-cli watch: error: --set and --expect go with --once SECONDS"),
+    (("watch", "--once", "1", "--set", "a"), "argument --set: 'a' is not of the form PATH=VALUE"),
+    (("watch", "--once", "1", "--expect", "a=1~x"), "argument --expect: 'x' in 'a=1~x' is no number"),
     (("wacth",), "there is no 'wacth' (did you mean \"watch\"?); there are: watch, set, hello, schema, record, plot"),
     (("xyz",), "there is no 'xyz'; there are: watch, "),
     (("schema", "chekc"), "there is no 'chekc' (did you mean \"check\"?); there are: check"),
-], ids=["no number", "no size", "unknown option", "no command", "mistyped", "not like any", "mistyped second word"])
+], ids=["no number", "no size", "unknown option", "no command", "set without once", "expect without once",
+        "no value", "no tolerance", "mistyped", "not like any", "mistyped second word"])
 def test_wrong_command_lines(tool, words, message):
     status, output, errors = tool(*words)
     assert (status, output) == (2, "") and message in errors

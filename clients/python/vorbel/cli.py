@@ -79,7 +79,7 @@ async def watch(options: Options) -> int:
     if options.once is not None:
         return await _watch_once(options)
     if options.set or options.expect:
-        raise VorbelError("--set and --expect go with --once SECONDS")
+        options.refuse("--set and --expect go with --once SECONDS")
     live = _live_module(options)
     async with connected(_client(options)) as client:
         session = Session(client, note=say)
@@ -169,16 +169,15 @@ def _live_module(options: Options) -> Optional[types.ModuleType]:
 
 
 async def _watch_once(options: Options) -> int:
-    assignments = [parse_assignment(text) for text in options.set]
-    expectations = [parse_expectation(text) for text in options.expect]
     client = _client(options)
     if options.check:
-        check_paths(client, assignments, expectations)
+        check_paths(client, options.set, options.expect)
     async with connected(client):
         session = Session(client, note=say)
-        observation = Observation(session, assignments, expectations)
+        session.filter = options.filter
+        observation = Observation(session, options.set, options.expect)
         await observation.follow(options.once)
-        lines, well = report(session, observation, expectations, options.once)
+        lines, well = report(session, observation, options.expect, options.once)
     print("\n".join(lines))
     if session.table.messages == 0:
         say(session.silence())
@@ -210,7 +209,7 @@ def _parser() -> argparse.ArgumentParser:
     def add(name: str, run: Command, text: str, connects: bool = True,
             of: "argparse._SubParsersAction[_Parser]" = commands_of) -> argparse.ArgumentParser:
         command = of.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".")
-        command.set_defaults(run=run)
+        command.set_defaults(run=run, refuse=command.error)
         if connects:
             _add_connection(command)
         return command
@@ -222,10 +221,10 @@ def _parser() -> argparse.ArgumentParser:
     command.add_argument("--once", type=_seconds, metavar="SECONDS",
                          help="print a summary after so long; the exit status is 1 if no values came or one of "
                               "those expected did not")
-    command.add_argument("--set", action="append", default=[], metavar="PATH=VALUE",
+    command.add_argument("--set", action="append", default=[], type=_typed(parse_assignment), metavar="PATH=VALUE",
                          help="with --once: write this when the first values came")
-    command.add_argument("--expect", action="append", default=[], metavar="PATH=VALUE[~TOLERANCE]",
-                         help="with --once: this must come after what was set")
+    command.add_argument("--expect", action="append", default=[], type=_typed(parse_expectation),
+                         metavar="PATH=VALUE[~TOLERANCE]", help="with --once: this must come after what was set")
 
     command = add("set", set_value, "write one value to the bus")
     command.add_argument("path", metavar="PATH")
@@ -265,6 +264,16 @@ def _add_connection(command: argparse.ArgumentParser) -> None:
                          help="send schema and values whatever is wrong with them")
     command.add_argument("--timeout", type=_seconds, default=10, metavar="SECONDS",
                          help="how long to wait for the daemon (default %(default)s)")
+
+
+def _typed(parse: Callable[[str], Any]) -> Callable[[str], Any]:
+    """What cannot be parsed makes the command line a wrong one."""
+    def parsed(text: str) -> Any:
+        try:
+            return parse(text)
+        except VorbelError as error:
+            raise argparse.ArgumentTypeError(str(error)) from None
+    return parsed
 
 
 def _seconds(text: str) -> float:
