@@ -191,7 +191,8 @@ def test_set_refuses(bridge, tool, path, value, message):
 def test_set_without_a_schema_says_what_it_cannot_know(bridge, tool):
     assert tool("set", "motor.setpoint", "5") == (
         0, "motor.setpoint = 5 sent\n",
-        "vorbel-cli: not checked, and not written if no schema is in force that has it: --schema FILE sends one\n")
+        "vorbel-cli: not checked: the daemon ignores what its schema does not have; --schema FILE sends one and "
+        "checks\n")
 
 
 def test_set_says_what_went_out(bridge, tool, schema_file):
@@ -222,12 +223,17 @@ def test_schema_check(tool, schema_file):
         'a: "@skp" is no option (did you mean "@skip"?); the daemon ignores it',
         'b: warning: only the first character of "@format" counts: "float" is "f"',
         "c: warning: overlaps a: both use bytes 0 to 1 of mac 5, cmd 2; written together, one destroys the other",
-        f"{path}: 3 leaves on 2 endpoints, 1 errors, 2 warnings",
+        f"{path}: 3 leaves on 2 endpoints, 1 error, 2 warnings",
     ]
 
 
 def test_schema_check_of_a_good_one(tool):
     assert tool("schema", "check", MACHINE) == (0, f"{MACHINE}: 11 leaves on 5 endpoints, 0 errors, 0 warnings\n", "")
+
+
+def test_one_is_not_many(tool, schema_file):
+    path = schema_file({"a": {**LEAF, "@format": "short"}})
+    assert tool("schema", "check", path)[1].splitlines()[-1] == f"{path}: 1 leaf on 1 endpoint, 0 errors, 1 warning"
 
 
 def test_schema_that_is_no_json(tool, schema_file):
@@ -305,6 +311,11 @@ def test_watch_once(machine, tool):
     assert lines[-2].startswith("expected motor.speed = 1200 ± 60: seen after ")
     assert lines[-1].startswith("expected motor.enabled = true: seen after ")
     assert (status, errors) == (0, "")
+
+
+def test_watch_once_shows_what_the_filter_leaves(machine, tool):
+    output = tool("watch", "--schema", MACHINE, "--once", "1.5", "--filter", "motor.s")[1]
+    assert [line.split()[0] for line in output.splitlines()[3:]] == ["motor.speed"]
 
 
 def test_watch_once_fails_without_values(bridge, tool):
@@ -621,7 +632,7 @@ def test_record_until_interrupted(bridge, tool, tmp_path):
         assert time.monotonic() < deadline
         time.sleep(0.02)
     process.send_signal(signal.SIGINT)
-    assert "recorded 1 messages" in process.communicate(timeout=10)[1]
+    assert "recorded 1 message," in process.communicate(timeout=10)[1]
     assert process.returncode == 0
     assert json.loads(file.read_text())["values"] == {"door": {"open": True}}
 
@@ -634,7 +645,7 @@ def test_record_interrupted_before_it_did_its_work(bridge, tool, tmp_path, words
         bridge.say(12, 1, "01")
         harness.wait_until(lambda: (tmp_path / "run.jsonl").read_text())
     process.send_signal(signal.SIGINT)
-    assert f"recorded {'1 messages' if words else 'to'}" in process.communicate(timeout=10)[1]
+    assert f"recorded {'1 message,' if words else 'to'}" in process.communicate(timeout=10)[1]
     assert process.returncode == 130
 
 
@@ -671,7 +682,7 @@ def test_record_tells_a_lost_connection_once(bridge, tool, tmp_path):
     assert [set(entry) for entry in entries] == [{"time", "disconnected"}, {"time", "values"}]
     assert errors.splitlines()[-2:] == [
         "vorbel-cli: connected again",
-        f"vorbel-cli: recorded 1 messages, {file.stat().st_size} bytes in 1 file at {file}"]
+        f"vorbel-cli: recorded 1 message, {file.stat().st_size} bytes in 1 file at {file}"]
 
 
 def test_record_of_nothing_leaves_nothing(tool, tmp_path):

@@ -22,7 +22,7 @@ from .record import record as record_to_files
 from .recording import Recorder
 from .schema import leaves, load_schema, parse, read
 from .session import Session, parse_value, sent_text
-from .terminal import connected, is_dumb, say
+from .terminal import connected, counted, is_dumb, say
 from .watch import NARROW, watch_lines
 
 Options = argparse.Namespace
@@ -98,7 +98,7 @@ async def set_value(options: Options) -> int:
         await client.confirmed()
     print(sent_text(options.path, value, written))
     if client.schema is None:
-        say("not checked, and not written if no schema is in force that has it: --schema FILE sends one")
+        say("not checked: the daemon ignores what its schema does not have; --schema FILE sends one and checks")
     return 0
 
 
@@ -118,10 +118,11 @@ async def schema_check(options: Options) -> int:
     for problem in problems:
         print(problem)
     errors = sum(problem.is_error for problem in problems)
+    warnings = len(problems) - errors
     all_leaves = leaves(parse(text)[0]).values()
     endpoints = {(json.dumps(leaf.mac), json.dumps(leaf.cmd)) for leaf in all_leaves}
-    print(f"{options.file}: {len(all_leaves)} leaves on {len(endpoints)} endpoints, "
-          f"{errors} errors, {len(problems) - errors} warnings")
+    print(f"{options.file}: {counted(len(all_leaves), 'leaf', 'leaves')} on {counted(len(endpoints), 'endpoint')}, "
+          f"{counted(errors, 'error')}, {counted(warnings, 'warning')}")
     return 1 if errors else 0
 
 

@@ -21,6 +21,7 @@ from . import paths
 from .prompt import Prompt
 from .session import Session
 from .table import Row, shown
+from .terminal import counted
 
 REFRESH = 0.2  # seconds
 NOTES = 4
@@ -72,7 +73,7 @@ class Screen:
         session = self.session
         state = (f" {session.client.hello} ", "bold green" if session.up else "bold red")
         filtered = f"  filter: {session.filter}" if session.filter else ""
-        return Text.assemble(state, f" {session.state}  {session.table.messages} messages{filtered}  ",
+        return Text.assemble(state, f" {session.state}  {counted(session.table.messages, 'message')}{filtered}  ",
                              ("help: commands", "dim"), overflow="ellipsis", no_wrap=True)
 
     def _grid(self, rows: list[tuple[str, Optional[Row]]], width: int) -> Grid:

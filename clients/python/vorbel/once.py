@@ -11,6 +11,7 @@ from .errors import VorbelError, suggestion
 from .schema import Leaf, leaves
 from .session import Session, parse_value, sent_text
 from .table import is_number, number, shown
+from .terminal import counted
 from .wire import is_array
 from .writing import prepare
 
@@ -106,18 +107,24 @@ def report(session: Session, observation: Observation, expectations: Iterable[Ex
     client, table = session.client, session.table
     lines = [f"hello: {client.hello}"]
     if client.schema is not None:
-        lines.append(f"schema: sent, {len(leaves(client.schema))} leaves")
-    lines.append(f"values: {table.messages} messages within {seconds:g} s, {len(table.rows)} paths")
-    now = time.time()
-    width = max((len(paths.shown(path)) for path, _ in session.shown_rows()), default=0)
-    for path, row in table.rows.items():
-        value = shown(row.value, leaf=session.leaf(path))
-        lines.append(f"  {paths.shown(path):{width}}  {value}  {row.change(now)}".rstrip())
-    lines += [f"  {paths.shown(path):{width}}  {session.text_without_row(path)}"
-              for path, row in session.shown_rows() if row is None]
+        lines.append(f"schema: sent, {counted(len(leaves(client.schema)), 'leaf', 'leaves')}")
+    lines.append(f"values: {counted(table.messages, 'message')} within {seconds:g} s, "
+                 f"{counted(len(table.rows), 'path')}")
+    lines += _row_lines(session)
     lines += observation.sent
     for expectation in expectations:
         met = observation.met.get(expectation)
         seen = "NOT SEEN" if met is None else f"seen after {met:.1f} s"
         lines.append(f"expected {expectation}: {seen}")
     return lines, table.messages > 0 and all(each in observation.met for each in expectations)
+
+
+def _row_lines(session: Session) -> list[str]:
+    """Behind those with values, those that are only for writing."""
+    now = time.time()
+    rows = session.shown_rows()
+    width = max((len(paths.shown(path)) for path, _ in rows), default=0)
+    values = [f"  {paths.shown(path):{width}}  {shown(row.value, leaf=session.leaf(path))}  {row.change(now)}".rstrip()
+              for path, row in rows if row is not None]
+    return values + [f"  {paths.shown(path):{width}}  {session.text_without_row(path)}"
+                     for path, row in rows if row is None]

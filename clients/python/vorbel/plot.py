@@ -8,7 +8,7 @@ from .client import Client, Values
 from .plotting import Series
 from .recording import read_recording
 from .session import Session
-from .terminal import Progress, connected, say
+from .terminal import Progress, connected, counted, say
 
 
 class Collection:
@@ -34,7 +34,7 @@ class Collection:
         if drawn:
             units = {path: unit_of(schema or {}, path) for path in drawn}
             plotting.draw(drawn, output, title, units)
-            print(f"{output}: {sum(len(line.times) for line in drawn.values())} points")
+            print(f"{output}: {counted(sum(len(line.times) for line in drawn.values()), 'point')}")
         return 1 if empty else 0
 
 
@@ -56,7 +56,7 @@ async def plot(client: Client, wanted: Iterable[str], output: str, seconds: floa
         session = Session(client, note=progress.note)
         async for event in client.events(seconds):
             session.take(event)
-            progress.show(f"{session.table.messages} messages")
+            progress.show(counted(session.table.messages, "message"))
             if isinstance(event, Values):
                 collection.add(event)
     progress.end()

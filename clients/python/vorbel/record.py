@@ -6,7 +6,7 @@ from typing import Optional
 from .client import Client
 from .recording import Recorder
 from .session import Session
-from .terminal import Progress, connected, say
+from .terminal import Progress, connected, counted, say
 
 
 async def record(client: Client, recorder: Recorder, seconds: Optional[float]) -> int:
@@ -34,7 +34,8 @@ async def _follow(session: Session, recorder: Recorder, seconds: Optional[float]
             async for event in client.events(seconds):
                 session.take(event)
                 recorder.record(event)
-                progress.show(f"{recorder.messages} messages, {recorder.written / 1e6:.1f} MB, {_files(recorder)}")
+                progress.show(f"{counted(recorder.messages, 'message')}, {recorder.written / 1e6:.1f} MB, "
+                              f"{_files(recorder)}")
     finally:
         progress.end()
 
@@ -43,9 +44,9 @@ def _summary(recorder: Recorder, lost: int) -> str:
     if recorder.written == 0:
         return f"nothing was recorded to {recorder.path}"
     more = f"; {lost} more came faster than they could be written" if lost else ""
-    return (f"recorded {recorder.messages} messages, {recorder.written} bytes in {_files(recorder)} "
+    return (f"recorded {counted(recorder.messages, 'message')}, {recorder.written} bytes in {_files(recorder)} "
             f"at {recorder.path}{more}")
 
 
 def _files(recorder: Recorder) -> str:
-    return f"{recorder.files} {'file' if recorder.files == 1 else 'files'}"
+    return counted(recorder.files, "file")

@@ -14,6 +14,11 @@ def say(text: str) -> None:
     print(f"vorbel-cli: {text}", file=sys.stderr, flush=True)
 
 
+def counted(number: int, one: str, many: str = "") -> str:
+    """A number of things; of more than one, an s is the rule."""
+    return f"{number} {one if number == 1 else many or one + 's'}"
+
+
 def is_dumb() -> bool:
     """Whether the terminal only writes one line after the other."""
     return os.environ.get("TERM", "dumb") == "dumb"
