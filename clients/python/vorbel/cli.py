@@ -220,12 +220,12 @@ def _parser() -> argparse.ArgumentParser:
     command.add_argument("--filter", default="", metavar="TEXT", help="only paths that contain the text")
     command.add_argument("--title", default="", metavar="TEXT", help="a text that stays above the table")
     command.add_argument("--once", type=_seconds, metavar="SECONDS",
-                         help="print a summary after so long; the exit status is 1 if no values came or one of "
-                              "those expected did not")
+                         help="print a summary after that time; the exit status is 1 if no values came, or one that "
+                              "was expected did not")
     command.add_argument("--set", action="append", default=[], type=_typed(parse_assignment), metavar="PATH=VALUE",
-                         help="with --once: write this when the first values came")
+                         help="with --once: write this once the first values have come")
     command.add_argument("--expect", action="append", default=[], type=_typed(parse_expectation),
-                         metavar="PATH=VALUE[~TOLERANCE]", help="with --once: this must come after what was set")
+                         metavar="PATH=VALUE[~TOLERANCE]", help="with --once: this must come after what --set wrote")
 
     command = add("set", set_value, "write one value to the bus")
     command.add_argument("path", metavar="PATH")
@@ -238,13 +238,13 @@ def _parser() -> argparse.ArgumentParser:
                   connects=False, of=of_schema)
     command.add_argument("file", metavar="FILE")
 
-    command = add("record", record, "write all that comes to a file, until interrupted")
+    command = add("record", record, "write all values to a file, until interrupted")
     command.add_argument("file", metavar="FILE", help="NAME.jsonl (JSON Lines) or NAME.csv")
     command.add_argument("--max-size", type=_size, default=0, metavar="BYTES",
-                         help="put a file aside at this size and begin a new one; 10M, for instance")
-    command.add_argument("--keep", type=_count, default=0, metavar="N", help="of the files put aside keep the last N")
-    command.add_argument("--append", action="store_true", help="go on with a file that exists")
-    command.add_argument("--for", dest="seconds", type=_seconds, metavar="SECONDS", help="end by itself after so long")
+                         help="set the file aside at this size, such as 10M, and begin a new one")
+    command.add_argument("--keep", type=_count, default=0, metavar="N", help="keep only the last N of the files set aside")
+    command.add_argument("--append", action="store_true", help="continue a file that exists")
+    command.add_argument("--for", dest="seconds", type=_seconds, metavar="SECONDS", help="end after this time")
 
     command = add("plot", plot, "draw values over time")
     command.add_argument("paths", nargs="+", metavar="PATH")
@@ -252,8 +252,8 @@ def _parser() -> argparse.ArgumentParser:
     command.add_argument("--for", dest="seconds", type=_seconds, default=10, metavar="SECONDS",
                          help="how long to collect (default %(default)s)")
     command.add_argument("--from", dest="recordings", action="append", metavar="RECORDING",
-                         help="draw what was recorded instead; for several files in their order, several times. No "
-                              "daemon is needed, and the schema is not sent: it says the units")
+                         help="draw what was recorded instead; once for each file, in their order. No daemon is "
+                              "needed, and the schema is not sent: it only gives the units")
     return parser
 
 
@@ -262,7 +262,7 @@ def _add_connection(command: argparse.ArgumentParser) -> None:
                          help="where the daemon is (default %(default)s, port 10443), or its ws:// URI")
     command.add_argument("-s", "--schema", metavar="FILE", help="send this schema, which then holds for all clients")
     command.add_argument("--no-check", dest="check", action="store_false",
-                         help="send schema and values whatever is wrong with them")
+                         help="send schema and values even if something is wrong with them")
     command.add_argument("--timeout", type=_seconds, default=10, metavar="SECONDS",
                          help="how long to wait for the daemon (default %(default)s)")
 
