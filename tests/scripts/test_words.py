@@ -140,6 +140,19 @@ def test_words_for_pytest(tree):
     assert tree.calls == ["run -k adapter"]
 
 
+@pytest.mark.parametrize("given", [None, "build/asan"])
+def test_the_build_that_is_tested(tree, monkeypatch, given):
+    if given:
+        monkeypatch.setenv("VORBEL_BUILD_DIR", given)
+    else:
+        monkeypatch.delenv("VORBEL_BUILD_DIR", raising=False)
+    tree.program("unshare", 'realpath --canonicalize-missing "$VORBEL_BUILD_DIR"')
+    status, output, _ = tree.run("tests/run", "file")
+    used = pathlib.Path(output.splitlines()[-1])
+    assert (status, used.parts[-2:]) == (0, ("build", "asan" if given else "release"))
+    assert given or used == tree.root / "build" / "release"
+
+
 @pytest.fixture
 def demonstration(tree):
     """A tree with all that the demonstration starts."""
