@@ -1,5 +1,6 @@
 """The terminal tool against the daemon, as a person or a script runs it."""
 
+import base64
 import csv
 import fcntl
 import json
@@ -71,6 +72,19 @@ def test_address_that_cannot_be(tool):
     assert tool("hello", "-a", "host:port") == (
         1, "", "vorbel-cli: ws://host:port is no address of a daemon: Port could not be cast to integer value as "
                "'port'\n")
+
+
+def test_a_password_is_sent_and_never_shown(tool):
+    with socket.create_server(("127.0.0.1", 0)) as server:
+        place = f"127.0.0.1:{server.getsockname()[1]}/vorbel"
+        process = tool.start("hello", "-a", f"ws://alice:s@cret@{place}", "--timeout", "2")
+        connection = server.accept()[0]
+        assert b"\r\nAuthorization: Basic " + base64.b64encode(b"alice:s@cret") in connection.recv(4096)
+        connection.close()
+    errors = process.communicate(timeout=20)[1]
+    assert errors.startswith(f"vorbel-cli: No daemon at ws://alice:***@{place} within 2 s: ")
+    assert tool("hello", "-a", "http://alice:secret@b")[2].startswith(
+        "vorbel-cli: http://alice:***@b is no address of a daemon: http://alice:***@b isn't a valid URI")
 
 
 @pytest.mark.parametrize("words, message", [

@@ -11,6 +11,7 @@ import os
 import random
 import re
 import time
+import urllib.parse
 from collections.abc import AsyncIterator, Generator, Sequence
 from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any, Optional, Union
@@ -109,8 +110,14 @@ def _checked(uri: str) -> str:
     try:
         websockets.uri.parse_uri(uri)
     except (ValueError, InvalidURI) as error:
-        raise ConnectError(f"{uri} is no address of a daemon: {error}") from None
+        raise ConnectError(without_password(f"{uri} is no address of a daemon: {error}", uri)) from None
     return uri
+
+
+def without_password(text: str, uri: str) -> str:
+    """A text without the password that a URI has: messages end up in logs and on screens."""
+    password = urllib.parse.urlsplit(uri).password
+    return text.replace(f":{password}@", ":***@") if password else text
 
 
 class Client:
@@ -127,7 +134,8 @@ class Client:
 
     def __init__(self, address: str = "localhost", *, schema: Optional[Source] = None, check: bool = True,
                  timeout: Optional[float] = 10.0, pauses: tuple[float, float] = (0.2, 10.0)) -> None:
-        self.uri = _checked(uri_of(address))
+        self._whole_uri = _checked(uri_of(address))
+        self.uri = without_password(self._whole_uri, self._whole_uri)  # for messages
         self.timeout = timeout
         self.hello: Optional[Hello] = None
         self.schema: Optional[dict[str, Any]] = None
@@ -322,7 +330,7 @@ class Client:
         """Talks until the connection ends, and returns why it did."""
         try:
             connection = websockets.connect(  # type: ignore[attr-defined]
-                self.uri, max_size=MESSAGE_LIMIT, compression=None, open_timeout=10, close_timeout=1,
+                self._whole_uri, max_size=MESSAGE_LIMIT, compression=None, open_timeout=10, close_timeout=1,
                 ping_interval=None)
             async with connection as socket:
                 await self._listen(socket, await self._greet(socket))
