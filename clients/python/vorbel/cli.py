@@ -242,7 +242,8 @@ def _parser() -> argparse.ArgumentParser:
     command.add_argument("file", metavar="FILE", help="NAME.jsonl (JSON Lines) or NAME.csv")
     command.add_argument("--max-size", type=_size, default=0, metavar="BYTES",
                          help="set the file aside at this size, such as 10M, and begin a new one")
-    command.add_argument("--keep", type=_count, default=0, metavar="N", help="keep only the last N of the files set aside")
+    command.add_argument("--keep", type=_count, default=0, metavar="N",
+                         help="keep only the last N of the files set aside")
     command.add_argument("--append", action="store_true", help="continue a file that exists")
     command.add_argument("--for", dest="seconds", type=_seconds, metavar="SECONDS", help="end after this time")
 
