@@ -68,6 +68,14 @@ export type WriteOptions = {
     schema?: Schema | undefined;
 };
 
+export type DeliverOptions = WriteOptions & {
+    /** What gives up a message that has not been sent yet. */
+    signal?: AbortSignal | undefined;
+};
+
+/** A message that is to be sent in time or never. */
+type Order = { message: Uint8Array; deadline: number; signal: AbortSignal | undefined };
+
 const DEFAULTS = {
     firstDelay: 500,
     longestDelay: 10_000,
@@ -262,10 +270,10 @@ export class Client {
      * with UnconfirmedError when none came after it was sent. One follows the other, in the order of the calls. A
      * WebSocket that cannot ping, such as those of browsers, sends them over a connection of their own.
      */
-    async deliver(values: ValueMap, options: WriteOptions = {}): Promise<Written[]> {
+    async deliver(values: ValueMap, options: DeliverOptions = {}): Promise<Written[]> {
         const { message, written } = this.#prepare(values, options);
-        const deadline = performance.now() + this.#deliveryLimit;
-        const delivery = this.#deliveries.then(() => this.#deliver(message, deadline));
+        const order = { message, deadline: performance.now() + this.#deliveryLimit, signal: options.signal };
+        const delivery = this.#deliveries.then(() => this.#deliver(order));
         this.#deliveries = delivery.catch(() => {});
         await delivery;
         return written;
@@ -419,29 +427,32 @@ export class Client {
         throw new NotConnectedError(`Not connected to ${this.#name} (${reason}): nothing was written`);
     }
 
-    async #deliver(message: Uint8Array, deadline: number): Promise<void> {
+    async #deliver(order: Order): Promise<void> {
         if (this.#state !== "connected") this.#refuse(this.#reason);
-        if (performance.now() > deadline) this.#refuse("no answer in time");
-        if (canPing(this.#socket!)) await this.#deliverBetweenPings(message, deadline);
-        else await this.#deliverByVisit(message, deadline);
+        this.#refuseOld(order);
+        if (canPing(this.#socket!)) await this.#deliverBetweenPings(order);
+        else await this.#deliverByVisit(order);
     }
 
-    async #deliverBetweenPings(message: Uint8Array, deadline: number): Promise<void> {
-        try {
-            await this.confirmed(deadline - performance.now());
-        } catch {
-            this.#refuse("no answer in time");
-        }
-        if (performance.now() > deadline) this.#refuse("the answer was too late");
-        this.#send(message);
+    #refuseOld({ deadline, signal }: Order): void {
+        if (signal?.aborted) this.#refuse("given up");
+        if (performance.now() > deadline) this.#refuse("no answer in time");
+    }
+
+    async #deliverBetweenPings(order: Order): Promise<void> {
+        await this.confirmed(order.deadline - performance.now()).catch(() => this.#refuse("no answer in time"));
+        this.#refuseOld(order);
+        this.#send(order.message);
         await this.confirmed(this.#deliveryLimit).catch((error: Error) => this.#doubt(error.message));
     }
 
-    async #deliverByVisit(message: Uint8Array, deadline: number): Promise<void> {
+    async #deliverByVisit(order: Order): Promise<void> {
         const visit = this.#newVisit();
         try {
-            await visit.greeted(deadline - performance.now()).catch((error: Error) => this.#refuse(error.message));
-            await visit.deliver(message, this.#deliveryLimit).catch((error: Error) => this.#doubt(error.message));
+            const patience = order.deadline - performance.now();
+            await visit.greeted(patience).catch((error: Error) => this.#refuse(error.message));
+            this.#refuseOld(order);
+            await visit.deliver(order.message, this.#deliveryLimit).catch((error: Error) => this.#doubt(error.message));
         } finally {
             this.#end(visit);
         }
@@ -497,6 +508,7 @@ export class Client {
         const { owner, wasSent } = this.#ownership;
         if (owner && !wasSent) {
             this.#sendSchema();
+            this.#emit("schema", "sent", "with the connection");
             return;
         }
         this.#ownership.resume();

@@ -5,6 +5,7 @@ export {
     NotConnectedError,
     UnconfirmedError,
     type ClientOptions,
+    type DeliverOptions,
     type State,
     type Undecodable,
     type ValueStream,

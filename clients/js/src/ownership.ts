@@ -4,6 +4,7 @@ import { isLeaf, isObject, toLeaf, type Schema } from "./schema.js";
 
 /**
  * What becomes of the schema that this client set:
+ * "sent" with the first connection after it was set;
  * "resent" after a reconnection, because nothing came and a restarted daemon has none;
  * "kept", not sent after a reconnection, because its values come;
  * "replaced" by another client, whose values come;
@@ -11,7 +12,7 @@ import { isLeaf, isObject, toLeaf, type Schema } from "./schema.js";
  * "heard" again after a silence;
  * "released" by this client itself.
  */
-export type SchemaEvent = "resent" | "kept" | "replaced" | "silent" | "heard" | "released";
+export type SchemaEvent = "sent" | "resent" | "kept" | "replaced" | "silent" | "heard" | "released";
 
 /** Values of the schema before this one may still be on their way, in milliseconds. */
 const GRACE = 1000;

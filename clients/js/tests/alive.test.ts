@@ -154,6 +154,16 @@ describe.each(kinds)("with a WebSocket %s", (_, WebSocket) => {
         expect(machine.heard).toEqual([]);
     });
 
+    test("what is given up before it was sent is never sent", async () => {
+        const client = await ofMachine(WebSocket);
+        const giving = new AbortController();
+        const refusal = expect(client.deliver({ motor: { setpoint: 1 } }, { signal: giving.signal })).rejects;
+        giving.abort();
+        await refusal.toThrow(/given up.*: nothing was written$/);
+        await sleep(300);
+        expect(machine.heard).toEqual([]);
+    });
+
     test("what the schema does not allow is not delivered", async () => {
         const client = await ofMachine(WebSocket);
         await expect(client.deliver({ motor: { speeed: 1 } })).rejects.toThrow(WriteError);

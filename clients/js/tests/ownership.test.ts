@@ -145,6 +145,19 @@ test("a schema whose values have all fallen silent may be another's, until they 
     expect(first.client.ownsSchema).toBe(true);
 });
 
+test("a schema that is released after a silence is not taken back", async () => {
+    const { client, events } = await newClient();
+    client.setSchema(mine);
+    await comes(client, "mine");
+    const other = await newClient();
+    other.client.setSchema({}, { clear: true });
+    await until(() => events.length > 0, "the silence to be noticed");
+    client.releaseSchema();
+    other.client.setSchema(mine);
+    await comes(client, "mine");
+    expect([client.ownsSchema, events.length]).toEqual([false, 1]);
+});
+
 test("silence says nothing of values that come only when they change", async () => {
     const { client, events } = await newClient({ silentAfter: 1000 });
     client.setSchema({ door: { "@mac": 5, "@cmd": 2, "@skip": 4, "@format": "C", "@observe": true } });
