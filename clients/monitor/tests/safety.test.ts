@@ -431,7 +431,7 @@ describe("a link", () => {
 
 test("a password in an address is not kept, nor shown in the log", async () => {
     await connected();
-    await page.evaluate(() => localStorage.setItem("vorbel.address", "ws://alice:secret@127.0.0.1"));
+    await page.evaluate(() => localStorage.setItem("vorbel.address", "ws://alice:secret@127.0.0.1:10443"));
     await page.reload();
     await connected();
     expect(await stored(page)).not.toContain("secret");
