@@ -38,7 +38,8 @@ export class Ownership {
     #age = 0;
     #silence = 0;
     #longest = 0;
-    #hasRhythm = false;
+    /** How many messages came that do not wait for a change: after two of them, the next can be late. */
+    #regular = 0;
     #timer: ReturnType<typeof setInterval> | undefined;
 
     constructor(
@@ -71,8 +72,7 @@ export class Ownership {
     resume(): void {
         this.stop();
         this.isHeard = this.#isNew = false;
-        this.#age = this.#silence = this.#longest = 0;
-        this.#hasRhythm = false;
+        this.#age = this.#silence = this.#longest = this.#regular = 0;
         this.#timer = setInterval(() => this.#tick(), TICK);
     }
 
@@ -102,10 +102,9 @@ export class Ownership {
             this.owner = true;
             this.tell("heard", "its values come again");
         }
-        const isKnown = this.#hasRhythm && this.#silence === 0; // in this tick: looking once will do
+        const isKnown = this.#regular > 1 && this.#silence === 0; // in this tick: looking once will do
         if (isKnown || !comesWithEveryFrame(this.schema!, values)) return;
-        if (this.#hasRhythm) this.#longest = Math.max(this.#longest, this.#silence);
-        this.#hasRhythm = true;
+        if (this.#regular++ > 0) this.#longest = Math.max(this.#longest, this.#silence);
         this.#silence = 0;
     }
 
@@ -114,7 +113,7 @@ export class Ownership {
         this.#age += TICK;
         this.#silence += TICK;
         if (this.#age >= 5 * GRACE) this.#isNew = false;
-        if (!this.owner || !this.#hasRhythm) return;
+        if (!this.owner || this.#regular < 2) return;
         if (this.#silence < Math.max(this.silentAfter, USUAL * this.#longest)) return;
         this.#isSilent = true;
         this.#disown("silent", `none of its values has come for ${Math.round(this.#silence / 1000)} s`);

@@ -1,6 +1,6 @@
 /** How a connection's life is watched, in milliseconds. */
 export type PulseOptions = {
-    /** The silence after which the daemon is asked for a sign of life. */
+    /** The silence after which the daemon is asked for a sign of life, time and again. */
     askAfter: number;
     /** The silence after which the connection counts as lost. */
     lostAfter: number;
@@ -14,7 +14,6 @@ export type PulseOptions = {
 export class Pulse {
     readonly #period: number;
     #silence = 0;
-    #sinceAsked = 0;
     #timer: ReturnType<typeof setInterval> | undefined;
 
     constructor(
@@ -39,18 +38,15 @@ export class Pulse {
     /** Something came. */
     heard(): void {
         this.#silence = 0;
-        this.#sinceAsked = this.options.askAfter;
     }
 
     #tick(): void {
         this.#silence += this.#period;
-        this.#sinceAsked += this.#period;
         const { askAfter, lostAfter } = this.options;
         if (this.#silence >= lostAfter) {
             this.stop();
             this.lost(this.#silence);
-        } else if (this.#silence >= askAfter && this.#sinceAsked >= askAfter) {
-            this.#sinceAsked = 0;
+        } else if (this.#silence >= askAfter) {
             this.ask();
         }
     }

@@ -93,9 +93,36 @@ test("values of the schema before, which are still on their way, say nothing", a
     const { client, events } = await newClient();
     client.setSchema(theirs);
     await comes(client, "theirs");
+    network.stall();
+    await sleep(500);
     client.setSchema(mine);
+    network.resume();
+    await comes(client, "theirs");
     await comes(client, "mine");
     await sleep(1500);
+    expect(events).toEqual([]);
+});
+
+test("a schema without values is replaced, too", async () => {
+    const { client, events } = await newClient();
+    client.setSchema({ quiet: { "@mac": 33, "@format": "s" } });
+    const other = await newClient();
+    other.client.setSchema(theirs);
+    await until(() => events.length > 0, "the replacement to be noticed");
+    expect(events).toEqual([["replaced", "a value comes that it does not have: theirs"]]);
+});
+
+test("a silence that is usual is none", async () => {
+    await machine.stop();
+    machine = new Machine();
+    machine.replay(
+        [0, 3, 6, 9, 12].map((at) => `(${at}.0) can0 085#0100`),
+        3,
+    );
+    await machine.startDaemon();
+    const { client, events } = await newClient({ silentAfter: 1000 });
+    client.setSchema(mine);
+    for (let count = 0; count < 4; count++) await comes(client, "mine");
     expect(events).toEqual([]);
 });
 
@@ -131,7 +158,7 @@ test("a schema that came while the client was away is not replaced by its own", 
 test("a schema whose values have all fallen silent may be another's, until they come again", async () => {
     const [first, last] = [await newClient(), await newClient()];
     first.client.setSchema(mine);
-    await comes(first.client, "mine");
+    for (let count = 0; count < 3; count++) await comes(first.client, "mine");
     last.client.setSchema({}, { clear: true });
     await until(() => first.events.length > 0, "the silence to be noticed");
     expect(first.events).toEqual([["silent", expect.stringMatching(/^none of its values has come for \d s$/)]]);
@@ -148,7 +175,7 @@ test("a schema whose values have all fallen silent may be another's, until they 
 test("a schema that is released after a silence is not taken back", async () => {
     const { client, events } = await newClient();
     client.setSchema(mine);
-    await comes(client, "mine");
+    for (let count = 0; count < 3; count++) await comes(client, "mine");
     const other = await newClient();
     other.client.setSchema({}, { clear: true });
     await until(() => events.length > 0, "the silence to be noticed");
