@@ -349,6 +349,8 @@ describe("what goes out", () => {
         ["a byte", at(1, "C", { "@asBool": true }), ["x (byte 1)"]],
         ["bytes", at(0, "S", { "@mask": 65535 }), ["x (bytes 0–1)"]],
         ["bits", at(0, "S", { "@mask": 0x8003 }), ["x (bits 0, 1 of byte 0, bit 7 of byte 1)"]],
+        ["a whole byte and bits", at(0, "S", { "@mask": 0xff03 }), ["x (bits 0, 1 of byte 0, byte 1)"]],
+        ["bits further on", at(1, "C", { "@mask": 6 }), ["x (bits 1, 2 of byte 1)"]],
         ["whole bytes of a mask", at(0, "S", { "@mask": 0xff00 }), ["x (byte 1)"]],
         ["bytes that are partly written", at(1, "S", { "@asBool": true }), ["x (bytes 1–2)"]],
         ["nothing", at(0, "S", { "@mask": 0 }), []],
@@ -357,6 +359,14 @@ describe("what goes out", () => {
         ["what is behind the end", at(3, "C", { "@mask": 1 }), []],
     ])("zeroes %s", (_, options, zeroed) => {
         expect(plan({ x: options, written: at(2, "C") }, {}, { written: 1 }).zeroed).toEqual(zeroed);
+    });
+    test("leaves out only what lies behind it as a whole", () => {
+        const { left } = plan(
+            { x: at(1, "S"), y: at(3, "S"), z: at(3, "S", { "@mask": 0 }), written: at(1, "C") },
+            {},
+            { written: 1 },
+        );
+        expect(left).toEqual(["y (bytes 3–4)"]);
     });
     test("tells the present reading of what it zeroes", () => {
         expect(plan({ x: at(0, "C"), written: at(2, "C") }, { x: 7 }, { written: 1 }).zeroed).toEqual([
@@ -413,6 +423,20 @@ describe("a draft", () => {
         expect(draft(schema, { a: 1, b: 2 }, { b: "3" }).isComplete).toBe(true);
         expect(draft(schema, { a: 1, b: 2 }, {}).values).toEqual({ a: 1, b: 2 });
         expect(draft(schema, { a: 1, b: 2 }, {}).isComplete).toBe(false);
+    });
+    test("has nothing to send where nothing is known", () => {
+        const { plan, values, isComplete } = draft(schema, {}, {});
+        expect([plan, values, isComplete]).toEqual([undefined, {}, false]);
+    });
+    test("offers the one that is asked for first, then the others that can be written", () => {
+        const many = { ...schema, c: { "@format": "C", "@mask": 1 }, d: { "@format": "C", "@cmd": 2 } };
+        const names = draft({ b: schema.b, ...many }, {}, {}).fields.map(({ node }) => node.name);
+        expect(names).toEqual(["b", "a"]);
+    });
+    test("has the readings of neighbours, byte by byte", () => {
+        const [first, last] = [{ "@format": "C" }, { "@format": "C", "@skip": 1 }];
+        expect(draft({ a: first, b: last }, { a: 1, b: 2 }, { a: "3" }).values).toEqual({ a: 3, b: 2 });
+        expect(draft({ a: last, b: first }, { a: 1, b: 2 }, { a: "3" }).values).toEqual({ a: 3, b: 2 });
     });
     test("is exact where the text is not", () => {
         const float = { a: { "@format": "C" }, f: { "@format": "f", "@skip": 4 } };
