@@ -109,10 +109,10 @@ def test_the_monitor_is_served_with_the_types_that_browsers_insist_on(certificat
     assert (answer.status, answer.headers["Content-Type"], body) == (200, PAGE[name], f"this is {name}")
 
 
-def test_the_page_is_never_an_old_one_nor_in_anothers_frame(certificate):
+def test_the_page_is_never_an_old_one_nor_in_anothers_frame_nor_connects_elsewhere(certificate):
     headers = get(certificate, "/", b"alice:secret")[0].headers
     assert headers["Cache-Control"] == "no-cache" and headers["ETag"]
-    assert headers["Content-Security-Policy"] == "frame-ancestors 'none'"
+    assert headers["Content-Security-Policy"] == "frame-ancestors 'none'; connect-src 'self'"
     assert headers["X-Content-Type-Options"] == "nosniff"
     assert headers["Referrer-Policy"] == "no-referrer"
 

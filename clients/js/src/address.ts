@@ -22,3 +22,11 @@ export function toUrl(address: string): string {
     url.hash = ""; // a WebSocket URL may not have one
     return url.href.replace(/\/$/, "");
 }
+
+/** An address without the name and the password that it may hold: what can be shown and kept. */
+export function withoutPassword(address: string): string {
+    const url = new URL(toUrl(address));
+    if (!url.username && !url.password) return address;
+    url.username = url.password = "";
+    return toUrl(url.href);
+}

@@ -1,13 +1,22 @@
-import { toUrl } from "./address.js";
+import { toUrl, withoutPassword } from "./address.js";
 import { decodeValues, encodeValues, type Value, type ValueMap } from "./codec.js";
 import { assertSchema, type CheckOptions } from "./check.js";
 import { isMap, namesOf, nest, type Path } from "./paths.js";
+import { Ownership, type SchemaEvent } from "./ownership.js";
+import { Pulse } from "./pulse.js";
 import { Queue } from "./queue.js";
 import type { Schema, SchemaOf } from "./schema.js";
+import {
+    abandon,
+    leave,
+    OPEN,
+    parseHello,
+    type Hello,
+    type WebSocketConstructor,
+    type WebSocketLike,
+} from "./socket.js";
+import { Visit } from "./visit.js";
 import { prepareWrite, type Message, type Written } from "./writing.js";
-
-/** What the daemon says of itself whenever a client connects. */
-export type Hello = { type: string; id?: string };
 
 /** "waiting" is between two attempts, "connected" begins with the daemon's first hello. */
 export type State = "connecting" | "connected" | "waiting" | "closed";
@@ -22,23 +31,9 @@ type Events = {
     hello: [hello: Hello];
     values: [values: Value];
     undecodable: [message: Undecodable];
+    /** What became of the schema that this client set, and for people why. */
+    schema: [event: SchemaEvent, reason: string];
 };
-
-/** The part of the browsers' WebSocket that is used; the `ws` package offers it too. */
-export type WebSocketLike = {
-    binaryType: string;
-    readonly readyState: number;
-    onmessage: ((event: { data: any }) => void) | null;
-    onclose: ((event: { code: number; reason: string }) => void) | null;
-    onerror: ((event: any) => void) | null;
-    send(data: string | Uint8Array): void;
-    close(): void;
-    /** Only outside of browsers. */
-    ping?(data: string): void;
-    on?(event: "pong", listener: (data: { toString(): string }) => void): unknown;
-    off?(event: "pong", listener: (data: { toString(): string }) => void): unknown;
-};
-export type WebSocketConstructor = new (url: string) => WebSocketLike;
 
 export type ClientOptions = {
     /** The implementation to use; needed where there is no global one, as in Node before 22. */
@@ -49,6 +44,18 @@ export type ClientOptions = {
     longestDelay?: number;
     /** Milliseconds that an attempt may take until the hello. Default 10000. */
     patience?: number;
+    /** Milliseconds of silence after which the daemon is asked for a sign of life. Default 2000; Infinity never asks. */
+    askAfter?: number;
+    /**
+     * Milliseconds without any message or answer after which the connection counts as lost and is dropped, with
+     * everything that it has not sent yet. Default 5000; Infinity waits for ever.
+     */
+    lostAfter?: number;
+    /**
+     * Milliseconds in which none of the schema's values has come after which another client may have replaced it, so
+     * that it is not sent again after a reconnection. Default 10000; Infinity for clients that nobody looks after.
+     */
+    silentAfter?: number;
 };
 
 /** Messages one after the other, and how many were lost because they were not taken in time. */
@@ -61,22 +68,45 @@ export type WriteOptions = {
     schema?: Schema | undefined;
 };
 
+export type DeliverOptions = WriteOptions & {
+    /** What gives up a message that has not been sent yet. */
+    signal?: AbortSignal | undefined;
+};
+
+/** A message that is to be sent in time or never. */
+type Order = { message: Uint8Array; deadline: number; signal: AbortSignal | undefined };
+
+const DEFAULTS = {
+    firstDelay: 500,
+    longestDelay: 10_000,
+    patience: 10_000,
+    askAfter: 2000,
+    lostAfter: 5000,
+    silentAfter: 10_000,
+};
+
 /** What the daemon takes in one message, in bytes; it ends the connection at more. */
 const MESSAGE_LIMIT = 4 * 1024 * 1024;
-
-/** The WebSocket's readyState while it can send. */
-const OPEN = 1;
 
 /** Thrown when something is to be sent and no daemon is there to take it. */
 export class NotConnectedError extends Error {
     override name = "NotConnectedError";
 }
 
+/** Thrown when something was sent and nothing says whether the daemon has handled it. */
+export class UnconfirmedError extends Error {
+    override name = "UnconfirmedError";
+}
+
+/** How long a daemon that was found again is listened to for values of the schema in force, in milliseconds. */
+const LISTENING = 1000;
+
 /**
  * A client of one daemon. It connects with connect() and keeps the connection until close(): when it is lost,
- * it is tried again after growing pauses. The schema that was last set is sent again after every reconnection,
- * because a restarted daemon has none. Written values are never kept for later: what cannot be sent at once is
- * refused, so that no machine moves on an order that has grown old.
+ * it is tried again after growing pauses. It is lost also when nothing comes, not even what is asked for. The schema
+ * that was last set is sent again when a daemon that was found again has none, unless another client has replaced it
+ * since. Written values are never kept for later: what cannot be sent at once is refused, so that no machine moves on
+ * an order that has grown old.
  */
 export class Client {
     readonly url: string;
@@ -86,27 +116,44 @@ export class Client {
     /** Why the last attempt or connection ended, until the next success. */
     #failure: string | undefined;
     #hello: Hello | undefined;
-    #schema: Schema | undefined;
+    /** The address as it may be shown. */
+    readonly #name: string;
+    readonly #ownership: Ownership;
+    readonly #pulse: Pulse;
+    /** Connections besides the one that is kept. */
+    readonly #visits = new Set<Visit>();
+    #deliveries: Promise<unknown> = Promise.resolve();
     #socket: WebSocketLike | undefined;
     #attempts = 0;
     #pings = 0;
     #lost = 0;
     #timer: ReturnType<typeof setTimeout> | undefined;
+    #listening: ReturnType<typeof setTimeout> | undefined;
     #listeners: { [E in keyof Events]: Set<(...args: Events[E]) => void> } = {
         state: new Set(),
         hello: new Set(),
         values: new Set(),
         undecodable: new Set(),
+        schema: new Set(),
     };
 
     /** `address` as toUrl() takes it: "192.168.1.20", "ws://machine:10443". Throws SyntaxError on others. */
     constructor(address: string, options: ClientOptions = {}) {
         this.url = toUrl(address);
+        this.#name = withoutPassword(this.url);
         const WebSocket = options.WebSocket ?? (globalThis.WebSocket as unknown as WebSocketConstructor);
         if (!WebSocket) {
             throw new TypeError("There is no global WebSocket here: pass one, such as that of the ws package");
         }
-        this.#options = { firstDelay: 500, longestDelay: 10_000, patience: 10_000, ...options, WebSocket };
+        this.#options = { ...DEFAULTS, ...options, WebSocket };
+        this.#ownership = new Ownership(this.#options.silentAfter, (event, reason) =>
+            this.#emit("schema", event, reason),
+        );
+        this.#pulse = new Pulse(
+            this.#options,
+            () => this.#ask(),
+            (silence) => this.#lose(`no answer for ${silence / 1000} s`, abandon),
+        );
     }
 
     get state(): State {
@@ -125,7 +172,12 @@ export class Client {
 
     /** The schema that this client set; another client may have replaced it at the daemon since. */
     get schema(): Schema | undefined {
-        return this.#schema;
+        return this.#ownership.schema;
+    }
+
+    /** Whether this client's schema is the last that was sent, as far as it can be known; only then it is sent again. */
+    get ownsSchema(): boolean {
+        return this.#ownership.owner;
     }
 
     /** How many messages slow readers of values() have lost, all in all. */
@@ -156,7 +208,7 @@ export class Client {
         return new Promise((resolve, reject) => {
             const fail = () =>
                 settle(() =>
-                    reject(new NotConnectedError(`No connection to ${this.url}: ${this.#failure ?? this.#reason}`)),
+                    reject(new NotConnectedError(`No connection to ${this.#name}: ${this.#failure ?? this.#reason}`)),
                 );
             const timer = timeout === Infinity ? undefined : setTimeout(fail, timeout);
             const off = this.on("state", (state) => {
@@ -174,13 +226,13 @@ export class Client {
     /** Ends the connection, the attempts at one, and all iterations over values. */
     close(): void {
         if (this.#state === "closed") return;
-        this.#dropSocket();
+        this.#dropSocket(leave);
         this.#enter("closed", "closed here");
     }
 
     /**
-     * Sets the daemon's schema, for all its clients: at once when connected, and after every reconnection. It is
-     * checked first; a SchemaError lists what is wrong with it, and then nothing is sent. `clear: true` takes one
+     * Sets the daemon's schema, for all its clients: at once when connected, or with the next connection, and again
+     * when a daemon has lost it, unless another client has sent one since: on("schema", ...) tells. It is checked first; a SchemaError lists what is wrong with it, and then nothing is sent. `clear: true` takes one
      * without leaves, which clears the one in force; `check: false` sends whatever it is.
      */
     setSchema<const S extends Schema>(
@@ -189,25 +241,41 @@ export class Client {
     ): void {
         if (check) assertSchema(schema, { clear });
         assertSize(new TextEncoder().encode(JSON.stringify(schema)), "The schema");
-        this.#schema = schema;
+        this.#ownership.take(schema);
         if (this.#state === "connected") this.#sendSchema();
+    }
+
+    /** Leaves the daemon's schema to others: it is not sent again by itself. Values are still checked by it. */
+    releaseSchema(): void {
+        clearTimeout(this.#listening);
+        this.#ownership.release();
     }
 
     /**
      * Writes values to the bus, named as in the schema, and returns which numbers go out. They are checked first; a
      * WriteError lists what the daemon would ignore or write otherwise, and then nothing is sent. Scaled ones are sent
      * so that the daemon, which multiplies in single precision and cuts off, writes the nearest raw number. Where no
-     * schema is known, values go as they are. The daemon does not acknowledge them.
+     * schema is known, values go as they are. The daemon does not acknowledge them, and while the network stalls, they
+     * wait in it until the loss is noticed or it moves again: deliver() does not let them.
      */
-    write(values: ValueMap, { check = true, schema = this.#schema }: WriteOptions = {}): Written[] {
-        const { values: sent, written } = check && schema ? prepareWrite(schema, values) : unprepared(values);
-        const message = encodeValues(sent);
-        assertSize(message, "The message");
-        // A socket that is closing takes what it is given and sends nothing of it.
-        if (this.#state !== "connected" || this.#socket!.readyState !== OPEN) {
-            throw new NotConnectedError(`Not connected to ${this.url} (${this.#reason}): nothing was written`);
-        }
-        this.#socket!.send(message);
+    write(values: ValueMap, options: WriteOptions = {}): Written[] {
+        const { message, written } = this.#prepare(values, options);
+        this.#send(message);
+        return written;
+    }
+
+    /**
+     * Writes as write() does, but only after the daemon has answered just now, and resolves when it has handled the
+     * values. Rejects with NotConnectedError when nothing was sent, because no answer came in time (`lostAfter`), and
+     * with UnconfirmedError when none came after it was sent. One follows the other, in the order of the calls. A
+     * WebSocket that cannot ping, such as those of browsers, sends them over a connection of their own.
+     */
+    async deliver(values: ValueMap, options: DeliverOptions = {}): Promise<Written[]> {
+        const { message, written } = this.#prepare(values, options);
+        const order = { message, deadline: performance.now() + this.#deliveryLimit, signal: options.signal };
+        const delivery = this.#deliveries.then(() => this.#deliver(order));
+        this.#deliveries = delivery.catch(() => {});
+        await delivery;
         return written;
     }
 
@@ -222,29 +290,30 @@ export class Client {
     /**
      * Resolves when the daemon has handled all that was sent before, for it answers in that order. Rejects with
      * NotConnectedError when the connection is lost before, or after `timeout` milliseconds; nothing says then whether
-     * it arrived. It takes a WebSocket that can ping, such as that of the ws package; those of browsers cannot.
+     * it arrived. It takes a WebSocket that can ping, such as that of the ws package; those of browsers cannot, and
+     * have deliver().
      */
     confirmed(timeout = 10_000): Promise<void> {
         const socket = this.#socket;
         if (this.#state !== "connected" || !socket)
-            return Promise.reject(new NotConnectedError(`Not connected to ${this.url} (${this.#reason})`));
-        if (!socket.ping || !socket.on || !socket.off)
+            return Promise.reject(new NotConnectedError(`Not connected to ${this.#name} (${this.#reason})`));
+        if (!canPing(socket))
             return Promise.reject(new TypeError("This WebSocket cannot ping: that of the ws package can"));
         const mark = `vorbel ${++this.#pings}`;
         return new Promise((resolve, reject) => {
             const fail = (reason: string) =>
-                settle(() => reject(new NotConnectedError(`${this.url} did not confirm what was sent: ${reason}`)));
+                settle(() => reject(new NotConnectedError(`${this.#name} did not confirm what was sent: ${reason}`)));
             const timer = setTimeout(() => fail("no answer in time"), timeout);
             const off = this.on("state", (_, reason) => fail(reason));
             const answered = (data: { toString(): string }) => data.toString() === mark && settle(resolve);
             const settle = (finish: () => void) => {
                 clearTimeout(timer);
                 off();
-                socket.off!("pong", answered);
+                socket.off("pong", answered);
                 finish();
             };
-            socket.on!("pong", answered);
-            socket.ping!(mark);
+            socket.on("pong", answered);
+            socket.ping(mark);
         });
     }
 
@@ -266,8 +335,8 @@ export class Client {
     }
 
     #attempt(): void {
-        this.#dropSocket();
-        this.#enter("connecting", `connecting to ${this.url}`);
+        this.#dropSocket(leave);
+        this.#enter("connecting", `connecting to ${this.#name}`);
         if (this.#state !== "connecting") return; // a listener closed the client
         let socket: WebSocketLike;
         try {
@@ -282,17 +351,18 @@ export class Client {
         socket.onerror = (event) => (failure = event?.message ?? "");
         socket.onclose = (event) => this.#lose(failure || event.reason || this.#closing(event.code));
         socket.onmessage = (event) => this.#receive(event.data);
+        socket.on?.("pong", () => this.#pulse.heard());
         this.#timer = setTimeout(() => this.#lose("no hello came in time"), this.#options.patience);
     }
 
     /** Browsers tell a page no more than a code; 1006 stands for whatever was no proper end. */
     #closing(code: number): string {
         if (code !== 1006) return `connection closed (code ${code})`;
-        return this.#state === "connected" ? "the connection broke off" : `nothing answers at ${this.url}`;
+        return this.#state === "connected" ? "the connection broke off" : `nothing answers at ${this.#name}`;
     }
 
-    #lose(reason: string): void {
-        this.#dropSocket();
+    #lose(reason: string, end = leave): void {
+        this.#dropSocket(end);
         this.#failure = reason;
         const { firstDelay, longestDelay } = this.#options;
         const pause = Math.min(longestDelay, firstDelay * 2 ** this.#attempts++);
@@ -302,14 +372,100 @@ export class Client {
         this.#enter("waiting", `${reason}; next attempt in ${(delay / 1000).toFixed(1)} s`);
     }
 
-    #dropSocket(): void {
+    #dropSocket(end: (socket: WebSocketLike) => void): void {
         clearTimeout(this.#timer);
+        clearTimeout(this.#listening);
+        this.#pulse.stop();
+        this.#ownership.stop();
         const socket = this.#socket;
         this.#socket = undefined;
-        if (!socket) return;
-        socket.onmessage = socket.onclose = null;
-        socket.onerror = () => {}; // closing an unfinished connection is an error to some implementations
-        socket.close();
+        if (socket) end(socket);
+        for (const visit of this.#visits) visit.end();
+    }
+
+    /** Asks for a sign of life, which comes as an answer to a ping or, where there is none, as one more hello. */
+    #ask(): void {
+        const socket = this.#socket!;
+        if (canPing(socket)) {
+            socket.ping("");
+        } else if (this.#visits.size === 0) {
+            const visit = this.#newVisit();
+            const leave = () => this.#end(visit);
+            visit.greeted(this.#options.lostAfter).then(leave, leave);
+        }
+    }
+
+    #newVisit(): Visit {
+        const visit = new Visit(() => {
+            const socket = new this.#options.WebSocket(this.url);
+            socket.binaryType = "arraybuffer";
+            return socket;
+        });
+        this.#visits.add(visit);
+        return visit;
+    }
+
+    #end(visit: Visit): void {
+        this.#visits.delete(visit);
+        visit.end();
+    }
+
+    #prepare(values: ValueMap, { check = true, schema = this.schema }: WriteOptions) {
+        const { values: sent, written } = check && schema ? prepareWrite(schema, values) : unprepared(values);
+        const message = encodeValues(sent);
+        assertSize(message, "The message");
+        return { message, written };
+    }
+
+    #send(message: Uint8Array): void {
+        // A socket that is closing takes what it is given and sends nothing of it.
+        if (this.#state !== "connected" || this.#socket!.readyState !== OPEN) this.#refuse(this.#reason);
+        this.#socket!.send(message);
+    }
+
+    #refuse(reason: string): never {
+        throw new NotConnectedError(`Not connected to ${this.#name} (${reason}): nothing was written`);
+    }
+
+    async #deliver(order: Order): Promise<void> {
+        if (this.#state !== "connected") this.#refuse(this.#reason);
+        this.#refuseOld(order);
+        if (canPing(this.#socket!)) await this.#deliverBetweenPings(order);
+        else await this.#deliverByVisit(order);
+    }
+
+    #refuseOld({ deadline, signal }: Order): void {
+        if (signal?.aborted) this.#refuse("given up");
+        if (performance.now() > deadline) this.#refuse("no answer in time");
+    }
+
+    async #deliverBetweenPings(order: Order): Promise<void> {
+        await this.confirmed(order.deadline - performance.now()).catch(() => this.#refuse("no answer in time"));
+        this.#refuseOld(order);
+        this.#send(order.message);
+        await this.confirmed(this.#deliveryLimit).catch((error: Error) => this.#doubt(error.message));
+    }
+
+    async #deliverByVisit(order: Order): Promise<void> {
+        const visit = this.#newVisit();
+        try {
+            const patience = order.deadline - performance.now();
+            await visit.greeted(patience).catch((error: Error) => this.#refuse(error.message));
+            this.#refuseOld(order);
+            await visit.deliver(order.message, this.#deliveryLimit).catch((error: Error) => this.#doubt(error.message));
+        } finally {
+            this.#end(visit);
+        }
+    }
+
+    /** An order grows old, even where a connection is never given up. */
+    get #deliveryLimit(): number {
+        const { lostAfter } = this.#options;
+        return Number.isFinite(lostAfter) ? lostAfter : DEFAULTS.lostAfter;
+    }
+
+    #doubt(reason: string): never {
+        throw new UnconfirmedError(`Sent, but nothing says whether ${this.#name} has handled it: ${reason}`);
     }
 
     #enter(state: State, reason: string): void {
@@ -319,6 +475,7 @@ export class Client {
     }
 
     #receive(data: string | ArrayBuffer): void {
+        this.#pulse.heard();
         if (typeof data === "string") this.#receiveText(data);
         else this.#receiveValues(new Uint8Array(data));
     }
@@ -338,8 +495,33 @@ export class Client {
         clearTimeout(this.#timer);
         this.#attempts = 0;
         this.#failure = undefined;
-        this.#enter("connected", `connected to ${this.url}`);
-        if (this.#schema && this.#state === "connected") this.#sendSchema();
+        this.#pulse.start();
+        this.#enter("connected", `connected to ${this.#name}`);
+        if (this.#state === "connected") this.#restoreSchema();
+    }
+
+    /**
+     * A daemon that was restarted has no schema. One that was only out of reach still has this client's, whose values
+     * come, or another's, which has been sent later.
+     */
+    #restoreSchema(): void {
+        const { owner, wasSent } = this.#ownership;
+        if (owner && !wasSent) {
+            this.#sendSchema();
+            this.#emit("schema", "sent", "with the connection");
+            return;
+        }
+        this.#ownership.resume();
+        if (!owner) return;
+        this.#listening = setTimeout(() => {
+            if (!this.#ownership.owner) return;
+            if (this.#ownership.isHeard) {
+                this.#emit("schema", "kept", "its values come");
+            } else {
+                this.#sendSchema();
+                this.#emit("schema", "resent", "as a restarted daemon has none");
+            }
+        }, LISTENING);
     }
 
     #receiveValues(bytes: Uint8Array): void {
@@ -350,6 +532,7 @@ export class Client {
             this.#reportUndecodable(bytes, error as Error);
             return;
         }
+        this.#ownership.heard(values);
         this.#emit("values", values);
     }
 
@@ -362,7 +545,8 @@ export class Client {
     }
 
     #sendSchema(): void {
-        this.#socket!.send(JSON.stringify(this.#schema));
+        this.#socket!.send(JSON.stringify(this.schema));
+        this.#ownership.begin();
     }
 
     #emit<E extends keyof Events>(event: E, ...args: Events[E]): void {
@@ -382,11 +566,8 @@ function assertSize(message: Uint8Array, name: string): void {
     );
 }
 
-function parseHello(text: string): Hello | undefined {
-    try {
-        const hello = JSON.parse(text)?.hello;
-        return typeof hello?.type === "string" ? hello : undefined;
-    } catch {
-        return undefined;
-    }
+type Pinging = WebSocketLike & Required<Pick<WebSocketLike, "ping" | "on" | "off">>;
+
+function canPing(socket: WebSocketLike): socket is Pinging {
+    return typeof socket.ping === "function" && typeof socket.on === "function";
 }

@@ -1,20 +1,20 @@
 /** Client of the Vorbel daemon: live values of a CAN bus over WebSocket. */
-export { DEFAULT_PORT, toUrl } from "./address.js";
+export { DEFAULT_PORT, toUrl, withoutPassword } from "./address.js";
 export {
     Client,
     NotConnectedError,
+    UnconfirmedError,
     type ClientOptions,
-    type Hello,
+    type DeliverOptions,
     type State,
     type Undecodable,
     type ValueStream,
     type WriteOptions,
-    type WebSocketConstructor,
-    type WebSocketLike,
 } from "./client.js";
 export { decodeValues, encodeValues, type NumericArray, type Value, type ValueMap } from "./codec.js";
 export { assertSchema, checkSchema, checkText, parseSchema, type CheckOptions } from "./check.js";
 export { justified } from "./digits.js";
+export { type SchemaEvent } from "./ownership.js";
 export { dotted, flatten, isMap, namesOf, nest, visit, type Path } from "./paths.js";
 export { describeProblem, SchemaError, WriteError, type Problem, type ProblemCode } from "./problem.js";
 export {
@@ -28,6 +28,7 @@ export {
     type Schema,
     type SchemaOf,
 } from "./schema.js";
+export { type Hello, type WebSocketConstructor, type WebSocketLike } from "./socket.js";
 export {
     describeWritten,
     isRounded,

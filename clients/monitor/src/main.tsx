@@ -3,6 +3,7 @@ import "uplot/dist/uPlot.min.css";
 import { Session } from "./model/session";
 import { surroundings } from "./page";
 import "./style.css";
+import "./safety.css";
 import { App } from "./view/app";
 
 render(<App session={new Session(surroundings())} />, document.getElementById("app")!);

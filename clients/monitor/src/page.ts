@@ -34,6 +34,9 @@ function home(): string {
 
 /** The text of a file that lies beside the page on its server. */
 async function read(name: string): Promise<string> {
+    if (new URL(name, window.location.href).origin !== window.location.origin) {
+        throw new Error("it does not lie on the page's own server");
+    }
     const response = await fetch(name);
     if (!response.ok) throw new Error(`the page's server answers ${response.status}`);
     return response.text();

@@ -55,7 +55,7 @@ test.each([
         await page.keyboard.press("Control+A");
         await page.keyboard.type("1200");
         await page.keyboard.press("Enter");
-        await page.getByText("Sent at").waitFor();
+        await page.getByText("Handled at").waitFor();
         expect(await faults(), "a sent value").toEqual([]);
         await page.keyboard.press("Escape");
         await row("motor.enabled").getByRole("button", { name: "Why" }).click();

@@ -75,7 +75,7 @@ export async function shoot(name: string): Promise<void> {
 
 export const row = (path: string) => page.locator(`.row:has(.name[title=${JSON.stringify(path)}])`);
 export const value = (path: string) => row(path).locator(".value");
-export const connected = () => page.getByRole("status").getByText("Connected").waitFor();
+export const connected = () => page.locator(".state").getByText("Connected", { exact: true }).waitFor();
 
 export async function openSchema(): Promise<void> {
     await page.getByRole("button", { name: "Schema", exact: true }).click();
@@ -89,7 +89,9 @@ export async function sendSchema(schema: object = machineSchema): Promise<void> 
 }
 
 export async function startSetting(path: string): Promise<void> {
-    await row(path).getByRole("button", { name: "Set" }).click();
+    await row(path)
+        .getByRole("button", { name: `Set ${path}`, exact: true })
+        .click();
     await page.getByLabel(path, { exact: true }).waitFor();
 }
 

@@ -1,14 +1,16 @@
-import { leavesOf, type Leaf, type Value } from "vorbel";
+import { dotted, leavesOf, namesOf, toUrl, type Leaf, type Value } from "vorbel";
 import { afterEach, beforeEach, describe, expect, test, vi } from "vitest";
 import { decimate } from "../src/model/decimate";
+import { Draft } from "../src/model/draft";
 import { History } from "../src/model/history";
+import { planOf } from "../src/model/plan";
 import { Log } from "../src/model/log";
 import { Rate } from "../src/model/rate";
 import { Session, type Surroundings } from "../src/model/session";
 import { Source } from "../src/model/source";
-import { ageText, numberText, rateText, valueText } from "../src/model/text";
+import { ageText, hexText, numberText, rateText, valueText } from "../src/model/text";
 import { Tree } from "../src/model/tree";
-import { parseInput, payloadOf, rangeText } from "../src/model/writing";
+import { byName, parseInput, payloadOf, rangeText } from "../src/model/writing";
 import { follow } from "../src/view/frame";
 
 function historyOf(readings: [number, number][], limit = 1000): History {
@@ -292,6 +294,178 @@ describe("writing", () => {
     });
 });
 
+describe("what goes out", () => {
+    /** Leaves of one frame by name, with their last readings, and those of which are written. */
+    function plan(schema: Record<string, object>, readings: Record<string, number | boolean>, written: object) {
+        const leaves = leavesOf(Object.fromEntries(Object.entries(schema).map(([n, o]) => [n, { "@mac": 1, ...o }])));
+        const all = leaves.map((leaf) => ({ leaf, reading: readings[leaf.path[0]!] }));
+        const values = Object.entries(written).map(([name, value]): [Leaf, Value] => [
+            leaves.find(({ path }) => path[0] === name)!,
+            value as Value,
+        ]);
+        return planOf(new Map(values), all);
+    }
+    const at = (skip: number, format: string, more = {}) => ({ "@skip": skip, "@format": format, ...more });
+    const hex = (frames: Uint8Array[] | undefined) => frames?.map(hexText);
+
+    test("differs from the last readings in the bytes that are told", () => {
+        const schema = { a: at(0, "S"), b: at(2, "S", { "@factor": 10 }), c: at(4, "f"), d: at(8, "C") };
+        const { frames, changes, cut, zeroed, left } = plan(
+            schema,
+            { a: 0x1234, b: 25.6, c: 1 },
+            { a: 0x1235, b: 25.6, c: 2 },
+        );
+        expect(hex(frames)).toEqual(["35 12 00 01 00 00 00 40"]);
+        expect(changes).toEqual(["byte 0: 34 → 35", "byte 6: 80 → 00", "byte 7: 3f → 40"]);
+        expect([cut, zeroed, left]).toEqual([0, [], ["d (byte 8)"]]);
+    });
+    test.each<[string, object, number | boolean, string[] | undefined]>([
+        ["nothing was read", { "@format": "C" }, NaN, undefined],
+        ["a negative number", { "@format": "s" }, -2, ["byte 0: fe → 00", "byte 1: ff → 00"]],
+        [
+            "a masked number, in its bits",
+            { "@format": "S", "@mask": 0x0103 },
+            0x0102,
+            ["bit 1 of byte 0: 1 → 0", "bit 0 of byte 1: 1 → 0"],
+        ],
+        ["a mask without effect", { "@format": "q", "@mask": 1 }, 256, ["byte 1: 01 → 00"]],
+        [
+            "a flag of one bit that is set",
+            { "@format": "C", "@mask": 4, "@asBool": true },
+            true,
+            ["bit 2 of byte 0: 1 → 0"],
+        ],
+        ["a flag of one bit that is not", { "@format": "C", "@mask": 4, "@asBool": true }, false, []],
+        ["a flag of many bits that is set", { "@format": "C", "@asBool": true }, true, undefined],
+        ["a flag of many bits that is not", { "@format": "C", "@asBool": true }, false, []],
+        ["a flag of a float", { "@format": "f", "@asBool": true }, false, undefined],
+        ["a scaled number", { "@format": "s", "@factor": 100 }, -0.01, ["byte 0: ff → 00", "byte 1: ff → 00"]],
+        ["a scaled number beyond single precision", { "@format": "i", "@factor": 100 }, 167772.17, undefined],
+    ])("compares with %s", (_, options, reading, changes) => {
+        const found = plan({ read: options, written: at(4, "C") }, { read: reading }, { written: 0 });
+        expect(found.changes).toEqual(changes);
+    });
+    test.each<[string, object, string[]]>([
+        ["a byte", at(1, "C", { "@asBool": true }), ["x (byte 1)"]],
+        ["bytes", at(0, "S", { "@mask": 65535 }), ["x (bytes 0–1)"]],
+        ["bits", at(0, "S", { "@mask": 0x8003 }), ["x (bits 0, 1 of byte 0, bit 7 of byte 1)"]],
+        ["a whole byte and bits", at(0, "S", { "@mask": 0xff03 }), ["x (bits 0, 1 of byte 0, byte 1)"]],
+        ["bits further on", at(1, "C", { "@mask": 6 }), ["x (bits 1, 2 of byte 1)"]],
+        ["whole bytes of a mask", at(0, "S", { "@mask": 0xff00 }), ["x (byte 1)"]],
+        ["bytes that are partly written", at(1, "S", { "@asBool": true }), ["x (bytes 1–2)"]],
+        ["nothing", at(0, "S", { "@mask": 0 }), []],
+        ["what has no bytes", at(0, "x"), []],
+        ["what is written by another", at(2, "C", { "@mask": 1 }), []],
+        ["what is behind the end", at(3, "C", { "@mask": 1 }), []],
+    ])("zeroes %s", (_, options, zeroed) => {
+        expect(plan({ x: options, written: at(2, "C") }, {}, { written: 1 }).zeroed).toEqual(zeroed);
+    });
+    test("leaves out only what lies behind it as a whole", () => {
+        const { left } = plan(
+            { x: at(1, "S"), y: at(3, "S"), z: at(3, "S", { "@mask": 0 }), written: at(1, "C") },
+            {},
+            { written: 1 },
+        );
+        expect(left).toEqual(["y (bytes 3–4)"]);
+    });
+    test("tells the present reading of what it zeroes", () => {
+        expect(plan({ x: at(0, "C"), written: at(2, "C") }, { x: 7 }, { written: 1 }).zeroed).toEqual([
+            "x (byte 0), now 7",
+        ]);
+    });
+    test("is cut off after eight bytes, and what lies beyond is left out", () => {
+        const { frames, cut, left } = plan({ a: at(6, "I"), b: at(9, "C") }, {}, { a: 0x01020304 });
+        expect([hex(frames), cut, left]).toEqual([["00 00 00 00 00 00 04 03"], 2, ["b (byte 9)"]]);
+    });
+    test("is as many frames as it takes where the first leaf by name is fragmented", () => {
+        const [fragmented, whole] = [at(0, "I", { "@fragmentation": true }), at(6, "I")];
+        const both = { a: 1, b: 2 };
+        expect(hex(plan({ a: fragmented, b: whole }, {}, both).frames)).toEqual(["01 00 00 00 00 00 02 00", "00 00"]);
+        expect(hex(plan({ b: fragmented, a: whole }, {}, both).frames)).toEqual(["02 00 00 00 00 00 01 00"]);
+    });
+    test("of values that overlap is the later one by name", () => {
+        expect(hex(plan({ a: at(0, "S"), b: at(0, "C") }, {}, { b: 3, a: 0x0102 }).frames)).toEqual(["03 01"]);
+        expect(hex(plan({ a: at(0, "C"), b: at(0, "S") }, {}, { b: 0x0102, a: 3 }).frames)).toEqual(["02 01"]);
+    });
+    test.each<[string, string[], string[]]>([
+        ["names", ["b", "a", "B"], ["B", "a", "b"]],
+        ["groups before what they hold", ["a.b.c", "a", "a.b"], ["a", "a.b", "a.b.c"]],
+        ["what a group holds before the next", ["b", "a.z", "a-b"], ["a.z", "a-b", "b"]],
+    ])("comes in the order of the daemon: %s", (_, paths, order) => {
+        const leaves = paths.map((path): Leaf => ({ ...leavesOf({ "@mac": 1 })[0]!, path: namesOf(path) }));
+        expect(leaves.sort(byName).map(({ path }) => dotted(path))).toEqual(order);
+    });
+    test("is not guessed of packed values", () => {
+        const { frames, changes } = plan({ a: { "@format": "p" } }, {}, { a: 1 });
+        expect([frames, changes]).toEqual([undefined, undefined]);
+    });
+});
+
+describe("a draft", () => {
+    const frame = { "@mac": 1, "@cmd": 1 };
+    /** The fields and values of a form for the first leaf of a schema, with readings and what was typed. */
+    function draft(schema: Record<string, object>, readings: object, typed: Record<string, string>, foreign?: string) {
+        const tree = new Tree();
+        const whole = Object.entries(schema).map(([name, options]) => [name, { ...frame, ...options }]);
+        tree.useSchema(Object.fromEntries(whole));
+        tree.update(readings as Value, 0);
+        const node = (name: string) => tree.find([name])!;
+        const edits = new Map(Object.entries(typed).map(([name, text]) => [node(name), text]));
+        const main = node(Object.keys(schema)[0]!);
+        const made = new Draft(main, tree.sameFrame(main.leaf!), edits, foreign);
+        const values = Object.fromEntries([...made.values].map(([leaf, value]) => [dotted(leaf.path), value]));
+        return { ...made, values, isComplete: made.isComplete };
+    }
+    const schema = { a: { "@format": "S" }, b: { "@format": "S", "@skip": 2 } };
+
+    test("has the present readings of what was not typed", () => {
+        expect(draft(schema, { a: 1, b: 2 }, { b: "3" }).values).toEqual({ a: 1, b: 3 });
+        expect(draft(schema, { a: 1, b: 2 }, { b: "3" }).isComplete).toBe(true);
+        expect(draft(schema, { a: 1, b: 2 }, {}).values).toEqual({ a: 1, b: 2 });
+        expect(draft(schema, { a: 1, b: 2 }, {}).isComplete).toBe(false);
+    });
+    test("has nothing to send where nothing is known", () => {
+        const { plan, values, isComplete } = draft(schema, {}, {});
+        expect([plan, values, isComplete]).toEqual([undefined, {}, false]);
+    });
+    test("offers the one that is asked for first, then the others that can be written", () => {
+        const many = { ...schema, c: { "@format": "C", "@mask": 1 }, d: { "@format": "C", "@cmd": 2 } };
+        const names = draft({ b: schema.b, ...many }, {}, {}).fields.map(({ node }) => node.name);
+        expect(names).toEqual(["b", "a"]);
+    });
+    test("has the readings of neighbours, byte by byte", () => {
+        const [first, last] = [{ "@format": "C" }, { "@format": "C", "@skip": 1 }];
+        expect(draft({ a: first, b: last }, { a: 1, b: 2 }, { a: "3" }).values).toEqual({ a: 3, b: 2 });
+        expect(draft({ a: last, b: first }, { a: 1, b: 2 }, { a: "3" }).values).toEqual({ a: 3, b: 2 });
+    });
+    test("is exact where the text is not", () => {
+        const float = { a: { "@format": "C" }, f: { "@format": "f", "@skip": 4 } };
+        const reading = Math.fround(16777217 / 3);
+        expect(draft(float, { f: reading }, { a: "1" }).values).toEqual({ a: 1, f: reading });
+    });
+    test("leaves out what was emptied, and sends nothing but emptiness never", () => {
+        expect(draft(schema, { a: 1, b: 2 }, { a: "3", b: "" }).values).toEqual({ a: 3 });
+        expect(draft(schema, { a: 1, b: 2 }, { b: "" }).isComplete).toBe(false);
+    });
+    test("is incomplete with a problem anywhere", () => {
+        expect(draft(schema, { a: 1, b: 2 }, { a: "3", b: "x" }).isComplete).toBe(false);
+    });
+    test("does not let a reading undo what was typed for the same bytes", () => {
+        const overlapping = { a: { "@format": "C" }, b: { "@format": "S" } };
+        expect(draft(overlapping, { a: 1, b: 0x0201 }, { a: "9" }).values).toEqual({ a: 9 });
+        expect(draft(overlapping, { a: 1, b: 0x0201 }, { b: "9" }).values).toEqual({ a: 1, b: 9 });
+        expect(draft(overlapping, { a: 1, b: 0x0201 }, { a: "9", b: "8" }).values).toEqual({ a: 9, b: 8 });
+    });
+    test("asks anew when what has to be agreed to changes, not when a reading does", () => {
+        const flagged = { a: { "@format": "C", "@skip": 1 }, on: { "@format": "C", "@mask": 1 } };
+        const first = draft(flagged, { on: 1 }, { a: "1" }).consequences;
+        expect(first).not.toBe("");
+        expect(draft(flagged, { on: 0 }, { a: "1" }).consequences).toBe(first);
+        expect(draft(flagged, { on: 1 }, { a: "1" }, "why").consequences).not.toBe(first);
+        expect(draft(schema, { a: 1, b: 2 }, { a: "1" }).consequences).toBe("");
+    });
+});
+
 describe("a session", () => {
     const schema = '{"a": {"@mac": 5, "@cmd": 2, "@format": "s"}}';
     const addresses: string[] = [];
@@ -325,14 +499,11 @@ describe("a session", () => {
     test.each([
         ["where it runs", {}, {}, "plant"],
         ["where it was last", {}, { address: "last" }, "last"],
-        ["where it is asked to", { address: "asked" }, { address: "last" }, "asked"],
+        ["where it was last, when it is asked to", { address: "ws://last:10443/" }, { address: "last" }, "last"],
+        ["where it was last, without a password", {}, { address: "ws://a:b@last" }, "ws://last"],
     ])("begins %s", (_, query, remembered, address) => {
         const { session, saved } = sessionWith(query, remembered);
-        expect([session.address, addresses, saved.get("address")]).toEqual([
-            address,
-            [`ws://${address}:10443`],
-            address,
-        ]);
+        expect([session.address, addresses, saved.get("address")]).toEqual([address, [toUrl(address)], address]);
     });
 
     test("uses the schema that it remembers, if it is still one", () => {
@@ -340,10 +511,65 @@ describe("a session", () => {
         expect(sessionWith({}, { schema: "{" }).session.schema).toBeUndefined();
     });
 
-    test("reads a schema that it is asked to use, and remembers it", async () => {
+    test("connects nowhere and remembers nothing when it is asked to go elsewhere, until somebody agrees", () => {
+        const { session, saved } = sessionWith({ address: "ws://a:b@asked" }, { address: "last" });
+        expect([session.asked, addresses, saved.get("address")]).toEqual([{ address: "ws://a:b@asked" }, [], "last"]);
+        session.acceptLink();
+        expect([session.asked, addresses]).toEqual([{}, ["ws://a:b@asked"]]);
+        expect(saved.get("address")).toBe("ws://asked");
+    });
+
+    test("goes where it was last when nobody agrees", () => {
+        const { session, saved } = sessionWith({ address: "asked" }, { address: "last" });
+        session.declineLink();
+        expect([session.asked, addresses, saved.get("address")]).toEqual([{}, ["ws://last:10443"], "last"]);
+    });
+
+    test("says which address of a link is none", () => {
+        const { session } = sessionWith({ address: "http://asked" }, { address: "last" });
+        expect(addresses).toEqual(["ws://last:10443"]);
+        expect(session.log.entries.at(-1)).toMatchObject({
+            text: "The link's address is none",
+            detail: "http://asked",
+        });
+    });
+
+    test("reads a schema that it is asked to use, and remembers it once somebody agrees", async () => {
         const { session, saved } = sessionWith({ schema: "a.json" });
-        await vi.waitFor(() => expect(session.schema).toEqual(JSON.parse(schema)));
-        expect(saved.get("schema")).toBe(schema);
+        await vi.waitFor(() => expect(session.asked).toEqual({ schema: { name: "a.json", text: schema } }));
+        expect([session.schema, saved.get("schema")]).toEqual([undefined, undefined]);
+        session.acceptLink();
+        expect([session.schema, saved.get("schema")]).toEqual([JSON.parse(schema), schema]);
+    });
+
+    test("asks for no schema that it remembers, and forgets one that nobody agrees to", async () => {
+        const same = sessionWith({ schema: "a.json" }, { schema });
+        const other = sessionWith({ schema: "a.json" }, { schema: "{}" });
+        await vi.waitFor(() => expect(other.session.asked.schema).toBeDefined());
+        expect(same.session.asked).toEqual({});
+        other.session.declineLink();
+        expect([other.session.asked, other.saved.get("schema")]).toEqual([{}, "{}"]);
+    });
+
+    test.each([
+        ["a link says so", { locked: "" }, {}, true],
+        ["it was", {}, { locked: "yes" }, true],
+        ["it was not", {}, { locked: "" }, false],
+        ["nobody said so", {}, {}, false],
+    ])("is locked where %s: %j", (_, query, remembered, locked) => {
+        expect(sessionWith(query, remembered).session.locked).toBe(locked);
+    });
+
+    test("sends nothing while it is locked", async () => {
+        const { session, saved } = sessionWith({ locked: "" }, { schema });
+        const leaf = leavesOf(session.schema!)[0]!;
+        await expect(session.write(new Map([[leaf, 1]]))).rejects.toThrow("The page is locked: nothing was written");
+        expect(() => session.setSchema(schema, true)).toThrow("The page is locked: nothing was sent");
+        session.unlock();
+        expect([session.locked, saved.get("locked")]).toEqual([false, ""]);
+        await expect(session.write(new Map([[leaf, 1]]))).rejects.toThrow("Not connected");
+        session.lock();
+        expect([session.locked, saved.get("locked")]).toEqual([true, "yes"]);
     });
 
     test("says which schema could not be read", async () => {

@@ -59,7 +59,7 @@ test("says so when another client has changed the schema", async () => {
     await other.getByLabel("Schema as JSON").fill(JSON.stringify({ theirs: SPEED }));
     await other.getByRole("button", { name: "Send to the daemon" }).click();
     await changes(value("theirs"));
-    await page.getByRole("log").getByText("another client may have changed the daemon's").waitFor();
+    await page.getByRole("log").getByText("Another client has replaced the schema").waitFor();
     await page.locator(".row:has([title=mine]) .stale").first().waitFor();
     expect(await row("theirs").getByRole("button", { name: "Set" }).count()).toBe(0);
     await other.close();

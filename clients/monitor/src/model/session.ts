@@ -1,6 +1,7 @@
 import {
     checkText,
     Client,
+    UnconfirmedError,
     describeWritten,
     dotted,
     leavesOf,
@@ -9,14 +10,17 @@ import {
     parseSchema,
     readingOf,
     toUrl,
+    withoutPassword,
     type Hello,
     type Leaf,
     type Schema,
+    type SchemaEvent,
     type State,
     type Value,
     type ValueMap,
     type Written,
 } from "vorbel";
+import { isSameDaemon, keptAddress, type Asked } from "./link";
 import { Log } from "./log";
 import { Source } from "./source";
 import { hexText, valueText } from "./text";
@@ -33,7 +37,10 @@ export type Memory = {
 export type Surroundings = {
     /** The address to begin with when none was asked for or is remembered. */
     home: string;
-    /** What was asked for: "address", "schema" (the name of a file), "plot" (paths with commas between them). */
+    /**
+     * What was asked for: "address", "schema" (the name of a file), "plot" (paths with commas between them), "locked"
+     * (whatever its value).
+     */
     query: { get(name: string): string | null };
     memory: Memory;
     /** The text of a file by its name. */
@@ -62,19 +69,75 @@ export class Session {
     /** Paths to plot as soon as they are known. */
     #wanted: string[];
     writing: TreeNode | undefined;
+    /** Nothing can be sent. */
+    locked: boolean;
+    /** What a link asks for and nobody has confirmed. */
+    asked: Asked = {};
+    /** What is to be known before values are written: another client's schema may be in force. */
+    foreign: { certain: boolean; reason: string } | undefined;
+    /** What gives up values that have not been sent yet. */
+    #sending = new AbortController();
     #client: Client | undefined;
 
     readonly #memory: Memory;
 
     constructor({ home, query, memory, read }: Surroundings) {
         this.#memory = memory;
-        this.address = query.get("address") ?? memory.load("address") ?? home;
+        this.address = keptAddress(memory.load("address")) ?? home;
+        if (memory.load("address")) memory.save("address", this.address); // earlier versions kept passwords
+        this.locked = query.get("locked") !== null || memory.load("locked") === "yes";
         this.#wanted = query.get("plot")?.split(",") ?? [];
         this.schemaText = memory.load("schema") ?? "";
         if (this.schemaText && isUsable(this.schemaText)) this.#use(JSON.parse(this.schemaText));
         const schema = query.get("schema");
-        if (schema) void this.#loadSchema(schema, read);
+        if (schema) void this.#readSchema(schema, read);
+        this.#begin(query.get("address"));
+    }
+
+    /** A link may lead to a stranger: nobody else's daemon is connected to unasked. */
+    #begin(address: string | null): void {
+        if (address !== null && keptAddress(address) === undefined) {
+            this.log.add("problem", "The link's address is none", address);
+        } else if (address !== null && !isSameDaemon(address, this.address)) {
+            this.asked = { address };
+            return;
+        }
         this.connect(this.address);
+    }
+
+    /** Does what the link asks for, once somebody has agreed. */
+    acceptLink(): void {
+        const { address, schema } = this.asked;
+        this.asked = {};
+        if (address !== undefined) this.connect(address);
+        if (schema) this.setSchema(schema.text, false);
+        this.status.changed();
+    }
+
+    /** Goes on as without the link. */
+    declineLink(): void {
+        const { address } = this.asked;
+        this.asked = {};
+        if (address !== undefined) this.connect(this.address);
+        this.status.changed();
+    }
+
+    /** From now on nothing can be sent, not even the schema to a restarted daemon. */
+    lock(): void {
+        this.locked = true;
+        this.#memory.save("locked", "yes");
+        this.#sending.abort();
+        this.#client?.releaseSchema();
+        this.log.add("connection", "Locked", "nothing can be sent from here");
+        this.status.changed();
+    }
+
+    unlock(): void {
+        this.locked = false;
+        this.#memory.save("locked", "");
+        this.#sending = new AbortController();
+        this.log.add("connection", "Unlocked", "values and schemas can be sent from here");
+        this.status.changed();
     }
 
     /** Leaves the present daemon for that at an address, or tries that one again at once; returns what is wrong with the address. */
@@ -86,11 +149,11 @@ export class Session {
             return (error as Error).message;
         }
         this.address = address;
-        this.#memory.save("address", address);
+        this.#memory.save("address", withoutPassword(address));
         if (this.#client?.url !== url) {
             this.disconnect();
             if (this.#client) this.#forgetReadings();
-            this.hello = undefined;
+            this.hello = this.foreign = undefined;
             this.#client = this.#newClient(address);
         }
         this.#client.connect();
@@ -105,7 +168,10 @@ export class Session {
     /** Gives a schema to the daemon, or only uses it here to explain the values that come. */
     setSchema(text: string, send: boolean): void {
         const schema = parseJson(text) as Schema;
+        if (send && this.locked) throw new Error("The page is locked: nothing was sent");
         if (send) this.#client?.setSchema(schema);
+        else this.#client?.releaseSchema();
+        this.foreign = undefined;
         this.schemaText = text;
         this.#memory.save("schema", text);
         this.#use(schema);
@@ -115,37 +181,42 @@ export class Session {
         else this.log.add("schema", `Schema of ${leaves} kept`, "goes out with the next connection");
     }
 
-    /** Uses a schema that has to be read first. */
-    async #loadSchema(name: string, read: Surroundings["read"]): Promise<void> {
+    /** Reads a schema that a link names. */
+    async #readSchema(name: string, read: Surroundings["read"]): Promise<void> {
         try {
             const text = await read(name);
             parseSchema(text);
-            this.setSchema(text, false);
+            if (text !== this.schemaText) this.asked = { ...this.asked, schema: { name, text } };
         } catch (error) {
             this.log.add("problem", `The schema ${name} could not be loaded`, (error as Error).message);
         }
+        this.status.changed();
     }
 
-    /** Writes values of leaves of the same frames; throws when they cannot be sent now. */
-    write(values: ReadonlyMap<Leaf, Value>): void {
-        const written = this.#send(values);
+    /** Writes values of leaves of the same frames. Rejects when that is not so, or when nothing says whether it is. */
+    async write(values: ReadonlyMap<Leaf, Value>): Promise<void> {
+        const written = await this.#deliver(values);
         const told = [...values].map(([leaf, value]) => {
             const number = written.find((each) => dotted(each.leaf.path) === dotted(leaf.path));
-            this.tree.find(leaf.path)!.sent = number ? readingOf(number) : value;
+            const node = this.tree.find(leaf.path);
+            if (node) node.sent = number ? readingOf(number) : value;
             return assignmentText(leaf, value) + (number ? `: ${describeWritten(number)}` : "");
         });
         this.log.add("sent", told.join(", "), frameText(values));
         this.values.changed();
     }
 
-    #send(values: ReadonlyMap<Leaf, Value>): Written[] {
+    async #deliver(values: ReadonlyMap<Leaf, Value>): Promise<Written[]> {
         const message: ValueMap = {};
         for (const [leaf, value] of values) merge(message, nest(leaf.path, value));
         try {
-            return this.#client!.write(message, { schema: this.schema });
+            if (this.locked) throw new Error("The page is locked: nothing was written");
+            if (!this.#client) throw new Error("Not connected: nothing was written");
+            return await this.#client.deliver(message, { schema: this.schema, signal: this.#sending.signal });
         } catch (error) {
             const told = [...values].map(([leaf, value]) => assignmentText(leaf, value)).join(", ");
-            this.log.add("problem", `Not sent: ${told}`, (error as Error).message);
+            const what = error instanceof UnconfirmedError ? "Perhaps handled" : "Not sent";
+            this.log.add("problem", `${what}: ${told}`, (error as Error).message);
             throw error;
         }
     }
@@ -186,6 +257,7 @@ export class Session {
             this.status.changed();
         });
         client.on("values", (values) => this.#received(values));
+        client.on("schema", (event, reason) => this.#schemaBecame(event, reason));
         client.on("undecodable", ({ bytes, error }) => {
             this.undecodable++;
             this.log.add(
@@ -205,12 +277,21 @@ export class Session {
             this.tree.interrupt(Date.now());
         }
         if (state === "connected") {
-            this.log.add("connection", "Connected", this.#client?.url);
-            if (this.#client?.schema)
-                this.log.add("schema", "Schema sent", "as after every connection: a restarted daemon has none");
+            this.log.add("connection", "Connected", keptAddress(this.#client?.url));
         }
         this.state = state;
         this.reason = reason;
+        this.status.changed();
+    }
+
+    /** Who sent the last schema owns it; the others say so and leave it. */
+    #schemaBecame(event: SchemaEvent, reason: string): void {
+        if (event === "kept") return;
+        const told = schemaTold[event];
+        this.log.add("schema", told, reason);
+        if (event === "replaced") this.foreign = { certain: true, reason };
+        else if (event === "silent") this.foreign = { certain: false, reason };
+        else this.foreign = undefined;
         this.status.changed();
     }
 
@@ -221,7 +302,7 @@ export class Session {
         if (this.tree.shape === shape) return;
         this.#plotWanted();
         for (const { series } of this.plotted) series?.keepForPlot();
-        if (this.schema && unexplained === 0 && this.tree.unexplained > 0) {
+        if (this.schema && !this.foreign && unexplained === 0 && this.tree.unexplained > 0) {
             this.log.add(
                 "schema",
                 "Values come that the schema here does not have",
@@ -239,6 +320,16 @@ export class Session {
         this.status.changed();
     }
 }
+
+const schemaTold: Record<SchemaEvent, string> = {
+    sent: "Schema sent",
+    resent: "Schema sent again",
+    kept: "The daemon still has the schema",
+    replaced: "Another client has replaced the schema: it is not sent again from here",
+    silent: "Another client may have replaced the schema: it is not sent again from here",
+    heard: "The daemon still has the schema",
+    released: "The schema is not sent again from here",
+};
 
 function isUsable(text: string): boolean {
     return checkText(text).every(({ severity }) => severity === "warning");

@@ -49,14 +49,23 @@ export function payloadOf(values: ReadonlyMap<Leaf, Value>): Uint8Array | undefi
     if (leaves.some(({ format }) => format === "p")) return undefined;
     const payload = new Uint8Array(Math.max(...leaves.map(({ skip, format }) => skip + FORMATS[format]!.width)));
     const view = new DataView(payload.buffer);
-    for (const [leaf, value] of values) place(view, leaf, prepareLeaf(leaf, value).written!.raw);
+    const inOrder = [...values].sort(([a], [b]) => byName(a, b));
+    for (const [leaf, value] of inOrder) place(view, leaf, prepareLeaf(leaf, value).written!.raw);
     return payload;
 }
 
-function place(view: DataView, { format, skip }: Leaf, raw: number): void {
+/** Puts a raw number where its leaf has it. */
+export function place(view: DataView, { format, skip }: Leaf, raw: number): void {
     const width = FORMATS[format]!.width;
     if (format === "f") view.setFloat32(skip, raw, true);
     else if (width === 1) view.setInt8(skip, raw);
     else if (width === 2) view.setInt16(skip, raw, true);
     else view.setInt32(skip, raw, true);
+}
+
+/** The order in which the daemon takes the values of a message: of two that overlap, the later one stays. */
+export function byName({ path: a }: Leaf, { path: b }: Leaf): number {
+    const at = a.findIndex((name, index) => name !== b[index]);
+    if (at < 0) return a.length - b.length;
+    return b[at] === undefined || a[at]! > b[at] ? 1 : -1;
 }

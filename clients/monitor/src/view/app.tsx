@@ -1,9 +1,10 @@
-import { useState } from "preact/hooks";
+import { useEffect, useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { useSource } from "./frame";
 import { Header } from "./header";
 import { Icon } from "./icons";
 import { LogPanel } from "./log";
+import { LinkQuestion, SchemaNotice } from "./notices";
 import { PlotPanel } from "./plots";
 import { SchemaDialog } from "./schema";
 import { ValueTable } from "./table";
@@ -16,10 +17,14 @@ export function App({ session }: { session: Session }) {
     useSource(session.status);
     const [tab, setTab] = useState<Tab>("values");
     const [schemaOpen, openSchema] = useState(false);
+    useEffect(ignoreRepeatedEnter, []);
     const writing = session.writing;
     return (
         <>
-            <Header session={session} openSchema={() => openSchema(true)} />
+            <div>
+                <Header session={session} openSchema={() => openSchema(true)} />
+                <SchemaNotice session={session} />
+            </div>
             <main data-tab={tab}>
                 <ValueTable session={session} openSchema={() => openSchema(true)} />
                 <div class="side">
@@ -37,7 +42,20 @@ export function App({ session }: { session: Session }) {
                     </button>
                 ))}
             </nav>
+            <LinkQuestion session={session} />
             {schemaOpen && <SchemaDialog session={session} close={() => openSchema(false)} />}
         </>
     );
+}
+
+/** A key that is held is not a wish for more of the same: it would open a form and confirm it. */
+function ignoreRepeatedEnter(): () => void {
+    const ignore = (event: KeyboardEvent) => {
+        const writesText = event.target instanceof HTMLTextAreaElement;
+        if (event.key !== "Enter" || !event.repeat || writesText) return;
+        event.preventDefault();
+        event.stopPropagation();
+    };
+    window.addEventListener("keydown", ignore, true);
+    return () => window.removeEventListener("keydown", ignore, true);
 }

@@ -1,7 +1,8 @@
-import { useLayoutEffect, useState } from "preact/hooks";
+import { useEffect, useLayoutEffect, useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { memory } from "../page";
 import { Icon } from "./icons";
+import { LockButton } from "./lock";
 
 const stateWords = {
     connected: "Connected",
@@ -33,6 +34,7 @@ export function Header({ session, openSchema }: { session: Session; openSchema: 
                 </p>
             )}
             <div class="tools">
+                <LockButton session={session} />
                 <button onClick={openSchema}>
                     <Icon name="schema" /> Schema
                 </button>
@@ -54,6 +56,7 @@ function Device({ type, id }: { type: string; id?: string | undefined }) {
 function Address({ session }: { session: Session }) {
     const [text, setText] = useState(session.address);
     const [problem, setProblem] = useState<string>();
+    useEffect(() => setText(session.address), [session.address]);
     const connected = session.state === "connected" || session.state === "connecting";
     const connect = (event: Event) => {
         event.preventDefault();
@@ -70,7 +73,7 @@ function Address({ session }: { session: Session }) {
                         setProblem(undefined);
                     }}
                     placeholder="host or host:port"
-                    autocomplete="url"
+                    autocomplete="off"
                     autocapitalize="off"
                     spellcheck={false}
                     enterkeyhint="go"

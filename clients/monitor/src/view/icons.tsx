@@ -3,6 +3,7 @@ const shapes = {
     plot: "M4 4v16h16M7 14l3-4 3 3 4-6",
     set: "M4 17v3h3L18 9l-3-3L4 17zM13 8l3 3",
     lock: "M7 11V8a5 5 0 0 1 10 0v3M6 11h12v9H6z",
+    unlocked: "M7 11V8a5 5 0 0 1 9.6-2M6 11h12v9H6z",
     pause: "M9 6v12M15 6v12",
     play: "M8 5l11 7-11 7z",
     closer: "M11 4a7 7 0 1 1 0 14 7 7 0 0 1 0-14zM16 16l4 4M8 11h6M11 8v6",

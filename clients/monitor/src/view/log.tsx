@@ -3,7 +3,7 @@ import { clockText } from "../model/text";
 import { useSource } from "./frame";
 import { Icon } from "./icons";
 
-const words = { sent: "Sent", schema: "Schema", connection: "Connection", problem: "Problem" };
+const words = { sent: "Handled", schema: "Schema", connection: "Connection", problem: "Problem" };
 
 export function LogPanel({ log }: { log: Log }) {
     useSource(log, 100);

@@ -62,10 +62,11 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
                 <p class="problem" role="alert">
                     {refusal}
                 </p>
+                {session.locked && <p class="quiet">The page is locked: nothing can be sent.</p>}
                 <button onClick={() => apply(false)} disabled={useless}>
                     Use here only
                 </button>
-                <button class="primary" onClick={() => apply(true)} disabled={useless}>
+                <button class="primary" onClick={() => apply(true)} disabled={useless || session.locked}>
                     Send to the daemon
                 </button>
             </div>

@@ -1,10 +1,16 @@
-import { useLayoutEffect, useRef, useState } from "preact/hooks";
-import { dotted, FORMATS, readOnlyReason, writableRange, type Leaf, type Value } from "vorbel";
+import { useEffect, useLayoutEffect, useRef, useState } from "preact/hooks";
+import { dotted, FORMATS, readOnlyReason, writableRange, type Leaf } from "vorbel";
+import { Draft, type Edits } from "../model/draft";
 import type { Session } from "../model/session";
-import { clockText, hexText, numberText } from "../model/text";
+import { clockText } from "../model/text";
 import type { TreeNode } from "../model/tree";
-import { parseInput, payloadOf, rangeText } from "../model/writing";
+import { rangeText } from "../model/writing";
+import { useSource } from "./frame";
 import { Icon } from "./icons";
+import { Consequences, FramePreview } from "./preview";
+
+/** Readings that change more often cannot be read. */
+const PAUSE = 100;
 
 /** Sets one value, and with it the others of its frame. */
 export function WritePanel({ session, node }: { session: Session; node: TreeNode }) {
@@ -12,7 +18,7 @@ export function WritePanel({ session, node }: { session: Session; node: TreeNode
         session.startWriting(undefined);
         document.getElementById("values-grid")?.focus();
     };
-    const reason = node.leaf ? readOnlyReason(node.leaf) : "the schema used here does not have it";
+    const reason = session.locked ? "the page is locked" : refusalOf(node);
     return (
         <section
             class="panel write"
@@ -45,50 +51,68 @@ function Refusal({ name, reason }: { name: string; reason: string }) {
     );
 }
 
+function refusalOf({ leaf }: TreeNode): string | undefined {
+    return leaf ? readOnlyReason(leaf) : "the schema used here does not have it";
+}
+
+type Outcome = { state: "sending" | "handled" | "failed"; text: string };
+
 function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
-    const [nodes] = useState(() => writableTogether(session, node));
-    const [texts, setTexts] = useState(() => new Map(nodes.map((each) => [each, presentText(each)])));
-    const [outcome, setOutcome] = useState<{ sent: boolean; text: string }>();
-    const { values, problems } = parseAll(texts);
-    const ready = problems.size === 0 && values.has(node.leaf!);
-    const send = (event: Event) => {
+    useSource(session.values, PAUSE);
+    const [together] = useState(() => session.tree.sameFrame(node.leaf!));
+    const [edits, setEdits] = useState<Edits>(new Map());
+    const [agreed, setAgreed] = useState("");
+    const [outcome, setOutcome] = useState<Outcome>();
+    const draft = new Draft(node, together, edits, session.foreign?.reason);
+    const isAgreed = agreed === draft.consequences;
+    const ready = draft.isComplete && isAgreed && outcome?.state !== "sending";
+    const send = async (event: Event) => {
         event.preventDefault();
         if (!ready) return;
+        setOutcome({ state: "sending", text: "Sending…" });
         try {
-            session.write(values);
-            setOutcome({ sent: true, text: `Sent at ${clockText(Date.now())}` });
+            await session.write(draft.values);
+            setEdits(new Map());
+            setOutcome({ state: "handled", text: `Handled at ${clockText(Date.now())}` });
         } catch (error) {
-            setOutcome({ sent: false, text: (error as Error).message });
+            setOutcome({ state: "failed", text: (error as Error).message });
         }
+        setAgreed("");
     };
     return (
-        <form onSubmit={send}>
-            {nodes.map((each) => (
+        <form onSubmit={(event) => void send(event)}>
+            {draft.fields.map(({ node: each, text, isEdited }) => (
                 <LeafInput
                     key={each.id}
                     id={`set-${each.id}`}
                     leaf={each.leaf!}
                     main={each === node}
-                    text={texts.get(each)!}
-                    problem={problems.get(each.leaf!)}
+                    text={text}
+                    isEdited={isEdited}
+                    problem={draft.problems.get(each.leaf!)}
                     change={(text) => {
-                        setTexts(new Map(texts).set(each, text));
+                        setEdits(new Map(edits).set(each, text));
                         setOutcome(undefined);
                     }}
                 />
             ))}
-            {nodes.length > 1 && (
-                <p class="quiet">
-                    These share one frame. What is left empty goes out as zero bytes, or not at all at its end.
-                </p>
+            {draft.fields.length > 1 && (
+                <p class="quiet">These share one frame. Those that you do not change follow the bus.</p>
+            )}
+            {edits.size > 0 && (
+                <Consequences
+                    draft={draft}
+                    agreed={isAgreed}
+                    agree={(yes) => setAgreed(yes ? draft.consequences : "")}
+                />
             )}
             <div class="actions">
                 <button type="submit" class="primary" disabled={!ready}>
                     Send
                 </button>
-                <FramePreview leaf={node.leaf!} values={values} />
+                <FramePreview leaf={node.leaf!} draft={draft} />
             </div>
-            <p class={outcome?.sent === false ? "problem" : "quiet"} role="status">
+            <p class={outcome?.state === "failed" ? "problem" : "quiet"} role="status">
                 {outcome?.text}
             </p>
         </form>
@@ -101,17 +125,23 @@ type LeafInputProps = {
     /** Whether it is the one that was asked for. */
     main: boolean;
     text: string;
+    /** Otherwise it follows the bus. */
+    isEdited: boolean;
     problem: string | undefined;
     change: (text: string) => void;
 };
 
-function LeafInput({ id, leaf, main, text, problem, change }: LeafInputProps) {
+function LeafInput({ id, leaf, main, text, isEdited, problem, change }: LeafInputProps) {
     const input = useRef<any>(null);
     useLayoutEffect(() => {
         if (!main) return;
         input.current.focus();
         input.current.select();
     }, []);
+    // What follows the bus under a cursor would be mixed with what is typed: it stays selected as a whole.
+    useEffect(() => {
+        if (!isEdited && document.activeElement === input.current) input.current.select();
+    }, [text, isEdited]);
     const shared = {
         id,
         ref: input,
@@ -143,42 +173,8 @@ function LeafInput({ id, leaf, main, text, problem, change }: LeafInputProps) {
     );
 }
 
-function FramePreview({ leaf, values }: { leaf: Leaf; values: Map<Leaf, Value> }) {
-    const payload = values.size > 0 ? payloadOf(values) : undefined;
-    return (
-        <span class="preview">
-            mac {leaf.mac} cmd {leaf.cmd}
-            {payload && <code>{hexText(payload)}</code>}
-        </span>
-    );
-}
-
-/** The leaf and the others of its frame, as far as they can be written. */
-function writableTogether({ tree }: Session, node: TreeNode): TreeNode[] {
-    return [node, ...tree.sameFrame(node.leaf!).filter((each) => each !== node && !readOnlyReason(each.leaf!))];
-}
-
 /** The on-screen keyboard that a leaf needs: some phones' keypads of digits have no minus sign. */
 function keypad(leaf: Leaf): "text" | "numeric" | "decimal" {
     if (FORMATS[leaf.format]!.signed || leaf.factor < 0) return "text";
     return writableRange(leaf)!.step === 1 ? "numeric" : "decimal";
-}
-
-/** What a leaf's bytes hold at present, as far as it is known. */
-function presentText({ series, sent, leaf }: TreeNode): string {
-    const present = series?.number ?? sent;
-    return typeof present === "number" ? numberText(present, leaf) : "";
-}
-
-/** What was typed, leaf by leaf; nothing for those left empty. */
-function parseAll(texts: Map<TreeNode, string>) {
-    const values = new Map<Leaf, Value>();
-    const problems = new Map<Leaf, string>();
-    for (const [{ leaf }, text] of texts) {
-        if (text === "") continue;
-        const { value, problem } = parseInput(leaf!, text);
-        if (problem === undefined) values.set(leaf!, value);
-        else problems.set(leaf!, problem);
-    }
-    return { values, problems };
 }

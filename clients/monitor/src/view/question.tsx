@@ -1,0 +1,31 @@
+import type { ComponentChildren } from "preact";
+import { useEffect, useRef } from "preact/hooks";
+
+type QuestionProps = {
+    title: string;
+    yes: string;
+    no: string;
+    answer: (agreed: boolean) => void;
+    children: ComponentChildren;
+};
+
+/** A question that has to be answered first. Whatever is not a clear yes is a no. */
+export function Question({ title, yes, no, answer, children }: QuestionProps) {
+    const dialog = useRef<HTMLDialogElement>(null);
+    const agreed = useRef(false);
+    useEffect(() => dialog.current!.showModal(), []);
+    const leave = (agrees: boolean) => {
+        agreed.current = agrees;
+        dialog.current!.close(); // which gives the focus back to where it was
+    };
+    return (
+        <dialog ref={dialog} class="question" aria-labelledby="question-title" onClose={() => answer(agreed.current)}>
+            <h2 id="question-title">{title}</h2>
+            {children}
+            <div class="actions end">
+                <button onClick={() => leave(false)}>{no}</button>
+                <button onClick={() => leave(true)}>{yes}</button>
+            </div>
+        </dialog>
+    );
+}
