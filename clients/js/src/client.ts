@@ -20,7 +20,8 @@ type Events = {
     state: [state: State, reason: string];
     /** Every hello, also those that another client's arrival causes. */
     hello: [hello: Hello];
-    values: [values: Value];
+    /** When it arrived is in milliseconds since 1970, by the clock of performance.now(). */
+    values: [values: Value, arrival: number];
     undecodable: [message: Undecodable];
 };
 
@@ -28,7 +29,8 @@ type Events = {
 export type WebSocketLike = {
     binaryType: string;
     readonly readyState: number;
-    onmessage: ((event: { data: any }) => void) | null;
+    /** `arrival` where the socket knows it better than whoever is called, who may be late; as on "values". */
+    onmessage: ((event: { data: any; arrival?: number }) => void) | null;
     onclose: ((event: { code: number; reason: string }) => void) | null;
     onerror: ((event: any) => void) | null;
     send(data: string | Uint8Array): void;
@@ -281,7 +283,7 @@ export class Client {
         let failure = "";
         socket.onerror = (event) => (failure = event?.message ?? "");
         socket.onclose = (event) => this.#lose(failure || event.reason || this.#closing(event.code));
-        socket.onmessage = (event) => this.#receive(event.data);
+        socket.onmessage = (event) => this.#receive(event.data, event.arrival ?? now());
         this.#timer = setTimeout(() => this.#lose("no hello came in time"), this.#options.patience);
     }
 
@@ -318,9 +320,9 @@ export class Client {
         this.#emit("state", state, reason);
     }
 
-    #receive(data: string | ArrayBuffer): void {
+    #receive(data: string | ArrayBuffer, arrival: number): void {
         if (typeof data === "string") this.#receiveText(data);
-        else this.#receiveValues(new Uint8Array(data));
+        else this.#receiveValues(new Uint8Array(data), arrival);
     }
 
     #receiveText(text: string): void {
@@ -342,7 +344,7 @@ export class Client {
         if (this.#schema && this.#state === "connected") this.#sendSchema();
     }
 
-    #receiveValues(bytes: Uint8Array): void {
+    #receiveValues(bytes: Uint8Array, arrival: number): void {
         let values: Value;
         try {
             values = decodeValues(bytes);
@@ -350,7 +352,7 @@ export class Client {
             this.#reportUndecodable(bytes, error as Error);
             return;
         }
-        this.#emit("values", values);
+        this.#emit("values", values, arrival);
     }
 
     #reportUndecodable(bytes: Uint8Array, error: Error): void {
@@ -368,6 +370,10 @@ export class Client {
     #emit<E extends keyof Events>(event: E, ...args: Events[E]): void {
         for (const listener of [...this.#listeners[event]]) listener(...args);
     }
+}
+
+function now(): number {
+    return performance.timeOrigin + performance.now();
 }
 
 function unprepared(values: ValueMap): Message {

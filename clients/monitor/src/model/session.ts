@@ -15,8 +15,10 @@ import {
     type State,
     type Value,
     type ValueMap,
+    type WebSocketConstructor,
     type Written,
 } from "vorbel";
+import { now } from "./clock";
 import { Log } from "./log";
 import { Source } from "./source";
 import { hexText, valueText } from "./text";
@@ -38,6 +40,8 @@ export type Surroundings = {
     memory: Memory;
     /** The text of a file by its name. */
     read: (name: string) => Promise<string>;
+    /** What to connect with, where it is not the browser's own. */
+    WebSocket?: WebSocketConstructor;
 };
 
 /** One page's dealings with one daemon at a time. Its sources say what changed. */
@@ -65,9 +69,11 @@ export class Session {
     #client: Client | undefined;
 
     readonly #memory: Memory;
+    readonly #WebSocket: WebSocketConstructor | undefined;
 
-    constructor({ home, query, memory, read }: Surroundings) {
+    constructor({ home, query, memory, read, WebSocket }: Surroundings) {
         this.#memory = memory;
+        this.#WebSocket = WebSocket;
         this.address = query.get("address") ?? memory.load("address") ?? home;
         this.#wanted = query.get("plot")?.split(",") ?? [];
         this.schemaText = memory.load("schema") ?? "";
@@ -179,13 +185,16 @@ export class Session {
     }
 
     #newClient(address: string): Client {
-        const client = new Client(address, { longestDelay: 5000 });
+        const client = new Client(address, {
+            longestDelay: 5000,
+            ...(this.#WebSocket && { WebSocket: this.#WebSocket }),
+        });
         client.on("state", (state, reason) => this.#entered(state, reason));
         client.on("hello", (hello) => {
             this.hello = hello;
             this.status.changed();
         });
-        client.on("values", (values) => this.#received(values));
+        client.on("values", (values, arrival) => this.#received(values, arrival));
         client.on("undecodable", ({ bytes, error }) => {
             this.undecodable++;
             this.log.add(
@@ -202,7 +211,7 @@ export class Session {
         const lost = this.state === "connected" && state !== "connected";
         if (lost) {
             this.log.add("connection", state === "closed" ? "Disconnected" : "Connection lost", reason);
-            this.tree.interrupt(Date.now());
+            this.tree.interrupt(now());
         }
         if (state === "connected") {
             this.log.add("connection", "Connected", this.#client?.url);
@@ -214,9 +223,9 @@ export class Session {
         this.status.changed();
     }
 
-    #received(values: Value): void {
+    #received(values: Value, arrival: number): void {
         const { shape, unexplained } = this.tree;
-        this.tree.update(values, Date.now());
+        this.tree.update(values, arrival);
         this.values.changed();
         if (this.tree.shape === shape) return;
         this.#plotWanted();

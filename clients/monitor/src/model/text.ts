@@ -1,4 +1,5 @@
 import { isMap, justified, type Leaf, type Value } from "vorbel";
+import { wallClock } from "./clock";
 
 /** A number as people read it: a reading with the digits that its leaf justifies, others with seven. */
 export function numberText(value: number, leaf?: Leaf): string {
@@ -36,8 +37,14 @@ export function rateText(rate: number | undefined): string {
     return rate < 9.95 ? rate.toFixed(1) : String(Math.round(rate));
 }
 
-export function clockText(time: number): string {
-    return new Date(time).toLocaleTimeString("en-GB");
+/** The time of day, in seconds and so many decimals. */
+export function clockText(time: number, decimals = 0): string {
+    const unit = 1000 / 10 ** decimals;
+    // Cut off as clocks do, but for what the time itself cannot tell.
+    const units = Math.floor(wallClock.at(time) / unit + 0.05);
+    const seconds = Math.floor(units / 10 ** decimals);
+    const text = new Date(seconds * 1000).toLocaleTimeString("en-GB");
+    return decimals > 0 ? `${text}.${String(units % 10 ** decimals).padStart(decimals, "0")}` : text;
 }
 
 export function hexText(bytes: ArrayLike<number>): string {

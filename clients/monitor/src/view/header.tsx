@@ -1,6 +1,7 @@
 import { useLayoutEffect, useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { memory } from "../page";
+import { Behind } from "./behind";
 import { Icon } from "./icons";
 
 const stateWords = {
@@ -32,6 +33,7 @@ export function Header({ session, openSchema }: { session: Session; openSchema: 
                     <Icon name="problem" /> {undecodable} undecodable
                 </p>
             )}
+            <Behind />
             <div class="tools">
                 <button onClick={openSchema}>
                     <Icon name="schema" /> Schema

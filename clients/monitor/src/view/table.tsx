@@ -1,5 +1,6 @@
 import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
 import { readOnlyReason } from "vorbel";
+import { now } from "../model/clock";
 import type { Session } from "../model/session";
 import { ageText, rateText, valueText } from "../model/text";
 import type { TreeNode } from "../model/tree";
@@ -277,9 +278,9 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
 
 function Cells({ session, node, active }: { session: Session; node: TreeNode; active: boolean }) {
     const { series, leaf } = node;
-    const now = Date.now();
-    const rate = series?.rate.at(now);
-    const age = series && now - series.time;
+    const time = now();
+    const rate = series?.rate.at(time);
+    const age = series && time - series.time;
     const stale = age !== undefined && age > 2000 + (rate ? 3000 / rate : 0);
     const writable = leaf !== undefined && !readOnlyReason(leaf);
     const plotted = session.plotted.indexOf(node);

@@ -1,19 +1,20 @@
 import { useEffect, useRef } from "preact/hooks";
 import uPlot from "uplot";
+import { now } from "../model/clock";
 import { decimate } from "../model/decimate";
 import type { Session } from "../model/session";
 import { clockText, numberText } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { color } from "./canvas";
-import { follow } from "./frame";
+import { follow, repeatedly } from "./frame";
 
 /** Times in milliseconds since 1970. */
 export type Window = { from: number; to: number };
 
 /** The last so many seconds. */
 export function latest(span: number): Window {
-    const now = Date.now();
-    return { from: now - span * 1000, to: now };
+    const to = now();
+    return { from: to - span * 1000, to };
 }
 
 /** The colour of a plotted value, by its place among all that are plotted. */
@@ -117,37 +118,9 @@ export function TimePlot({ session, nodes, span, frozen, ownScales, height, zoom
         if (frozen) return undefined;
         // The picture only changes when time has moved on by a pixel.
         const pixel = (span * 1000) / Math.max(300, box.current!.clientWidth);
-        const timer = new Clock(Math.max(16, pixel), () => plot.current && refresh(plot.current));
-        return () => timer.stop();
+        return repeatedly(Math.max(16, pixel), () => plot.current && refresh(plot.current));
     }, [key, span, frozen]);
     return <div ref={box} class="uplot-box" onDblClick={() => zoomTo(undefined)} />;
-}
-
-/** Calls back in a frame of the screen, at most so often; not at all while the page is hidden. */
-class Clock {
-    #stopped = false;
-    #last = 0;
-
-    constructor(
-        readonly period: number,
-        readonly tick: () => void,
-    ) {
-        requestAnimationFrame(() => this.#frame());
-    }
-
-    stop(): void {
-        this.#stopped = true;
-    }
-
-    #frame(): void {
-        if (this.#stopped) return;
-        const now = performance.now();
-        if (now - this.#last >= this.period) {
-            this.#last = now;
-            this.tick();
-        }
-        requestAnimationFrame(() => this.#frame());
-    }
 }
 
 function timeOptions(
