@@ -1,13 +1,16 @@
 import { leavesOf, type Leaf, type Value } from "vorbel";
 import { afterEach, beforeEach, describe, expect, test, vi } from "vitest";
+import { now, WallClock } from "../src/model/clock";
 import { decimate } from "../src/model/decimate";
 import { History } from "../src/model/history";
 import { Log } from "../src/model/log";
+import { Plots } from "../src/model/plots";
 import { Rate } from "../src/model/rate";
+import { Series } from "../src/model/series";
 import { Session, type Surroundings } from "../src/model/session";
 import { Source } from "../src/model/source";
-import { ageText, numberText, rateText, valueText } from "../src/model/text";
-import { Tree } from "../src/model/tree";
+import { ageText, clockText, numberText, rateText, valueText } from "../src/model/text";
+import { Tree, TreeNode } from "../src/model/tree";
 import { parseInput, payloadOf, rangeText } from "../src/model/writing";
 import { follow } from "../src/view/frame";
 
@@ -73,8 +76,51 @@ describe("a rate", () => {
         expect(rateAfter(times, 9900 + 100)).toBeCloseTo(10, 6);
         expect(rateAfter(times, 9900 + 10_000)!).toBeLessThan(2.5);
     });
+    test.each([
+        [[0], undefined],
+        [[0, 100], 100],
+        [[0, 10_000], 10_000],
+        [[0, 1000, 2000], 1000],
+        [every(50, 1000), 50],
+    ])("of %j has a period", (times, period) => {
+        const rate = new Rate();
+        for (const time of times) rate.arrived(time);
+        expect(rate.period).toBe(period);
+    });
     test("follows a change within seconds", () => {
         expect(rateAfter([...every(1000, 20), ...every(10, 400).map((time) => 20_000 + time)])).toBeCloseTo(100, 3);
+    });
+});
+
+describe("a reading is overdue", () => {
+    const observed = leavesOf({ x: { "@mac": 1, "@format": "s", "@observe": true } })[0]!;
+    const gathered = leavesOf({ x: { "@mac": 1, "@format": "s", "@observe": true, "@flushSize": 2 } })[0]!;
+    function seriesOf(times: number[]): Series {
+        const series = new Series();
+        for (const time of times) series.update(1, time);
+        return series;
+    }
+
+    test.each<[string, number[], Leaf | undefined, number, boolean]>([
+        ["two readings, in time", [0, 10_000], undefined, 10_000 + 31_000, false],
+        ["two readings, late", [0, 10_000], undefined, 10_000 + 33_000, true],
+        ["three readings, in time", [0, 1000, 2000], undefined, 2000 + 4900, false],
+        ["three readings, late", [0, 1000, 2000], undefined, 2000 + 5100, true],
+        ["two close together, late", [0, 100], undefined, 100 + 2400, true],
+        ["one, not long ago", [0], undefined, 9000, false],
+        ["one, long ago", [0], undefined, 11_000, true],
+        ["one that comes only on change", [0, 100, 200], observed, 1e9, false],
+        ["an array, which does not", [0, 100, 200], gathered, 1e9, true],
+    ])("when it could no longer be the present: %s", (_, times, leaf, time, overdue) =>
+        expect(seriesOf(times).isOverdue(time, leaf)).toBe(overdue),
+    );
+    test("at once when the connection is lost, until the next", () => {
+        const series = seriesOf([0, 100]);
+        series.interrupt(110);
+        expect(series.isOverdue(110, undefined)).toBe(true);
+        expect(series.isOverdue(110, observed)).toBe(true);
+        series.update(2, 5000);
+        expect(series.isOverdue(5000, observed)).toBe(false);
     });
 });
 
@@ -103,20 +149,41 @@ describe("decimation", () => {
         expect(draw([], 100, 200, 10).times.slice(0, 3)).toEqual([100, 105, 110]);
         expect(draw([], 103, 203, 10).times.slice(0, 3)).toEqual([100, 105, 110]);
     });
-    test("begins with the last reading from before", () => {
-        expect(
-            draw(
-                [
-                    [1, 3],
-                    [2, 8],
-                    [150, 5],
-                ],
-                100,
-                200,
-                10,
-            ).line[0],
-        ).toBe(8);
+    test("comes in from the reading before, and goes out to the one behind", () => {
+        const { line } = draw(
+            [
+                [0, 3],
+                [80, 2],
+                [180, 12],
+                [260, 4],
+            ],
+            100,
+            200,
+            10,
+        );
+        expect([line[0], line.at(-1)]).toEqual([4, 9.5]); // a fifth of the way up, and at 205 five sixteenths down
     });
+    test("runs through where there is no reading, between those on either side", () => {
+        const { line } = draw(
+            [
+                [0, 0],
+                [1000, 1000],
+            ],
+            100,
+            200,
+            10,
+        );
+        expect(line).toEqual([100, ...new Array(20).fill(undefined), 205]);
+    });
+    test.each([
+        ["before", [[50, NaN], [150, 1]], 0], // prettier-ignore
+        ["behind", [[150, 1], [250, NaN]], -1], // prettier-ignore
+    ] as [string, [number, number][], number][])(
+        "comes from nowhere where it is interrupted %s",
+        (_, readings, end) => {
+            expect(draw(readings, 100, 200, 10).line.at(end) ?? undefined).toBeUndefined();
+        },
+    );
     test("ends before what comes later", () => {
         expect(
             draw(
@@ -133,6 +200,56 @@ describe("decimation", () => {
     test("draws on what holds", () => {
         expect(draw([[150, 1]], 100, 200, 10, true).line.at(-1)).toBe(1);
         expect(draw([], 100, 200, 10, true).line.at(-1)).toBeUndefined();
+    });
+    test("holds until the present, and from before the beginning", () => {
+        const curve = { history: historyOf([[50, 3]]), holds: true };
+        const [line] = decimate([curve], 100, 200, 10, 150).lines;
+        expect(line!.flatMap((value, slot) => (value === undefined ? [] : [[slot, value]]))).toEqual([
+            [0, 3],
+            [10, 3],
+        ]);
+        expect(decimate([curve], 100, 200, 10, 90).lines[0]).toEqual(new Array(22).fill(undefined));
+    });
+    test("holds what came last, also where a stretch has greater and smaller ones", () => {
+        const readings: [number, number][] = [
+            [101, 0],
+            [121, 1],
+            [123, 0],
+            [125, 1],
+        ];
+        const { line } = draw(readings, 100, 200, 10, true);
+        expect(line.slice(4, 7)).toEqual([1, 0, 1]);
+        expect(draw([...readings, [141, 5]], 100, 200, 10, true).line.slice(4, 10)).toEqual([
+            1,
+            0,
+            1,
+            undefined,
+            5,
+            undefined,
+        ]);
+    });
+    test("holds up to where the connection was lost", () => {
+        const { line } = draw(
+            [
+                [101, 1],
+                [135, NaN],
+            ],
+            100,
+            200,
+            10,
+            true,
+        );
+        expect(line.slice(0, 9)).toEqual([
+            1,
+            undefined,
+            undefined,
+            undefined,
+            undefined,
+            undefined,
+            undefined,
+            1,
+            null,
+        ]);
     });
     test("has a gap from what is no finite number to the next that is one", () => {
         const { line } = draw(
@@ -161,7 +278,7 @@ describe("decimation", () => {
             4,
             true,
         );
-        expect(line.slice(0, 4)).toEqual([1, undefined, null, null]);
+        expect(line.slice(0, 4)).toEqual([1, 1, null, null]);
         expect(line.at(-1)).toBeNull();
     });
 });
@@ -419,7 +536,54 @@ test("the log counts repetitions instead of listing them, but lists everything t
     expect(log.entries.length).toBeLessThan(300);
 });
 
+describe("the plots", () => {
+    const node = (name: string) => new TreeNode([name]);
+    const [a, b, c] = [node("a"), node("b"), node("c")];
+
+    test("have a line for each value, which it keeps, and give the number of one that went to the next", () => {
+        const plots = new Plots();
+        plots.add([a, b]);
+        plots.add([b]);
+        expect(plots.nodes).toEqual([a, b]);
+        plots.remove(a);
+        plots.add([c]);
+        plots.add([a]);
+        expect([a, b, c].map((each) => plots.lineOf(each))).toEqual([2, 1, 0]);
+    });
+    test("keep lines for what takes the place of others", () => {
+        const plots = new Plots();
+        plots.add([a, b]);
+        plots.replace((each) => (each === b ? c : undefined));
+        expect([plots.nodes, plots.lineOf(c), plots.lineOf(b)]).toEqual([[c], 1, undefined]);
+        plots.clear();
+        expect(plots.all).toEqual([]);
+    });
+});
+
+describe("the clocks", () => {
+    test("agree, until the system's is set; times from before keep what the wall showed then", () => {
+        let ahead = 0;
+        vi.spyOn(Date, "now").mockImplementation(() => now() + ahead);
+        const wall = new WallClock();
+        const before = now();
+        expect(wall.at(before)).toBeCloseTo(before, -1);
+        ahead = 3_600_000;
+        expect(wall.at(now()) - now()).toBeCloseTo(3_600_000, -1);
+        expect(wall.at(before)).toBeCloseTo(before, -1);
+        vi.restoreAllMocks();
+    });
+});
+
 describe("texts", () => {
+    test.each([
+        [0, 0, "00"],
+        [1999.6, 0, "01"],
+        [1999.6, 1, "01.9"],
+        [1250, 3, "01.250"],
+        [1250.04, 5, "01.25004"],
+    ])("of the time %d with %d decimals", (time, decimals, text) => {
+        expect(clockText(Math.floor(now() / 60_000) * 60_000 + time, decimals).slice(6)).toBe(text);
+    });
     test.each<[number, string]>([
         [Math.fround(0.1), "0.1"],
         [Math.fround(3.93), "3.93"],

@@ -14,21 +14,21 @@ const TOLERANCE = 100;
  * before that keep the names that they had.
  */
 export class WallClock {
-    /** From when on the wall's clock is ahead by how much, oldest first. */
-    #steps: [from: number, ahead: number][] = [];
+    /** After which time the wall's clock is ahead by how much, oldest first. */
+    #steps: [after: number, ahead: number][] = [[-Infinity, 0]];
+    #checked = now();
 
     /** Sees whether the system's clock was set; to be called now and then. */
     check(): void {
         const ahead = Date.now() - now();
-        const known = this.#steps.at(-1);
-        if (known && Math.abs(ahead - known[1]) < TOLERANCE) return;
-        this.#steps.push([known ? now() : -Infinity, ahead]);
+        if (Math.abs(ahead - this.#steps.at(-1)![1]) > TOLERANCE) this.#steps.push([this.#checked, ahead]);
+        this.#checked = now();
     }
 
     /** The milliseconds since 1970 that the wall's clock showed at a time. */
     at(time: number): number {
         this.check();
-        const [, ahead] = this.#steps.findLast(([from]) => from <= time)!;
+        const [, ahead] = this.#steps.findLast(([after]) => after < time)!;
         return time + ahead;
     }
 }

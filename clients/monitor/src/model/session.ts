@@ -20,6 +20,7 @@ import {
 } from "vorbel";
 import { now } from "./clock";
 import { Log } from "./log";
+import { Plots } from "./plots";
 import { Source } from "./source";
 import { hexText, valueText } from "./text";
 import { Tree, type TreeNode } from "./tree";
@@ -62,7 +63,7 @@ export class Session {
     schema: Schema | undefined;
     /** The same as people wrote it. */
     schemaText = "";
-    plotted: TreeNode[] = [];
+    readonly plots = new Plots();
     /** Paths to plot as soon as they are known. */
     #wanted: string[];
     writing: TreeNode | undefined;
@@ -157,9 +158,12 @@ export class Session {
     }
 
     togglePlot(node: TreeNode): void {
-        const plotted = this.plotted.includes(node);
-        this.plotted = plotted ? this.plotted.filter((each) => each !== node) : [...this.plotted, node];
-        if (!plotted) node.series?.keepForPlot();
+        if (this.plots.lineOf(node) === undefined) {
+            this.plots.add([node]);
+            node.series?.keepForPlot();
+        } else {
+            this.plots.remove(node);
+        }
         this.status.changed();
     }
 
@@ -167,7 +171,7 @@ export class Session {
         if (this.#wanted.length === 0) return;
         const found = this.tree.rows().filter((node) => node.series && this.#wanted.includes(node.dotted));
         this.#wanted = this.#wanted.filter((path) => !found.some(({ dotted }) => dotted === path));
-        this.plotted = [...this.plotted, ...found];
+        this.plots.add(found);
     }
 
     startWriting(node: TreeNode | undefined): void {
@@ -178,7 +182,7 @@ export class Session {
     /** Another daemon's values are not this one's, though the schema may be. */
     #forgetReadings(): void {
         this.tree.forget();
-        this.plotted = [];
+        this.plots.clear();
         this.writing = undefined;
         this.undecodable = 0;
         if (this.schema) this.#use(this.schema);
@@ -229,7 +233,7 @@ export class Session {
         this.values.changed();
         if (this.tree.shape === shape) return;
         this.#plotWanted();
-        for (const { series } of this.plotted) series?.keepForPlot();
+        for (const { series } of this.plots.nodes) series?.keepForPlot();
         if (this.schema && unexplained === 0 && this.tree.unexplained > 0) {
             this.log.add(
                 "schema",
@@ -243,7 +247,7 @@ export class Session {
     #use(schema: Schema): void {
         this.schema = schema;
         this.tree.useSchema(schema);
-        this.plotted = this.plotted.flatMap((node) => this.tree.find(node.path) ?? []);
+        this.plots.replace((node) => this.tree.find(node.path));
         this.writing = undefined;
         this.status.changed();
     }

@@ -41,7 +41,7 @@ export function rateText(rate: number | undefined): string {
 export function clockText(time: number, decimals = 0): string {
     const unit = 1000 / 10 ** decimals;
     // Cut off as clocks do, but for what the time itself cannot tell.
-    const units = Math.floor(wallClock.at(time) / unit + 0.05);
+    const units = Math.floor((wallClock.at(time) + 0.001) / unit);
     const seconds = Math.floor(units / 10 ** decimals);
     const text = new Date(seconds * 1000).toLocaleTimeString("en-GB");
     return decimals > 0 ? `${text}.${String(units % 10 ** decimals).padStart(decimals, "0")}` : text;

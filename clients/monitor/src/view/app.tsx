@@ -33,7 +33,7 @@ export function App({ session }: { session: Session }) {
                     <button key={name} aria-current={tab === name ? "page" : undefined} onClick={() => setTab(name)}>
                         <Icon name={({ values: "search", plots: "plot", log: "sent" } as const)[name]} />
                         {name}
-                        {name === "plots" && session.plotted.length > 0 && <b>{session.plotted.length}</b>}
+                        {name === "plots" && session.plots.nodes.length > 0 && <b>{session.plots.nodes.length}</b>}
                     </button>
                 ))}
             </nav>

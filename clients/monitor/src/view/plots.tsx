@@ -4,6 +4,7 @@ import { valueText } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
+import { lineColor } from "./lines";
 import { latest, TimePlot, WavePlot, type Window } from "./uplot";
 
 const SPANS: [number, string][] = [
@@ -18,16 +19,17 @@ export function PlotPanel({ session }: { session: Session }) {
     const [span, setSpan] = useState(60);
     const [frozen, setFrozen] = useState<Window>();
     const [ownScales, setOwnScales] = useState(true);
-    const arrays = session.plotted.filter((node) => node.series?.waveform);
-    const curves = session.plotted.filter((node) => node.series && !node.series.waveform);
+    const arrays = session.plots.nodes.filter((node) => node.series?.waveform);
+    const curves = session.plots.nodes.filter((node) => node.series && !node.series.waveform);
     const height = curves.length > 0 && arrays.length > 0 ? 180 : 230;
 
     const shown = (): Window => frozen ?? latest(span);
     const zoom = (factor: number) => {
         if (!frozen) return setSpan(Math.min(3600, Math.max(1, span * factor)));
         const [middle, half] = [(frozen.from + frozen.to) / 2, ((frozen.to - frozen.from) / 2) * factor];
-        setFrozen({ from: middle - half, to: middle + half });
+        zoomTo({ from: middle - half, to: middle + half });
     };
+    const zoomTo = (window: Window | undefined) => setFrozen(window && bounded(window));
     const shift = (share: number) => {
         const { from, to } = shown();
         setFrozen({ from: from + share * (to - from), to: to + share * (to - from) });
@@ -50,7 +52,7 @@ export function PlotPanel({ session }: { session: Session }) {
         <section class="panel plots" aria-labelledby="plots-title">
             <div class="title">
                 <h2 id="plots-title">Plots</h2>
-                {session.plotted.length > 0 && (
+                {session.plots.nodes.length > 0 && (
                     <div class="tools" role="group" aria-label="Time shown">
                         <select
                             aria-label="Time span"
@@ -81,7 +83,7 @@ export function PlotPanel({ session }: { session: Session }) {
                     </div>
                 )}
             </div>
-            {session.plotted.length === 0 && (
+            {session.plots.nodes.length === 0 && (
                 <p class="empty">
                     Choose values with <Icon name="plot" /> in the table: they are drawn here together.
                 </p>
@@ -99,7 +101,7 @@ export function PlotPanel({ session }: { session: Session }) {
                         frozen={frozen}
                         ownScales={ownScales}
                         height={height}
-                        zoomTo={setFrozen}
+                        zoomTo={zoomTo}
                     />
                 </figure>
             )}
@@ -108,7 +110,7 @@ export function PlotPanel({ session }: { session: Session }) {
                     <WavePlot session={session} nodes={arrays} paused={frozen !== undefined} height={height} />
                 </figure>
             )}
-            {session.plotted.length > 0 && <Legend session={session} />}
+            {session.plots.nodes.length > 0 && <Legend session={session} />}
             {curves.length > 1 && (
                 <label class="quiet check">
                     <input
@@ -123,6 +125,12 @@ export function PlotPanel({ session }: { session: Session }) {
     );
 }
 
+/** A window not shorter than times can tell apart, and not longer than a day. */
+function bounded({ from, to }: Window): Window {
+    const [middle, length] = [(from + to) / 2, Math.min(86_400_000, Math.max(1, to - from))];
+    return { from: middle - length / 2, to: middle + length / 2 };
+}
+
 function spanText(seconds: number): string {
     return seconds < 60 ? `${Math.round(seconds * 10) / 10} s` : `${Math.round(seconds / 6) / 10} min`;
 }
@@ -132,8 +140,8 @@ function Legend({ session }: { session: Session }) {
     useClock(1000);
     return (
         <ul class="legend" aria-label="On the plot">
-            {session.plotted.map((node, at) => (
-                <li key={node.id} class={`line-${at % 8}`}>
+            {session.plots.nodes.map((node) => (
+                <li key={node.id} style={{ "--line": lineColor(session.plots.lineOf(node)!) }}>
                     <span class="swatch" />
                     <span class="name">{node.dotted}</span>
                     <span class="number">{node.series ? valueText(node.series.value, node.leaf) : "–"}</span>

@@ -6,6 +6,7 @@ import { ageText, rateText, valueText } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
+import { lineColor } from "./lines";
 import { Sparkline } from "./sparkline";
 
 /** Text that changes more often than this cannot be read. */
@@ -281,9 +282,9 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
     const time = now();
     const rate = series?.rate.at(time);
     const age = series && time - series.time;
-    const stale = age !== undefined && age > 2000 + (rate ? 3000 / rate : 0);
+    const stale = series?.isOverdue(time, leaf) ?? false;
     const writable = leaf !== undefined && !readOnlyReason(leaf);
-    const plotted = session.plotted.indexOf(node);
+    const line = session.plots.lineOf(node);
     return (
         <>
             <div role="gridcell" class={`value number${stale ? " stale" : ""}`}>
@@ -292,20 +293,21 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
             <div role="gridcell" class="rate number">
                 {series && rateText(rate)}
             </div>
-            <div role="gridcell" class={`age number${stale ? " stale" : ""}`}>
+            <div role="gridcell" class={`age number${stale ? " stale" : ""}`} title={stale ? "Overdue" : undefined}>
                 {age === undefined ? "" : ageText(age)}
             </div>
             <div role="gridcell" class="course">
-                {series && <Sparkline series={series} />}
+                {series && <Sparkline series={series} holds={series.holds(leaf)} />}
             </div>
             <div role="gridcell" class="buttons">
                 {series && (
                     <button
-                        class={`square plot${plotted >= 0 ? ` line-${plotted % 8}` : ""}`}
+                        class="square plot"
+                        style={line === undefined ? undefined : { "--line": lineColor(line) }}
                         tabIndex={active ? 0 : -1}
-                        aria-pressed={plotted >= 0}
+                        aria-pressed={line !== undefined}
                         aria-label={`Plot ${node.dotted}`}
-                        title={plotted >= 0 ? "Take off the plot" : "Plot"}
+                        title={line !== undefined ? "Take off the plot" : "Plot"}
                         onClick={() => session.togglePlot(node)}
                     >
                         <Icon name="plot" />

@@ -2,11 +2,13 @@ import { useEffect, useRef } from "preact/hooks";
 import uPlot from "uplot";
 import { now } from "../model/clock";
 import { decimate } from "../model/decimate";
+import { lag } from "../model/lag";
 import type { Session } from "../model/session";
-import { clockText, numberText } from "../model/text";
 import type { TreeNode } from "../model/tree";
-import { color } from "./canvas";
+import { axis, AXIS_WIDTH, flagAxis, laneScale, paddedRange, timeAxis, valueAxes, wholeRange } from "./axes";
+import { resolved } from "./canvas";
 import { follow, repeatedly } from "./frame";
+import { lineColor, lineDash } from "./lines";
 
 /** Times in milliseconds since 1970. */
 export type Window = { from: number; to: number };
@@ -17,9 +19,15 @@ export function latest(span: number): Window {
     return { from: to - span * 1000, to };
 }
 
-/** The colour of a plotted value, by its place among all that are plotted. */
-function lineColor(session: Session, node: TreeNode): string {
-    return color(`--line-${session.plotted.indexOf(node) % 8}`);
+/** The colour of a plotted value. */
+function strokeOf(session: Session, node: TreeNode): string {
+    return resolved(lineColor(session.plots.lineOf(node) ?? 0));
+}
+
+/** What makes one line look unlike another. */
+function lineStyle(session: Session, node: TreeNode): Partial<uPlot.Series> {
+    const dash = lineDash(session.plots.lineOf(node) ?? 0);
+    return { stroke: strokeOf(session, node), width: 1.6, ...(dash && { dash }) };
 }
 
 /** A plot as wide as its parent, made anew when `make` gives other options, and destroyed at the end. */
@@ -27,11 +35,14 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, hei
     const box = useRef<HTMLDivElement>(null);
     const plot = useRef<uPlot | null>(null);
     useEffect(() => {
+        let least = 0;
+        const fittingWidth = () => Math.max(least, box.current!.clientWidth);
         const build = () => {
             plot.current?.destroy();
-            const width = Math.max(100, box.current!.clientWidth);
+            const options = make();
+            least = leastWidth(options);
             plot.current = new uPlot(
-                { ...make(), width, height },
+                { ...options, width: fittingWidth(), height },
                 [[], []] as unknown as uPlot.AlignedData,
                 box.current!,
             );
@@ -39,7 +50,7 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, hei
         };
         build();
         const observer = new ResizeObserver(() => {
-            const width = Math.max(100, box.current!.clientWidth);
+            const width = fittingWidth();
             if (plot.current && plot.current.width !== width) plot.current.setSize({ width, height });
         });
         observer.observe(box.current!);
@@ -54,35 +65,9 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, hei
     return { box, plot };
 }
 
-function axis(options: uPlot.Axis): uPlot.Axis {
-    return {
-        stroke: color("--quiet"),
-        font: "12px system-ui, sans-serif",
-        grid: { stroke: color("--grid"), width: 1 },
-        ticks: { show: false },
-        ...options,
-    };
-}
-
-/** Axes for the first two scales: one at each side. More would leave no room for the curves. */
-function valueAxes(scales: { name: string; stroke: string }[]): uPlot.Axis[] {
-    return scales.slice(0, 2).map(({ name, stroke }, at) =>
-        axis({
-            scale: name,
-            side: at === 0 ? 3 : 1,
-            size: 56,
-            values: (_, splits) => splits.map((split) => numberText(split)),
-            ...(scales.length > 1 ? { stroke } : {}),
-            ...(at > 0 ? { grid: { show: false } } : {}),
-        }),
-    );
-}
-
-/** A little air above and below; a constant value lies in the middle. */
-function paddedRange(_: uPlot, least: number | null, most: number | null): [number, number] {
-    if (least == null || most == null) return [0, 1];
-    const padding = 0.08 * (most - least) || Math.abs(most) * 0.1 || 1;
-    return [least - padding, most + padding];
+/** Room for the axes and some for the curves; where there is less, the plot scrolls. */
+function leastWidth({ axes }: uPlot.Options): number {
+    return 160 + AXIS_WIDTH * (axes!.length - 1);
 }
 
 type TimePlotProps = {
@@ -104,12 +89,13 @@ export function TimePlot({ session, nodes, span, frozen, ownScales, height, zoom
         const { span, frozen } = props.current;
         const { from, to } = frozen ?? latest(span);
         const columns = Math.max(50, Math.round(plot.bbox.width / devicePixelRatio) || plot.width);
-        const curves = nodes.map(({ series }) => ({ history: series!.history, holds: series!.isFlag }));
-        const { times, lines } = decimate(curves, from, to, columns);
+        const curves = nodes.map(({ series, leaf }) => ({ history: series!.history, holds: series!.holds(leaf) }));
+        const { times, lines } = decimate(curves, from, to, columns, now() - lag.behind);
         plot.setData([times.map((time) => time / 1000), ...lines] as uPlot.AlignedData, false);
         plot.setScale("x", { min: from / 1000, max: to / 1000 });
     };
-    const curve = (node: TreeNode) => `${session.plotted.indexOf(node)} ${node.id} ${node.series!.isFlag}`;
+    const curve = (node: TreeNode) =>
+        `${session.plots.lineOf(node)} ${node.id} ${node.series!.isFlag} ${node.series!.holds(node.leaf)}`;
     const key = `${nodes.map(curve).join()}|${ownScales}`;
     const { box, plot } = useUPlot(() => timeOptions(session, nodes, ownScales, zoomTo), refresh, height, [key]);
 
@@ -129,32 +115,32 @@ function timeOptions(
     ownScales: boolean,
     zoomTo: (window: Window) => void,
 ): uPlot.Options {
-    const scaleOf = (node: TreeNode) => (node.series!.isFlag ? "flags" : ownScales ? node.id : "values");
+    const flags = nodes.filter((node) => node.series!.isFlag);
     const numbers = nodes.filter((node) => !node.series!.isFlag);
+    const scaleOf = (node: TreeNode) => (ownScales || node.series!.isFlag ? node.id : "values");
     const named = new Map(
-        numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: lineColor(session, node) }]),
+        numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: strokeOf(session, node) }]),
     );
-    const scales: uPlot.Scales = { x: { time: true, auto: false }, flags: { range: [-0.25, 1.25] } };
-    for (const name of named.keys()) scales[name] = { range: paddedRange };
+    const scales: uPlot.Scales = { x: { time: false, auto: false } };
+    for (const name of named.keys()) scales[name] = { range: wholeRange };
+    for (const [lane, node] of flags.entries()) scales[scaleOf(node)] = laneScale(lane, flags.length);
+    const axes = [timeAxis(), ...valueAxes([...named.values()])];
+    if (flags.length > 0) axes.push(flagAxis(scaleOf(flags[0]!), flags.length, named.size % 2 === 0 ? 3 : 1));
     return {
         width: 0,
         height: 0,
         legend: { show: false },
         cursor: { drag: { x: true, y: false, setScale: false }, points: { size: 7 } },
         scales,
-        axes: [
-            axis({ space: 70, size: 34, values: (_, seconds) => seconds.map((second) => clockText(second * 1000)) }),
-            ...valueAxes([...named.values()]),
-        ],
+        axes,
         series: [
             {},
             ...nodes.map((node): uPlot.Series => ({
                 label: node.dotted,
                 scale: scaleOf(node),
-                stroke: lineColor(session, node),
-                width: 1.6,
+                ...lineStyle(session, node),
                 points: { show: false },
-                ...(node.series!.isFlag ? { paths: uPlot.paths.stepped!({ align: 1 }) } : {}),
+                ...(node.series!.holds(node.leaf) ? { paths: uPlot.paths.stepped!({ align: 1 }) } : {}),
             })),
         ],
         hooks: {
@@ -185,7 +171,7 @@ export function WavePlot({ session, nodes, paused, height }: WavePlotProps) {
         plot.setScale("x", zoomed ? { min, max: max! } : { min: 0, max: last });
         drawn.current = waves;
     };
-    const key = nodes.map((node) => `${session.plotted.indexOf(node)} ${node.id}`).join();
+    const key = nodes.map((node) => `${session.plots.lineOf(node)} ${node.id}`).join();
     const { box, plot } = useUPlot(() => waveOptions(session, nodes), refresh, height, [key]);
     useEffect(() => {
         if (paused) return undefined;
@@ -198,6 +184,9 @@ export function WavePlot({ session, nodes, paused, height }: WavePlotProps) {
     return <div ref={box} class="uplot-box" />;
 }
 
+/** Elements between two labels, as many as a message can hold. */
+const ELEMENT_STEPS = [0, 1, 2, 3, 4, 5, 6].flatMap((power) => [1, 2, 5].map((digit) => digit * 10 ** power));
+
 function waveOptions(session: Session, nodes: TreeNode[]): uPlot.Options {
     return {
         width: 0,
@@ -205,18 +194,14 @@ function waveOptions(session: Session, nodes: TreeNode[]): uPlot.Options {
         legend: { show: false },
         cursor: { drag: { x: true, y: false }, points: { size: 7 } },
         scales: { x: { time: false }, y: { range: paddedRange } },
-        axes: [
-            axis({ space: 50, size: 34, incrs: [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000] }),
-            ...valueAxes([{ name: "y", stroke: "" }]),
-        ],
+        axes: [axis({ space: 50, size: 34, incrs: ELEMENT_STEPS }), ...valueAxes([{ name: "y", stroke: "" }])],
         series: [
             {},
             ...nodes.map((node): uPlot.Series => {
                 const short = (node.series?.waveform?.length ?? 0) <= 64;
                 return {
                     label: node.dotted,
-                    stroke: lineColor(session, node),
-                    width: 1.6,
+                    ...lineStyle(session, node),
                     points: { show: short, size: 5 },
                 };
             }),
