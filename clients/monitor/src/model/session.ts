@@ -58,6 +58,8 @@ export class Session {
     state: State = "closed";
     reason = "not connected";
     hello: Hello | undefined;
+    /** Since when it is connected; undefined while it is not. */
+    connectedSince: number | undefined;
     undecodable = 0;
     /** The schema that explains the values here, whether it was sent to the daemon or not. */
     schema: Schema | undefined;
@@ -222,6 +224,7 @@ export class Session {
             if (this.#client?.schema)
                 this.log.add("schema", "Schema sent", "as after every connection: a restarted daemon has none");
         }
+        this.connectedSince = state === "connected" ? now() : undefined;
         this.state = state;
         this.reason = reason;
         this.status.changed();

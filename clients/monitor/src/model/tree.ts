@@ -31,10 +31,11 @@ export class TreeNode {
     }
 }
 
-/** All known values by name. `shape` counts the changes that add or remove names. */
+/** All known values by name. `shape` counts the changes to which names there are and which are folded. */
 export class Tree {
     root = new TreeNode([]);
     shape = 0;
+    #valued: { shape: number; nodes: TreeNode[] } = { shape: -1, nodes: [] };
     /** How many values have come whose names the schema does not have. */
     unexplained = 0;
 
@@ -60,6 +61,12 @@ export class Tree {
         this.unexplained = 0;
     }
 
+    /** Hides or shows what is below a node. */
+    fold(node: TreeNode, collapsed: boolean): void {
+        node.collapsed = collapsed;
+        this.shape++;
+    }
+
     /** Values may have been missed from a time on. */
     interrupt(time: number): void {
         for (const { series } of this.#all(this.root)) series?.interrupt(time);
@@ -67,6 +74,14 @@ export class Tree {
 
     find(path: Path): TreeNode | undefined {
         return find(this.root, path);
+    }
+
+    /** All that have had a value. */
+    get valued(): readonly TreeNode[] {
+        if (this.#valued.shape !== this.shape) {
+            this.#valued = { shape: this.shape, nodes: this.#all(this.root).filter(({ series }) => series) };
+        }
+        return this.#valued.nodes;
     }
 
     /** The leaves whose values go out in the same frames as those of a leaf, that one among them. */

@@ -4,6 +4,7 @@ import { now } from "../model/clock";
 import type { Session } from "../model/session";
 import { ageText, rateText, valueText } from "../model/text";
 import type { TreeNode } from "../model/tree";
+import { SchemaDoubt } from "./doubt";
 import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
 import { lineColor } from "./lines";
@@ -13,7 +14,7 @@ import { Sparkline } from "./sparkline";
 const PAUSE = 100;
 const SPARE_ROWS = 4;
 const NARROW = 560;
-/** The heights that the style sheet gives to rows, in pixels. */
+/** The heights of rows in pixels; the style sheet hears of them as --row-height. */
 const ROW = { wide: 38, narrow: 56 };
 
 /** All values as a tree of their names; only the rows in sight exist. */
@@ -39,6 +40,7 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
                     />
                 </label>
             </div>
+            <SchemaDoubt session={session} openSchema={openSchema} />
             {rows.length > 0 ? (
                 <Grid session={session} rows={rows} searching={search !== ""} />
             ) : (
@@ -92,8 +94,7 @@ function Grid({ session, rows, searching }: GridProps) {
         reveal(target);
     };
     const fold = (node: TreeNode, collapsed: boolean) => {
-        node.collapsed = collapsed;
-        session.tree.shape++;
+        session.tree.fold(node, collapsed);
         session.status.changed();
     };
     const press = (event: KeyboardEvent) => {
@@ -122,6 +123,7 @@ function Grid({ session, rows, searching }: GridProps) {
             aria-rowcount={rows.length + 1}
             aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
             tabIndex={0}
+            style={{ "--row-height": `${rowHeight}px` }}
             onKeyDown={press}
             onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
         >
