@@ -1,8 +1,10 @@
 import { leavesOf, type Leaf, type Value } from "vorbel";
-import { afterEach, beforeEach, describe, expect, test, vi } from "vitest";
+import { afterEach, beforeEach, describe, expect, onTestFinished, test, vi } from "vitest";
 import { now, WallClock } from "../src/model/clock";
 import { decimate } from "../src/model/decimate";
+import { doubtOf, type Doubt } from "../src/model/doubt";
 import { History } from "../src/model/history";
+import { lag } from "../src/model/lag";
 import { Log } from "../src/model/log";
 import { Plots } from "../src/model/plots";
 import { Rate } from "../src/model/rate";
@@ -308,7 +310,9 @@ describe("the tree", () => {
     test("folds", () => {
         const tree = new Tree();
         tree.update({ a: { b: { c: 1 } }, d: 2 }, 0);
-        tree.find(["a"])!.collapsed = true;
+        const { shape } = tree;
+        tree.fold(tree.find(["a"])!, true);
+        expect(tree.shape).not.toBe(shape);
         expect(names(tree)).toEqual(["a", "d"]);
         expect(names(tree, "c")).toEqual(["a", "a.b", "a.b.c"]);
     });
@@ -372,6 +376,15 @@ describe("writing", () => {
             'x cannot be written: it is read-only, because "@mask" keeps only some of the bits',
         ],
     ])("refuses %s", (_, options, text, problem) => expect(parseInput(leafOf(options), text)).toEqual({ problem }));
+
+    test("says what fails instead of failing, for it is asked while the form is drawn", () => {
+        const broken = Object.defineProperty(leafOf({ "@format": "s" }), "factor", {
+            get: () => {
+                throw new RangeError("no factor");
+            },
+        });
+        expect(parseInput(broken, "5")).toEqual({ problem: "no factor" });
+    });
 
     test("refuses packed text that is no JSON", () => {
         expect(parseInput(leafOf({ "@format": "p" }), "{").problem).toMatch(/^is no JSON/);
@@ -483,6 +496,7 @@ describe("drawing", () => {
         const source = new Source();
         let count = 0;
         const stop = follow(source, () => count++, pause);
+        onTestFinished(stop);
         const showFrame = () => frames.splice(0).forEach((draw) => draw());
         return { source, showFrame, stop, count: () => count };
     }
@@ -511,6 +525,35 @@ describe("drawing", () => {
         }
         expect(count()).toBe(10);
     });
+    test("that fails is reported, and does not keep others from theirs", () => {
+        const reported = vi.fn();
+        vi.stubGlobal("reportError", reported);
+        const { source, showFrame, count } = drawings(0);
+        const failing = new Source();
+        const stop = follow(failing, () => {
+            throw new Error("no picture");
+        });
+        onTestFinished(stop);
+        failing.changed();
+        source.changed();
+        showFrame();
+        expect(count()).toBe(1);
+        expect(reported).toHaveBeenCalledOnce();
+    });
+    test("waits while the page is behind, but for one a second", () => {
+        const { source, showFrame, count } = drawings(0);
+        vi.advanceTimersByTime(2000);
+        lag.set(300);
+        for (let time = 0; time < 3000; time += 10) {
+            source.changed();
+            showFrame();
+            vi.advanceTimersByTime(10);
+        }
+        expect(count()).toBe(3);
+        lag.set(0);
+        showFrame();
+        expect(count()).toBe(4);
+    });
     test("ends", () => {
         const { source, showFrame, stop, count } = drawings(0);
         source.changed();
@@ -534,6 +577,41 @@ test("the log counts repetitions instead of listing them, but lists everything t
     expect(log.entries.at(-1)!.detail).toBe("2");
     for (let count = 0; count < 500; count++) log.add("sent", `a = ${count}`);
     expect(log.entries.length).toBeLessThan(300);
+});
+
+describe("a doubt about the daemon's schema", () => {
+    const leaf = { "@mac": 1, "@cmd": 1, "@format": "s" };
+    const schema = { a: leaf, b: leaf, changes: { ...leaf, "@observe": true }, written: leaf };
+    /** What is thought at a time of a tree that got messages at times, connected since 0. */
+    function doubt(messages: [number, Value][], time: number, connected: number | undefined = 0): Doubt | undefined {
+        const tree = new Tree();
+        tree.useSchema(schema);
+        for (const [at, values] of messages) tree.update(values, at);
+        return doubtOf(tree, connected, time);
+    }
+    const running: [number, Value][] = [0, 1000, 2000].map((time) => [time, { a: 1, b: 2, changes: 3 }]);
+
+    test("comes not while values come", () => expect(doubt(running, 2100)).toBeUndefined());
+    test("comes when all have failed to come that should", () =>
+        expect(doubt(running, 10_000)).toEqual({ kind: "silence", since: 2000 }));
+    test("comes not while one still comes", () =>
+        expect(doubt([...running, [9000, { b: 1 }]], 10_000)).toBeUndefined());
+    test("comes not from values that come only when they change", () =>
+        expect(doubt([[0, { changes: 1 }]], 1e6)).toBeUndefined());
+    test("comes not before there was a value, or a connection", () => {
+        expect(doubt([], 1e6)).toBeUndefined();
+        const tree = new Tree();
+        tree.useSchema(schema);
+        tree.update({ a: 1 }, 0);
+        expect(doubtOf(tree, undefined, 1e6)).toBeUndefined();
+        expect(doubtOf(tree, 1e6 - 4000, 1e6)).toBeUndefined();
+        expect(doubtOf(tree, 1e6 - 6000, 1e6)).toBeDefined();
+    });
+    test("comes from values that the schema does not have, while they come", () => {
+        const strange: [number, Value][] = [...running, [2000, { z: { y: 1 } }]];
+        expect(doubt(strange, 2100)).toEqual({ kind: "strangers", path: "z.y" });
+        expect(doubt([...strange, [20_000, { a: 1 }]], 20_000)).toBeUndefined();
+    });
 });
 
 describe("the plots", () => {

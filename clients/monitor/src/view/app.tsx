@@ -1,6 +1,7 @@
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { useSource } from "./frame";
+import { Boundary } from "./boundary";
 import { Header } from "./header";
 import { Icon } from "./icons";
 import { LogPanel } from "./log";
@@ -19,13 +20,25 @@ export function App({ session }: { session: Session }) {
     const writing = session.writing;
     return (
         <>
-            <Header session={session} openSchema={() => openSchema(true)} />
+            <Boundary part="The header">
+                <Header session={session} openSchema={() => openSchema(true)} />
+            </Boundary>
             <main data-tab={tab}>
-                <ValueTable session={session} openSchema={() => openSchema(true)} />
+                <Boundary part="The table of values">
+                    <ValueTable session={session} openSchema={() => openSchema(true)} />
+                </Boundary>
                 <div class="side">
-                    {writing && <WritePanel key={writing.id} session={session} node={writing} />}
-                    <PlotPanel session={session} />
-                    <LogPanel log={session.log} />
+                    {writing && (
+                        <Boundary key={writing.id} part="The form">
+                            <WritePanel session={session} node={writing} />
+                        </Boundary>
+                    )}
+                    <Boundary part="The plots">
+                        <PlotPanel session={session} />
+                    </Boundary>
+                    <Boundary part="The log">
+                        <LogPanel log={session.log} />
+                    </Boundary>
                 </div>
             </main>
             <nav class="tabs" aria-label="Parts of the page">
@@ -37,7 +50,11 @@ export function App({ session }: { session: Session }) {
                     </button>
                 ))}
             </nav>
-            {schemaOpen && <SchemaDialog session={session} close={() => openSchema(false)} />}
+            {schemaOpen && (
+                <Boundary part="The schema's dialogue">
+                    <SchemaDialog session={session} close={() => openSchema(false)} />
+                </Boundary>
+            )}
         </>
     );
 }
