@@ -263,7 +263,7 @@ function isUsable(text: string): boolean {
 function merge(into: ValueMap, from: ValueMap): void {
     for (const [name, value] of Object.entries(from)) {
         if (Object.hasOwn(into, name)) merge(into[name] as ValueMap, value as ValueMap);
-        else into[name] = value;
+        else Object.defineProperty(into, name, { value, enumerable: true }); // "__proto__" is a name as well
     }
 }
 
