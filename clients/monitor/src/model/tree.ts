@@ -1,5 +1,6 @@
 import { dotted, isMap, type Leaf, type Path, type Schema, type Value, leavesOf } from "vorbel";
 import { Series } from "./series";
+import { shown } from "./text";
 
 const byName = new Intl.Collator("en", { numeric: true }).compare;
 
@@ -11,6 +12,7 @@ export class TreeNode {
     readonly id = `node-${nodes++}`;
     readonly children = new Map<string, TreeNode>();
     readonly depth: number;
+    /** The path as people see it. */
     readonly dotted: string;
     series: Series | undefined;
     leaf: Leaf | undefined;
@@ -23,11 +25,16 @@ export class TreeNode {
         readonly parent?: TreeNode,
     ) {
         this.depth = path.length;
-        this.dotted = dotted(path);
+        this.dotted = shown(dotted(path));
     }
 
     get name(): string {
         return this.path.at(-1) ?? "(the whole message)";
+    }
+
+    /** The name as people see it. */
+    get label(): string {
+        return shown(this.name);
     }
 }
 

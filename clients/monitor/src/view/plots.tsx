@@ -143,12 +143,23 @@ function Legend({ session }: { session: Session }) {
             {session.plots.nodes.map((node) => (
                 <li key={node.id} style={{ "--line": lineColor(session.plots.lineOf(node)!) }}>
                     <span class="swatch" />
-                    <span class="name">{node.dotted}</span>
+                    <PathText node={node} />
                     <span class="number">{node.series ? valueText(node.series.value, node.leaf) : "–"}</span>
                     <RemoveButton session={session} node={node} />
                 </li>
             ))}
         </ul>
+    );
+}
+
+/** A path of which the end stays in sight where there is no room for all of it. */
+function PathText({ node }: { node: TreeNode }) {
+    const end = node.dotted.length - node.label.length;
+    return (
+        <span class="name" title={node.dotted}>
+            <span>{node.dotted.slice(0, end)}</span>
+            <span>{node.dotted.slice(end)}</span>
+        </span>
     );
 }
 

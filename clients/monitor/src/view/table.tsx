@@ -251,12 +251,7 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
                 if (branch && !isValue(node)) fold(node, !node.collapsed);
             }}
         >
-            <div
-                role="gridcell"
-                class="name"
-                style={{ paddingLeft: `${Math.max(0, node.depth - 1) * 16}px` }}
-                title={node.dotted}
-            >
+            <div role="gridcell" class="name" style={{ paddingLeft: indentation(node.depth - 1) }} title={node.dotted}>
                 {branch ? (
                     <button
                         class={`fold${open ? " open" : ""}`}
@@ -272,11 +267,16 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
                 ) : (
                     <span class="fold" />
                 )}
-                <span>{node.name}</span>
+                <span>{node.label}</span>
             </div>
             {isValue(node) && <Cells session={session} node={node} active={active} />}
         </div>
     );
+}
+
+/** By level, until too little would be left of the name. */
+function indentation(levels: number): string {
+    return `min(${16 * levels}px, 20% + ${2 * levels}px)`;
 }
 
 function Cells({ session, node, active }: { session: Session; node: TreeNode; active: boolean }) {

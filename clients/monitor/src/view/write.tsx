@@ -1,7 +1,7 @@
 import { useLayoutEffect, useRef, useState } from "preact/hooks";
 import { dotted, FORMATS, readOnlyReason, writableRange, type Leaf, type Value } from "vorbel";
 import type { Session } from "../model/session";
-import { clockText, hexText, numberText } from "../model/text";
+import { clockText, hexText, numberText, shown } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { parseInput, payloadOf, rangeText } from "../model/writing";
 import { Icon } from "./icons";
@@ -123,7 +123,7 @@ function LeafInput({ id, leaf, main, text, problem, change }: LeafInputProps) {
     return (
         <div class="field">
             <label for={id} class={main ? "" : "quiet"}>
-                {dotted(leaf.path)}
+                {shown(dotted(leaf.path))}
             </label>
             {leaf.format === "p" ? (
                 <textarea {...shared} rows={4} spellcheck={false} />
