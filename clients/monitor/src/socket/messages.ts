@@ -2,7 +2,7 @@
 export type Opening = { url: string; port: MessagePort };
 
 /** What the page wants of a connection. "handled" asks for what has arrived since. */
-export type Order = { send: string | Uint8Array } | { close: true } | { handled: true };
+export type Order = { send: string | Uint8Array<ArrayBuffer> } | { close: true } | { handled: true };
 
 export type Arrival = { data: string | ArrayBuffer; arrival: number };
 export type End = { code: number; reason: string };

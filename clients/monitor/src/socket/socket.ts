@@ -25,7 +25,7 @@ export class ArrivalSocket implements WebSocketLike {
     }
 
     send(data: string | Uint8Array): void {
-        this.#order({ send: data });
+        this.#order({ send: data as string | Uint8Array<ArrayBuffer> });
     }
 
     close(): void {
