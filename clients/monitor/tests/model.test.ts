@@ -6,6 +6,7 @@ import { doubtOf, type Doubt } from "../src/model/doubt";
 import { History } from "../src/model/history";
 import { lag } from "../src/model/lag";
 import { Log } from "../src/model/log";
+import { readingAt, statistics } from "../src/model/measure";
 import { Plots } from "../src/model/plots";
 import { Rate } from "../src/model/rate";
 import { Series } from "../src/model/series";
@@ -15,6 +16,7 @@ import { ageText, clockText, numberText, rateText, valueText } from "../src/mode
 import { Tree, TreeNode } from "../src/model/tree";
 import { parseInput, payloadOf, rangeText } from "../src/model/writing";
 import { follow } from "../src/view/frame";
+import { Pointer } from "../src/view/pointer";
 
 function historyOf(readings: [number, number][], limit = 1000): History {
     const history = new History(limit);
@@ -282,6 +284,65 @@ describe("decimation", () => {
         );
         expect(line.slice(0, 4)).toEqual([1, 1, null, null]);
         expect(line.at(-1)).toBeNull();
+    });
+});
+
+describe("off a curve", () => {
+    const history = historyOf([
+        [100, 1],
+        [200, 5],
+        [250, NaN],
+        [300, 3],
+    ]);
+
+    test.each([
+        [99, 1, undefined],
+        [100, 1, 1],
+        [149, 1, 1],
+        [151, 5, 1],
+        [200, 5, 5],
+        [240, undefined, 5],
+        [251, undefined, undefined],
+        [299, 3, undefined],
+        [1000, 3, 3],
+    ])("at %d is read the nearest, or what holds", (time, nearest, held) => {
+        expect(readingAt({ history, holds: false }, time)).toBe(nearest);
+        expect(readingAt({ history, holds: true }, time)).toBe(held);
+    });
+    test("there is nothing without readings", () => {
+        const none = { history: historyOf([]), holds: false };
+        expect(readingAt(none, 5)).toBeUndefined();
+        expect(statistics(none, 0, 10)).toBeUndefined();
+    });
+    test("least, most and mean are those of the readings between two times", () => {
+        expect(statistics({ history, holds: false }, 100, 300)).toEqual({ least: 1, most: 5, mean: 3 });
+        expect(statistics({ history, holds: false }, 150, 299)).toEqual({ least: 5, most: 5, mean: 5 });
+        expect(statistics({ history, holds: false }, 201, 299)).toBeUndefined();
+    });
+    test("or of what held, for as long as it did, but for gaps", () => {
+        // 1 for 50 ms, 5 for 50 ms, a gap, 3 for 100 ms
+        expect(statistics({ history, holds: true }, 150, 400)).toEqual({ least: 1, most: 5, mean: 3 });
+        // 1 for 90 ms and 5 for 10 ms
+        expect(statistics({ history, holds: true }, 110, 210)!.mean).toBeCloseTo(1.4, 9);
+        expect(statistics({ history, holds: true }, 500, 600)).toEqual({ least: 3, most: 3, mean: 3 });
+    });
+});
+
+describe("the marks", () => {
+    test("are two at most, in order; a third one begins anew", () => {
+        const pointer = new Pointer();
+        pointer.mark(5);
+        expect([pointer.marks, pointer.span]).toEqual([[5], undefined]);
+        pointer.mark(3);
+        expect(pointer.span).toEqual({ from: 3, to: 5 });
+        pointer.moveMark(0, 9);
+        expect(pointer.marks).toEqual([5, 9]);
+        pointer.mark(1);
+        expect(pointer.marks).toEqual([1]);
+        pointer.moveMark(1, 4);
+        expect(pointer.marks).toEqual([1, 4]);
+        pointer.clear();
+        expect(pointer.marks).toEqual([]);
     });
 });
 

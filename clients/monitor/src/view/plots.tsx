@@ -1,10 +1,8 @@
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
-import { valueText } from "../model/text";
-import type { TreeNode } from "../model/tree";
-import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
-import { lineColor } from "./lines";
+import { Legend } from "./legend";
+import { Pointer } from "./pointer";
 import { latest, TimePlot, WavePlot, type Window } from "./uplot";
 
 const SPANS: [number, string][] = [
@@ -19,6 +17,8 @@ export function PlotPanel({ session }: { session: Session }) {
     const [span, setSpan] = useState(60);
     const [frozen, setFrozen] = useState<Window>();
     const [ownScales, setOwnScales] = useState(true);
+    const [pointer] = useState(() => new Pointer());
+    const [measuring, setMeasuring] = useState(false);
     const arrays = session.plots.nodes.filter((node) => node.series?.waveform);
     const curves = session.plots.nodes.filter((node) => node.series && !node.series.waveform);
     const height = curves.length > 0 && arrays.length > 0 ? 180 : 230;
@@ -35,6 +35,15 @@ export function PlotPanel({ session }: { session: Session }) {
         setFrozen({ from: from + share * (to - from), to: to + share * (to - from) });
     };
     const pause = () => setFrozen(frozen ? undefined : shown());
+    const measure = (on: boolean) => {
+        setMeasuring(on);
+        if (!on) pointer.clear();
+    };
+    const markAt = (which: 0 | 1) => {
+        const { from, to } = shown();
+        setMeasuring(true);
+        pointer.moveMark(which, pointer.time ?? from + ((to - from) * (which + 1)) / 3);
+    };
     const press = (event: KeyboardEvent) => {
         const actions: Record<string, () => void> = {
             " ": pause,
@@ -42,6 +51,9 @@ export function PlotPanel({ session }: { session: Session }) {
             "-": () => zoom(2),
             ArrowLeft: () => shift(-0.25),
             ArrowRight: () => shift(0.25),
+            a: () => markAt(0),
+            b: () => markAt(1),
+            Escape: () => measure(false),
         };
         if (event.ctrlKey || event.metaKey || event.altKey || !actions[event.key]) return;
         actions[event.key]!();
@@ -77,6 +89,13 @@ export function PlotPanel({ session }: { session: Session }) {
                         <button class="square" onClick={() => zoom(2)} aria-label="Zoom out" title="Zoom out (−)">
                             <Icon name="wider" />
                         </button>
+                        <button
+                            class={measuring ? "primary" : ""}
+                            onClick={() => measure(!measuring)}
+                            aria-pressed={measuring}
+                        >
+                            Measure
+                        </button>
                         <button class={frozen ? "primary" : ""} onClick={pause} aria-pressed={frozen !== undefined}>
                             <Icon name={frozen ? "play" : "pause"} /> {frozen ? "Go on" : "Pause"}
                         </button>
@@ -92,7 +111,7 @@ export function PlotPanel({ session }: { session: Session }) {
                 <figure
                     tabIndex={0}
                     onKeyDown={press}
-                    aria-label={`Plot of ${curves.map((node) => node.dotted).join(", ")} over time. Space pauses, plus and minus zoom, arrows move.`}
+                    aria-label={`Plot of ${curves.map((node) => node.dotted).join(", ")} over time. Space pauses, plus and minus zoom, arrows move, A and B set marks.`}
                 >
                     <TimePlot
                         session={session}
@@ -102,6 +121,8 @@ export function PlotPanel({ session }: { session: Session }) {
                         ownScales={ownScales}
                         height={height}
                         zoomTo={zoomTo}
+                        pointer={pointer}
+                        measuring={measuring}
                     />
                 </figure>
             )}
@@ -110,7 +131,9 @@ export function PlotPanel({ session }: { session: Session }) {
                     <WavePlot session={session} nodes={arrays} paused={frozen !== undefined} height={height} />
                 </figure>
             )}
-            {session.plots.nodes.length > 0 && <Legend session={session} />}
+            {session.plots.nodes.length > 0 && (
+                <Legend session={session} pointer={pointer} shown={shown} measuring={measuring} />
+            )}
             {curves.length > 1 && (
                 <label class="quiet check">
                     <input
@@ -133,40 +156,4 @@ function bounded({ from, to }: Window): Window {
 
 function spanText(seconds: number): string {
     return seconds < 60 ? `${Math.round(seconds * 10) / 10} s` : `${Math.round(seconds / 6) / 10} min`;
-}
-
-function Legend({ session }: { session: Session }) {
-    useSource(session.values, 200);
-    useClock(1000);
-    return (
-        <ul class="legend" aria-label="On the plot">
-            {session.plots.nodes.map((node) => (
-                <li key={node.id} style={{ "--line": lineColor(session.plots.lineOf(node)!) }}>
-                    <span class="swatch" />
-                    <PathText node={node} />
-                    <span class="number">{node.series ? valueText(node.series.value, node.leaf) : "–"}</span>
-                    <RemoveButton session={session} node={node} />
-                </li>
-            ))}
-        </ul>
-    );
-}
-
-/** A path of which the end stays in sight where there is no room for all of it. */
-function PathText({ node }: { node: TreeNode }) {
-    const end = node.dotted.length - node.label.length;
-    return (
-        <span class="name" title={node.dotted}>
-            <span>{node.dotted.slice(0, end)}</span>
-            <span>{node.dotted.slice(end)}</span>
-        </span>
-    );
-}
-
-function RemoveButton({ session, node }: { session: Session; node: TreeNode }) {
-    return (
-        <button class="square" onClick={() => session.togglePlot(node)} aria-label={`Take ${node.dotted} off the plot`}>
-            <Icon name="close" />
-        </button>
-    );
 }

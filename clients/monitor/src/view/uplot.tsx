@@ -6,9 +6,11 @@ import { lag } from "../model/lag";
 import type { Session } from "../model/session";
 import type { TreeNode } from "../model/tree";
 import { axis, AXIS_WIDTH, flagAxis, laneScale, paddedRange, timeAxis, valueAxes, wholeRange } from "./axes";
-import { resolved } from "./canvas";
+import { color, resolved } from "./canvas";
 import { follow, repeatedly } from "./frame";
+import { curveOf } from "./legend";
 import { lineColor, lineDash } from "./lines";
+import type { Pointer } from "./pointer";
 
 /** Times in milliseconds since 1970. */
 export type Window = { from: number; to: number };
@@ -79,25 +81,46 @@ type TimePlotProps = {
     height: number;
     /** Shows a time for good; undefined goes on with the present. */
     zoomTo: (window: Window | undefined) => void;
+    pointer: Pointer;
+    /** Whether a click sets a mark. */
+    measuring: boolean;
 };
 
-export function TimePlot({ session, nodes, span, frozen, ownScales, height, zoomTo }: TimePlotProps) {
-    const props = useRef({ span, frozen });
-    props.current = { span, frozen };
+export function TimePlot({
+    session,
+    nodes,
+    span,
+    frozen,
+    ownScales,
+    height,
+    zoomTo,
+    pointer,
+    measuring,
+}: TimePlotProps) {
+    const props = useRef({ span, frozen, measuring });
+    props.current = { span, frozen, measuring };
 
     const refresh = (plot: uPlot) => {
         const { span, frozen } = props.current;
         const { from, to } = frozen ?? latest(span);
         const columns = Math.max(50, Math.round(plot.bbox.width / devicePixelRatio) || plot.width);
-        const curves = nodes.map(({ series, leaf }) => ({ history: series!.history, holds: series!.holds(leaf) }));
-        const { times, lines } = decimate(curves, from, to, columns, now() - lag.behind);
+        const { times, lines } = decimate(nodes.map(curveOf), from, to, columns, now() - lag.behind);
         plot.setData([times.map((time) => time / 1000), ...lines] as uPlot.AlignedData, false);
         plot.setScale("x", { min: from / 1000, max: to / 1000 });
     };
     const curve = (node: TreeNode) =>
         `${session.plots.lineOf(node)} ${node.id} ${node.series!.isFlag} ${node.series!.holds(node.leaf)}`;
     const key = `${nodes.map(curve).join()}|${ownScales}`;
-    const { box, plot } = useUPlot(() => timeOptions(session, nodes, ownScales, zoomTo), refresh, height, [key]);
+    const { box, plot } = useUPlot(
+        () =>
+            timeOptions(session, nodes, ownScales, zoomTo, pointer, (time) => {
+                if (props.current.measuring) pointer.mark(time);
+            }),
+        refresh,
+        height,
+        [key],
+    );
+    useEffect(() => follow(pointer.marking, () => plot.current?.redraw(false)), [pointer]);
 
     useEffect(() => {
         if (plot.current) refresh(plot.current);
@@ -114,7 +137,11 @@ function timeOptions(
     nodes: TreeNode[],
     ownScales: boolean,
     zoomTo: (window: Window) => void,
+    pointer: Pointer,
+    click: (time: number) => void,
 ): uPlot.Options {
+    let pointedAt = -10; // where uPlot has it while nobody points
+    const timeAt = (plot: uPlot, position: number) => plot.posToVal(position, "x") * 1000;
     const flags = nodes.filter((node) => node.series!.isFlag);
     const numbers = nodes.filter((node) => !node.series!.isFlag);
     const scaleOf = (node: TreeNode) => (ownScales || node.series!.isFlag ? node.id : "values");
@@ -144,16 +171,52 @@ function timeOptions(
             })),
         ],
         hooks: {
+            ready: [
+                (plot) => {
+                    const { over } = plot;
+                    let pressed = 0;
+                    over.addEventListener("mousedown", (event) => (pressed = event.offsetX));
+                    over.addEventListener("mouseup", (event) => {
+                        const isClick = event.button === 0 && Math.abs(event.offsetX - pressed) < 5;
+                        if (isClick) click(timeAt(plot, event.offsetX));
+                    });
+                },
+            ],
+            setCursor: [
+                (plot) => {
+                    const { left = -1 } = plot.cursor;
+                    if (left === pointedAt) return; // drawn anew
+                    pointedAt = left;
+                    pointer.follow(left < 0 ? undefined : () => timeAt(plot, left));
+                },
+            ],
+            draw: [(plot) => drawMarks(plot, pointer.marks)],
             setSelect: [
                 (plot) => {
-                    if (plot.select.width < 5) return;
-                    const time = (position: number) => plot.posToVal(position, "x") * 1000;
-                    zoomTo({ from: time(plot.select.left), to: time(plot.select.left + plot.select.width) });
+                    const { left, width } = plot.select;
+                    if (width < 5) return;
+                    zoomTo({ from: timeAt(plot, left), to: timeAt(plot, left + width) });
                     plot.setSelect({ left: 0, top: 0, width: 0, height: 0 }, false);
                 },
             ],
         },
     };
+}
+
+/** Lines at the marks, with their letters. */
+function drawMarks(plot: uPlot, marks: readonly number[]): void {
+    const { ctx: context, bbox } = plot;
+    context.save();
+    context.strokeStyle = context.fillStyle = color("--text");
+    context.font = `${12 * devicePixelRatio}px system-ui, sans-serif`;
+    context.textAlign = "left";
+    for (const [at, mark] of marks.entries()) {
+        const x = Math.round(plot.valToPos(mark / 1000, "x", true));
+        if (x < bbox.left || x > bbox.left + bbox.width) continue;
+        context.fillRect(x, bbox.top, devicePixelRatio, bbox.height);
+        context.fillText("AB"[at]!, x + 4 * devicePixelRatio, bbox.top + 12 * devicePixelRatio);
+    }
+    context.restore();
 }
 
 type WavePlotProps = { session: Session; nodes: TreeNode[]; paused: boolean; height: number };
