@@ -29,7 +29,8 @@ type Events = {
     state: [state: State, reason: string];
     /** Every hello, also those that another client's arrival causes. */
     hello: [hello: Hello];
-    values: [values: Value];
+    /** When it arrived is in milliseconds since 1970, by the clock of performance.now(). */
+    values: [values: Value, arrival: number];
     undecodable: [message: Undecodable];
     /** What became of the schema that this client set, and for people why. */
     schema: [event: SchemaEvent, reason: string];
@@ -350,7 +351,7 @@ export class Client {
         let failure = "";
         socket.onerror = (event) => (failure = event?.message ?? "");
         socket.onclose = (event) => this.#lose(failure || event.reason || this.#closing(event.code));
-        socket.onmessage = (event) => this.#receive(event.data);
+        socket.onmessage = (event) => this.#receive(event.data, event.arrival ?? now());
         socket.on?.("pong", () => this.#pulse.heard());
         this.#timer = setTimeout(() => this.#lose("no hello came in time"), this.#options.patience);
     }
@@ -474,10 +475,10 @@ export class Client {
         this.#emit("state", state, reason);
     }
 
-    #receive(data: string | ArrayBuffer): void {
+    #receive(data: string | ArrayBuffer, arrival: number): void {
         this.#pulse.heard();
         if (typeof data === "string") this.#receiveText(data);
-        else this.#receiveValues(new Uint8Array(data));
+        else this.#receiveValues(new Uint8Array(data), arrival);
     }
 
     #receiveText(text: string): void {
@@ -524,7 +525,7 @@ export class Client {
         }, LISTENING);
     }
 
-    #receiveValues(bytes: Uint8Array): void {
+    #receiveValues(bytes: Uint8Array, arrival: number): void {
         let values: Value;
         try {
             values = decodeValues(bytes);
@@ -533,7 +534,7 @@ export class Client {
             return;
         }
         this.#ownership.heard(values);
-        this.#emit("values", values);
+        this.#emit("values", values, arrival);
     }
 
     #reportUndecodable(bytes: Uint8Array, error: Error): void {
@@ -552,6 +553,10 @@ export class Client {
     #emit<E extends keyof Events>(event: E, ...args: Events[E]): void {
         for (const listener of [...this.#listeners[event]]) listener(...args);
     }
+}
+
+function now(): number {
+    return performance.timeOrigin + performance.now();
 }
 
 function unprepared(values: ValueMap): Message {

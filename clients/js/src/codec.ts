@@ -1,4 +1,5 @@
 import { Decoder, Encoder, ExtensionCodec } from "@msgpack/msgpack";
+import { isMap } from "./paths.js";
 
 /** Readings that the daemon gathered ("@flushSize"); the type follows the leaf's format and factor. */
 export type NumericArray = Int8Array | Uint8Array | Int16Array | Uint16Array | Int32Array | Uint32Array | Float32Array;
@@ -52,12 +53,44 @@ for (const [number, type] of arrayTypes) {
 
 const decoder = new Decoder({ extensionCodec: extensions, useBigInt64: true });
 
+/** A name like any other, but the codec refuses it: assigned to an object, it would exchange its prototype. */
+const PROTO = "__proto__";
+/** What stands for it until it can be defined instead. */
+const STAND_IN = "\0name\0__proto__";
+
+const standInDecoder = new Decoder({
+    extensionCodec: extensions,
+    useBigInt64: true,
+    keyDecoder: {
+        canBeCached: (length) => length === PROTO.length,
+        decode: (bytes, at, length) => {
+            const name = new TextDecoder().decode(bytes.subarray(at, at + length));
+            return name === PROTO ? STAND_IN : name;
+        },
+    },
+});
+
+function withProto(value: Value): Value {
+    if (Array.isArray(value)) return value.map(withProto);
+    if (!isMap(value)) return value;
+    const members = Object.entries(value).map(([name, member]) => [
+        name === STAND_IN ? PROTO : name,
+        withProto(member),
+    ]);
+    return Object.fromEntries(members) as ValueMap;
+}
+
 /**
  * Decodes one binary message. Throws an Error on bytes that are no complete MessagePack value: the daemon sends
  * such a message when a leaf gathers an array in format "c", whose name goes out without its value.
  */
 export function decodeValues(message: Uint8Array): Value {
-    return decoder.decode(message) as Value;
+    try {
+        return decoder.decode(message) as Value;
+    } catch (error) {
+        if (!(error as Error).message.includes(PROTO)) throw error;
+        return withProto(standInDecoder.decode(message) as Value);
+    }
 }
 
 /** The daemon skips extension values, so a typed array sent to it would vanish, or pass for its neighbour. */

@@ -81,7 +81,12 @@ export function quoted(value: unknown): string {
 }
 
 function jsonText(value: unknown): string {
-    return JSON.stringify(value, (_, item) => (typeof item === "bigint" ? String(item) : item)) ?? String(value);
+    try {
+        return JSON.stringify(value, (_, item) => (typeof item === "bigint" ? String(item) : item)) ?? String(value);
+    } catch (error) {
+        if (!(error instanceof RangeError)) throw error;
+        return "what is nested too deep"; // deeper than the stack of whoever writes JSON
+    }
 }
 
 export function listed(names: readonly string[]): string {

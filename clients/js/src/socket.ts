@@ -2,7 +2,8 @@
 export type WebSocketLike = {
     binaryType: string;
     readonly readyState: number;
-    onmessage: ((event: { data: any }) => void) | null;
+    /** `arrival` where the socket knows it better than whoever is called, who may be late; as on "values". */
+    onmessage: ((event: { data: any; arrival?: number }) => void) | null;
     onclose: ((event: { code: number; reason: string; wasClean: boolean }) => void) | null;
     onerror: ((event: any) => void) | null;
     send(data: string | Uint8Array): void;

@@ -1,5 +1,5 @@
 import { describe, expect, test } from "vitest";
-import { decodeValues, encodeValues, flatten, nest, type Value } from "../src/index.js";
+import { decodeValues, encodeValues, flatten, nest, type Value, type ValueMap } from "../src/index.js";
 
 const bytes = (hex: string) => Uint8Array.from(hex.split(" "), (byte) => parseInt(byte, 16));
 const hex = (data: Uint8Array) => Array.from(data, (byte) => byte.toString(16).padStart(2, "0")).join(" ");
@@ -57,6 +57,26 @@ describe("numbers on the wire", () => {
         ["single precision", "ca 3f 80 00 00", 1],
         ["unsigned 32-bit", "ce ff ff ff ff", 4294967295],
     ])("%s arrives", (_, message, value) => expect(decodeValues(bytes(message))).toBe(value));
+});
+
+describe("names that objects have already", () => {
+    const proto = "5f 5f 70 72 6f 74 6f 5f 5f";
+    test.each([
+        ["a number", `81 a9 ${proto} 05`, '{"__proto__":5}'],
+        ["a name of the long form", `81 d9 09 ${proto} 05`, '{"__proto__":5}'],
+        ["a map", `82 a1 61 01 a9 ${proto} 81 a9 ${proto} 02`, '{"a":1,"__proto__":{"__proto__":2}}'],
+        ["in a list", `91 81 a9 ${proto} c3`, '[{"__proto__":true}]'],
+        ["others", "81 ab 63 6f 6e 73 74 72 75 63 74 6f 72 07", '{"constructor":7}'],
+    ])("are names like any other: %s", (_, message, json) => {
+        const values = decodeValues(bytes(message));
+        expect(JSON.stringify(values)).toBe(json);
+        expect(decodeValues(encodeValues(values as ValueMap))).toEqual(values);
+        expect(Object.getPrototypeOf(values)).toBe(Array.isArray(values) ? Array.prototype : Object.prototype);
+    });
+    test("keep arrays", () => {
+        const values = decodeValues(bytes(`81 a9 ${proto} d6 14 01 00 01 02`));
+        expect([...flatten(values)]).toEqual([["__proto__", Uint16Array.of(1, 513)]]);
+    });
 });
 
 describe("undecodable messages", () => {

@@ -24,6 +24,16 @@ const told = (schema: unknown) =>
     checkSchema(schema).map((problem) => `${problem.severity}: ${describeProblem(problem)}`);
 const motor = (options: object) => told({ motor: { speed: leaf(options) } });
 
+test("what is nested too deep to be quoted is refused all the same", () => {
+    const lists = JSON.parse("[".repeat(100_000) + "]".repeat(100_000));
+    expect(told(lists)).toEqual([
+        "error: the document: must be an object, not what is nested too deep: all leaves would be lost",
+    ]);
+    expect(motor({ "@skip": lists })).toEqual([
+        'error: motor.speed: "@skip" must be a whole number, not what is nested too deep',
+    ]);
+});
+
 describe("refused, with the path", () => {
     test.each<[string, object, string]>([
         ["an unknown option", { "@fromat": "s" }, `"@fromat" is no option; did you mean "@format"?`],

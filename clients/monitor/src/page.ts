@@ -1,4 +1,5 @@
 import type { Memory, Surroundings } from "./model/session";
+import { ArrivalSocket } from "./socket/socket";
 
 /** What the page remembers from one visit to the next; nothing where the browser does not let it. */
 export const memory: Memory = {
@@ -21,7 +22,7 @@ export const memory: Memory = {
 /** What the page's URL and its server have to say. */
 export function surroundings(): Surroundings {
     const { search } = window.location;
-    return { home: home(), query: new URLSearchParams(search), memory, read };
+    return { home: home(), query: new URLSearchParams(search), memory, read, WebSocket: ArrivalSocket };
 }
 
 /** Where a daemon is to be expected when nobody said: where the page came from. */

@@ -1,17 +1,24 @@
 import { dotted, leavesOf, namesOf, toUrl, type Leaf, type Value } from "vorbel";
-import { afterEach, beforeEach, describe, expect, test, vi } from "vitest";
+import { afterEach, beforeEach, describe, expect, onTestFinished, test, vi } from "vitest";
+import { now, WallClock } from "../src/model/clock";
 import { decimate } from "../src/model/decimate";
+import { doubtOf, type Doubt } from "../src/model/doubt";
 import { Draft } from "../src/model/draft";
 import { History } from "../src/model/history";
+import { lag } from "../src/model/lag";
 import { planOf } from "../src/model/plan";
 import { Log } from "../src/model/log";
+import { readingAt, statistics } from "../src/model/measure";
+import { Plots } from "../src/model/plots";
 import { Rate } from "../src/model/rate";
+import { Series } from "../src/model/series";
 import { Session, type Surroundings } from "../src/model/session";
 import { Source } from "../src/model/source";
-import { ageText, hexText, numberText, rateText, valueText } from "../src/model/text";
-import { Tree } from "../src/model/tree";
+import { ageText, clockText, hexText, numberText, rateText, valueText } from "../src/model/text";
+import { Tree, TreeNode } from "../src/model/tree";
 import { byName, parseInput, payloadOf, rangeText } from "../src/model/writing";
 import { follow } from "../src/view/frame";
+import { Pointer } from "../src/view/pointer";
 
 function historyOf(readings: [number, number][], limit = 1000): History {
     const history = new History(limit);
@@ -75,8 +82,51 @@ describe("a rate", () => {
         expect(rateAfter(times, 9900 + 100)).toBeCloseTo(10, 6);
         expect(rateAfter(times, 9900 + 10_000)!).toBeLessThan(2.5);
     });
+    test.each([
+        [[0], undefined],
+        [[0, 100], 100],
+        [[0, 10_000], 10_000],
+        [[0, 1000, 2000], 1000],
+        [every(50, 1000), 50],
+    ])("of %j has a period", (times, period) => {
+        const rate = new Rate();
+        for (const time of times) rate.arrived(time);
+        expect(rate.period).toBe(period);
+    });
     test("follows a change within seconds", () => {
         expect(rateAfter([...every(1000, 20), ...every(10, 400).map((time) => 20_000 + time)])).toBeCloseTo(100, 3);
+    });
+});
+
+describe("a reading is overdue", () => {
+    const observed = leavesOf({ x: { "@mac": 1, "@format": "s", "@observe": true } })[0]!;
+    const gathered = leavesOf({ x: { "@mac": 1, "@format": "s", "@observe": true, "@flushSize": 2 } })[0]!;
+    function seriesOf(times: number[]): Series {
+        const series = new Series();
+        for (const time of times) series.update(1, time);
+        return series;
+    }
+
+    test.each<[string, number[], Leaf | undefined, number, boolean]>([
+        ["two readings, in time", [0, 10_000], undefined, 10_000 + 31_000, false],
+        ["two readings, late", [0, 10_000], undefined, 10_000 + 33_000, true],
+        ["three readings, in time", [0, 1000, 2000], undefined, 2000 + 4900, false],
+        ["three readings, late", [0, 1000, 2000], undefined, 2000 + 5100, true],
+        ["two close together, late", [0, 100], undefined, 100 + 2400, true],
+        ["one, not long ago", [0], undefined, 9000, false],
+        ["one, long ago", [0], undefined, 11_000, true],
+        ["one that comes only on change", [0, 100, 200], observed, 1e9, false],
+        ["an array, which does not", [0, 100, 200], gathered, 1e9, true],
+    ])("when it could no longer be the present: %s", (_, times, leaf, time, overdue) =>
+        expect(seriesOf(times).isOverdue(time, leaf)).toBe(overdue),
+    );
+    test("at once when the connection is lost, until the next", () => {
+        const series = seriesOf([0, 100]);
+        series.interrupt(110);
+        expect(series.isOverdue(110, undefined)).toBe(true);
+        expect(series.isOverdue(110, observed)).toBe(true);
+        series.update(2, 5000);
+        expect(series.isOverdue(5000, observed)).toBe(false);
     });
 });
 
@@ -105,20 +155,41 @@ describe("decimation", () => {
         expect(draw([], 100, 200, 10).times.slice(0, 3)).toEqual([100, 105, 110]);
         expect(draw([], 103, 203, 10).times.slice(0, 3)).toEqual([100, 105, 110]);
     });
-    test("begins with the last reading from before", () => {
-        expect(
-            draw(
-                [
-                    [1, 3],
-                    [2, 8],
-                    [150, 5],
-                ],
-                100,
-                200,
-                10,
-            ).line[0],
-        ).toBe(8);
+    test("comes in from the reading before, and goes out to the one behind", () => {
+        const { line } = draw(
+            [
+                [0, 3],
+                [80, 2],
+                [180, 12],
+                [260, 4],
+            ],
+            100,
+            200,
+            10,
+        );
+        expect([line[0], line.at(-1)]).toEqual([4, 9.5]); // a fifth of the way up, and at 205 five sixteenths down
     });
+    test("runs through where there is no reading, between those on either side", () => {
+        const { line } = draw(
+            [
+                [0, 0],
+                [1000, 1000],
+            ],
+            100,
+            200,
+            10,
+        );
+        expect(line).toEqual([100, ...new Array(20).fill(undefined), 205]);
+    });
+    test.each([
+        ["before", [[50, NaN], [150, 1]], 0], // prettier-ignore
+        ["behind", [[150, 1], [250, NaN]], -1], // prettier-ignore
+    ] as [string, [number, number][], number][])(
+        "comes from nowhere where it is interrupted %s",
+        (_, readings, end) => {
+            expect(draw(readings, 100, 200, 10).line.at(end) ?? undefined).toBeUndefined();
+        },
+    );
     test("ends before what comes later", () => {
         expect(
             draw(
@@ -135,6 +206,56 @@ describe("decimation", () => {
     test("draws on what holds", () => {
         expect(draw([[150, 1]], 100, 200, 10, true).line.at(-1)).toBe(1);
         expect(draw([], 100, 200, 10, true).line.at(-1)).toBeUndefined();
+    });
+    test("holds until the present, and from before the beginning", () => {
+        const curve = { history: historyOf([[50, 3]]), holds: true };
+        const [line] = decimate([curve], 100, 200, 10, 150).lines;
+        expect(line!.flatMap((value, slot) => (value === undefined ? [] : [[slot, value]]))).toEqual([
+            [0, 3],
+            [10, 3],
+        ]);
+        expect(decimate([curve], 100, 200, 10, 90).lines[0]).toEqual(new Array(22).fill(undefined));
+    });
+    test("holds what came last, also where a stretch has greater and smaller ones", () => {
+        const readings: [number, number][] = [
+            [101, 0],
+            [121, 1],
+            [123, 0],
+            [125, 1],
+        ];
+        const { line } = draw(readings, 100, 200, 10, true);
+        expect(line.slice(4, 7)).toEqual([1, 0, 1]);
+        expect(draw([...readings, [141, 5]], 100, 200, 10, true).line.slice(4, 10)).toEqual([
+            1,
+            0,
+            1,
+            undefined,
+            5,
+            undefined,
+        ]);
+    });
+    test("holds up to where the connection was lost", () => {
+        const { line } = draw(
+            [
+                [101, 1],
+                [135, NaN],
+            ],
+            100,
+            200,
+            10,
+            true,
+        );
+        expect(line.slice(0, 9)).toEqual([
+            1,
+            undefined,
+            undefined,
+            undefined,
+            undefined,
+            undefined,
+            undefined,
+            1,
+            null,
+        ]);
     });
     test("has a gap from what is no finite number to the next that is one", () => {
         const { line } = draw(
@@ -163,8 +284,67 @@ describe("decimation", () => {
             4,
             true,
         );
-        expect(line.slice(0, 4)).toEqual([1, undefined, null, null]);
+        expect(line.slice(0, 4)).toEqual([1, 1, null, null]);
         expect(line.at(-1)).toBeNull();
+    });
+});
+
+describe("off a curve", () => {
+    const history = historyOf([
+        [100, 1],
+        [200, 5],
+        [250, NaN],
+        [300, 3],
+    ]);
+
+    test.each([
+        [99, 1, undefined],
+        [100, 1, 1],
+        [149, 1, 1],
+        [151, 5, 1],
+        [200, 5, 5],
+        [240, undefined, 5],
+        [251, undefined, undefined],
+        [299, 3, undefined],
+        [1000, 3, 3],
+    ])("at %d is read the nearest, or what holds", (time, nearest, held) => {
+        expect(readingAt({ history, holds: false }, time)).toBe(nearest);
+        expect(readingAt({ history, holds: true }, time)).toBe(held);
+    });
+    test("there is nothing without readings", () => {
+        const none = { history: historyOf([]), holds: false };
+        expect(readingAt(none, 5)).toBeUndefined();
+        expect(statistics(none, 0, 10)).toBeUndefined();
+    });
+    test("least, most and mean are those of the readings between two times", () => {
+        expect(statistics({ history, holds: false }, 100, 300)).toEqual({ least: 1, most: 5, mean: 3 });
+        expect(statistics({ history, holds: false }, 150, 299)).toEqual({ least: 5, most: 5, mean: 5 });
+        expect(statistics({ history, holds: false }, 201, 299)).toBeUndefined();
+    });
+    test("or of what held, for as long as it did, but for gaps", () => {
+        // 1 for 50 ms, 5 for 50 ms, a gap, 3 for 100 ms
+        expect(statistics({ history, holds: true }, 150, 400)).toEqual({ least: 1, most: 5, mean: 3 });
+        // 1 for 90 ms and 5 for 10 ms
+        expect(statistics({ history, holds: true }, 110, 210)!.mean).toBeCloseTo(1.4, 9);
+        expect(statistics({ history, holds: true }, 500, 600)).toEqual({ least: 3, most: 3, mean: 3 });
+    });
+});
+
+describe("the marks", () => {
+    test("are two at most, in order; a third one begins anew", () => {
+        const pointer = new Pointer();
+        pointer.mark(5);
+        expect([pointer.marks, pointer.span]).toEqual([[5], undefined]);
+        pointer.mark(3);
+        expect(pointer.span).toEqual({ from: 3, to: 5 });
+        pointer.moveMark(0, 9);
+        expect(pointer.marks).toEqual([5, 9]);
+        pointer.mark(1);
+        expect(pointer.marks).toEqual([1]);
+        pointer.moveMark(1, 4);
+        expect(pointer.marks).toEqual([1, 4]);
+        pointer.clear();
+        expect(pointer.marks).toEqual([]);
     });
 });
 
@@ -193,7 +373,9 @@ describe("the tree", () => {
     test("folds", () => {
         const tree = new Tree();
         tree.update({ a: { b: { c: 1 } }, d: 2 }, 0);
-        tree.find(["a"])!.collapsed = true;
+        const { shape } = tree;
+        tree.fold(tree.find(["a"])!, true);
+        expect(tree.shape).not.toBe(shape);
         expect(names(tree)).toEqual(["a", "d"]);
         expect(names(tree, "c")).toEqual(["a", "a.b", "a.b.c"]);
     });
@@ -257,6 +439,15 @@ describe("writing", () => {
             'x cannot be written: it is read-only, because "@mask" keeps only some of the bits',
         ],
     ])("refuses %s", (_, options, text, problem) => expect(parseInput(leafOf(options), text)).toEqual({ problem }));
+
+    test("says what fails instead of failing, for it is asked while the form is drawn", () => {
+        const broken = Object.defineProperty(leafOf({ "@format": "s" }), "factor", {
+            get: () => {
+                throw new RangeError("no factor");
+            },
+        });
+        expect(parseInput(broken, "5")).toEqual({ problem: "no factor" });
+    });
 
     test("refuses packed text that is no JSON", () => {
         expect(parseInput(leafOf({ "@format": "p" }), "{").problem).toMatch(/^is no JSON/);
@@ -592,6 +783,7 @@ describe("drawing", () => {
         const source = new Source();
         let count = 0;
         const stop = follow(source, () => count++, pause);
+        onTestFinished(stop);
         const showFrame = () => frames.splice(0).forEach((draw) => draw());
         return { source, showFrame, stop, count: () => count };
     }
@@ -620,6 +812,35 @@ describe("drawing", () => {
         }
         expect(count()).toBe(10);
     });
+    test("that fails is reported, and does not keep others from theirs", () => {
+        const reported = vi.fn();
+        vi.stubGlobal("reportError", reported);
+        const { source, showFrame, count } = drawings(0);
+        const failing = new Source();
+        const stop = follow(failing, () => {
+            throw new Error("no picture");
+        });
+        onTestFinished(stop);
+        failing.changed();
+        source.changed();
+        showFrame();
+        expect(count()).toBe(1);
+        expect(reported).toHaveBeenCalledOnce();
+    });
+    test("waits while the page is behind, but for one a second", () => {
+        const { source, showFrame, count } = drawings(0);
+        vi.advanceTimersByTime(2000);
+        lag.set(300);
+        for (let time = 0; time < 3000; time += 10) {
+            source.changed();
+            showFrame();
+            vi.advanceTimersByTime(10);
+        }
+        expect(count()).toBe(3);
+        lag.set(0);
+        showFrame();
+        expect(count()).toBe(4);
+    });
     test("ends", () => {
         const { source, showFrame, stop, count } = drawings(0);
         source.changed();
@@ -645,7 +866,89 @@ test("the log counts repetitions instead of listing them, but lists everything t
     expect(log.entries.length).toBeLessThan(300);
 });
 
+describe("a doubt about the daemon's schema", () => {
+    const leaf = { "@mac": 1, "@cmd": 1, "@format": "s" };
+    const schema = { a: leaf, b: leaf, changes: { ...leaf, "@observe": true }, written: leaf };
+    /** What is thought at a time of a tree that got messages at times, connected since 0. */
+    function doubt(messages: [number, Value][], time: number, connected: number | undefined = 0): Doubt | undefined {
+        const tree = new Tree();
+        tree.useSchema(schema);
+        for (const [at, values] of messages) tree.update(values, at);
+        return doubtOf(tree, connected, time);
+    }
+    const running: [number, Value][] = [0, 1000, 2000].map((time) => [time, { a: 1, b: 2, changes: 3 }]);
+
+    test("comes not while values come", () => expect(doubt(running, 2100)).toBeUndefined());
+    test("comes when all have failed to come that should", () =>
+        expect(doubt(running, 10_000)).toEqual({ kind: "silence", since: 2000 }));
+    test("comes not while one still comes", () =>
+        expect(doubt([...running, [9000, { b: 1 }]], 10_000)).toBeUndefined());
+    test("comes not from values that come only when they change", () =>
+        expect(doubt([[0, { changes: 1 }]], 1e6)).toBeUndefined());
+    test("comes not before there was a value, or a connection", () => {
+        expect(doubt([], 1e6)).toBeUndefined();
+        const tree = new Tree();
+        tree.useSchema(schema);
+        tree.update({ a: 1 }, 0);
+        expect(doubtOf(tree, undefined, 1e6)).toBeUndefined();
+        expect(doubtOf(tree, 1e6 - 4000, 1e6)).toBeUndefined();
+        expect(doubtOf(tree, 1e6 - 6000, 1e6)).toBeDefined();
+    });
+    test("comes from values that the schema does not have, while they come", () => {
+        const strange: [number, Value][] = [...running, [2000, { z: { y: 1 } }]];
+        expect(doubt(strange, 2100)).toEqual({ kind: "strangers", path: "z.y" });
+        expect(doubt([...strange, [20_000, { a: 1 }]], 20_000)).toBeUndefined();
+    });
+});
+
+describe("the plots", () => {
+    const node = (name: string) => new TreeNode([name]);
+    const [a, b, c] = [node("a"), node("b"), node("c")];
+
+    test("have a line for each value, which it keeps, and give the number of one that went to the next", () => {
+        const plots = new Plots();
+        plots.add([a, b]);
+        plots.add([b]);
+        expect(plots.nodes).toEqual([a, b]);
+        plots.remove(a);
+        plots.add([c]);
+        plots.add([a]);
+        expect([a, b, c].map((each) => plots.lineOf(each))).toEqual([2, 1, 0]);
+    });
+    test("keep lines for what takes the place of others", () => {
+        const plots = new Plots();
+        plots.add([a, b]);
+        plots.replace((each) => (each === b ? c : undefined));
+        expect([plots.nodes, plots.lineOf(c), plots.lineOf(b)]).toEqual([[c], 1, undefined]);
+        plots.clear();
+        expect(plots.all).toEqual([]);
+    });
+});
+
+describe("the clocks", () => {
+    test("agree, until the system's is set; times from before keep what the wall showed then", () => {
+        let ahead = 0;
+        vi.spyOn(Date, "now").mockImplementation(() => now() + ahead);
+        const wall = new WallClock();
+        const before = now();
+        expect(wall.at(before)).toBeCloseTo(before, -1);
+        ahead = 3_600_000;
+        expect(wall.at(now()) - now()).toBeCloseTo(3_600_000, -1);
+        expect(wall.at(before)).toBeCloseTo(before, -1);
+        vi.restoreAllMocks();
+    });
+});
+
 describe("texts", () => {
+    test.each([
+        [0, 0, "00"],
+        [1999.6, 0, "01"],
+        [1999.6, 1, "01.9"],
+        [1250, 3, "01.250"],
+        [1250.04, 5, "01.25004"],
+    ])("of the time %d with %d decimals", (time, decimals, text) => {
+        expect(clockText(Math.floor(now() / 60_000) * 60_000 + time, decimals).slice(6)).toBe(text);
+    });
     test.each<[number, string]>([
         [Math.fround(0.1), "0.1"],
         [Math.fround(3.93), "3.93"],

@@ -1,7 +1,5 @@
-import type { AddressInfo } from "node:net";
 import { encode, ExtData } from "@msgpack/msgpack";
 import { expect, onTestFinished, test } from "vitest";
-import { WebSocketServer, type WebSocket } from "ws";
 import { Machine, until } from "../../js/tests/machine.js";
 import {
     changes,
@@ -16,6 +14,7 @@ import {
     startSetting,
     value,
 } from "./fixture.js";
+import { connectTo, impostor } from "./impostor.js";
 
 const SPEED = { "@mac": 5, "@cmd": 2, "@format": "s" };
 
@@ -140,20 +139,6 @@ test("five thousand leaves are checked, shown and found", async () => {
     await page.getByLabel("Schema as JSON").fill(JSON.stringify(crowd));
     await page.getByText("… and 4899 more.").waitFor();
 });
-
-/** Something at the address that is no daemon: `talk` says what it sends to whoever connects. */
-async function impostor(talk: (socket: WebSocket) => void): Promise<{ address: string; close: () => void }> {
-    const server = new WebSocketServer({ port: 0, host: "127.0.0.1" });
-    server.on("connection", talk);
-    await new Promise((listening) => server.once("listening", listening));
-    return { address: `127.0.0.1:${(server.address() as AddressInfo).port}`, close: () => server.close() };
-}
-
-async function connectTo(address: string): Promise<void> {
-    await page.getByLabel("Address of the daemon").fill(address);
-    await page.getByRole("button", { name: "Connect" }).click();
-    await connected();
-}
 
 test("takes what is malformed for what it is, and goes on", async () => {
     const deep = Array.from({ length: 500 }).reduce<object>((inner) => ({ a: inner }), { z: 1 });

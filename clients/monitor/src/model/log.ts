@@ -1,3 +1,4 @@
+import { now } from "./clock";
 import { Source } from "./source";
 
 export type Kind = "sent" | "schema" | "connection" | "problem";
@@ -15,8 +16,8 @@ export class Log extends Source {
         const [newest] = this.entries;
         const repeated = newest?.kind === kind && newest.text === text && kind !== "sent";
         const entry: Entry = repeated
-            ? { ...newest, time: Date.now(), detail, times: newest.times + 1 }
-            : { id: this.#next++, kind, time: Date.now(), text, detail, times: 1 };
+            ? { ...newest, time: now(), detail, times: newest.times + 1 }
+            : { id: this.#next++, kind, time: now(), text, detail, times: 1 };
         this.entries = [entry, ...this.entries.slice(repeated ? 1 : 0, KEPT)];
         this.changed();
     }

@@ -24,16 +24,28 @@ export class Rate {
 
     /** Arrivals per second; undefined before there are two. Sinks when arrivals fail to come. */
     at(now: number): number | undefined {
+        const [measured, intervals] = this.#steady();
+        if (intervals === 0) return undefined;
+        const overdue = Math.max(0, now - this.#last - measured / intervals);
+        return (1000 * intervals) / (measured + overdue);
+    }
+
+    /** Milliseconds from one arrival to the next, as it was while they came; undefined before there are two. */
+    get period(): number | undefined {
+        const [measured, intervals] = this.#steady();
+        if (intervals > 0) return measured / intervals;
+        const first = this.#checkpoints[0];
+        return first && this.#count > first[1] ? (this.#last - first[0]) / (this.#count - first[1]) : undefined;
+    }
+
+    /** A time and how many intervals it had. */
+    #steady(): [measured: number, intervals: number] {
         // From checkpoint to checkpoint: both are the first arrival of a burst, if they come in bursts.
         const to = this.#checkpoints.at(-1);
-        if (!to) return undefined;
+        if (!to) return [0, 0];
         const isFarEnough = ([time, count]: [number, number]) =>
             to[0] - time >= ENOUGH_TIME && to[1] - count >= ENOUGH_ARRIVALS;
         const from = this.#checkpoints.findLast(isFarEnough) ?? this.#checkpoints[0]!;
-        if (from === to) return undefined;
-        const intervals = to[1] - from[1];
-        const measured = to[0] - from[0];
-        const overdue = Math.max(0, now - this.#last - measured / intervals);
-        return (1000 * intervals) / (measured + overdue);
+        return [to[0] - from[0], to[1] - from[1]];
     }
 }

@@ -18,10 +18,13 @@ import {
     type State,
     type Value,
     type ValueMap,
+    type WebSocketConstructor,
     type Written,
 } from "vorbel";
 import { isSameDaemon, keptAddress, type Asked } from "./link";
+import { now } from "./clock";
 import { Log } from "./log";
+import { Plots } from "./plots";
 import { Source } from "./source";
 import { hexText, valueText } from "./text";
 import { Tree, type TreeNode } from "./tree";
@@ -45,6 +48,8 @@ export type Surroundings = {
     memory: Memory;
     /** The text of a file by its name. */
     read: (name: string) => Promise<string>;
+    /** What to connect with, where it is not the browser's own. */
+    WebSocket?: WebSocketConstructor;
 };
 
 /** One page's dealings with one daemon at a time. Its sources say what changed. */
@@ -60,12 +65,14 @@ export class Session {
     state: State = "closed";
     reason = "not connected";
     hello: Hello | undefined;
+    /** Since when it is connected; undefined while it is not. */
+    connectedSince: number | undefined;
     undecodable = 0;
     /** The schema that explains the values here, whether it was sent to the daemon or not. */
     schema: Schema | undefined;
     /** The same as people wrote it. */
     schemaText = "";
-    plotted: TreeNode[] = [];
+    readonly plots = new Plots();
     /** Paths to plot as soon as they are known. */
     #wanted: string[];
     writing: TreeNode | undefined;
@@ -80,9 +87,11 @@ export class Session {
     #client: Client | undefined;
 
     readonly #memory: Memory;
+    readonly #WebSocket: WebSocketConstructor | undefined;
 
-    constructor({ home, query, memory, read }: Surroundings) {
+    constructor({ home, query, memory, read, WebSocket }: Surroundings) {
         this.#memory = memory;
+        this.#WebSocket = WebSocket;
         this.address = keptAddress(memory.load("address")) ?? home;
         if (memory.load("address")) memory.save("address", this.address); // earlier versions kept passwords
         this.locked = query.get("locked") !== null || memory.load("locked") === "yes";
@@ -222,9 +231,12 @@ export class Session {
     }
 
     togglePlot(node: TreeNode): void {
-        const plotted = this.plotted.includes(node);
-        this.plotted = plotted ? this.plotted.filter((each) => each !== node) : [...this.plotted, node];
-        if (!plotted) node.series?.keepForPlot();
+        if (this.plots.lineOf(node) === undefined) {
+            this.plots.add([node]);
+            node.series?.keepForPlot();
+        } else {
+            this.plots.remove(node);
+        }
         this.status.changed();
     }
 
@@ -232,7 +244,7 @@ export class Session {
         if (this.#wanted.length === 0) return;
         const found = this.tree.rows().filter((node) => node.series && this.#wanted.includes(node.dotted));
         this.#wanted = this.#wanted.filter((path) => !found.some(({ dotted }) => dotted === path));
-        this.plotted = [...this.plotted, ...found];
+        this.plots.add(found);
     }
 
     startWriting(node: TreeNode | undefined): void {
@@ -243,20 +255,23 @@ export class Session {
     /** Another daemon's values are not this one's, though the schema may be. */
     #forgetReadings(): void {
         this.tree.forget();
-        this.plotted = [];
+        this.plots.clear();
         this.writing = undefined;
         this.undecodable = 0;
         if (this.schema) this.#use(this.schema);
     }
 
     #newClient(address: string): Client {
-        const client = new Client(address, { longestDelay: 5000 });
+        const client = new Client(address, {
+            longestDelay: 5000,
+            ...(this.#WebSocket && { WebSocket: this.#WebSocket }),
+        });
         client.on("state", (state, reason) => this.#entered(state, reason));
         client.on("hello", (hello) => {
             this.hello = hello;
             this.status.changed();
         });
-        client.on("values", (values) => this.#received(values));
+        client.on("values", (values, arrival) => this.#received(values, arrival));
         client.on("schema", (event, reason) => this.#schemaBecame(event, reason));
         client.on("undecodable", ({ bytes, error }) => {
             this.undecodable++;
@@ -274,11 +289,12 @@ export class Session {
         const lost = this.state === "connected" && state !== "connected";
         if (lost) {
             this.log.add("connection", state === "closed" ? "Disconnected" : "Connection lost", reason);
-            this.tree.interrupt(Date.now());
+            this.tree.interrupt(now());
         }
         if (state === "connected") {
             this.log.add("connection", "Connected", keptAddress(this.#client?.url));
         }
+        this.connectedSince = state === "connected" ? now() : undefined;
         this.state = state;
         this.reason = reason;
         this.status.changed();
@@ -295,13 +311,13 @@ export class Session {
         this.status.changed();
     }
 
-    #received(values: Value): void {
+    #received(values: Value, arrival: number): void {
         const { shape, unexplained } = this.tree;
-        this.tree.update(values, Date.now());
+        this.tree.update(values, arrival);
         this.values.changed();
         if (this.tree.shape === shape) return;
         this.#plotWanted();
-        for (const { series } of this.plotted) series?.keepForPlot();
+        for (const { series } of this.plots.nodes) series?.keepForPlot();
         if (this.schema && !this.foreign && unexplained === 0 && this.tree.unexplained > 0) {
             this.log.add(
                 "schema",
@@ -315,7 +331,7 @@ export class Session {
     #use(schema: Schema): void {
         this.schema = schema;
         this.tree.useSchema(schema);
-        this.plotted = this.plotted.flatMap((node) => this.tree.find(node.path) ?? []);
+        this.plots.replace((node) => this.tree.find(node.path));
         this.writing = undefined;
         this.status.changed();
     }
@@ -338,7 +354,7 @@ function isUsable(text: string): boolean {
 function merge(into: ValueMap, from: ValueMap): void {
     for (const [name, value] of Object.entries(from)) {
         if (Object.hasOwn(into, name)) merge(into[name] as ValueMap, value as ValueMap);
-        else into[name] = value;
+        else Object.defineProperty(into, name, { value, enumerable: true }); // "__proto__" is a name as well
     }
 }
 

@@ -1,4 +1,13 @@
-import { isMap, justified, type Leaf, type Value } from "vorbel";
+import { isMap, justified, type Leaf, type Value, type ValueMap } from "vorbel";
+import { wallClock } from "./clock";
+
+/** Characters that are not seen, or that turn others around: controls, formats, separators, halves of pairs. */
+const UNSEEN = /[\p{Cc}\p{Cf}\p{Zl}\p{Zp}\p{Cs}]/gu;
+
+/** A text from elsewhere as it can be looked at: what would not be seen stands as "\u{202e}". */
+export function shown(text: string): string {
+    return text.replace(UNSEEN, (character) => `\\u{${character.codePointAt(0)!.toString(16)}}`);
+}
 
 /** A number as people read it: a reading with the digits that its leaf justifies, others with seven. */
 export function numberText(value: number, leaf?: Leaf): string {
@@ -9,11 +18,15 @@ export function numberText(value: number, leaf?: Leaf): string {
 export function valueText(value: Value, leaf?: Leaf): string {
     if (value === null) return "nil";
     if (typeof value === "number") return numberText(value, leaf);
-    if (typeof value === "string") return JSON.stringify(value);
+    if (typeof value === "string") return shown(JSON.stringify(value));
     if (ArrayBuffer.isView(value)) return arrayText(value, leaf);
     if (Array.isArray(value)) return `[${value.map((item) => valueText(item)).join(", ")}]`;
-    if (isMap(value)) return JSON.stringify(value, (_, item) => (typeof item === "bigint" ? String(item) : item));
+    if (isMap(value)) return shown(mapText(value));
     return String(value);
+}
+
+function mapText(value: ValueMap): string {
+    return JSON.stringify(value, (_, item) => (typeof item === "bigint" ? String(item) : item));
 }
 
 /** Length and first elements: "5 × [3.93, 3.94, …]". */
@@ -36,8 +49,14 @@ export function rateText(rate: number | undefined): string {
     return rate < 9.95 ? rate.toFixed(1) : String(Math.round(rate));
 }
 
-export function clockText(time: number): string {
-    return new Date(time).toLocaleTimeString("en-GB");
+/** The time of day, in seconds and so many decimals. */
+export function clockText(time: number, decimals = 0): string {
+    const unit = 1000 / 10 ** decimals;
+    // Cut off as clocks do, but for what the time itself cannot tell.
+    const units = Math.floor((wallClock.at(time) + 0.001) / unit);
+    const seconds = Math.floor(units / 10 ** decimals);
+    const text = new Date(seconds * 1000).toLocaleTimeString("en-GB");
+    return decimals > 0 ? `${text}.${String(units % 10 ** decimals).padStart(decimals, "0")}` : text;
 }
 
 export function hexText(bytes: ArrayLike<number>): string {

@@ -1,5 +1,6 @@
 import { dotted, isMap, type Leaf, type Path, type Schema, type Value, leavesOf } from "vorbel";
 import { Series } from "./series";
+import { shown } from "./text";
 
 const byName = new Intl.Collator("en", { numeric: true }).compare;
 
@@ -11,6 +12,7 @@ export class TreeNode {
     readonly id = `node-${nodes++}`;
     readonly children = new Map<string, TreeNode>();
     readonly depth: number;
+    /** The path as people see it. */
     readonly dotted: string;
     series: Series | undefined;
     leaf: Leaf | undefined;
@@ -23,18 +25,24 @@ export class TreeNode {
         readonly parent?: TreeNode,
     ) {
         this.depth = path.length;
-        this.dotted = dotted(path);
+        this.dotted = shown(dotted(path));
     }
 
     get name(): string {
         return this.path.at(-1) ?? "(the whole message)";
     }
+
+    /** The name as people see it. */
+    get label(): string {
+        return shown(this.name);
+    }
 }
 
-/** All known values by name. `shape` counts the changes that add or remove names. */
+/** All known values by name. `shape` counts the changes to which names there are and which are folded. */
 export class Tree {
     root = new TreeNode([]);
     shape = 0;
+    #valued: { shape: number; nodes: TreeNode[] } = { shape: -1, nodes: [] };
     /** How many values have come whose names the schema does not have. */
     unexplained = 0;
 
@@ -60,6 +68,12 @@ export class Tree {
         this.unexplained = 0;
     }
 
+    /** Hides or shows what is below a node. */
+    fold(node: TreeNode, collapsed: boolean): void {
+        node.collapsed = collapsed;
+        this.shape++;
+    }
+
     /** Values may have been missed from a time on. */
     interrupt(time: number): void {
         for (const { series } of this.#all(this.root)) series?.interrupt(time);
@@ -67,6 +81,14 @@ export class Tree {
 
     find(path: Path): TreeNode | undefined {
         return find(this.root, path);
+    }
+
+    /** All that have had a value. */
+    get valued(): readonly TreeNode[] {
+        if (this.#valued.shape !== this.shape) {
+            this.#valued = { shape: this.shape, nodes: this.#all(this.root).filter(({ series }) => series) };
+        }
+        return this.#valued.nodes;
     }
 
     /** The leaves whose values go out in the same frames as those of a leaf, that one among them. */

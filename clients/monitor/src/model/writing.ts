@@ -24,7 +24,7 @@ function parseNumber(leaf: Leaf, text: string): Parsed {
     try {
         prepareLeaf(leaf, value);
     } catch (error) {
-        if (!(error instanceof WriteError)) throw error;
+        if (!(error instanceof WriteError)) return { problem: (error as Error).message };
         const { least, most } = writableRange(leaf)!;
         return { problem: `must lie between ${numberText(least)} and ${numberText(most)}` };
     }

@@ -1,6 +1,7 @@
 import { useEffect, useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { useSource } from "./frame";
+import { Boundary } from "./boundary";
 import { Header } from "./header";
 import { Icon } from "./icons";
 import { LogPanel } from "./log";
@@ -22,15 +23,27 @@ export function App({ session }: { session: Session }) {
     return (
         <>
             <div>
-                <Header session={session} openSchema={() => openSchema(true)} />
-                <SchemaNotice session={session} />
+                <Boundary part="The header">
+                    <Header session={session} openSchema={() => openSchema(true)} />
+                    <SchemaNotice session={session} />
+                </Boundary>
             </div>
             <main data-tab={tab}>
-                <ValueTable session={session} openSchema={() => openSchema(true)} />
+                <Boundary part="The table of values">
+                    <ValueTable session={session} openSchema={() => openSchema(true)} />
+                </Boundary>
                 <div class="side">
-                    {writing && <WritePanel key={writing.id} session={session} node={writing} />}
-                    <PlotPanel session={session} />
-                    <LogPanel log={session.log} />
+                    {writing && (
+                        <Boundary key={writing.id} part="The form">
+                            <WritePanel session={session} node={writing} />
+                        </Boundary>
+                    )}
+                    <Boundary part="The plots">
+                        <PlotPanel session={session} />
+                    </Boundary>
+                    <Boundary part="The log">
+                        <LogPanel log={session.log} />
+                    </Boundary>
                 </div>
             </main>
             <nav class="tabs" aria-label="Parts of the page">
@@ -38,12 +51,18 @@ export function App({ session }: { session: Session }) {
                     <button key={name} aria-current={tab === name ? "page" : undefined} onClick={() => setTab(name)}>
                         <Icon name={({ values: "search", plots: "plot", log: "sent" } as const)[name]} />
                         {name}
-                        {name === "plots" && session.plotted.length > 0 && <b>{session.plotted.length}</b>}
+                        {name === "plots" && session.plots.nodes.length > 0 && <b>{session.plots.nodes.length}</b>}
                     </button>
                 ))}
             </nav>
-            <LinkQuestion session={session} />
-            {schemaOpen && <SchemaDialog session={session} close={() => openSchema(false)} />}
+            <Boundary part="The question about the link">
+                <LinkQuestion session={session} />
+            </Boundary>
+            {schemaOpen && (
+                <Boundary part="The schema's dialogue">
+                    <SchemaDialog session={session} close={() => openSchema(false)} />
+                </Boundary>
+            )}
         </>
     );
 }

@@ -20,3 +20,8 @@ export function contextOf(canvas: HTMLCanvasElement): {
 export function color(name: string): string {
     return getComputedStyle(document.documentElement).getPropertyValue(name).trim();
 }
+
+/** A colour as a style has it, for a canvas, which knows no variables. */
+export function resolved(style: string): string {
+    return style.replace(/var\((--[\w-]+)\)/g, (_, name: string) => color(name));
+}

@@ -1,6 +1,8 @@
 import { useEffect, useLayoutEffect, useState } from "preact/hooks";
 import type { Session } from "../model/session";
+import { shown } from "../model/text";
 import { memory } from "../page";
+import { Behind } from "./behind";
 import { Icon } from "./icons";
 import { LockButton } from "./lock";
 
@@ -26,13 +28,14 @@ export function Header({ session, openSchema }: { session: Session; openSchema: 
                     <strong>{stateWords[state]}</strong>
                     {state === "connected" && hello && <Device type={hello.type} id={hello.id} />}
                 </span>
-                {state === "waiting" && <span class="quiet reason">{reason}</span>}
+                {state === "waiting" && <span class="quiet reason">{shown(reason)}</span>}
             </p>
             {undecodable > 0 && (
                 <p class="undecodable" title="Messages that could not be decoded; the log shows their bytes">
                     <Icon name="problem" /> {undecodable} undecodable
                 </p>
             )}
+            <Behind />
             <div class="tools">
                 <LockButton session={session} />
                 <button onClick={openSchema}>
@@ -47,8 +50,8 @@ export function Header({ session, openSchema }: { session: Session; openSchema: 
 function Device({ type, id }: { type: string; id?: string | undefined }) {
     return (
         <span class="device">
-            <span class="quiet">to</span> {type || "a device without a type"}
-            {id && <code>{id}</code>}
+            <span class="quiet">to</span> {shown(type) || "a device without a type"}
+            {id && <code>{shown(id)}</code>}
         </span>
     );
 }

@@ -1,5 +1,5 @@
 import type { Entry, Log } from "../model/log";
-import { clockText } from "../model/text";
+import { clockText, shown } from "../model/text";
 import { useSource } from "./frame";
 import { Icon } from "./icons";
 
@@ -27,6 +27,11 @@ export function LogPanel({ log }: { log: Log }) {
     );
 }
 
+/** A text in which names from elsewhere may stand. */
+function lines(text: string): string {
+    return text.split("\n").map(shown).join("\n");
+}
+
 function Line({ entry: { kind, time, text, detail, times } }: { entry: Entry }) {
     return (
         <li class={kind}>
@@ -34,9 +39,9 @@ function Line({ entry: { kind, time, text, detail, times } }: { entry: Entry }) 
             <Icon name={kind} />
             <span>
                 <span class="hidden">{words[kind]}: </span>
-                {text}
+                {lines(text)}
                 {times > 1 && <b class="times">{times} times</b>}
-                {detail && <code>{detail}</code>}
+                {detail && <code>{lines(detail)}</code>}
             </span>
         </li>
     );

@@ -1,5 +1,6 @@
 import { namesOfDaemon } from "../model/link";
 import type { Session } from "../model/session";
+import { shown } from "../model/text";
 import { Icon } from "./icons";
 import { Question } from "./question";
 
@@ -26,7 +27,7 @@ export function LinkQuestion({ session }: { session: Session }) {
             )}
             {schema && (
                 <p>
-                    The link brings the schema <code>{schema.name}</code>, which names the values here and is remembered
+                    The link brings the schema <code>{shown(schema.name)}</code>, which names the values here and is remembered
                     for the next visit. It is not sent to the daemon.
                 </p>
             )}
@@ -48,7 +49,7 @@ export function SchemaNotice({ session }: { session: Session }) {
                         : "Another client may have replaced the schema."}
                 </b>{" "}
                 Who sent the last one owns it: it is not sent again from here.{" "}
-                <span class="quiet">{foreign.reason}</span>
+                <span class="quiet">{shown(foreign.reason)}</span>
             </span>
             <button disabled={locked} onClick={() => session.setSchema(session.schemaText, true)}>
                 Send it again

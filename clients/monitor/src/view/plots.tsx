@@ -1,9 +1,8 @@
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
-import { valueText } from "../model/text";
-import type { TreeNode } from "../model/tree";
-import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
+import { Legend } from "./legend";
+import { Pointer } from "./pointer";
 import { latest, TimePlot, WavePlot, type Window } from "./uplot";
 
 const SPANS: [number, string][] = [
@@ -18,21 +17,33 @@ export function PlotPanel({ session }: { session: Session }) {
     const [span, setSpan] = useState(60);
     const [frozen, setFrozen] = useState<Window>();
     const [ownScales, setOwnScales] = useState(true);
-    const arrays = session.plotted.filter((node) => node.series?.waveform);
-    const curves = session.plotted.filter((node) => node.series && !node.series.waveform);
+    const [pointer] = useState(() => new Pointer());
+    const [measuring, setMeasuring] = useState(false);
+    const arrays = session.plots.nodes.filter((node) => node.series?.waveform);
+    const curves = session.plots.nodes.filter((node) => node.series && !node.series.waveform);
     const height = curves.length > 0 && arrays.length > 0 ? 180 : 230;
 
     const shown = (): Window => frozen ?? latest(span);
     const zoom = (factor: number) => {
         if (!frozen) return setSpan(Math.min(3600, Math.max(1, span * factor)));
         const [middle, half] = [(frozen.from + frozen.to) / 2, ((frozen.to - frozen.from) / 2) * factor];
-        setFrozen({ from: middle - half, to: middle + half });
+        zoomTo({ from: middle - half, to: middle + half });
     };
+    const zoomTo = (window: Window | undefined) => setFrozen(window && bounded(window));
     const shift = (share: number) => {
         const { from, to } = shown();
         setFrozen({ from: from + share * (to - from), to: to + share * (to - from) });
     };
     const pause = () => setFrozen(frozen ? undefined : shown());
+    const measure = (on: boolean) => {
+        setMeasuring(on);
+        if (!on) pointer.clear();
+    };
+    const markAt = (which: 0 | 1) => {
+        const { from, to } = shown();
+        setMeasuring(true);
+        pointer.moveMark(which, pointer.time ?? from + ((to - from) * (which + 1)) / 3);
+    };
     const press = (event: KeyboardEvent) => {
         const actions: Record<string, () => void> = {
             " ": pause,
@@ -40,6 +51,9 @@ export function PlotPanel({ session }: { session: Session }) {
             "-": () => zoom(2),
             ArrowLeft: () => shift(-0.25),
             ArrowRight: () => shift(0.25),
+            a: () => markAt(0),
+            b: () => markAt(1),
+            Escape: () => measure(false),
         };
         if (event.ctrlKey || event.metaKey || event.altKey || !actions[event.key]) return;
         actions[event.key]!();
@@ -50,7 +64,7 @@ export function PlotPanel({ session }: { session: Session }) {
         <section class="panel plots" aria-labelledby="plots-title">
             <div class="title">
                 <h2 id="plots-title">Plots</h2>
-                {session.plotted.length > 0 && (
+                {session.plots.nodes.length > 0 && (
                     <div class="tools" role="group" aria-label="Time shown">
                         <select
                             aria-label="Time span"
@@ -75,13 +89,20 @@ export function PlotPanel({ session }: { session: Session }) {
                         <button class="square" onClick={() => zoom(2)} aria-label="Zoom out" title="Zoom out (−)">
                             <Icon name="wider" />
                         </button>
+                        <button
+                            class={measuring ? "primary" : ""}
+                            onClick={() => measure(!measuring)}
+                            aria-pressed={measuring}
+                        >
+                            Measure
+                        </button>
                         <button class={frozen ? "primary" : ""} onClick={pause} aria-pressed={frozen !== undefined}>
                             <Icon name={frozen ? "play" : "pause"} /> {frozen ? "Go on" : "Pause"}
                         </button>
                     </div>
                 )}
             </div>
-            {session.plotted.length === 0 && (
+            {session.plots.nodes.length === 0 && (
                 <p class="empty">
                     Choose values with <Icon name="plot" /> in the table: they are drawn here together.
                 </p>
@@ -90,7 +111,7 @@ export function PlotPanel({ session }: { session: Session }) {
                 <figure
                     tabIndex={0}
                     onKeyDown={press}
-                    aria-label={`Plot of ${curves.map((node) => node.dotted).join(", ")} over time. Space pauses, plus and minus zoom, arrows move.`}
+                    aria-label={`Plot of ${curves.map((node) => node.dotted).join(", ")} over time. Space pauses, plus and minus zoom, arrows move, A and B set marks.`}
                 >
                     <TimePlot
                         session={session}
@@ -99,7 +120,9 @@ export function PlotPanel({ session }: { session: Session }) {
                         frozen={frozen}
                         ownScales={ownScales}
                         height={height}
-                        zoomTo={setFrozen}
+                        zoomTo={zoomTo}
+                        pointer={pointer}
+                        measuring={measuring}
                     />
                 </figure>
             )}
@@ -108,7 +131,9 @@ export function PlotPanel({ session }: { session: Session }) {
                     <WavePlot session={session} nodes={arrays} paused={frozen !== undefined} height={height} />
                 </figure>
             )}
-            {session.plotted.length > 0 && <Legend session={session} />}
+            {session.plots.nodes.length > 0 && (
+                <Legend session={session} pointer={pointer} shown={shown} measuring={measuring} />
+            )}
             {curves.length > 1 && (
                 <label class="quiet check">
                     <input
@@ -123,31 +148,12 @@ export function PlotPanel({ session }: { session: Session }) {
     );
 }
 
+/** A window not shorter than times can tell apart, and not longer than a day. */
+function bounded({ from, to }: Window): Window {
+    const [middle, length] = [(from + to) / 2, Math.min(86_400_000, Math.max(1, to - from))];
+    return { from: middle - length / 2, to: middle + length / 2 };
+}
+
 function spanText(seconds: number): string {
     return seconds < 60 ? `${Math.round(seconds * 10) / 10} s` : `${Math.round(seconds / 6) / 10} min`;
-}
-
-function Legend({ session }: { session: Session }) {
-    useSource(session.values, 200);
-    useClock(1000);
-    return (
-        <ul class="legend" aria-label="On the plot">
-            {session.plotted.map((node, at) => (
-                <li key={node.id} class={`line-${at % 8}`}>
-                    <span class="swatch" />
-                    <span class="name">{node.dotted}</span>
-                    <span class="number">{node.series ? valueText(node.series.value, node.leaf) : "–"}</span>
-                    <RemoveButton session={session} node={node} />
-                </li>
-            ))}
-        </ul>
-    );
-}
-
-function RemoveButton({ session, node }: { session: Session; node: TreeNode }) {
-    return (
-        <button class="square" onClick={() => session.togglePlot(node)} aria-label={`Take ${node.dotted} off the plot`}>
-            <Icon name="close" />
-        </button>
-    );
 }

@@ -1,6 +1,6 @@
 import type { Leaf } from "vorbel";
 import type { Draft } from "../model/draft";
-import { hexText } from "../model/text";
+import { hexText, shown } from "../model/text";
 
 /** The frames that a draft becomes. */
 export function FramePreview({ leaf, draft: { plan } }: { leaf: Leaf; draft: Draft }) {
@@ -28,10 +28,10 @@ export function Consequences({
     if (!plan) return null;
     return (
         <>
-            {plan.frames && <p class="changes quiet">{changesText(plan.changes)}</p>}
+            {plan.frames && <p class="changes quiet">{shown(changesText(plan.changes))}</p>}
             {plan.cut > 0 && <p class="quiet">The last {plan.cut} bytes do not fit the frame and are cut off.</p>}
             {plan.left.length > 0 && (
-                <p class="quiet">The frame ends before {plan.left.join("; ")}: it goes out without.</p>
+                <p class="quiet">The frame ends before {shown(plan.left.join("; "))}: it goes out without.</p>
             )}
             {consequences !== "" && (
                 <div class="consequences" role="group" aria-label="Consequences">
@@ -40,14 +40,14 @@ export function Consequences({
                             <p>These go out as zero, because nothing is written to them:</p>
                             <ul>
                                 {plan.zeroed.map((each) => (
-                                    <li key={each}>{each}</li>
+                                    <li key={each}>{shown(each)}</li>
                                 ))}
                             </ul>
                         </>
                     )}
                     {foreign !== undefined && (
                         <p>
-                            Another client may have replaced the schema ({foreign}): in its schema, these names may
+                            Another client may have replaced the schema ({shown(foreign)}): in its schema, these names may
                             belong to other frames.
                         </p>
                     )}

@@ -1,6 +1,7 @@
 import { useEffect, useMemo, useRef, useState } from "preact/hooks";
 import { checkText, dotted, type Problem } from "vorbel";
 import type { Session } from "../model/session";
+import { shown } from "../model/text";
 import { Icon } from "./icons";
 
 /** More problems than this are told by their number. */
@@ -103,7 +104,7 @@ function Problems({ text, problems }: { text: string; problems: Problem[] }) {
                             <Icon name="problem" />
                             <span>
                                 <span class="hidden">{severity}: </span>
-                                <code>{dotted(path) || "document"}</code> {message}
+                                <code>{shown(dotted(path)) || "document"}</code> {shown(message)}
                             </span>
                         </li>
                     ))}

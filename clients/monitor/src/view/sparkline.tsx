@@ -5,13 +5,13 @@ import { color, contextOf } from "./canvas";
 const SHOWN = 80;
 
 /** The last readings of a value, or its waveform, small; drawn with every drawing of its row. */
-export function Sparkline({ series }: { series: Series }) {
+export function Sparkline({ series, holds }: { series: Series; holds: boolean }) {
     const canvas = useRef<HTMLCanvasElement>(null);
-    useLayoutEffect(() => draw(canvas.current!, series));
+    useLayoutEffect(() => draw(canvas.current!, series, holds));
     return <canvas ref={canvas} class="sparkline" aria-hidden="true" />;
 }
 
-function draw(canvas: HTMLCanvasElement, series: Series): void {
+function draw(canvas: HTMLCanvasElement, series: Series, holds: boolean): void {
     const { context, width, height } = contextOf(canvas);
     const points = pointsOf(series).filter(Number.isFinite);
     if (points.length < 2) return;
@@ -20,7 +20,7 @@ function draw(canvas: HTMLCanvasElement, series: Series): void {
     const y = (value: number) => height - 3 - ((value - least) / (most - least)) * (height - 6);
     context.beginPath();
     for (const [at, value] of points.entries()) {
-        if (series.isFlag && at > 0) context.lineTo(x(at), y(points[at - 1]!));
+        if (holds && at > 0) context.lineTo(x(at), y(points[at - 1]!));
         context.lineTo(x(at), y(value));
     }
     context.strokeStyle = color(series.waveform ? "--wave" : "--accent");

@@ -1,17 +1,20 @@
 import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
 import { readOnlyReason } from "vorbel";
+import { now } from "../model/clock";
 import type { Session } from "../model/session";
 import { ageText, rateText, valueText } from "../model/text";
 import type { TreeNode } from "../model/tree";
+import { SchemaDoubt } from "./doubt";
 import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
+import { lineColor } from "./lines";
 import { Sparkline } from "./sparkline";
 
 /** Text that changes more often than this cannot be read. */
 const PAUSE = 100;
 const SPARE_ROWS = 4;
 const NARROW = 560;
-/** The heights that the style sheet gives to rows, in pixels. */
+/** The heights of rows in pixels; the style sheet hears of them as --row-height. */
 const ROW = { wide: 38, narrow: 56 };
 
 /** All values as a tree of their names; only the rows in sight exist. */
@@ -37,6 +40,7 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
                     />
                 </label>
             </div>
+            <SchemaDoubt session={session} openSchema={openSchema} />
             {rows.length > 0 ? (
                 <Grid session={session} rows={rows} searching={search !== ""} />
             ) : (
@@ -90,8 +94,7 @@ function Grid({ session, rows, searching }: GridProps) {
         reveal(target);
     };
     const fold = (node: TreeNode, collapsed: boolean) => {
-        node.collapsed = collapsed;
-        session.tree.shape++;
+        session.tree.fold(node, collapsed);
         session.status.changed();
     };
     const press = (event: KeyboardEvent) => {
@@ -120,6 +123,7 @@ function Grid({ session, rows, searching }: GridProps) {
             aria-rowcount={rows.length + 1}
             aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
             tabIndex={0}
+            style={{ "--row-height": `${rowHeight}px` }}
             onKeyDown={press}
             onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
         >
@@ -247,12 +251,7 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
                 if (branch && !isValue(node)) fold(node, !node.collapsed);
             }}
         >
-            <div
-                role="gridcell"
-                class="name"
-                style={{ paddingLeft: `${Math.max(0, node.depth - 1) * 16}px` }}
-                title={node.dotted}
-            >
+            <div role="gridcell" class="name" style={{ paddingLeft: indentation(node.depth - 1) }} title={node.dotted}>
                 {branch ? (
                     <button
                         class={`fold${open ? " open" : ""}`}
@@ -268,21 +267,26 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
                 ) : (
                     <span class="fold" />
                 )}
-                <span>{node.name}</span>
+                <span>{node.label}</span>
             </div>
             {isValue(node) && <Cells session={session} node={node} active={active} />}
         </div>
     );
 }
 
+/** By level, until too little would be left of the name. */
+function indentation(levels: number): string {
+    return `min(${16 * levels}px, 20% + ${2 * levels}px)`;
+}
+
 function Cells({ session, node, active }: { session: Session; node: TreeNode; active: boolean }) {
     const { series, leaf } = node;
-    const now = Date.now();
-    const rate = series?.rate.at(now);
-    const age = series && now - series.time;
-    const stale = age !== undefined && age > 2000 + (rate ? 3000 / rate : 0);
+    const time = now();
+    const rate = series?.rate.at(time);
+    const age = series && time - series.time;
+    const stale = series?.isOverdue(time, leaf) ?? false;
     const writable = leaf !== undefined && !readOnlyReason(leaf);
-    const plotted = session.plotted.indexOf(node);
+    const line = session.plots.lineOf(node);
     return (
         <>
             <div role="gridcell" class={`value number${stale ? " stale" : ""}`}>
@@ -291,20 +295,21 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
             <div role="gridcell" class="rate number">
                 {series && rateText(rate)}
             </div>
-            <div role="gridcell" class={`age number${stale ? " stale" : ""}`}>
+            <div role="gridcell" class={`age number${stale ? " stale" : ""}`} title={stale ? "Overdue" : undefined}>
                 {age === undefined ? "" : ageText(age)}
             </div>
             <div role="gridcell" class="course">
-                {series && <Sparkline series={series} />}
+                {series && <Sparkline series={series} holds={series.holds(leaf)} />}
             </div>
             <div role="gridcell" class="buttons">
                 {series && (
                     <button
-                        class={`square plot${plotted >= 0 ? ` line-${plotted % 8}` : ""}`}
+                        class="square plot"
+                        style={line === undefined ? undefined : { "--line": lineColor(line) }}
                         tabIndex={active ? 0 : -1}
-                        aria-pressed={plotted >= 0}
+                        aria-pressed={line !== undefined}
                         aria-label={`Plot ${node.dotted}`}
-                        title={plotted >= 0 ? "Take off the plot" : "Plot"}
+                        title={line !== undefined ? "Take off the plot" : "Plot"}
                         onClick={() => session.togglePlot(node)}
                     >
                         <Icon name="plot" />

@@ -1,24 +1,35 @@
 import { useEffect, useRef } from "preact/hooks";
 import uPlot from "uplot";
+import { now } from "../model/clock";
 import { decimate } from "../model/decimate";
+import { lag } from "../model/lag";
 import type { Session } from "../model/session";
-import { clockText, numberText } from "../model/text";
 import type { TreeNode } from "../model/tree";
-import { color } from "./canvas";
-import { follow } from "./frame";
+import { axis, AXIS_WIDTH, flagAxis, laneScale, paddedRange, timeAxis, valueAxes, wholeRange } from "./axes";
+import { color, resolved } from "./canvas";
+import { follow, repeatedly } from "./frame";
+import { curveOf } from "./legend";
+import { lineColor, lineDash } from "./lines";
+import type { Pointer } from "./pointer";
 
 /** Times in milliseconds since 1970. */
 export type Window = { from: number; to: number };
 
 /** The last so many seconds. */
 export function latest(span: number): Window {
-    const now = Date.now();
-    return { from: now - span * 1000, to: now };
+    const to = now();
+    return { from: to - span * 1000, to };
 }
 
-/** The colour of a plotted value, by its place among all that are plotted. */
-function lineColor(session: Session, node: TreeNode): string {
-    return color(`--line-${session.plotted.indexOf(node) % 8}`);
+/** The colour of a plotted value. */
+function strokeOf(session: Session, node: TreeNode): string {
+    return resolved(lineColor(session.plots.lineOf(node) ?? 0));
+}
+
+/** What makes one line look unlike another. */
+function lineStyle(session: Session, node: TreeNode): Partial<uPlot.Series> {
+    const dash = lineDash(session.plots.lineOf(node) ?? 0);
+    return { stroke: strokeOf(session, node), width: 1.6, ...(dash && { dash }) };
 }
 
 /** A plot as wide as its parent, made anew when `make` gives other options, and destroyed at the end. */
@@ -26,11 +37,14 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, hei
     const box = useRef<HTMLDivElement>(null);
     const plot = useRef<uPlot | null>(null);
     useEffect(() => {
+        let least = 0;
+        const fittingWidth = () => Math.max(least, box.current!.clientWidth);
         const build = () => {
             plot.current?.destroy();
-            const width = Math.max(100, box.current!.clientWidth);
+            const options = make();
+            least = leastWidth(options);
             plot.current = new uPlot(
-                { ...make(), width, height },
+                { ...options, width: fittingWidth(), height },
                 [[], []] as unknown as uPlot.AlignedData,
                 box.current!,
             );
@@ -38,7 +52,7 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, hei
         };
         build();
         const observer = new ResizeObserver(() => {
-            const width = Math.max(100, box.current!.clientWidth);
+            const width = fittingWidth();
             if (plot.current && plot.current.width !== width) plot.current.setSize({ width, height });
         });
         observer.observe(box.current!);
@@ -53,35 +67,9 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, hei
     return { box, plot };
 }
 
-function axis(options: uPlot.Axis): uPlot.Axis {
-    return {
-        stroke: color("--quiet"),
-        font: "12px system-ui, sans-serif",
-        grid: { stroke: color("--grid"), width: 1 },
-        ticks: { show: false },
-        ...options,
-    };
-}
-
-/** Axes for the first two scales: one at each side. More would leave no room for the curves. */
-function valueAxes(scales: { name: string; stroke: string }[]): uPlot.Axis[] {
-    return scales.slice(0, 2).map(({ name, stroke }, at) =>
-        axis({
-            scale: name,
-            side: at === 0 ? 3 : 1,
-            size: 56,
-            values: (_, splits) => splits.map((split) => numberText(split)),
-            ...(scales.length > 1 ? { stroke } : {}),
-            ...(at > 0 ? { grid: { show: false } } : {}),
-        }),
-    );
-}
-
-/** A little air above and below; a constant value lies in the middle. */
-function paddedRange(_: uPlot, least: number | null, most: number | null): [number, number] {
-    if (least == null || most == null) return [0, 1];
-    const padding = 0.08 * (most - least) || Math.abs(most) * 0.1 || 1;
-    return [least - padding, most + padding];
+/** Room for the axes and some for the curves; where there is less, the plot scrolls. */
+function leastWidth({ axes }: uPlot.Options): number {
+    return 160 + AXIS_WIDTH * (axes!.length - 1);
 }
 
 type TimePlotProps = {
@@ -93,61 +81,55 @@ type TimePlotProps = {
     height: number;
     /** Shows a time for good; undefined goes on with the present. */
     zoomTo: (window: Window | undefined) => void;
+    pointer: Pointer;
+    /** Whether a click sets a mark. */
+    measuring: boolean;
 };
 
-export function TimePlot({ session, nodes, span, frozen, ownScales, height, zoomTo }: TimePlotProps) {
-    const props = useRef({ span, frozen });
-    props.current = { span, frozen };
+export function TimePlot({
+    session,
+    nodes,
+    span,
+    frozen,
+    ownScales,
+    height,
+    zoomTo,
+    pointer,
+    measuring,
+}: TimePlotProps) {
+    const props = useRef({ span, frozen, measuring });
+    props.current = { span, frozen, measuring };
 
     const refresh = (plot: uPlot) => {
         const { span, frozen } = props.current;
         const { from, to } = frozen ?? latest(span);
         const columns = Math.max(50, Math.round(plot.bbox.width / devicePixelRatio) || plot.width);
-        const curves = nodes.map(({ series }) => ({ history: series!.history, holds: series!.isFlag }));
-        const { times, lines } = decimate(curves, from, to, columns);
+        const { times, lines } = decimate(nodes.map(curveOf), from, to, columns, now() - lag.behind);
         plot.setData([times.map((time) => time / 1000), ...lines] as uPlot.AlignedData, false);
         plot.setScale("x", { min: from / 1000, max: to / 1000 });
     };
-    const curve = (node: TreeNode) => `${session.plotted.indexOf(node)} ${node.id} ${node.series!.isFlag}`;
+    const curve = (node: TreeNode) =>
+        `${session.plots.lineOf(node)} ${node.id} ${node.series!.isFlag} ${node.series!.holds(node.leaf)}`;
     const key = `${nodes.map(curve).join()}|${ownScales}`;
-    const { box, plot } = useUPlot(() => timeOptions(session, nodes, ownScales, zoomTo), refresh, height, [key]);
+    const { box, plot } = useUPlot(
+        () =>
+            timeOptions(session, nodes, ownScales, zoomTo, pointer, (time) => {
+                if (props.current.measuring) pointer.mark(time);
+            }),
+        refresh,
+        height,
+        [key],
+    );
+    useEffect(() => follow(pointer.marking, () => plot.current?.redraw(false)), [pointer]);
 
     useEffect(() => {
         if (plot.current) refresh(plot.current);
         if (frozen) return undefined;
         // The picture only changes when time has moved on by a pixel.
         const pixel = (span * 1000) / Math.max(300, box.current!.clientWidth);
-        const timer = new Clock(Math.max(16, pixel), () => plot.current && refresh(plot.current));
-        return () => timer.stop();
+        return repeatedly(Math.max(16, pixel), () => plot.current && refresh(plot.current));
     }, [key, span, frozen]);
     return <div ref={box} class="uplot-box" onDblClick={() => zoomTo(undefined)} />;
-}
-
-/** Calls back in a frame of the screen, at most so often; not at all while the page is hidden. */
-class Clock {
-    #stopped = false;
-    #last = 0;
-
-    constructor(
-        readonly period: number,
-        readonly tick: () => void,
-    ) {
-        requestAnimationFrame(() => this.#frame());
-    }
-
-    stop(): void {
-        this.#stopped = true;
-    }
-
-    #frame(): void {
-        if (this.#stopped) return;
-        const now = performance.now();
-        if (now - this.#last >= this.period) {
-            this.#last = now;
-            this.tick();
-        }
-        requestAnimationFrame(() => this.#frame());
-    }
 }
 
 function timeOptions(
@@ -155,46 +137,86 @@ function timeOptions(
     nodes: TreeNode[],
     ownScales: boolean,
     zoomTo: (window: Window) => void,
+    pointer: Pointer,
+    click: (time: number) => void,
 ): uPlot.Options {
-    const scaleOf = (node: TreeNode) => (node.series!.isFlag ? "flags" : ownScales ? node.id : "values");
+    let pointedAt = -10; // where uPlot has it while nobody points
+    const timeAt = (plot: uPlot, position: number) => plot.posToVal(position, "x") * 1000;
+    const flags = nodes.filter((node) => node.series!.isFlag);
     const numbers = nodes.filter((node) => !node.series!.isFlag);
+    const scaleOf = (node: TreeNode) => (ownScales || node.series!.isFlag ? node.id : "values");
     const named = new Map(
-        numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: lineColor(session, node) }]),
+        numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: strokeOf(session, node) }]),
     );
-    const scales: uPlot.Scales = { x: { time: true, auto: false }, flags: { range: [-0.25, 1.25] } };
-    for (const name of named.keys()) scales[name] = { range: paddedRange };
+    const scales: uPlot.Scales = { x: { time: false, auto: false } };
+    for (const name of named.keys()) scales[name] = { range: wholeRange };
+    for (const [lane, node] of flags.entries()) scales[scaleOf(node)] = laneScale(lane, flags.length);
+    const axes = [timeAxis(), ...valueAxes([...named.values()])];
+    if (flags.length > 0) axes.push(flagAxis(scaleOf(flags[0]!), flags.length, named.size % 2 === 0 ? 3 : 1));
     return {
         width: 0,
         height: 0,
         legend: { show: false },
         cursor: { drag: { x: true, y: false, setScale: false }, points: { size: 7 } },
         scales,
-        axes: [
-            axis({ space: 70, size: 34, values: (_, seconds) => seconds.map((second) => clockText(second * 1000)) }),
-            ...valueAxes([...named.values()]),
-        ],
+        axes,
         series: [
             {},
             ...nodes.map((node): uPlot.Series => ({
                 label: node.dotted,
                 scale: scaleOf(node),
-                stroke: lineColor(session, node),
-                width: 1.6,
+                ...lineStyle(session, node),
                 points: { show: false },
-                ...(node.series!.isFlag ? { paths: uPlot.paths.stepped!({ align: 1 }) } : {}),
+                ...(node.series!.holds(node.leaf) ? { paths: uPlot.paths.stepped!({ align: 1 }) } : {}),
             })),
         ],
         hooks: {
+            ready: [
+                (plot) => {
+                    const { over } = plot;
+                    let pressed = 0;
+                    over.addEventListener("mousedown", (event) => (pressed = event.offsetX));
+                    over.addEventListener("mouseup", (event) => {
+                        const isClick = event.button === 0 && Math.abs(event.offsetX - pressed) < 5;
+                        if (isClick) click(timeAt(plot, event.offsetX));
+                    });
+                },
+            ],
+            setCursor: [
+                (plot) => {
+                    const { left = -1 } = plot.cursor;
+                    if (left === pointedAt) return; // drawn anew
+                    pointedAt = left;
+                    pointer.follow(left < 0 ? undefined : () => timeAt(plot, left));
+                },
+            ],
+            draw: [(plot) => drawMarks(plot, pointer.marks)],
             setSelect: [
                 (plot) => {
-                    if (plot.select.width < 5) return;
-                    const time = (position: number) => plot.posToVal(position, "x") * 1000;
-                    zoomTo({ from: time(plot.select.left), to: time(plot.select.left + plot.select.width) });
+                    const { left, width } = plot.select;
+                    if (width < 5) return;
+                    zoomTo({ from: timeAt(plot, left), to: timeAt(plot, left + width) });
                     plot.setSelect({ left: 0, top: 0, width: 0, height: 0 }, false);
                 },
             ],
         },
     };
+}
+
+/** Lines at the marks, with their letters. */
+function drawMarks(plot: uPlot, marks: readonly number[]): void {
+    const { ctx: context, bbox } = plot;
+    context.save();
+    context.strokeStyle = context.fillStyle = color("--text");
+    context.font = `${12 * devicePixelRatio}px system-ui, sans-serif`;
+    context.textAlign = "left";
+    for (const [at, mark] of marks.entries()) {
+        const x = Math.round(plot.valToPos(mark / 1000, "x", true));
+        if (x < bbox.left || x > bbox.left + bbox.width) continue;
+        context.fillRect(x, bbox.top, devicePixelRatio, bbox.height);
+        context.fillText("AB"[at]!, x + 4 * devicePixelRatio, bbox.top + 12 * devicePixelRatio);
+    }
+    context.restore();
 }
 
 type WavePlotProps = { session: Session; nodes: TreeNode[]; paused: boolean; height: number };
@@ -212,7 +234,7 @@ export function WavePlot({ session, nodes, paused, height }: WavePlotProps) {
         plot.setScale("x", zoomed ? { min, max: max! } : { min: 0, max: last });
         drawn.current = waves;
     };
-    const key = nodes.map((node) => `${session.plotted.indexOf(node)} ${node.id}`).join();
+    const key = nodes.map((node) => `${session.plots.lineOf(node)} ${node.id}`).join();
     const { box, plot } = useUPlot(() => waveOptions(session, nodes), refresh, height, [key]);
     useEffect(() => {
         if (paused) return undefined;
@@ -225,6 +247,9 @@ export function WavePlot({ session, nodes, paused, height }: WavePlotProps) {
     return <div ref={box} class="uplot-box" />;
 }
 
+/** Elements between two labels, as many as a message can hold. */
+const ELEMENT_STEPS = [0, 1, 2, 3, 4, 5, 6].flatMap((power) => [1, 2, 5].map((digit) => digit * 10 ** power));
+
 function waveOptions(session: Session, nodes: TreeNode[]): uPlot.Options {
     return {
         width: 0,
@@ -232,18 +257,14 @@ function waveOptions(session: Session, nodes: TreeNode[]): uPlot.Options {
         legend: { show: false },
         cursor: { drag: { x: true, y: false }, points: { size: 7 } },
         scales: { x: { time: false }, y: { range: paddedRange } },
-        axes: [
-            axis({ space: 50, size: 34, incrs: [1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000, 10000] }),
-            ...valueAxes([{ name: "y", stroke: "" }]),
-        ],
+        axes: [axis({ space: 50, size: 34, incrs: ELEMENT_STEPS }), ...valueAxes([{ name: "y", stroke: "" }])],
         series: [
             {},
             ...nodes.map((node): uPlot.Series => {
                 const short = (node.series?.waveform?.length ?? 0) <= 64;
                 return {
                     label: node.dotted,
-                    stroke: lineColor(session, node),
-                    width: 1.6,
+                    ...lineStyle(session, node),
                     points: { show: short, size: 5 },
                 };
             }),

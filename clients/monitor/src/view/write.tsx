@@ -1,8 +1,9 @@
 import { useEffect, useLayoutEffect, useRef, useState } from "preact/hooks";
 import { dotted, FORMATS, readOnlyReason, writableRange, type Leaf } from "vorbel";
+import { now } from "../model/clock";
 import { Draft, type Edits } from "../model/draft";
 import type { Session } from "../model/session";
-import { clockText } from "../model/text";
+import { clockText, shown } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { rangeText } from "../model/writing";
 import { useSource } from "./frame";
@@ -73,7 +74,7 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
         try {
             await session.write(draft.values);
             setEdits(new Map());
-            setOutcome({ state: "handled", text: `Handled at ${clockText(Date.now())}` });
+            setOutcome({ state: "handled", text: `Handled at ${clockText(now())}` });
         } catch (error) {
             setOutcome({ state: "failed", text: (error as Error).message });
         }
@@ -153,7 +154,7 @@ function LeafInput({ id, leaf, main, text, isEdited, problem, change }: LeafInpu
     return (
         <div class="field">
             <label for={id} class={main ? "" : "quiet"}>
-                {dotted(leaf.path)}
+                {shown(dotted(leaf.path))}
             </label>
             {leaf.format === "p" ? (
                 <textarea {...shared} rows={4} spellcheck={false} />

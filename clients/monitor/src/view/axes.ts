@@ -1,0 +1,113 @@
+import type uPlot from "uplot";
+import { wallClock } from "../model/clock";
+import { clockText, numberText } from "../model/text";
+import { color } from "./canvas";
+
+/** Axes of plots, and the ranges of values that they show. */
+
+export function axis(options: uPlot.Axis): uPlot.Axis {
+    return {
+        stroke: color("--quiet"),
+        font: "12px system-ui, sans-serif",
+        grid: { stroke: color("--grid"), width: 1 },
+        ticks: { show: false },
+        ...options,
+    };
+}
+
+/** Seconds between two labels of a time axis, from a hundredth of a millisecond to a day. */
+const TIME_STEPS = [
+    ...[-5, -4, -3, -2, -1].flatMap((power) => [1, 2, 5].map((digit) => Number(`${digit}e${power}`))),
+    ...[1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 14_400, 28_800, 86_400],
+];
+
+/** Times of day with as many decimals as tell one label from the next. Times are in seconds since 1970. */
+export function timeAxis(): uPlot.Axis {
+    return axis({
+        size: 34,
+        incrs: TIME_STEPS,
+        space: (_, __, from, to) => 70 + 8 * decimalsOf((to - from) / 8),
+        splits: (_, __, from, to, step) => timeSplits(from, to, step),
+        values: (_, seconds, __, ___, step) => seconds.map((second) => clockText(second * 1000, decimalsOf(step))),
+    });
+}
+
+/** Multiples of a step on the wall's clock. */
+function timeSplits(from: number, to: number, step: number): number[] {
+    const ahead = wallClock.at(to * 1000) / 1000 - to;
+    const first = Math.ceil((from + ahead) / step);
+    const count = Math.max(0, Math.floor((to + ahead) / step) - first + 1);
+    return Array.from({ length: count }, (_, at) => (first + at) * step - ahead);
+}
+
+function decimalsOf(step: number): number {
+    return Math.max(0, Math.ceil(-Math.log10(step) - 1e-9));
+}
+
+/** What an axis of values takes from the width of a plot, in pixels. */
+export const AXIS_WIDTH = 48;
+
+/** One axis for each scale, left and right in turn; several have the colours of their curves. */
+export function valueAxes(scales: { name: string; stroke: string }[]): uPlot.Axis[] {
+    return scales.map(({ name, stroke }, at) =>
+        axis({
+            scale: name,
+            side: at % 2 === 0 ? 3 : 1,
+            size: AXIS_WIDTH,
+            gap: 4,
+            values: (_, splits) => splits.map(axisText),
+            ...(scales.length > 1 ? { stroke, font: "11px system-ui, sans-serif" } : {}),
+            ...(at > 0 ? { grid: { show: false } } : {}),
+        }),
+    );
+}
+
+/** A number in the little room that an axis has. */
+function axisText(value: number): string {
+    const text = numberText(value);
+    return text.length <= 7 ? text : value.toExponential(text.includes("e") ? 1 : 2).replace("e+", "e");
+}
+
+/** A little air above and below what is in sight; a constant value lies in the middle. */
+export function paddedRange(_: uPlot, least: number | null, most: number | null): [number, number] {
+    if (least == null || most == null) return [0, 1];
+    const padding = 0.08 * (most - least) || Math.abs(most) * 0.1 || 1;
+    return [least - padding, most + padding];
+}
+
+/** The same around all that is drawn by a scale, also from beyond the edges, where there may be nothing between. */
+export function wholeRange(plot: uPlot, _: unknown, __: unknown, scale: string): [number, number] {
+    let [least, most] = [Infinity, -Infinity];
+    for (const [at, series] of plot.series.entries()) {
+        if (at === 0 || series.scale !== scale) continue;
+        for (const value of plot.data[at] ?? []) {
+            if (value == null) continue;
+            least = Math.min(least, value);
+            most = Math.max(most, value);
+        }
+    }
+    return least > most ? [0, 1] : paddedRange(plot, least, most);
+}
+
+/** Of the scale of a flag: from one flag to the next one above it. */
+const LANE = 1.5;
+
+/** A scale that puts one of several flags into a lane of its own. */
+export function laneScale(lane: number, lanes: number): uPlot.Scale {
+    const bottom = -0.25 - LANE * lane;
+    return { range: [bottom, bottom + LANE * lanes] };
+}
+
+/** The two states of all flags, by the scale of the lowest one. */
+export function flagAxis(scale: string, lanes: number, side: 1 | 3): uPlot.Axis {
+    const states = Array.from({ length: 2 * lanes }, (_, at) => LANE * (at >> 1) + (at % 2));
+    return axis({
+        scale,
+        side,
+        size: 18,
+        gap: 4,
+        grid: { show: false },
+        splits: () => states,
+        values: () => states.map((_, at) => String(at % 2)),
+    });
+}

@@ -1,0 +1,143 @@
+import { now } from "../model/clock";
+import type { Curve } from "../model/decimate";
+import { readingAt, statistics } from "../model/measure";
+import type { Session } from "../model/session";
+import { clockText, numberText, valueText } from "../model/text";
+import type { TreeNode } from "../model/tree";
+import { useClock, useSource } from "./frame";
+import { Icon } from "./icons";
+import { lineColor } from "./lines";
+import type { Pointer } from "./pointer";
+import type { Window } from "./uplot";
+
+type LegendProps = {
+    session: Session;
+    pointer: Pointer;
+    /** What is in sight. */
+    shown: () => Window;
+    measuring: boolean;
+};
+
+/** The values on the plots: as they are, or as they were where the pointer is; and what can be measured of them. */
+export function Legend({ session, pointer, shown, measuring }: LegendProps) {
+    useSource(session.values, 200);
+    useSource(pointer.moves);
+    useSource(pointer.marking);
+    useClock(1000);
+    const time = pointer.time;
+    const { from, to } = pointer.span ?? shown();
+    return (
+        <>
+            <ul class="legend" aria-label="On the plot">
+                {session.plots.nodes.map((node) => (
+                    <li key={node.id} style={{ "--line": lineColor(session.plots.lineOf(node)!) }}>
+                        <span class="swatch" />
+                        <PathText node={node} />
+                        <span class="number">{textAt(node, time)}</span>
+                        <RemoveButton session={session} node={node} />
+                    </li>
+                ))}
+            </ul>
+            {time !== undefined && <p class="pointed quiet">at {clockText(time, 3)}</p>}
+            {measuring && <Measurements session={session} pointer={pointer} from={from} to={Math.min(to, now())} />}
+        </>
+    );
+}
+
+/** What is drawn of a value that is no array. */
+export function curveOf({ series, leaf }: TreeNode): Curve {
+    return { history: series!.history, holds: series!.holds(leaf) };
+}
+
+function textAt(node: TreeNode, time: number | undefined): string {
+    if (!node.series) return "–";
+    if (time === undefined || node.series.waveform) return valueText(node.series.value, node.leaf);
+    return readingText(node, readingAt(curveOf(node), time));
+}
+
+function readingText({ series, leaf }: TreeNode, value: number | undefined): string {
+    if (value === undefined) return "–";
+    return series!.isFlag ? String(value !== 0) : numberText(value, leaf);
+}
+
+type MeasurementsProps = { session: Session; pointer: Pointer; from: number; to: number };
+
+/** Of each curve the least, the greatest and the mean between the marks, or in sight; and what it is at the marks. */
+function Measurements({ session, pointer: { marks }, from, to }: MeasurementsProps) {
+    const nodes = session.plots.nodes.filter(({ series }) => series && !series.waveform);
+    const both = marks.length === 2;
+    return (
+        <div class="measurements" tabIndex={0} role="region" aria-label="Measurements">
+            <table>
+                <thead>
+                    <tr>
+                        <th scope="col">{both ? `${secondsText(to - from)} between the marks` : "in sight"}</th>
+                        {marks.map((_, at) => (
+                            <th key={at} scope="col">
+                                {"AB"[at]}
+                            </th>
+                        ))}
+                        {both && <th scope="col">B − A</th>}
+                        <th scope="col">least</th>
+                        <th scope="col">most</th>
+                        <th scope="col">mean</th>
+                    </tr>
+                </thead>
+                <tbody>
+                    {nodes.map((node) => (
+                        <MeasuredRow key={node.id} node={node} marks={marks} from={from} to={to} />
+                    ))}
+                </tbody>
+            </table>
+            <p class="quiet">
+                {both
+                    ? "Click for new marks."
+                    : "Click into a plot to set the marks A and B, or press A and B where the pointer is."}
+            </p>
+        </div>
+    );
+}
+
+type MeasuredRowProps = { node: TreeNode; marks: readonly number[]; from: number; to: number };
+
+function MeasuredRow({ node, marks, from, to }: MeasuredRowProps) {
+    const values = marks.map((mark) => readingAt(curveOf(node), mark));
+    const [a, b] = values;
+    const found = statistics(curveOf(node), from, to);
+    const number = (value: number | undefined) => (value === undefined ? "–" : numberText(value));
+    return (
+        <tr>
+            <th scope="row">{node.dotted}</th>
+            {values.map((value, at) => (
+                <td key={at}>{readingText(node, value)}</td>
+            ))}
+            {marks.length === 2 && <td>{number(a === undefined || b === undefined ? undefined : b - a)}</td>}
+            <td>{number(found?.least)}</td>
+            <td>{number(found?.most)}</td>
+            <td>{number(found?.mean)}</td>
+        </tr>
+    );
+}
+
+function secondsText(milliseconds: number): string {
+    return `${numberText(Number((milliseconds / 1000).toPrecision(4)))} s`;
+}
+
+/** A path of which the end stays in sight where there is no room for all of it. */
+function PathText({ node }: { node: TreeNode }) {
+    const end = node.dotted.length - node.label.length;
+    return (
+        <span class="name" title={node.dotted}>
+            <span>{node.dotted.slice(0, end)}</span>
+            <span>{node.dotted.slice(end)}</span>
+        </span>
+    );
+}
+
+function RemoveButton({ session, node }: { session: Session; node: TreeNode }) {
+    return (
+        <button class="square" onClick={() => session.togglePlot(node)} aria-label={`Take ${node.dotted} off the plot`}>
+            <Icon name="close" />
+        </button>
+    );
+}
