@@ -56,7 +56,11 @@ class Connection {
         this.#size += sizeOf(arrival);
         if (this.#size > LIMIT) {
             this.#socket!.close();
-            this.#finish({ code: 1008, reason: "the page could not follow: more than 32 MiB waited for it", wasClean: false });
+            this.#finish({
+                code: 1008,
+                reason: "the page could not follow: more than 32 MiB waited for it",
+                wasClean: false,
+            });
         }
         this.#deliver();
     }

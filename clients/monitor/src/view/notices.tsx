@@ -27,8 +27,8 @@ export function LinkQuestion({ session }: { session: Session }) {
             )}
             {schema && (
                 <p>
-                    The link brings the schema <code>{shown(schema.name)}</code>, which names the values here and is remembered
-                    for the next visit. It is not sent to the daemon.
+                    The link brings the schema <code>{shown(schema.name)}</code>, which names the values here and is
+                    remembered for the next visit. It is not sent to the daemon.
                 </p>
             )}
         </Question>

@@ -47,8 +47,8 @@ export function Consequences({
                     )}
                     {foreign !== undefined && (
                         <p>
-                            Another client may have replaced the schema ({shown(foreign)}): in its schema, these names may
-                            belong to other frames.
+                            Another client may have replaced the schema ({shown(foreign)}): in its schema, these names
+                            may belong to other frames.
                         </p>
                     )}
                     <label>
