@@ -248,7 +248,6 @@ export class Client {
 
     /** Leaves the daemon's schema to others: it is not sent again by itself. Values are still checked by it. */
     releaseSchema(): void {
-        clearTimeout(this.#listening);
         this.#ownership.release();
     }
 

@@ -192,6 +192,18 @@ describe("values that share a frame", () => {
         await expect.poll(() => field("ti").inputValue()).toBe("6");
     });
 
+    test("are replaced as a whole by what is typed, though they have changed under the cursor", async () => {
+        await replay(["0100", 5], ["0200", 25]);
+        await sendSchema({ kp: at(0, "S") });
+        await value("kp").getByText("1").waitFor();
+        await startSetting("kp");
+        expect(await field("kp").inputValue()).toBe("1");
+        await expect.poll(() => field("kp").inputValue()).toBe("2");
+        await page.waitForTimeout(300);
+        await page.keyboard.type("7");
+        expect(await field("kp").inputValue()).toBe("7");
+    });
+
     test("and cannot be written ask before they become zero", async () => {
         await replay(["8107001E00", 30]);
         await sendSchema({

@@ -93,7 +93,6 @@ export class Session {
         this.#memory = memory;
         this.#WebSocket = WebSocket;
         this.address = keptAddress(memory.load("address")) ?? home;
-        if (memory.load("address")) memory.save("address", this.address); // earlier versions kept passwords
         this.locked = query.get("locked") !== null || memory.load("locked") === "yes";
         this.#wanted = query.get("plot")?.split(",") ?? [];
         this.schemaText = memory.load("schema") ?? "";

@@ -1,5 +1,5 @@
 import type { ComponentChildren } from "preact";
-import { useEffect, useRef } from "preact/hooks";
+import { useLayoutEffect, useRef } from "preact/hooks";
 
 type QuestionProps = {
     title: string;
@@ -13,7 +13,7 @@ type QuestionProps = {
 export function Question({ title, yes, no, answer, children }: QuestionProps) {
     const dialog = useRef<HTMLDialogElement>(null);
     const agreed = useRef(false);
-    useEffect(() => dialog.current!.showModal(), []);
+    useLayoutEffect(() => dialog.current!.showModal(), []); // before any further key
     const leave = (agrees: boolean) => {
         agreed.current = agrees;
         dialog.current!.close(); // which gives the focus back to where it was

@@ -1,4 +1,4 @@
-import { useEffect, useLayoutEffect, useRef, useState } from "preact/hooks";
+import { useLayoutEffect, useRef, useState } from "preact/hooks";
 import { dotted, FORMATS, readOnlyReason, writableRange, type Leaf } from "vorbel";
 import { now } from "../model/clock";
 import { Draft, type Edits } from "../model/draft";
@@ -139,8 +139,9 @@ function LeafInput({ id, leaf, main, text, isEdited, problem, change }: LeafInpu
         input.current.focus();
         input.current.select();
     }, []);
-    // What follows the bus under a cursor would be mixed with what is typed: it stays selected as a whole.
-    useEffect(() => {
+    // What follows the bus under a cursor would be mixed with what is typed: it stays selected as a whole. At once, as
+    // a key that is pressed before would be replaced by the next one.
+    useLayoutEffect(() => {
         if (!isEdited && document.activeElement === input.current) input.current.select();
     }, [text, isEdited]);
     const shared = {
