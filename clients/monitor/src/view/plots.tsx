@@ -1,6 +1,7 @@
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { Icon } from "./icons";
+import type { Zooms } from "./axes";
 import { Legend } from "./legend";
 import { Pointer } from "./pointer";
 import { latest, TimePlot, WavePlot, type Window } from "./uplot";
@@ -18,6 +19,7 @@ export function PlotPanel({ session }: { session: Session }) {
     const [frozen, setFrozen] = useState<Window>();
     const [ownScales, setOwnScales] = useState(true);
     const [pointer] = useState(() => new Pointer());
+    const [zooms, setZooms] = useState<Zooms>(new Map());
     const [measuring, setMeasuring] = useState(false);
     const arrays = session.plots.nodes.filter((node) => node.series?.waveform);
     const curves = session.plots.nodes.filter((node) => node.series && !node.series.waveform);
@@ -123,6 +125,8 @@ export function PlotPanel({ session }: { session: Session }) {
                         zoomTo={zoomTo}
                         pointer={pointer}
                         measuring={measuring}
+                        zooms={zooms}
+                        zoomValues={setZooms}
                     />
                 </figure>
             )}
@@ -139,7 +143,10 @@ export function PlotPanel({ session }: { session: Session }) {
                     <input
                         type="checkbox"
                         checked={ownScales}
-                        onChange={(event) => setOwnScales(event.currentTarget.checked)}
+                        onChange={(event) => {
+                            setOwnScales(event.currentTarget.checked);
+                            setZooms(new Map());
+                        }}
                     />
                     Every curve on its own scale
                 </label>

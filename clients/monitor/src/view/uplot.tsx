@@ -5,7 +5,18 @@ import { decimate } from "../model/decimate";
 import { lag } from "../model/lag";
 import type { Session } from "../model/session";
 import type { TreeNode } from "../model/tree";
-import { axis, AXIS_WIDTH, flagAxis, laneScale, paddedRange, timeAxis, valueAxes, wholeRange } from "./axes";
+import {
+    axis,
+    AXIS_WIDTH,
+    flagAxis,
+    laneScale,
+    numberScale,
+    paddedRange,
+    timeAxis,
+    valueAxes,
+    zoomed,
+    type Zooms,
+} from "./axes";
 import { color, resolved } from "./canvas";
 import { follow, repeatedly } from "./frame";
 import { curveOf } from "./legend";
@@ -84,24 +95,18 @@ type TimePlotProps = {
     pointer: Pointer;
     /** Whether a click sets a mark. */
     measuring: boolean;
+    /** What the scales of values are zoomed to. */
+    zooms: Zooms;
+    zoomValues: (zooms: Zooms) => void;
 };
 
-export function TimePlot({
-    session,
-    nodes,
-    span,
-    frozen,
-    ownScales,
-    height,
-    zoomTo,
-    pointer,
-    measuring,
-}: TimePlotProps) {
-    const props = useRef({ span, frozen, measuring });
-    props.current = { span, frozen, measuring };
+export function TimePlot(props: TimePlotProps) {
+    const { session, nodes, span, frozen, ownScales, height, zoomTo, pointer, zooms, zoomValues } = props;
+    const present = useRef(props);
+    present.current = props;
 
     const refresh = (plot: uPlot) => {
-        const { span, frozen } = props.current;
+        const { span, frozen } = present.current;
         const { from, to } = frozen ?? latest(span);
         const columns = Math.max(50, Math.round(plot.bbox.width / devicePixelRatio) || plot.width);
         const { times, lines } = decimate(nodes.map(curveOf), from, to, columns, now() - lag.behind);
@@ -113,8 +118,12 @@ export function TimePlot({
     const key = `${nodes.map(curve).join()}|${ownScales}`;
     const { box, plot } = useUPlot(
         () =>
-            timeOptions(session, nodes, ownScales, zoomTo, pointer, (time) => {
-                if (props.current.measuring) pointer.mark(time);
+            timeOptions(session, nodes, ownScales, {
+                zoomTo,
+                pointer,
+                click: (time) => present.current.measuring && pointer.mark(time),
+                zooms: () => present.current.zooms,
+                zoomValues,
             }),
         refresh,
         height,
@@ -128,17 +137,28 @@ export function TimePlot({
         // The picture only changes when time has moved on by a pixel.
         const pixel = (span * 1000) / Math.max(300, box.current!.clientWidth);
         return repeatedly(Math.max(16, pixel), () => plot.current && refresh(plot.current));
-    }, [key, span, frozen]);
-    return <div ref={box} class="uplot-box" onDblClick={() => zoomTo(undefined)} />;
+    }, [key, span, frozen, zooms]);
+    const zoomOut = () => {
+        zoomTo(undefined);
+        zoomValues(new Map());
+    };
+    return <div ref={box} class="uplot-box" onDblClick={zoomOut} />;
 }
+
+/** What a plot over time asks and tells while it is handled. */
+type Handling = {
+    zoomTo: (window: Window) => void;
+    pointer: Pointer;
+    click: (time: number) => void;
+    zooms: () => Zooms;
+    zoomValues: (zooms: Zooms) => void;
+};
 
 function timeOptions(
     session: Session,
     nodes: TreeNode[],
     ownScales: boolean,
-    zoomTo: (window: Window) => void,
-    pointer: Pointer,
-    click: (time: number) => void,
+    { zoomTo, pointer, click, zooms, zoomValues }: Handling,
 ): uPlot.Options {
     let pointedAt = -10; // where uPlot has it while nobody points
     const timeAt = (plot: uPlot, position: number) => plot.posToVal(position, "x") * 1000;
@@ -149,7 +169,7 @@ function timeOptions(
         numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: strokeOf(session, node) }]),
     );
     const scales: uPlot.Scales = { x: { time: false, auto: false } };
-    for (const name of named.keys()) scales[name] = { range: wholeRange };
+    for (const name of named.keys()) scales[name] = numberScale(name, zooms);
     for (const [lane, node] of flags.entries()) scales[scaleOf(node)] = laneScale(lane, flags.length);
     const axes = [timeAxis(), ...valueAxes([...named.values()])];
     if (flags.length > 0) axes.push(flagAxis(scaleOf(flags[0]!), flags.length, named.size % 2 === 0 ? 3 : 1));
@@ -157,7 +177,7 @@ function timeOptions(
         width: 0,
         height: 0,
         legend: { show: false },
-        cursor: { drag: { x: true, y: false, setScale: false }, points: { size: 7 } },
+        cursor: { drag: { x: true, y: true, uni: 20, setScale: false }, points: { size: 7 } },
         scales,
         axes,
         series: [
@@ -193,9 +213,13 @@ function timeOptions(
             draw: [(plot) => drawMarks(plot, pointer.marks)],
             setSelect: [
                 (plot) => {
-                    const { left, width } = plot.select;
-                    if (width < 5) return;
-                    zoomTo({ from: timeAt(plot, left), to: timeAt(plot, left + width) });
+                    const { left, top, width, height } = plot.select;
+                    const { clientWidth, clientHeight } = plot.over;
+                    const isZoom = (size: number, whole: number) => size >= 5 && size < whole;
+                    if (isZoom(height, clientHeight))
+                        zoomValues(zoomed(plot, top / clientHeight, (top + height) / clientHeight));
+                    if (isZoom(width, clientWidth))
+                        zoomTo({ from: timeAt(plot, left), to: timeAt(plot, left + width) });
                     plot.setSelect({ left: 0, top: 0, width: 0, height: 0 }, false);
                 },
             ],
