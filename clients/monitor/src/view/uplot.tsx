@@ -3,6 +3,7 @@ import uPlot from "uplot";
 import { now } from "../model/clock";
 import { decimate } from "../model/decimate";
 import { lag } from "../model/lag";
+import { curveOf } from "../model/plots";
 import type { Session } from "../model/session";
 import type { TreeNode } from "../model/tree";
 import {
@@ -19,7 +20,6 @@ import {
 } from "./axes";
 import { color, resolved } from "./canvas";
 import { follow, repeatedly } from "./frame";
-import { curveOf } from "./legend";
 import { lineColor, lineDash } from "./lines";
 import type { Pointer } from "./pointer";
 
@@ -43,30 +43,35 @@ function lineStyle(session: Session, node: TreeNode): Partial<uPlot.Series> {
     return { stroke: strokeOf(session, node), width: 1.6, ...(dash && { dash }) };
 }
 
-/** A plot as wide as its parent, made anew when `make` gives other options, and destroyed at the end. */
-function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, height: number, sources: unknown[]) {
+/** A plot as large as its box, made anew when `make` gives other options, and destroyed at the end. */
+function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, sources: unknown[]) {
     const box = useRef<HTMLDivElement>(null);
     const plot = useRef<uPlot | null>(null);
     useEffect(() => {
+        const element = box.current!; // it is gone before the effect ends
         let least = 0;
-        const fittingWidth = () => Math.max(least, box.current!.clientWidth);
+        const fittingSize = () => ({
+            width: Math.max(least, element.clientWidth),
+            height: element.clientHeight,
+        });
         const build = () => {
             plot.current?.destroy();
             const options = make();
             least = leastWidth(options);
             plot.current = new uPlot(
-                { ...options, width: fittingWidth(), height },
+                { ...options, ...fittingSize() },
                 [[], []] as unknown as uPlot.AlignedData,
-                box.current!,
+                element,
             );
             refresh(plot.current);
         };
         build();
         const observer = new ResizeObserver(() => {
-            const width = fittingWidth();
-            if (plot.current && plot.current.width !== width) plot.current.setSize({ width, height });
+            const size = fittingSize();
+            const { width, height } = plot.current ?? size;
+            if (width !== size.width || height !== size.height) plot.current!.setSize(size);
         });
-        observer.observe(box.current!);
+        observer.observe(element);
         window.addEventListener("themechange", build);
         return () => {
             observer.disconnect();
@@ -74,7 +79,7 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, hei
             plot.current?.destroy();
             plot.current = null;
         };
-    }, [height, ...sources]);
+    }, sources);
     return { box, plot };
 }
 
@@ -89,7 +94,6 @@ type TimePlotProps = {
     span: number;
     frozen: Window | undefined;
     ownScales: boolean;
-    height: number;
     /** Shows a time for good; undefined goes on with the present. */
     zoomTo: (window: Window | undefined) => void;
     pointer: Pointer;
@@ -101,7 +105,7 @@ type TimePlotProps = {
 };
 
 export function TimePlot(props: TimePlotProps) {
-    const { session, nodes, span, frozen, ownScales, height, zoomTo, pointer, zooms, zoomValues } = props;
+    const { session, nodes, span, frozen, ownScales, zoomTo, pointer, zooms, zoomValues } = props;
     const present = useRef(props);
     present.current = props;
 
@@ -126,7 +130,6 @@ export function TimePlot(props: TimePlotProps) {
                 zoomValues,
             }),
         refresh,
-        height,
         [key],
     );
     useEffect(() => follow(pointer.marking, () => plot.current?.redraw(false)), [pointer]);
@@ -154,6 +157,14 @@ type Handling = {
     zoomValues: (zooms: Zooms) => void;
 };
 
+/** All plots over time show where somebody points at one of them. */
+const SYNC: uPlot.Cursor.Sync = {
+    key: "time",
+    scales: ["x", null],
+    setSeries: false,
+    filters: { pub: (type) => type === "mousemove" || type === "mouseleave" },
+};
+
 function timeOptions(
     session: Session,
     nodes: TreeNode[],
@@ -177,7 +188,7 @@ function timeOptions(
         width: 0,
         height: 0,
         legend: { show: false },
-        cursor: { drag: { x: true, y: true, uni: 20, setScale: false }, points: { size: 7 } },
+        cursor: { drag: { x: true, y: true, uni: 20, setScale: false }, points: { size: 7 }, sync: SYNC },
         scales,
         axes,
         series: [
@@ -243,9 +254,9 @@ function drawMarks(plot: uPlot, marks: readonly number[]): void {
     context.restore();
 }
 
-type WavePlotProps = { session: Session; nodes: TreeNode[]; paused: boolean; height: number };
+type WavePlotProps = { session: Session; nodes: TreeNode[]; paused: boolean };
 
-export function WavePlot({ session, nodes, paused, height }: WavePlotProps) {
+export function WavePlot({ session, nodes, paused }: WavePlotProps) {
     const drawn = useRef<unknown[]>([]);
     const refresh = (plot: uPlot) => {
         const waves = nodes.map(({ series }) => series?.waveform ?? []);
@@ -259,7 +270,7 @@ export function WavePlot({ session, nodes, paused, height }: WavePlotProps) {
         drawn.current = waves;
     };
     const key = nodes.map((node) => `${session.plots.lineOf(node)} ${node.id}`).join();
-    const { box, plot } = useUPlot(() => waveOptions(session, nodes), refresh, height, [key]);
+    const { box, plot } = useUPlot(() => waveOptions(session, nodes), refresh, [key]);
     useEffect(() => {
         if (paused) return undefined;
         const draw = () => {
