@@ -105,6 +105,37 @@ describe("zooming", () => {
         expect(seen.at(-1)! - seen[0]!).toBeGreaterThan(50); // it rises
     });
 
+    test("by a drag up or down shows values closer, and a double click all of them again", async () => {
+        const { send } = await puppet();
+        every(20, () => send({ a: 1000 + 0.1 * Math.sin(performance.now() / 200) }));
+        await value("a").getByText(/\d/).waitFor();
+        await plot("a");
+        await page.getByLabel("Time span").selectOption("10 s");
+        await sleep(3000);
+        const values = async () =>
+            (await labels())
+                .map(({ text }) => text)
+                .filter((text) => /^[\d.]+$/.test(text))
+                .map(Number);
+        const whole = await values();
+        const { x, y, width, height } = (await page.locator(".plots .u-over").boundingBox())!;
+        const drag = async (from: number, to: number) => {
+            await page.mouse.move(x + width / 2, y + height * from);
+            await page.mouse.down();
+            await page.mouse.move(x + width / 2 + 3, y + height * to, { steps: 4 });
+            await page.mouse.up();
+        };
+        await drag(0.4, 0.6);
+        const closer = await values();
+        const extent = (values: number[]) => Math.max(...values) - Math.min(...values);
+        expect(extent(closer)).toBeLessThan(0.4 * extent(whole));
+        expect(new Set(closer).size).toBe(closer.length);
+        expect(await page.getByRole("button", { name: "Pause" }).count()).toBe(1); // time goes on
+        for (let time = 0; time < 25; time++) await drag(0.4, 0.6); // no height is too small
+        await page.mouse.dblclick(x + width / 2, y + height / 2);
+        await expect.poll(async () => extent(await values())).toBeGreaterThan(0.5 * extent(whole));
+    });
+
     test("far in tells times apart by decimals", async () => {
         const { send } = await puppet();
         every(20, () => send({ a: Math.sin(performance.now()) }));

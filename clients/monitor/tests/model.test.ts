@@ -915,6 +915,23 @@ describe("the plots", () => {
         plots.add([a]);
         expect([a, b, c].map((each) => plots.lineOf(each))).toEqual([2, 1, 0]);
     });
+    test("move a value to another plot, or to a new one, with its line; what is empty is gone", () => {
+        const plots = new Plots();
+        const shown = () => plots.all.map(({ nodes }) => nodes.map(({ name }) => name).join(""));
+        plots.add([a, b, c]);
+        plots.move(b, plots.below(b));
+        expect(shown()).toEqual(["ac", "b"]);
+        plots.move(c, plots.below(c));
+        expect(shown()).toEqual(["a", "bc"]);
+        plots.move(a, plots.below(a));
+        expect(shown()).toEqual(["bca"]);
+        plots.move(a, undefined);
+        plots.move(a, plots.below(a)); // from the last one, alone there, to the first
+        expect(shown()).toEqual(["bca"]);
+        expect([a, b, c].map((each) => plots.lineOf(each))).toEqual([0, 1, 2]);
+        plots.move(node("none"), undefined);
+        expect(shown()).toEqual(["bca"]);
+    });
     test("keep lines for what takes the place of others", () => {
         const plots = new Plots();
         plots.add([a, b]);

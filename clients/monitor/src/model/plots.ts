@@ -1,7 +1,13 @@
+import type { Curve } from "./decimate";
 import type { TreeNode } from "./tree";
 
 /** Values that are drawn together. */
 export type Plot = { readonly id: number; nodes: TreeNode[] };
+
+/** What is drawn of a value that is no array. */
+export function curveOf({ series, leaf }: TreeNode): Curve {
+    return { history: series!.history, holds: series!.holds(leaf) };
+}
 
 /** Which values are drawn, where, and as which line: the number of a colour, which a value keeps while it is drawn. */
 export class Plots {
@@ -27,6 +33,23 @@ export class Plots {
         const last = this.all.at(-1);
         if (last) this.all = [...this.all.slice(0, -1), { ...last, nodes: [...last.nodes, ...added] }];
         else this.all = [{ id: this.#next++, nodes: added }];
+    }
+
+    /** Draws a value elsewhere: in the plot of that number, or in a new one below all others. */
+    move(node: TreeNode, to: number | undefined): void {
+        if (!this.#lines.has(node)) return;
+        const line = this.#lines.get(node)!;
+        this.remove(node);
+        this.#lines.set(node, line);
+        const isThere = this.all.some(({ id }) => id === to);
+        if (!isThere) this.all = [...this.all, { id: this.#next++, nodes: [node] }];
+        else this.all = this.all.map((plot) => (plot.id === to ? { ...plot, nodes: [...plot.nodes, node] } : plot));
+    }
+
+    /** The number of the plot below the one that draws a value; undefined where that would be a new one. */
+    below(node: TreeNode): number | undefined {
+        const at = this.all.findIndex(({ nodes }) => nodes.includes(node));
+        return this.all[at + 1]?.id ?? (this.all[at]?.nodes.length === 1 ? this.all[0]!.id : undefined);
     }
 
     remove(node: TreeNode): void {

@@ -239,6 +239,13 @@ export class Session {
         this.status.changed();
     }
 
+    /** Draws a plotted value in another plot, or in a new one. */
+    movePlotted(id: string, to: number | undefined): void {
+        const node = this.plots.nodes.find((each) => each.id === id);
+        if (node) this.plots.move(node, to);
+        this.status.changed();
+    }
+
     #plotWanted(): void {
         if (this.#wanted.length === 0) return;
         const found = this.tree.rows().filter((node) => node.series && this.#wanted.includes(node.dotted));

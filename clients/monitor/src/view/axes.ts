@@ -55,17 +55,19 @@ export function valueAxes(scales: { name: string; stroke: string }[]): uPlot.Axi
             side: at % 2 === 0 ? 3 : 1,
             size: AXIS_WIDTH,
             gap: 4,
-            values: (_, splits) => splits.map(axisText),
+            values: (_, splits, __, ___, step) => splits.map((split) => axisText(split, step)),
             ...(scales.length > 1 ? { stroke, font: "11px system-ui, sans-serif" } : {}),
             ...(at > 0 ? { grid: { show: false } } : {}),
         }),
     );
 }
 
-/** A number in the little room that an axis has. */
-function axisText(value: number): string {
+/** A number in the little room that an axis has, as far as it goes with the decimals that its neighbours differ by. */
+function axisText(value: number, step: number): string {
+    const exact = value.toFixed(Math.min(20, decimalsOf(step)));
+    if (exact.length <= 8) return exact;
     const text = numberText(value);
-    return text.length <= 7 ? text : value.toExponential(text.includes("e") ? 1 : 2).replace("e+", "e");
+    return text.length <= 8 ? text : value.toExponential(text.includes("e") ? 1 : 2).replace("e+", "e");
 }
 
 /** A little air above and below what is in sight; a constant value lies in the middle. */
@@ -76,7 +78,7 @@ export function paddedRange(_: uPlot, least: number | null, most: number | null)
 }
 
 /** The same around all that is drawn by a scale, also from beyond the edges, where there may be nothing between. */
-export function wholeRange(plot: uPlot, _: unknown, __: unknown, scale: string): [number, number] {
+function wholeRange(plot: uPlot, _: unknown, __: unknown, scale: string): [number, number] {
     let [least, most] = [Infinity, -Infinity];
     for (const [at, series] of plot.series.entries()) {
         if (at === 0 || series.scale !== scale) continue;
@@ -87,6 +89,29 @@ export function wholeRange(plot: uPlot, _: unknown, __: unknown, scale: string):
         }
     }
     return least > most ? [0, 1] : paddedRange(plot, least, most);
+}
+
+/** What scales were zoomed to, by their names. */
+export type Zooms = ReadonlyMap<string, [number, number]>;
+
+/** A scale of numbers. */
+export function numberScale(name: string, zooms: () => Zooms): uPlot.Scale {
+    return { range: (plot, least, most) => zooms().get(name) ?? wholeRange(plot, least, most, name) };
+}
+
+/** Closer together than this share of themselves, numbers can hardly be told apart. */
+const CLOSEST = 1e-9;
+
+/** What all scales of numbers show between two shares of the plot's height, from its top. */
+export function zoomed(plot: uPlot, top: number, bottom: number): Zooms {
+    const zooms = new Map<string, [number, number]>();
+    for (const [name, { min, max }] of Object.entries(plot.scales)) {
+        if (name === "x" || min == null || max == null) continue;
+        const range: [number, number] = [max - bottom * (max - min), max - top * (max - min)];
+        const isTooClose = range[1] - range[0] < CLOSEST * Math.max(Math.abs(min), Math.abs(max));
+        zooms.set(name, isTooClose ? [min, max] : range);
+    }
+    return zooms;
 }
 
 /** Of the scale of a flag: from one flag to the next one above it. */

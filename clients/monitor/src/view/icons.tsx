@@ -8,6 +8,7 @@ const shapes = {
     play: "M8 5l11 7-11 7z",
     closer: "M11 4a7 7 0 1 1 0 14 7 7 0 0 1 0-14zM16 16l4 4M8 11h6M11 8v6",
     wider: "M11 4a7 7 0 1 1 0 14 7 7 0 0 1 0-14zM16 16l4 4M8 11h6",
+    down: "M12 5v14M6 13l6 6 6-6",
     close: "M6 6l12 12M18 6L6 18",
     schema: "M9 4H7a2 2 0 0 0-2 2v4l-2 2 2 2v4a2 2 0 0 0 2 2h2M15 4h2a2 2 0 0 1 2 2v4l2 2-2 2v4a2 2 0 0 1-2 2h-2",
     theme: "M12 3a9 9 0 1 0 0 18zM12 3a9 9 0 0 1 0 18",

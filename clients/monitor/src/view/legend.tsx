@@ -1,53 +1,75 @@
 import { now } from "../model/clock";
-import type { Curve } from "../model/decimate";
 import { readingAt, statistics } from "../model/measure";
+import { curveOf, type Plot } from "../model/plots";
 import type { Session } from "../model/session";
 import { clockText, numberText, valueText } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
 import { lineColor } from "./lines";
+import { DRAGGED } from "./dragging";
 import type { Pointer } from "./pointer";
 import type { Window } from "./uplot";
 
 type LegendProps = {
+    session: Session;
+    plot: Plot;
+    pointer: Pointer;
+    /** Tells when a value is dragged, and when no longer. */
+    drag: (on: boolean) => void;
+};
+
+/** The values of a plot: as they are, or as they were where the pointer is. They can be dragged to other plots. */
+export function Legend({ session, plot, pointer, drag }: LegendProps) {
+    useSource(session.values, 200);
+    useSource(pointer.moves);
+    useClock(1000);
+    const isAlone = session.plots.nodes.length === 1;
+    return (
+        <ul class="legend" aria-label="On the plot">
+            {plot.nodes.map((node) => (
+                <li
+                    key={node.id}
+                    style={{ "--line": lineColor(session.plots.lineOf(node)!) }}
+                    draggable={!isAlone}
+                    onDragStart={(event) => {
+                        event.dataTransfer!.setData(DRAGGED, node.id);
+                        drag(true);
+                    }}
+                    onDragEnd={() => drag(false)}
+                >
+                    <span class="swatch" />
+                    <PathText node={node} />
+                    <span class="number">{textAt(node, pointer.time)}</span>
+                    {!isAlone && <MoveButton session={session} node={node} />}
+                    <RemoveButton session={session} node={node} />
+                </li>
+            ))}
+        </ul>
+    );
+}
+
+/** Where the pointer is, and what can be measured of all plots together. */
+export function Readings({ session, pointer, shown, measuring }: ReadingsProps) {
+    useSource(session.values, 200);
+    useSource(pointer.moves);
+    useSource(pointer.marking);
+    const { from, to } = pointer.span ?? shown();
+    return (
+        <>
+            {pointer.time !== undefined && <p class="pointed quiet">at {clockText(pointer.time, 3)}</p>}
+            {measuring && <Measurements session={session} pointer={pointer} from={from} to={Math.min(to, now())} />}
+        </>
+    );
+}
+
+type ReadingsProps = {
     session: Session;
     pointer: Pointer;
     /** What is in sight. */
     shown: () => Window;
     measuring: boolean;
 };
-
-/** The values on the plots: as they are, or as they were where the pointer is; and what can be measured of them. */
-export function Legend({ session, pointer, shown, measuring }: LegendProps) {
-    useSource(session.values, 200);
-    useSource(pointer.moves);
-    useSource(pointer.marking);
-    useClock(1000);
-    const time = pointer.time;
-    const { from, to } = pointer.span ?? shown();
-    return (
-        <>
-            <ul class="legend" aria-label="On the plot">
-                {session.plots.nodes.map((node) => (
-                    <li key={node.id} style={{ "--line": lineColor(session.plots.lineOf(node)!) }}>
-                        <span class="swatch" />
-                        <PathText node={node} />
-                        <span class="number">{textAt(node, time)}</span>
-                        <RemoveButton session={session} node={node} />
-                    </li>
-                ))}
-            </ul>
-            {time !== undefined && <p class="pointed quiet">at {clockText(time, 3)}</p>}
-            {measuring && <Measurements session={session} pointer={pointer} from={from} to={Math.min(to, now())} />}
-        </>
-    );
-}
-
-/** What is drawn of a value that is no array. */
-export function curveOf({ series, leaf }: TreeNode): Curve {
-    return { history: series!.history, holds: series!.holds(leaf) };
-}
 
 function textAt(node: TreeNode, time: number | undefined): string {
     if (!node.series) return "–";
@@ -131,6 +153,20 @@ function PathText({ node }: { node: TreeNode }) {
             <span>{node.dotted.slice(0, end)}</span>
             <span>{node.dotted.slice(end)}</span>
         </span>
+    );
+}
+
+/** The same as dragging, for fingers and keys. */
+function MoveButton({ session, node }: { session: Session; node: TreeNode }) {
+    return (
+        <button
+            class="square"
+            onClick={() => session.movePlotted(node.id, session.plots.below(node))}
+            aria-label={`Move ${node.dotted} to the plot below`}
+            title="To the plot below, or a new one"
+        >
+            <Icon name="down" />
+        </button>
     );
 }
 

@@ -1,9 +1,10 @@
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { Icon } from "./icons";
-import { Legend } from "./legend";
+import { Readings } from "./legend";
+import { NewPlot, PlotBox } from "./plotbox";
 import { Pointer } from "./pointer";
-import { latest, TimePlot, WavePlot, type Window } from "./uplot";
+import { latest, type Window } from "./uplot";
 
 const SPANS: [number, string][] = [
     [10, "10 s"],
@@ -18,11 +19,8 @@ export function PlotPanel({ session }: { session: Session }) {
     const [frozen, setFrozen] = useState<Window>();
     const [ownScales, setOwnScales] = useState(true);
     const [pointer] = useState(() => new Pointer());
+    const [dragging, drag] = useState(false);
     const [measuring, setMeasuring] = useState(false);
-    const arrays = session.plots.nodes.filter((node) => node.series?.waveform);
-    const curves = session.plots.nodes.filter((node) => node.series && !node.series.waveform);
-    const height = curves.length > 0 && arrays.length > 0 ? 180 : 230;
-
     const shown = (): Window => frozen ?? latest(span);
     const zoom = (factor: number) => {
         if (!frozen) return setSpan(Math.min(3600, Math.max(1, span * factor)));
@@ -60,6 +58,7 @@ export function PlotPanel({ session }: { session: Session }) {
         event.preventDefault();
     };
 
+    const common = { session, span, frozen, zoomTo, ownScales, pointer, measuring, press, drag };
     return (
         <section class="panel plots" aria-labelledby="plots-title">
             <div class="title">
@@ -107,34 +106,14 @@ export function PlotPanel({ session }: { session: Session }) {
                     Choose values with <Icon name="plot" /> in the table: they are drawn here together.
                 </p>
             )}
-            {curves.length > 0 && (
-                <figure
-                    tabIndex={0}
-                    onKeyDown={press}
-                    aria-label={`Plot of ${curves.map((node) => node.dotted).join(", ")} over time. Space pauses, plus and minus zoom, arrows move, A and B set marks.`}
-                >
-                    <TimePlot
-                        session={session}
-                        nodes={curves}
-                        span={span}
-                        frozen={frozen}
-                        ownScales={ownScales}
-                        height={height}
-                        zoomTo={zoomTo}
-                        pointer={pointer}
-                        measuring={measuring}
-                    />
-                </figure>
-            )}
-            {arrays.length > 0 && (
-                <figure aria-label={`Waveforms of ${arrays.map((node) => node.dotted).join(", ")}`}>
-                    <WavePlot session={session} nodes={arrays} paused={frozen !== undefined} height={height} />
-                </figure>
-            )}
+            {session.plots.all.map((plot) => (
+                <PlotBox key={plot.id} plot={plot} common={common} />
+            ))}
+            {dragging && <NewPlot session={session} />}
             {session.plots.nodes.length > 0 && (
-                <Legend session={session} pointer={pointer} shown={shown} measuring={measuring} />
+                <Readings session={session} pointer={pointer} shown={shown} measuring={measuring} />
             )}
-            {curves.length > 1 && (
+            {session.plots.all.some(({ nodes }) => nodes.length > 1) && (
                 <label class="quiet check">
                     <input
                         type="checkbox"

@@ -3,12 +3,23 @@ import uPlot from "uplot";
 import { now } from "../model/clock";
 import { decimate } from "../model/decimate";
 import { lag } from "../model/lag";
+import { curveOf } from "../model/plots";
 import type { Session } from "../model/session";
 import type { TreeNode } from "../model/tree";
-import { axis, AXIS_WIDTH, flagAxis, laneScale, paddedRange, timeAxis, valueAxes, wholeRange } from "./axes";
+import {
+    axis,
+    AXIS_WIDTH,
+    flagAxis,
+    laneScale,
+    numberScale,
+    paddedRange,
+    timeAxis,
+    valueAxes,
+    zoomed,
+    type Zooms,
+} from "./axes";
 import { color, resolved } from "./canvas";
 import { follow, repeatedly } from "./frame";
-import { curveOf } from "./legend";
 import { lineColor, lineDash } from "./lines";
 import type { Pointer } from "./pointer";
 
@@ -32,30 +43,35 @@ function lineStyle(session: Session, node: TreeNode): Partial<uPlot.Series> {
     return { stroke: strokeOf(session, node), width: 1.6, ...(dash && { dash }) };
 }
 
-/** A plot as wide as its parent, made anew when `make` gives other options, and destroyed at the end. */
-function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, height: number, sources: unknown[]) {
+/** A plot as large as its box, made anew when `make` gives other options, and destroyed at the end. */
+function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, sources: unknown[]) {
     const box = useRef<HTMLDivElement>(null);
     const plot = useRef<uPlot | null>(null);
     useEffect(() => {
+        const element = box.current!; // it is gone before the effect ends
         let least = 0;
-        const fittingWidth = () => Math.max(least, box.current!.clientWidth);
+        const fittingSize = () => ({
+            width: Math.max(least, element.clientWidth),
+            height: element.clientHeight,
+        });
         const build = () => {
             plot.current?.destroy();
             const options = make();
             least = leastWidth(options);
             plot.current = new uPlot(
-                { ...options, width: fittingWidth(), height },
+                { ...options, ...fittingSize() },
                 [[], []] as unknown as uPlot.AlignedData,
-                box.current!,
+                element,
             );
             refresh(plot.current);
         };
         build();
         const observer = new ResizeObserver(() => {
-            const width = fittingWidth();
-            if (plot.current && plot.current.width !== width) plot.current.setSize({ width, height });
+            const size = fittingSize();
+            const { width, height } = plot.current ?? size;
+            if (width !== size.width || height !== size.height) plot.current!.setSize(size);
         });
-        observer.observe(box.current!);
+        observer.observe(element);
         window.addEventListener("themechange", build);
         return () => {
             observer.disconnect();
@@ -63,7 +79,7 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, hei
             plot.current?.destroy();
             plot.current = null;
         };
-    }, [height, ...sources]);
+    }, sources);
     return { box, plot };
 }
 
@@ -78,30 +94,23 @@ type TimePlotProps = {
     span: number;
     frozen: Window | undefined;
     ownScales: boolean;
-    height: number;
     /** Shows a time for good; undefined goes on with the present. */
     zoomTo: (window: Window | undefined) => void;
     pointer: Pointer;
     /** Whether a click sets a mark. */
     measuring: boolean;
+    /** What the scales of values are zoomed to. */
+    zooms: Zooms;
+    zoomValues: (zooms: Zooms) => void;
 };
 
-export function TimePlot({
-    session,
-    nodes,
-    span,
-    frozen,
-    ownScales,
-    height,
-    zoomTo,
-    pointer,
-    measuring,
-}: TimePlotProps) {
-    const props = useRef({ span, frozen, measuring });
-    props.current = { span, frozen, measuring };
+export function TimePlot(props: TimePlotProps) {
+    const { session, nodes, span, frozen, ownScales, zoomTo, pointer, zooms, zoomValues } = props;
+    const present = useRef(props);
+    present.current = props;
 
     const refresh = (plot: uPlot) => {
-        const { span, frozen } = props.current;
+        const { span, frozen } = present.current;
         const { from, to } = frozen ?? latest(span);
         const columns = Math.max(50, Math.round(plot.bbox.width / devicePixelRatio) || plot.width);
         const { times, lines } = decimate(nodes.map(curveOf), from, to, columns, now() - lag.behind);
@@ -113,11 +122,14 @@ export function TimePlot({
     const key = `${nodes.map(curve).join()}|${ownScales}`;
     const { box, plot } = useUPlot(
         () =>
-            timeOptions(session, nodes, ownScales, zoomTo, pointer, (time) => {
-                if (props.current.measuring) pointer.mark(time);
+            timeOptions(session, nodes, ownScales, {
+                zoomTo,
+                pointer,
+                click: (time) => present.current.measuring && pointer.mark(time),
+                zooms: () => present.current.zooms,
+                zoomValues,
             }),
         refresh,
-        height,
         [key],
     );
     useEffect(() => follow(pointer.marking, () => plot.current?.redraw(false)), [pointer]);
@@ -128,17 +140,36 @@ export function TimePlot({
         // The picture only changes when time has moved on by a pixel.
         const pixel = (span * 1000) / Math.max(300, box.current!.clientWidth);
         return repeatedly(Math.max(16, pixel), () => plot.current && refresh(plot.current));
-    }, [key, span, frozen]);
-    return <div ref={box} class="uplot-box" onDblClick={() => zoomTo(undefined)} />;
+    }, [key, span, frozen, zooms]);
+    const zoomOut = () => {
+        zoomTo(undefined);
+        zoomValues(new Map());
+    };
+    return <div ref={box} class="uplot-box" onDblClick={zoomOut} />;
 }
+
+/** What a plot over time asks and tells while it is handled. */
+type Handling = {
+    zoomTo: (window: Window) => void;
+    pointer: Pointer;
+    click: (time: number) => void;
+    zooms: () => Zooms;
+    zoomValues: (zooms: Zooms) => void;
+};
+
+/** All plots over time show where somebody points at one of them. */
+const SYNC: uPlot.Cursor.Sync = {
+    key: "time",
+    scales: ["x", null],
+    setSeries: false,
+    filters: { pub: (type) => type === "mousemove" || type === "mouseleave" },
+};
 
 function timeOptions(
     session: Session,
     nodes: TreeNode[],
     ownScales: boolean,
-    zoomTo: (window: Window) => void,
-    pointer: Pointer,
-    click: (time: number) => void,
+    { zoomTo, pointer, click, zooms, zoomValues }: Handling,
 ): uPlot.Options {
     let pointedAt = -10; // where uPlot has it while nobody points
     const timeAt = (plot: uPlot, position: number) => plot.posToVal(position, "x") * 1000;
@@ -149,7 +180,7 @@ function timeOptions(
         numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: strokeOf(session, node) }]),
     );
     const scales: uPlot.Scales = { x: { time: false, auto: false } };
-    for (const name of named.keys()) scales[name] = { range: wholeRange };
+    for (const name of named.keys()) scales[name] = numberScale(name, zooms);
     for (const [lane, node] of flags.entries()) scales[scaleOf(node)] = laneScale(lane, flags.length);
     const axes = [timeAxis(), ...valueAxes([...named.values()])];
     if (flags.length > 0) axes.push(flagAxis(scaleOf(flags[0]!), flags.length, named.size % 2 === 0 ? 3 : 1));
@@ -157,7 +188,7 @@ function timeOptions(
         width: 0,
         height: 0,
         legend: { show: false },
-        cursor: { drag: { x: true, y: false, setScale: false }, points: { size: 7 } },
+        cursor: { drag: { x: true, y: true, uni: 20, setScale: false }, points: { size: 7 }, sync: SYNC },
         scales,
         axes,
         series: [
@@ -193,9 +224,13 @@ function timeOptions(
             draw: [(plot) => drawMarks(plot, pointer.marks)],
             setSelect: [
                 (plot) => {
-                    const { left, width } = plot.select;
-                    if (width < 5) return;
-                    zoomTo({ from: timeAt(plot, left), to: timeAt(plot, left + width) });
+                    const { left, top, width, height } = plot.select;
+                    const { clientWidth, clientHeight } = plot.over;
+                    const isZoom = (size: number, whole: number) => size >= 5 && size < whole;
+                    if (isZoom(height, clientHeight))
+                        zoomValues(zoomed(plot, top / clientHeight, (top + height) / clientHeight));
+                    if (isZoom(width, clientWidth))
+                        zoomTo({ from: timeAt(plot, left), to: timeAt(plot, left + width) });
                     plot.setSelect({ left: 0, top: 0, width: 0, height: 0 }, false);
                 },
             ],
@@ -219,9 +254,9 @@ function drawMarks(plot: uPlot, marks: readonly number[]): void {
     context.restore();
 }
 
-type WavePlotProps = { session: Session; nodes: TreeNode[]; paused: boolean; height: number };
+type WavePlotProps = { session: Session; nodes: TreeNode[]; paused: boolean };
 
-export function WavePlot({ session, nodes, paused, height }: WavePlotProps) {
+export function WavePlot({ session, nodes, paused }: WavePlotProps) {
     const drawn = useRef<unknown[]>([]);
     const refresh = (plot: uPlot) => {
         const waves = nodes.map(({ series }) => series?.waveform ?? []);
@@ -235,7 +270,7 @@ export function WavePlot({ session, nodes, paused, height }: WavePlotProps) {
         drawn.current = waves;
     };
     const key = nodes.map((node) => `${session.plots.lineOf(node)} ${node.id}`).join();
-    const { box, plot } = useUPlot(() => waveOptions(session, nodes), refresh, height, [key]);
+    const { box, plot } = useUPlot(() => waveOptions(session, nodes), refresh, [key]);
     useEffect(() => {
         if (paused) return undefined;
         const draw = () => {
