@@ -1,4 +1,4 @@
-import { useEffect, useMemo, useRef, useState } from "preact/hooks";
+import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
 import { checkText, dotted, type Problem } from "vorbel";
 import type { Session } from "../model/session";
 import { shown } from "../model/text";
@@ -12,7 +12,7 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
     const dialog = useRef<HTMLDialogElement>(null);
     const [text, setText] = useState(session.schemaText);
     const [refusal, setRefusal] = useState<string>();
-    useEffect(() => dialog.current!.showModal(), []);
+    useLayoutEffect(() => dialog.current!.showModal(), []); // before any further key
     const problems = useMemo(() => (text.trim() === "" ? [] : checkText(text)), [text]);
     const useless = text.trim() === "" || problems.some(({ severity }) => severity === "error");
     const leave = () => dialog.current!.close(); // which gives the focus back to where it was
