@@ -74,6 +74,12 @@ export class Tree {
         this.shape++;
     }
 
+    /** The same everywhere. */
+    foldAll(collapsed: boolean): void {
+        for (const node of this.#all(this.root)) node.collapsed = collapsed && node !== this.root;
+        this.shape++;
+    }
+
     /** Values may have been missed from a time on. */
     interrupt(time: number): void {
         for (const { series } of this.#all(this.root)) series?.interrupt(time);
@@ -89,6 +95,11 @@ export class Tree {
             this.#valued = { shape: this.shape, nodes: this.#all(this.root).filter(({ series }) => series) };
         }
         return this.#valued.nodes;
+    }
+
+    /** All that have others below them. */
+    get groups(): TreeNode[] {
+        return this.#all(this.root).filter((node) => node !== this.root && node.children.size > 0);
     }
 
     /** The leaves whose values go out in the same frames as those of a leaf, that one among them. */

@@ -2,8 +2,9 @@ import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
 import { readOnlyReason } from "vorbel";
 import { now } from "../model/clock";
 import type { Session } from "../model/session";
-import { ageText, rateText, valueText } from "../model/text";
+import { ageText, rateText, valueText, wholeText } from "../model/text";
 import type { TreeNode } from "../model/tree";
+import { copyText } from "./copy";
 import { SchemaDoubt } from "./doubt";
 import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
@@ -29,6 +30,7 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
             <div class="title">
                 <h2 id="values-title">Values</h2>
                 <span class="quiet">{count}</span>
+                <FoldAll session={session} />
                 <label class="search">
                     <Icon name="search" />
                     <span class="hidden">Search values</span>
@@ -56,6 +58,23 @@ function useRows(session: Session, search: string): TreeNode[] {
     return useMemo(() => tree.rows(search), [tree.shape, search]);
 }
 
+/** Hides all groups but the outermost ones, or shows them all. */
+function FoldAll({ session: { tree, status } }: { session: Session }) {
+    const groups = tree.groups;
+    if (groups.length === 0) return null;
+    const isOpen = groups.some(({ collapsed }) => !collapsed);
+    const fold = () => {
+        tree.foldAll(isOpen);
+        status.changed();
+    };
+    const label = isOpen ? "Fold all" : "Unfold all";
+    return (
+        <button class="square" onClick={fold} aria-label={label} title={label}>
+            <Icon name={isOpen ? "foldAll" : "unfoldAll"} />
+        </button>
+    );
+}
+
 function Empty({ session, search, openSchema }: { session: Session; search: string; openSchema: () => void }) {
     if (search) return <p class="empty">No path has all of these words.</p>;
     return (
@@ -78,6 +97,7 @@ function Grid({ session, rows, searching }: GridProps) {
     const grid = useRef<HTMLDivElement>(null);
     const [view, setView] = useState({ top: 0, height: 600, narrow: false });
     const [active, setActive] = useState<TreeNode>();
+    const [copied, setCopied] = useState<TreeNode>();
     const rowHeight = view.narrow ? ROW.narrow : ROW.wide;
     const activeIndex = active ? rows.indexOf(active) : -1;
     useView(grid, setView);
@@ -97,7 +117,17 @@ function Grid({ session, rows, searching }: GridProps) {
         session.tree.fold(node, collapsed);
         session.status.changed();
     };
+    const copy = (node: TreeNode) => {
+        if (!node.series) return;
+        void copyText(wholeText(node.series.value, node.leaf)).then((done) => setCopied(done ? node : undefined));
+    };
     const press = (event: KeyboardEvent) => {
+        const isCopy = event.key.toLowerCase() === "c" && !event.altKey && !event.shiftKey;
+        if (isCopy && active && document.getSelection()!.isCollapsed) {
+            copy(active);
+            event.preventDefault();
+            return;
+        }
         if (event.ctrlKey || event.metaKey || event.altKey) return; // the browser's own: printing, going back
         if (event.key === "Enter" && event.target !== grid.current) return; // a button in the row takes it
         const handled = pressed(event.key, {
@@ -119,7 +149,7 @@ function Grid({ session, rows, searching }: GridProps) {
             class={`grid${view.narrow ? " narrow" : ""}`}
             ref={grid}
             role="treegrid"
-            aria-label="Values. Arrow keys move and fold, P plots, Enter sets."
+            aria-label="Values. Arrow keys move and fold, P plots, C copies, Enter sets."
             aria-rowcount={rows.length + 1}
             aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
             tabIndex={0}
@@ -128,6 +158,9 @@ function Grid({ session, rows, searching }: GridProps) {
             onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
         >
             <Heads />
+            <span class="hidden" role="status">
+                {copied && `Copied ${copied.dotted}`}
+            </span>
             <div class="all" role="rowgroup" style={{ height: `${rows.length * rowHeight}px` }}>
                 {rows.slice(first, last).map((node, at) => (
                     <Row
@@ -137,6 +170,8 @@ function Grid({ session, rows, searching }: GridProps) {
                         index={first + at}
                         top={(first + at) * rowHeight}
                         active={node === active}
+                        copied={node === copied}
+                        copy={copy}
                         open={searching || !node.collapsed}
                         activate={() => setActive(node)}
                         fold={fold}
@@ -229,23 +264,26 @@ type RowProps = {
     index: number;
     top: number;
     active: boolean;
+    copied: boolean;
+    copy: (node: TreeNode) => void;
     open: boolean;
     activate: () => void;
     fold: (node: TreeNode, collapsed: boolean) => void;
 };
 
-function Row({ session, node, index, top, active, open, activate, fold }: RowProps) {
+function Row({ session, node, index, top, active, copied, copy, open, activate, fold }: RowProps) {
     const branch = node.children.size > 0;
     return (
         <div
             id={node.id}
-            class={`row${active ? " active" : ""}${isValue(node) ? "" : " branch"}`}
+            class={`row${active ? " active" : ""}${copied ? " copied" : ""}${isValue(node) ? "" : " branch"}`}
             role="row"
             aria-rowindex={index + 2}
             aria-level={Math.max(1, node.depth)}
             aria-expanded={branch ? open : undefined}
             aria-selected={active}
             style={{ transform: `translateY(${top}px)` }}
+            onDblClick={(event) => (event.target as Element).closest(".value") && copy(node)}
             onClick={() => {
                 activate();
                 if (branch && !isValue(node)) fold(node, !node.collapsed);
