@@ -2,7 +2,7 @@ import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
 import { readOnlyReason } from "vorbel";
 import { now } from "../model/clock";
 import type { Session } from "../model/session";
-import { ageText, rateText, valueText, wholeText } from "../model/text";
+import { ageText, clockText, rateText, valueText, wholeText } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { copyText } from "./copy";
 import { SchemaDoubt } from "./doubt";
@@ -23,7 +23,8 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
     useSource(session.values, PAUSE);
     useClock(500);
     const [search, setSearch] = useState("");
-    const rows = useRows(session, search);
+    const [since, setSince] = useState<number>();
+    const rows = useRows(session, search, since);
     const count = rows.filter((row) => row.series || row.leaf).length;
     return (
         <section class="panel values" aria-labelledby="values-title">
@@ -31,6 +32,14 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
                 <h2 id="values-title">Values</h2>
                 <span class="quiet">{count}</span>
                 <FoldAll session={session} />
+                <button
+                    aria-pressed={since !== undefined}
+                    class={since === undefined ? "" : "primary"}
+                    title="Show only what changes from now on"
+                    onClick={() => setSince(since === undefined ? now() : undefined)}
+                >
+                    Changed
+                </button>
                 <label class="search">
                     <Icon name="search" />
                     <span class="hidden">Search values</span>
@@ -44,18 +53,18 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
             </div>
             <SchemaDoubt session={session} openSchema={openSchema} />
             {rows.length > 0 ? (
-                <Grid session={session} rows={rows} searching={search !== ""} />
+                <Grid session={session} rows={rows} searching={search !== "" || since !== undefined} />
             ) : (
-                <Empty session={session} search={search} openSchema={openSchema} />
+                <Empty session={session} search={search} since={since} openSchema={openSchema} />
             )}
         </section>
     );
 }
 
 /** The rows, made anew only when names come or go, or are folded. */
-function useRows(session: Session, search: string): TreeNode[] {
-    const { tree } = session;
-    return useMemo(() => tree.rows(search), [tree.shape, search]);
+function useRows({ tree }: Session, search: string, since: number | undefined): TreeNode[] {
+    const second = since === undefined ? 0 : Math.floor(now() / 1000); // for all that has changed meanwhile
+    return useMemo(() => tree.rows(search, since), [tree.shape, search, since, second]);
 }
 
 /** Hides all groups but the outermost ones, or shows them all. */
@@ -75,7 +84,10 @@ function FoldAll({ session: { tree, status } }: { session: Session }) {
     );
 }
 
-function Empty({ session, search, openSchema }: { session: Session; search: string; openSchema: () => void }) {
+type EmptyProps = { session: Session; search: string; since: number | undefined; openSchema: () => void };
+
+function Empty({ session, search, since, openSchema }: EmptyProps) {
+    if (since !== undefined) return <p class="empty">Nothing has changed since {clockText(since)}.</p>;
     if (search) return <p class="empty">No path has all of these words.</p>;
     return (
         <div class="empty">
@@ -112,6 +124,10 @@ function Grid({ session, rows, searching }: GridProps) {
         const target = Math.max(0, Math.min(rows.length - 1, index));
         setActive(rows[target]);
         reveal(target);
+    };
+    const pin = (node: TreeNode) => {
+        session.tree.pin(node, !node.pinned);
+        session.status.changed();
     };
     const fold = (node: TreeNode, collapsed: boolean) => {
         session.tree.fold(node, collapsed);
@@ -172,6 +188,7 @@ function Grid({ session, rows, searching }: GridProps) {
                         active={node === active}
                         copied={node === copied}
                         copy={copy}
+                        pin={pin}
                         open={searching || !node.collapsed}
                         activate={() => setActive(node)}
                         fold={fold}
@@ -266,12 +283,13 @@ type RowProps = {
     active: boolean;
     copied: boolean;
     copy: (node: TreeNode) => void;
+    pin: (node: TreeNode) => void;
     open: boolean;
     activate: () => void;
     fold: (node: TreeNode, collapsed: boolean) => void;
 };
 
-function Row({ session, node, index, top, active, copied, copy, open, activate, fold }: RowProps) {
+function Row({ session, node, index, top, active, copied, copy, pin, open, activate, fold }: RowProps) {
     const branch = node.children.size > 0;
     return (
         <div
@@ -289,7 +307,12 @@ function Row({ session, node, index, top, active, copied, copy, open, activate, 
                 if (branch && !isValue(node)) fold(node, !node.collapsed);
             }}
         >
-            <div role="gridcell" class="name" style={{ paddingLeft: indentation(node.depth - 1) }} title={node.dotted}>
+            <div
+                role="gridcell"
+                class="name"
+                style={{ paddingLeft: indentation(node.pinned ? 0 : node.depth - 1) }}
+                title={node.dotted}
+            >
                 {branch ? (
                     <button
                         class={`fold${open ? " open" : ""}`}
@@ -303,9 +326,18 @@ function Row({ session, node, index, top, active, copied, copy, open, activate, 
                         <Icon name="open" />
                     </button>
                 ) : (
-                    <span class="fold" />
+                    <button
+                        class="fold pin"
+                        tabIndex={active ? 0 : -1}
+                        aria-pressed={node.pinned}
+                        aria-label={`Pin ${node.dotted}`}
+                        title={node.pinned ? "Back to its place" : "Keep at the top"}
+                        onClick={() => pin(node)}
+                    >
+                        <Icon name="pin" />
+                    </button>
                 )}
-                <span>{node.label}</span>
+                <span>{node.pinned ? node.dotted : node.label}</span>
             </div>
             {isValue(node) && <Cells session={session} node={node} active={active} />}
         </div>
