@@ -379,6 +379,17 @@ describe("the tree", () => {
         expect(names(tree)).toEqual(["a", "d"]);
         expect(names(tree, "c")).toEqual(["a", "a.b", "a.b.c"]);
     });
+    test("folds and unfolds all at once", () => {
+        const tree = new Tree();
+        tree.update({ a: { b: { c: 1 } }, d: 2 }, 0);
+        const { shape } = tree;
+        tree.foldAll(true);
+        expect(tree.shape).not.toBe(shape);
+        expect(names(tree)).toEqual(["a", "d"]);
+        tree.foldAll(false);
+        expect(names(tree)).toEqual(["a", "a.b", "a.b.c", "d"]);
+        expect(tree.groups.map(({ dotted }) => dotted)).toEqual(["a", "a.b"]);
+    });
     test("interrupts the curves of all that has come", () => {
         const tree = new Tree();
         tree.update({ a: 1, b: { c: true } }, 5);

@@ -20,12 +20,15 @@ export function isObserved(leaf: Leaf | undefined): boolean {
 export class Series {
     value: Value = null;
     time = 0;
+    /** When it was last another value than before; arrays are always new. */
+    changed = -Infinity;
     readonly rate = new Rate();
     readonly history = new History(KEPT);
     /** Since the last reading there may have been others that did not come. */
     interrupted = false;
 
     update(value: Value, time: number): void {
+        if (!Object.is(value, this.value)) this.changed = time;
         this.value = value;
         this.time = time;
         this.interrupted = false;

@@ -25,6 +25,13 @@ export function valueText(value: Value, leaf?: Leaf): string {
     return String(value);
 }
 
+/** A value with all that it has, to be taken elsewhere: every element of an array, and texts without quotes. */
+export function wholeText(value: Value, leaf?: Leaf): string {
+    if (typeof value === "string") return value;
+    if (!ArrayBuffer.isView(value)) return valueText(value, leaf);
+    return Array.from(value as ArrayLike<number>, (element) => numberText(element, leaf)).join(", ");
+}
+
 function mapText(value: ValueMap): string {
     return JSON.stringify(value, (_, item) => (typeof item === "bigint" ? String(item) : item));
 }

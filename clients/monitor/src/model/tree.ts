@@ -19,6 +19,8 @@ export class TreeNode {
     /** What was last written from here. */
     sent: Value | undefined;
     collapsed = false;
+    /** Stands above all others. */
+    pinned = false;
 
     constructor(
         readonly path: Path,
@@ -74,6 +76,18 @@ export class Tree {
         this.shape++;
     }
 
+    /** Puts a node above all others, or back to its place. */
+    pin(node: TreeNode, pinned: boolean): void {
+        node.pinned = pinned;
+        this.shape++;
+    }
+
+    /** The same everywhere. */
+    foldAll(collapsed: boolean): void {
+        for (const node of this.#all(this.root)) node.collapsed = collapsed && node !== this.root;
+        this.shape++;
+    }
+
     /** Values may have been missed from a time on. */
     interrupt(time: number): void {
         for (const { series } of this.#all(this.root)) series?.interrupt(time);
@@ -91,16 +105,30 @@ export class Tree {
         return this.#valued.nodes;
     }
 
+    /** All that have others below them. */
+    get groups(): TreeNode[] {
+        return this.#all(this.root).filter((node) => node !== this.root && node.children.size > 0);
+    }
+
     /** The leaves whose values go out in the same frames as those of a leaf, that one among them. */
     sameFrame(leaf: Leaf): TreeNode[] {
         return this.#all(this.root).filter((node) => node.leaf?.mac === leaf.mac && node.leaf.cmd === leaf.cmd);
     }
 
-    /** The rows of the table, from top to bottom; `search` words must all occur in a row's path. */
-    rows(search = ""): TreeNode[] {
+    /**
+     * The rows of the table, from top to bottom: what is pinned, then the others. `search` words must all occur in a
+     * row's path; with `since`, its value must have changed after that time.
+     */
+    rows(search = "", since?: number): TreeNode[] {
         const words = search.toLowerCase().split(/\s+/).filter(Boolean);
-        const rows = words.length > 0 ? this.#matching(this.root, words) : this.#open(this.root);
-        return this.root.series ? [this.root, ...rows] : rows;
+        const fits = (node: TreeNode) =>
+            words.every((word) => node.dotted.toLowerCase().includes(word)) &&
+            (since === undefined || (node.series?.changed ?? -Infinity) > since);
+        const isSearch = words.length > 0 || since !== undefined;
+        const rows = isSearch ? this.#matching(this.root, fits) : this.#open(this.root);
+        const all = this.root.series ? [this.root, ...rows] : rows;
+        const pinned = this.#all(this.root).filter((node) => node.pinned);
+        return pinned.length > 0 ? [...pinned, ...all.filter((node) => !node.pinned)] : all;
     }
 
     #update(node: TreeNode, value: Value, time: number): void {
@@ -139,11 +167,10 @@ export class Tree {
         return this.#sorted(node).flatMap((child) => (child.collapsed ? [child] : [child, ...this.#open(child)]));
     }
 
-    #matching(node: TreeNode, words: string[]): TreeNode[] {
+    #matching(node: TreeNode, fits: (node: TreeNode) => boolean): TreeNode[] {
         return this.#sorted(node).flatMap((child) => {
-            const below = this.#matching(child, words);
-            const path = child.dotted.toLowerCase();
-            const matches = child.children.size === 0 && words.every((word) => path.includes(word));
+            const below = this.#matching(child, fits);
+            const matches = child.children.size === 0 && fits(child);
             return matches || below.length > 0 ? [child, ...below] : [];
         });
     }
@@ -160,6 +187,7 @@ function find(from: TreeNode, path: Path): TreeNode | undefined {
 function copyReadings(from: TreeNode | undefined, to: TreeNode): void {
     to.series = from?.series;
     to.sent = from?.sent;
+    to.pinned = from?.pinned ?? false;
     for (const child of from?.children.values() ?? []) {
         if (child.leaf) continue;
         const copy = new TreeNode(child.path, to);

@@ -1,5 +1,8 @@
 const shapes = {
     open: "M9 6l6 6-6 6",
+    foldAll: "M7 5l5 5 5-5M7 19l5-5 5 5",
+    unfoldAll: "M7 10l5-5 5 5M7 14l5 5 5-5",
+    pin: "M9 3h6l-1 7 4 4H6l4-4zM12 14v7",
     plot: "M4 4v16h16M7 14l3-4 3 3 4-6",
     set: "M4 17v3h3L18 9l-3-3L4 17zM13 8l3 3",
     lock: "M7 11V8a5 5 0 0 1 10 0v3M6 11h12v9H6z",

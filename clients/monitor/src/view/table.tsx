@@ -2,8 +2,9 @@ import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
 import { readOnlyReason } from "vorbel";
 import { now } from "../model/clock";
 import type { Session } from "../model/session";
-import { ageText, rateText, valueText } from "../model/text";
+import { ageText, clockText, rateText, valueText, wholeText } from "../model/text";
 import type { TreeNode } from "../model/tree";
+import { copyText } from "./copy";
 import { SchemaDoubt } from "./doubt";
 import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
@@ -22,13 +23,23 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
     useSource(session.values, PAUSE);
     useClock(500);
     const [search, setSearch] = useState("");
-    const rows = useRows(session, search);
+    const [since, setSince] = useState<number>();
+    const rows = useRows(session, search, since);
     const count = rows.filter((row) => row.series || row.leaf).length;
     return (
         <section class="panel values" aria-labelledby="values-title">
             <div class="title">
                 <h2 id="values-title">Values</h2>
                 <span class="quiet">{count}</span>
+                <FoldAll session={session} />
+                <button
+                    aria-pressed={since !== undefined}
+                    class={since === undefined ? "" : "primary"}
+                    title="Show only what changes from now on"
+                    onClick={() => setSince(since === undefined ? now() : undefined)}
+                >
+                    Changed
+                </button>
                 <label class="search">
                     <Icon name="search" />
                     <span class="hidden">Search values</span>
@@ -42,21 +53,41 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
             </div>
             <SchemaDoubt session={session} openSchema={openSchema} />
             {rows.length > 0 ? (
-                <Grid session={session} rows={rows} searching={search !== ""} />
+                <Grid session={session} rows={rows} searching={search !== "" || since !== undefined} />
             ) : (
-                <Empty session={session} search={search} openSchema={openSchema} />
+                <Empty session={session} search={search} since={since} openSchema={openSchema} />
             )}
         </section>
     );
 }
 
 /** The rows, made anew only when names come or go, or are folded. */
-function useRows(session: Session, search: string): TreeNode[] {
-    const { tree } = session;
-    return useMemo(() => tree.rows(search), [tree.shape, search]);
+function useRows({ tree }: Session, search: string, since: number | undefined): TreeNode[] {
+    const second = since === undefined ? 0 : Math.floor(now() / 1000); // for all that has changed meanwhile
+    return useMemo(() => tree.rows(search, since), [tree.shape, search, since, second]);
 }
 
-function Empty({ session, search, openSchema }: { session: Session; search: string; openSchema: () => void }) {
+/** Hides all groups but the outermost ones, or shows them all. */
+function FoldAll({ session: { tree, status } }: { session: Session }) {
+    const groups = tree.groups;
+    if (groups.length === 0) return null;
+    const isOpen = groups.some(({ collapsed }) => !collapsed);
+    const fold = () => {
+        tree.foldAll(isOpen);
+        status.changed();
+    };
+    const label = isOpen ? "Fold all" : "Unfold all";
+    return (
+        <button class="square" onClick={fold} aria-label={label} title={label}>
+            <Icon name={isOpen ? "foldAll" : "unfoldAll"} />
+        </button>
+    );
+}
+
+type EmptyProps = { session: Session; search: string; since: number | undefined; openSchema: () => void };
+
+function Empty({ session, search, since, openSchema }: EmptyProps) {
+    if (since !== undefined) return <p class="empty">Nothing has changed since {clockText(since)}.</p>;
     if (search) return <p class="empty">No path has all of these words.</p>;
     return (
         <div class="empty">
@@ -78,6 +109,7 @@ function Grid({ session, rows, searching }: GridProps) {
     const grid = useRef<HTMLDivElement>(null);
     const [view, setView] = useState({ top: 0, height: 600, narrow: false });
     const [active, setActive] = useState<TreeNode>();
+    const [copied, setCopied] = useState<TreeNode>();
     const rowHeight = view.narrow ? ROW.narrow : ROW.wide;
     const activeIndex = active ? rows.indexOf(active) : -1;
     useView(grid, setView);
@@ -93,11 +125,25 @@ function Grid({ session, rows, searching }: GridProps) {
         setActive(rows[target]);
         reveal(target);
     };
+    const pin = (node: TreeNode) => {
+        session.tree.pin(node, !node.pinned);
+        session.status.changed();
+    };
     const fold = (node: TreeNode, collapsed: boolean) => {
         session.tree.fold(node, collapsed);
         session.status.changed();
     };
+    const copy = (node: TreeNode) => {
+        if (!node.series) return;
+        void copyText(wholeText(node.series.value, node.leaf)).then((done) => setCopied(done ? node : undefined));
+    };
     const press = (event: KeyboardEvent) => {
+        const isCopy = event.key.toLowerCase() === "c" && !event.altKey && !event.shiftKey;
+        if (isCopy && active && document.getSelection()!.isCollapsed) {
+            copy(active);
+            event.preventDefault();
+            return;
+        }
         if (event.ctrlKey || event.metaKey || event.altKey) return; // the browser's own: printing, going back
         if (event.key === "Enter" && event.target !== grid.current) return; // a button in the row takes it
         const handled = pressed(event.key, {
@@ -119,7 +165,7 @@ function Grid({ session, rows, searching }: GridProps) {
             class={`grid${view.narrow ? " narrow" : ""}`}
             ref={grid}
             role="treegrid"
-            aria-label="Values. Arrow keys move and fold, P plots, Enter sets."
+            aria-label="Values. Arrow keys move and fold, P plots, C copies, Enter sets."
             aria-rowcount={rows.length + 1}
             aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
             tabIndex={0}
@@ -128,6 +174,9 @@ function Grid({ session, rows, searching }: GridProps) {
             onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
         >
             <Heads />
+            <span class="hidden" role="status">
+                {copied && `Copied ${copied.dotted}`}
+            </span>
             <div class="all" role="rowgroup" style={{ height: `${rows.length * rowHeight}px` }}>
                 {rows.slice(first, last).map((node, at) => (
                     <Row
@@ -137,6 +186,9 @@ function Grid({ session, rows, searching }: GridProps) {
                         index={first + at}
                         top={(first + at) * rowHeight}
                         active={node === active}
+                        copied={node === copied}
+                        copy={copy}
+                        pin={pin}
                         open={searching || !node.collapsed}
                         activate={() => setActive(node)}
                         fold={fold}
@@ -229,29 +281,38 @@ type RowProps = {
     index: number;
     top: number;
     active: boolean;
+    copied: boolean;
+    copy: (node: TreeNode) => void;
+    pin: (node: TreeNode) => void;
     open: boolean;
     activate: () => void;
     fold: (node: TreeNode, collapsed: boolean) => void;
 };
 
-function Row({ session, node, index, top, active, open, activate, fold }: RowProps) {
+function Row({ session, node, index, top, active, copied, copy, pin, open, activate, fold }: RowProps) {
     const branch = node.children.size > 0;
     return (
         <div
             id={node.id}
-            class={`row${active ? " active" : ""}${isValue(node) ? "" : " branch"}`}
+            class={`row${active ? " active" : ""}${copied ? " copied" : ""}${isValue(node) ? "" : " branch"}`}
             role="row"
             aria-rowindex={index + 2}
             aria-level={Math.max(1, node.depth)}
             aria-expanded={branch ? open : undefined}
             aria-selected={active}
             style={{ transform: `translateY(${top}px)` }}
+            onDblClick={(event) => (event.target as Element).closest(".value") && copy(node)}
             onClick={() => {
                 activate();
                 if (branch && !isValue(node)) fold(node, !node.collapsed);
             }}
         >
-            <div role="gridcell" class="name" style={{ paddingLeft: indentation(node.depth - 1) }} title={node.dotted}>
+            <div
+                role="gridcell"
+                class="name"
+                style={{ paddingLeft: indentation(node.pinned ? 0 : node.depth - 1) }}
+                title={node.dotted}
+            >
                 {branch ? (
                     <button
                         class={`fold${open ? " open" : ""}`}
@@ -265,9 +326,18 @@ function Row({ session, node, index, top, active, open, activate, fold }: RowPro
                         <Icon name="open" />
                     </button>
                 ) : (
-                    <span class="fold" />
+                    <button
+                        class="fold pin"
+                        tabIndex={active ? 0 : -1}
+                        aria-pressed={node.pinned}
+                        aria-label={`Pin ${node.dotted}`}
+                        title={node.pinned ? "Back to its place" : "Keep at the top"}
+                        onClick={() => pin(node)}
+                    >
+                        <Icon name="pin" />
+                    </button>
                 )}
-                <span>{node.label}</span>
+                <span>{node.pinned ? node.dotted : node.label}</span>
             </div>
             {isValue(node) && <Cells session={session} node={node} active={active} />}
         </div>
