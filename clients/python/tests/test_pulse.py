@@ -63,6 +63,7 @@ async def test_no_order_is_delivered_when_the_link_is_back(bridge, fast):
                 await client.set("setpoint", 4)
             await asyncio.sleep(1)  # so that the kernel tries to deliver before the daemon says anything
         await until(Hello, events)
+        await client.connected()
         await client.set("setpoint", 5)
         await client.confirmed()
         assert bridge.heard(2) == [(5, 3, "01 00"), (5, 3, "05 00")]

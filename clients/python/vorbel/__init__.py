@@ -11,9 +11,11 @@ The protocol is described in docs/protocol.md, the library in clients/python/REA
 from .client import Client, Disconnected, Hello, Undecodable, Values, connect
 from .checks import check, check_text
 from .errors import ConnectError, Problem, SchemaError, VorbelError, WriteError
+from .ownership import SchemaChanged
 from .schema import load_schema
 from .writing import Written
 
-__all__ = ["Client", "ConnectError", "Disconnected", "Hello", "Problem", "SchemaError", "Undecodable", "Values",
-           "VorbelError", "WriteError", "Written", "check", "check_text", "connect", "load_schema"]
+__all__ = ["Client", "ConnectError", "Disconnected", "Hello", "Problem", "SchemaChanged", "SchemaError",
+           "Undecodable", "Values", "VorbelError", "WriteError", "Written",
+           "check", "check_text", "connect", "load_schema"]
 __version__ = "0.1.0"

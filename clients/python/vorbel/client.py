@@ -12,7 +12,7 @@ import random
 import re
 import time
 import urllib.parse
-from collections.abc import AsyncIterator, Generator, Sequence
+from collections.abc import AsyncIterator, Generator, Iterator, Sequence
 from dataclasses import dataclass, field
 from typing import TYPE_CHECKING, Any, Optional, Union
 
@@ -23,7 +23,8 @@ from websockets.exceptions import (ConnectionClosed, ConnectionClosedError, Inva
 
 from . import checks, paths, wire, writing
 from .errors import ConnectError, Problem, WriteError
-from .pulse import DOUBTED_AFTER, INTERVAL, LOST_AFTER, Pulse
+from .ownership import Ownership, SchemaChanged, State, pass_tick
+from .pulse import DOUBTED_AFTER, INTERVAL, LOST_AFTER, Pulse, ask
 from .schema import MESSAGE_LIMIT as SENT_LIMIT, Source, load_schema, to_text
 from .writing import Written
 
@@ -86,7 +87,7 @@ class Disconnected:
     time: float = field(default_factory=time.time)
 
 
-Event = Union[Hello, Values, Undecodable, Disconnected]
+Event = Union[Hello, Values, Undecodable, Disconnected, SchemaChanged]
 
 
 def connect(address: str = "localhost", **options: Any) -> Client:
@@ -126,14 +127,17 @@ class Client:
     Events are kept for one consumer. When it falls behind, the oldest are dropped and counted in `lost`: values
     are readings of a live bus, and a client that stops reading would be dropped by the daemon.
 
-    `schema` is a file or a dict; it is sent after each hello, since a daemon that was restarted has forgotten it,
-    and it then holds for all clients of that daemon. `check` False sends it whatever is wrong with it, and values
-    as they are. `timeout` is how many seconds to wait for a connection on entering and in write(); None: for ever.
-    `trouble` says why there was no connection last.
+    `schema` is a file or a dict; it is sent after the first hello, and then holds for all clients of that daemon. A
+    daemon that was restarted has forgotten it: it is sent again after a second in which none of its values comes,
+    unless another client has replaced it, see SchemaChanged. `silent_after` seconds without any of its values, which
+    came regularly before, may mean that, too; None: they never do. `check` False sends it whatever is wrong with it,
+    and values as they are. `timeout` is how many seconds to wait for a connection on entering and in confirmed();
+    None: for ever. `trouble` says why there was no connection last.
     """
 
     def __init__(self, address: str = "localhost", *, schema: Optional[Source] = None, check: bool = True,
-                 timeout: Optional[float] = 10.0, pauses: tuple[float, float] = (0.2, 10.0)) -> None:
+                 timeout: Optional[float] = 10.0, pauses: tuple[float, float] = (0.2, 10.0),
+                 silent_after: Optional[float] = 10.0) -> None:
         self._whole_uri = _checked(uri_of(address))
         self.uri = without_password(self._whole_uri, self._whole_uri)  # for messages
         self.timeout = timeout
@@ -142,8 +146,10 @@ class Client:
         self.lost = 0
         self._check = check
         self._pauses = pauses
+        self._silent_after = silent_after
         self.trouble = "no answer yet"
         self._schema_text = ""
+        self._ownership: Optional[Ownership] = None
         self._socket: Optional[WebSocketClientProtocol] = None
         self._pulse: Optional[Pulse] = None
         self._ready = asyncio.Event()
@@ -174,7 +180,8 @@ class Client:
         return self.__aenter__().__await__()
 
     async def connected(self) -> None:
-        """Returns when connected, greeted and, if there is a schema, that was sent. Raises ConnectError."""
+        """Returns when connected, greeted and, if there is a schema of this client's, the daemon has been sent it or
+        has one already. Raises ConnectError."""
         task = self._require_task()
         waiting = asyncio.create_task(self._ready.wait())
         await asyncio.wait({waiting, task}, timeout=self.timeout, return_when=asyncio.FIRST_COMPLETED)
@@ -193,8 +200,8 @@ class Client:
     # What comes
 
     async def events(self, seconds: Optional[float] = None) -> AsyncIterator[Event]:
-        """Hello, Values, Undecodable and Disconnected, in the order in which they happened; until closed, or for
-        some seconds."""
+        """Hello, Values, Undecodable, Disconnected and SchemaChanged, in the order in which they happened; until
+        closed, or for some seconds."""
         deadline = None if seconds is None else time.monotonic() + seconds
         while True:
             while self._events:
@@ -217,15 +224,25 @@ class Client:
                 log.warning("%s", event)
             elif isinstance(event, Disconnected):
                 log.warning("%s; next attempt in %.1f s", event.reason, event.retry_in)
+            elif isinstance(event, SchemaChanged):
+                log.log(logging.INFO if event.is_restored else logging.WARNING, "%s", event)
 
     # What goes
 
+    @property
+    def owns_schema(self) -> bool:
+        """Whether this client's schema is the last that was sent, as far as it can be known: only then it is sent
+        again."""
+        return self._ownership is not None and self._ownership.is_owned
+
     async def send_schema(self, schema: Source, clear: bool = False) -> list[Problem]:
-        """Replaces the schema for all clients of the daemon and returns the warnings about it. One without leaves is
-        refused unless it is to `clear` the one in force."""
+        """Replaces the schema for all clients of the daemon, which makes it this client's, and returns the warnings
+        about it. One without leaves is refused unless it is to `clear` the one in force."""
         warnings = self._adopt(schema, clear)
         await self.connected()
-        await self._send(self._schema_text)
+        if self._ownership and not self._ownership.is_sent:
+            with self._loss_told():
+                await self._send_schema(self._require_connection())
         return warnings
 
     async def write(self, values: dict[str, Any]) -> list[Written]:
@@ -294,20 +311,36 @@ class Client:
             raise ConnectError(f"Not written: there is no connection to {self.uri}: {self.trouble}")
         if self._pulse.is_doubtful:
             raise ConnectError(f"Not written: {self.uri} has not answered for {DOUBTED_AFTER * INTERVAL:g} s")
+        if not self._ready.is_set():
+            raise ConnectError(f"Not written: {self.uri} is back, but whether it has the schema is not known yet")
 
     def _adopt(self, schema: Source, clear: bool = False) -> list[Problem]:
         schema = load_schema(schema)
         warnings = checks.check_or_raise(schema, clear) if self._check else []
         self._schema_text = to_text(schema)
         self.schema = schema
+        self._ownership = Ownership(schema, self._silent_after, self._tell_schema)
+        self._settle()
         return warnings
 
-    async def _send(self, message: Union[str, bytes]) -> None:
-        try:
+    async def _send(self, message: bytes) -> None:
+        with self._loss_told():
             connection = self._require_connection()
             await connection.send(message)
             if not connection.open:  # what waits for room is let go when the connection is dropped
                 raise ConnectionError
+
+    async def _send_schema(self, connection: WebSocketClientProtocol) -> None:
+        if self._ownership:
+            self._ownership.begin()
+            text, confirm = self._schema_text, self._ownership.confirm
+            await connection.send(text)
+            await ask(connection, confirm)
+
+    @contextlib.contextmanager
+    def _loss_told(self) -> Iterator[None]:
+        try:
+            yield
         except (ConnectionClosed, ConnectionError):
             raise ConnectError(f"The connection to {self.uri} ended while sending; "
                                "nothing says whether the message arrived") from None
@@ -346,13 +379,37 @@ class Client:
             self._ready.clear()
 
     async def _listen(self, socket: WebSocketClientProtocol, pulse: Pulse) -> None:
-        watching = asyncio.create_task(pulse.watch())
+        watching = [asyncio.create_task(pulse.watch()), asyncio.create_task(self._watch_schema(socket))]
         try:
             async for message in socket:
                 pulse.heard()
                 self._take(message)
         finally:
-            watching.cancel()
+            for each in watching:
+                each.cancel()
+
+    async def _watch_schema(self, connection: WebSocketClientProtocol) -> None:
+        with contextlib.suppress(ConnectionClosed):
+            while True:
+                await pass_tick(connection)
+                if self._is_listening:
+                    await self._send_schema(connection)
+                    self._tell_schema("resent", "none of its values came, and a restarted daemon has none")
+                    self._settle()
+                elif self._ownership:
+                    self._ownership.tick()
+
+    @property
+    def _is_listening(self) -> bool:
+        return self._ownership is not None and self._ownership.is_listening
+
+    def _settle(self) -> None:
+        """Lets those go on who wait for a connection, once nothing is in doubt about the daemon's schema."""
+        if self._socket is not None and not self._is_listening:
+            self._ready.set()
+
+    def _tell_schema(self, state: State, reason: str) -> None:
+        self._emit(SchemaChanged(state, reason))
 
     async def _greet(self, socket: WebSocketClientProtocol) -> Pulse:
         """From now on there is a connection."""
@@ -361,12 +418,18 @@ class Client:
         if _hello_in(message) is None:
             raise ValueError(f"no Vorbel daemon: it greets with {message[:60]!r}")
         self._take(message)
-        if self.schema is not None:
-            await socket.send(self._schema_text)
+        await self._restore_schema(socket)
         self._socket = socket
         self._pulse = pulse = Pulse(socket)
-        self._ready.set()
+        self._settle()
         return pulse
+
+    async def _restore_schema(self, socket: WebSocketClientProtocol) -> None:
+        """What the daemon is known to have had, it may have still, or another client's that was sent later."""
+        if self._ownership and self._ownership.is_confirmed:
+            self._ownership.resume()
+        else:
+            await self._send_schema(socket)
 
     def _take(self, message: Union[str, bytes]) -> None:
         """A text is a hello; other texts are for clients of another time."""
@@ -381,6 +444,9 @@ class Client:
         except ValueError as error:
             self._emit(Undecodable(message, str(error)))
             return
+        if self._ownership:
+            self._ownership.heard(data)
+            self._settle()
         self._emit(Values(data))
 
     def _emit(self, event: Event) -> None:

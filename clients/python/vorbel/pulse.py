@@ -6,6 +6,7 @@ import asyncio
 import contextlib
 import socket
 import struct
+from collections.abc import Callable
 from typing import TYPE_CHECKING
 
 from websockets.exceptions import ConnectionClosed
@@ -16,6 +17,16 @@ if TYPE_CHECKING:
 INTERVAL = 1.0  # seconds from one question to the next
 DOUBTED_AFTER = 2  # questions in a row without an answer: nothing is to be written
 LOST_AFTER = 5  # the connection is given up
+
+
+async def ask(connection: WebSocketClientProtocol, answered: Callable[[], None]) -> None:
+    """Sends a ping. `answered` is called when the answer has come, if it ever does: behind all that the daemon had
+    sent when it had handled what was sent to it before."""
+    def take(answer: asyncio.Future[None]) -> None:
+        if not answer.cancelled() and answer.exception() is None:
+            answered()
+
+    asyncio.ensure_future(await connection.ping()).add_done_callback(take)
 
 
 class Pulse:
@@ -53,12 +64,7 @@ class Pulse:
     async def _ask(self) -> None:
         with contextlib.suppress(ConnectionClosed, TimeoutError):  # a link that takes nothing does not take a ping
             async with asyncio.timeout(INTERVAL):
-                answer = await self._connection.ping()
-            asyncio.ensure_future(answer).add_done_callback(self._take_answer)
-
-    def _take_answer(self, answer: asyncio.Future[None]) -> None:
-        if not answer.cancelled() and answer.exception() is None:
-            self.heard()
+                await ask(self._connection, self.heard)
 
     def _drop(self) -> None:
         """Resets the connection, so that what the kernel has not delivered yet is gone: otherwise it would go on

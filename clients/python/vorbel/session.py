@@ -8,6 +8,7 @@ from typing import Any, Callable, Optional
 from . import paths
 from .client import Client, Disconnected, Event, Hello, Values
 from .errors import VorbelError, suggestion
+from .ownership import SchemaChanged
 from .schema import Leaf, leaves
 from .table import Row, Table, shown
 from .writing import Written
@@ -58,7 +59,7 @@ class Session:
             self._take_hello()
         elif isinstance(event, Disconnected):
             self._take_disconnected(event)
-        else:
+        elif not (isinstance(event, SchemaChanged) and event.is_restored):
             self.note(str(event))
 
     def _take_hello(self) -> None:
