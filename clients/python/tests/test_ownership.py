@@ -70,6 +70,10 @@ class Follower:
     def told(self):
         return [(event.state, event.reason) for event in self.of(SchemaChanged)]
 
+    async def greeted(self):
+        """Waits until the connection that was lost is back."""
+        await harness.eventually(lambda: isinstance(self.of((Hello, Disconnected))[-1], Hello), what="the hello")
+
     async def told_of(self, state, count=1):
         await harness.eventually(lambda: [each for each, _ in self.told].count(state) >= count, what=state)
 
@@ -85,13 +89,13 @@ class Follower:
 @contextlib.asynccontextmanager
 async def restarting(bridge, *followers):
     """Inside, all have just been greeted again; behind it, the bus is there, too."""
-    before = [(each, len(each.of(Disconnected)), len(each.of(Hello))) for each in followers]
+    before = [len(each.of(Disconnected)) for each in followers]
     bridge.stop()
-    for each, losses, _ in before:
+    for each, losses in zip(followers, before):
         await harness.eventually(lambda: len(each.of(Disconnected)) > losses, what="the loss")
     starting = asyncio.create_task(asyncio.to_thread(bridge.start))
-    for each, _, hellos in before:
-        await harness.eventually(lambda: len(each.of(Hello)) > hellos, what="the hello")
+    for each in followers:
+        await each.greeted()
     try:
         yield
     finally:
@@ -301,6 +305,20 @@ async def test_a_schema_that_is_sent_while_there_is_no_daemon_goes_out_with_the_
         assert received(bridge) == ["theirs"]
 
 
+async def test_a_schema_that_was_not_answered_goes_out_with_the_next_connection(bridge, monkeypatch):
+    """The values that come then are still those of the one before."""
+    monkeypatch.setattr(vorbel.pulse, "INTERVAL", 0.1)
+    async with connect(schema=MINE) as client, playing(bridge):
+        follower = Follower(client)
+        await follower.comes("mine")
+        with link_down():
+            await client.send_schema(THEIRS)
+            await harness.eventually(lambda: follower.of(Disconnected))
+        await follower.comes("theirs")
+        assert follower.told == []
+        assert client.owns_schema
+
+
 async def test_values_of_the_schema_before_say_nothing(bridge):
     """They are on their way when the new one is sent, and wait here until the program lets its loop run."""
     async with connect(schema=THEIRS) as client:
@@ -338,7 +356,8 @@ async def test_a_schema_without_values_is_replaced_too(bridge):
 @pytest.mark.parametrize("schema, stranger", [
     ({"mine": {"other": SPEED}}, "mine.other"), ({"mine": {"speed": {"x": SPEED}}}, "mine.speed.x"),
     ({"mine": SPEED}, "mine"), ({"mine": {"speed": SPEED, "a.b\x1b": SPEED}}, r"mine.a\.b\x1b"),
-], ids=["beside", "below", "above", "strange name"])
+    (SPEED, "one without a name"),
+], ids=["beside", "below", "above", "strange name", "root"])
 async def test_what_the_schema_does_not_have_is_named(bridge, schema, stranger):
     async with connect(schema=MINE) as client, connect(schema=schema, check=False) as other:
         await other.confirmed()
@@ -374,8 +393,7 @@ async def test_a_program_that_is_busy_when_the_daemon_is_back_hears_its_values_f
         await client.confirmed()
         with link_down():
             await harness.eventually(lambda: follower.of(Disconnected))
-        hellos = len(follower.of(Hello))
-        await harness.eventually(lambda: len(follower.of(Hello)) > hellos)
+        await follower.greeted()
         await asyncio.sleep(0.3)
         bridge.say(5, 2, "01 00")
         time.sleep(2)

@@ -532,6 +532,21 @@ def test_table_outlives_the_daemon(bridge, terminal):
     assert screen.end() == 0
 
 
+def test_watch_says_that_the_schema_was_replaced(bridge, terminal, tool, schema_file):
+    screen = terminal("watch", "--schema", MACHINE, columns=160)
+    bridge.daemon.wait_for("info Received schema: .*")
+    lines = tool.start("watch", "--schema", MACHINE).stderr
+    bridge.daemon.wait_for("info Received schema: .*", count=2)
+    assert tool("watch", "--schema", schema_file({"other": LEAF}), "--once", "0.3")[0] == 1
+    bridge.say(5, 2, "01 00")
+    told = ("another client has replaced the schema, which is not sent again by itself: a value comes that it does not "
+            "have, other\n")
+    assert [lines.readline(), lines.readline()] == ["vorbel-cli: hello: type unknown\n", f"vorbel-cli: {told}"]
+    screen.wait_for(told.strip())
+    screen.type("quit\r")
+    assert screen.end() == 0
+
+
 def test_title_stays_above_the_table(bridge, terminal, tool):
     screen = terminal("watch", "--title", "The page is at http://a")
     screen.wait_for("\x1b[H\x1b[1mThe page is at http://a\x1b[0m")
