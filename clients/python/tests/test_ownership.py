@@ -401,6 +401,17 @@ async def test_a_program_that_is_busy_when_the_daemon_is_back_hears_its_values_f
         assert follower.told == [KEPT]
 
 
+async def test_a_link_that_stalls_is_not_the_daemons_silence(bridge, fast):
+    async with connect(schema=MINE, silent_after=1) as client, playing(bridge):
+        follower = Follower(client)
+        await follower.comes("mine", 3)
+        with link_down():
+            await asyncio.sleep(3)
+        await follower.comes("mine", 3)
+        assert not follower.of(Disconnected)
+        assert follower.told == []
+
+
 async def test_a_silence_that_is_usual_is_none(bridge, fast):
     async with connect(schema=MINE, silent_after=0.4) as client, playing(bridge, interval=1):
         follower = Follower(client)

@@ -714,6 +714,19 @@ def test_record_tells_a_lost_connection_once(bridge, tool, tmp_path):
         f"vorbel-cli: recorded 1 message, {file.stat().st_size} bytes in 1 file at {file}"]
 
 
+def test_record_outlives_a_silence_and_a_restart(bridge, tool, tmp_path):
+    """As when machine and bridge are switched off for the night."""
+    file = tmp_path / "run.jsonl"
+    tool.start("record", file, "--schema", MACHINE)
+    bridge.daemon.wait_for("info Received schema: .*")
+    bridge.say(5, 2, *3 * ["58 02 90 01 01"])
+    harness.wait_until(lambda: file.read_text().count('"values"') == 3)
+    time.sleep(13)
+    bridge.stop()
+    bridge.start()
+    bridge.daemon.wait_for("info Received schema: .*", timeout=20)
+
+
 def test_record_of_nothing_leaves_nothing(tool, tmp_path):
     file = tmp_path / "run.csv"
     assert tool("record", file, "--timeout", "0.3") == (

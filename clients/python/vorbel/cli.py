@@ -127,7 +127,7 @@ async def schema_check(options: Options) -> int:
 
 
 async def record(options: Options) -> int:
-    client = _client(options)
+    client = _client(options, silent_after=None)  # nobody is there who would send it again in the morning
     recorder = Recorder(options.file, options.max_size, options.keep, options.append)
     return await record_to_files(client, recorder, options.seconds)
 
@@ -142,9 +142,9 @@ async def plot(options: Options) -> int:
 # What they share
 
 
-def _client(options: Options) -> Client:
+def _client(options: Options, **more: Any) -> Client:
     """The client for the options; warnings about its schema are told."""
-    client = Client(options.address, schema=options.schema, check=options.check, timeout=options.timeout)
+    client = Client(options.address, schema=options.schema, check=options.check, timeout=options.timeout, **more)
     if options.check and client.schema is not None:
         for warning in check(client.schema):
             say(str(warning))
