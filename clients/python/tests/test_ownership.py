@@ -209,6 +209,7 @@ async def test_a_silence_may_mean_that_the_schema_was_cleared_until_its_values_c
     async with connect(schema=MINE, silent_after=1) as first, connect() as last, playing(bridge):
         earlier, later = Follower(first), Follower(last)
         await earlier.comes("mine", 3)
+        await asyncio.sleep(1)
         await last.send_schema({}, clear=True)
         await earlier.told_of("silent")
         assert earlier.told == [("silent", "none of its values has come for 1 s")]
@@ -455,12 +456,30 @@ async def test_silence_that_never_counts(bridge, fast):
         assert client.owns_schema
 
 
-def test_silence_counts_after_ten_seconds_where_nothing_else_is_said():
-    told = []
+@pytest.fixture
+def schema_in_force():
+    """(a client's schema that the daemon has taken, what is told of it)"""
     mine = connect(schema=MINE)._ownership
+    told = []
     mine._tell = lambda *event: told.append(event)
     mine.begin()
     mine.confirm()
+    return mine, told
+
+
+def test_values_that_cross_a_schema_that_is_sent_again_say_nothing(schema_in_force):
+    mine, told = schema_in_force
+    mine.resume()
+    mine.begin()
+    mine.heard({"theirs": 1})
+    assert told == []
+    mine.confirm()
+    mine.heard({"theirs": 1})
+    assert told == [REPLACED]
+
+
+def test_silence_counts_after_ten_seconds_where_nothing_else_is_said(schema_in_force):
+    mine, told = schema_in_force
     for _ in range(3):
         mine.heard({"mine": {"speed": 1}})
     for _ in range(9):

@@ -403,9 +403,13 @@ class Terminal:
         os.write(self._descriptor, text.encode())
 
     def wait_for(self, text, timeout=10):
+        self.read_until(lambda: text in self.seen, repr(text), timeout)
+
+    def read_until(self, condition, what, timeout=10):
+        """A terminal that nobody reads makes the tool wait."""
         deadline = time.monotonic() + timeout
-        while text not in self.seen:
-            assert time.monotonic() < deadline and self._read(), f"{text!r} did not appear in {self.seen[-2000:]!r}"
+        while not condition():
+            assert time.monotonic() < deadline and self._read(), f"{what} did not appear in {self.seen[-2000:]!r}"
 
     def end(self):
         """The exit status."""
@@ -523,7 +527,7 @@ def test_table_outlives_the_daemon(bridge, terminal):
     screen.type("set motor.setpoint 5\r")
     screen.wait_for("Not written: no connection")
     bridge.start()
-    bridge.daemon.wait_for("info Received schema: .*", timeout=20)
+    screen.read_until(lambda: bridge.daemon.count("info Received schema: .*"), "the schema", timeout=20)
     screen.wait_for("connected again")
     assert bridge.heard(timeout=0.2) == []
     bridge.say(12, 1, "01")

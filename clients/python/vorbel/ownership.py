@@ -91,7 +91,6 @@ class Ownership:
     def resume(self) -> None:
         """A connection begins to a daemon that may have it."""
         self.is_listening = self.is_owned
-        self._forget_rhythm()
 
     def heard(self, values: Any) -> None:
         """Values have come."""
