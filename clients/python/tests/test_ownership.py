@@ -489,6 +489,19 @@ def test_silence_counts_after_ten_seconds_where_nothing_else_is_said(schema_in_f
     assert told == [("silent", "none of its values has come for 10 s")]
 
 
+def test_silence_counts_after_three_times_the_longest_before(schema_in_force):
+    mine, told = schema_in_force
+    for silence in (0, 4, 2):
+        for _ in range(silence):
+            mine.tick()
+        mine.heard({"mine": {"speed": 1}})
+    for _ in range(11):
+        mine.tick()
+    assert told == []
+    mine.tick()
+    assert told == [("silent", "none of its values has come for 12 s")]
+
+
 async def test_a_silence_ends_at_a_restart(bridge, fast):
     """The one before the connection was lost is not added to the one after."""
     async with connect(schema=MINE, silent_after=2) as client:
