@@ -33,7 +33,7 @@ const legend = () => page.locator(".legend .number").allTextContents();
 
 test("the legend tells the values where one points, and those of the present when one does not", async () => {
     await pausedStep();
-    expect(await legend()).toEqual(["7", "-7"]);
+    await expect.poll(legend).toEqual(["7", "-7"]);
     const [early, late] = [await place(4.5), await place(1)];
     await page.mouse.move(early.x, early.y);
     await expect.poll(legend).toEqual(["1", "-1"]);

@@ -88,6 +88,7 @@ describe("a rate", () => {
         [[0, 10_000], 10_000],
         [[0, 1000, 2000], 1000],
         [every(50, 1000), 50],
+        [[...every(1000, 20), ...every(10, 400).map((time) => 20_000 + time)], 10],
     ])("of %j has a period", (times, period) => {
         const rate = new Rate();
         for (const time of times) rate.arrived(time);
@@ -120,6 +121,14 @@ describe("a reading is overdue", () => {
     ])("when it could no longer be the present: %s", (_, times, leaf, time, overdue) =>
         expect(seriesOf(times).isOverdue(time, leaf)).toBe(overdue),
     );
+    test("and holds until the next if it comes only on change, or is a flag", () => {
+        expect(seriesOf([0]).holds(undefined)).toBe(false);
+        expect(seriesOf([0]).holds(gathered)).toBe(false);
+        expect(seriesOf([0]).holds(observed)).toBe(true);
+        const flag = new Series();
+        flag.update(false, 0);
+        expect(flag.holds(undefined)).toBe(true);
+    });
     test("at once when the connection is lost, until the next", () => {
         const series = seriesOf([0, 100]);
         series.interrupt(110);
@@ -214,6 +223,7 @@ describe("decimation", () => {
             [0, 3],
             [10, 3],
         ]);
+        expect(decimate([curve], 100, 200, 10, 152).lines[0]![11]).toBe(3);
         expect(decimate([curve], 100, 200, 10, 90).lines[0]).toEqual(new Array(22).fill(undefined));
     });
     test("holds what came last, also where a stretch has greater and smaller ones", () => {
@@ -233,6 +243,14 @@ describe("decimation", () => {
             5,
             undefined,
         ]);
+    });
+    test("does not grow where its last stretch ends otherwise than its extremes", () => {
+        const late: [number, number][] = [
+            [201, 0],
+            [203, 1],
+            [204, 0],
+        ];
+        expect(draw(late, 100, 200, 10, true).line).toHaveLength(22);
     });
     test("holds up to where the connection was lost", () => {
         const { line } = draw(
@@ -378,6 +396,35 @@ describe("the tree", () => {
         expect(tree.shape).not.toBe(shape);
         expect(names(tree)).toEqual(["a", "d"]);
         expect(names(tree, "c")).toEqual(["a", "a.b", "a.b.c"]);
+    });
+    test("knows which have had a value, also when more come", () => {
+        const tree = new Tree();
+        const valued = () => tree.valued.map(({ dotted }) => dotted);
+        tree.update({ a: { b: 1 } }, 0);
+        expect(valued()).toEqual(["a.b"]);
+        tree.update({ c: 1 }, 0);
+        expect(valued()).toEqual(["a.b", "c"]);
+    });
+    test("has what is pinned above all others, also under a new schema", () => {
+        const tree = new Tree();
+        tree.update({ a: { b: 1, c: 2 }, d: 2 }, 0);
+        tree.pin(tree.find(["d"])!, true);
+        tree.pin(tree.find(["a", "c"])!, true);
+        expect(names(tree)).toEqual(["a.c", "d", "a", "a.b"]);
+        expect(names(tree, "b")).toEqual(["a.c", "d", "a", "a.b"]);
+        tree.useSchema({ a: { b: { "@mac": 1 } }, d: { "@mac": 1 } });
+        expect(names(tree)).toEqual(["d", "a", "a.b"]);
+        tree.pin(tree.find(["d"])!, false);
+        expect(names(tree)).toEqual(["a", "a.b", "d"]);
+    });
+    test("finds what has changed since a time", () => {
+        const tree = new Tree();
+        tree.update({ a: { b: 1, c: NaN }, d: 2 }, 10);
+        tree.update({ a: { b: 2, c: NaN }, d: 2 }, 20);
+        expect(tree.rows("", 9).map(({ dotted }) => dotted)).toEqual(["a", "a.b", "a.c", "d"]);
+        expect(tree.rows("", 10).map(({ dotted }) => dotted)).toEqual(["a", "a.b"]);
+        expect(tree.rows("d", 10)).toEqual([]);
+        expect(tree.rows("", 20)).toEqual([]);
     });
     test("folds and unfolds all at once", () => {
         const tree = new Tree();
@@ -976,6 +1023,12 @@ describe("texts", () => {
         [1250.04, 5, "01.25004"],
     ])("of the time %d with %d decimals", (time, decimals, text) => {
         expect(clockText(Math.floor(now() / 60_000) * 60_000 + time, decimals).slice(6)).toBe(text);
+    });
+    test("of times a hundredth of a millisecond apart", () => {
+        const minute = Math.floor(now() / 60_000) * 60_000;
+        for (let at = 0; at < 100; at++) {
+            expect(clockText(minute + at / 100, 5).slice(6)).toBe(`00.000${String(at).padStart(2, "0")}`);
+        }
     });
     test.each<[number, string]>([
         [Math.fround(0.1), "0.1"],

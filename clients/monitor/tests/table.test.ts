@@ -23,14 +23,14 @@ test("all groups are folded, and unfolded, at once", async () => {
 test("what is pinned stands above all others, and goes back to its place", async () => {
     await sendSchema();
     await row("motor.speed").hover();
-    await row("motor.speed").getByRole("button", { name: "Pin motor.speed" }).click();
+    await row("motor.speed").getByRole("button", { name: "Keep at the top" }).click();
     await expect.poll(async () => (await paths())[0]).toBe("motor.speed");
     expect(await row("motor.speed").count()).toBe(1);
     expect(await row("motor.speed").locator(".name").textContent()).toBe("motor.speed");
     await page.getByLabel("Search values").fill("door");
     await expect.poll(paths).toEqual(["motor.speed", "door", "door.open"]);
     await page.getByLabel("Search values").fill("");
-    await row("motor.speed").getByRole("button", { name: "Pin motor.speed" }).click();
+    await row("motor.speed").getByRole("button", { name: "Keep at the top" }).click();
     await expect.poll(async () => (await paths())[0]).toBe("battery");
 });
 
@@ -39,10 +39,10 @@ test("only what changes from now on is shown when asked for", async () => {
     let count = 0;
     every(100, () => send({ still: 5, group: { count: ++count, off: true }, wave: count > 40 ? 2 : 1 }));
     await value("group.count").getByText(/\d/).waitFor();
-    await page.getByRole("button", { name: "Changed" }).click();
+    await page.getByRole("button", { name: "Only what changes" }).click();
     await expect.poll(paths).toEqual(["group", "group.count"]);
     await expect.poll(paths).toEqual(["group", "group.count", "wave"]);
-    await page.getByRole("button", { name: "Changed" }).click();
+    await page.getByRole("button", { name: "Only what changes" }).click();
     await row("still").waitFor();
 });
 

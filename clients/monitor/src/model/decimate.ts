@@ -39,7 +39,7 @@ function straightLine(history: History, grid: Grid): Line {
     const line: Line = new Array(2 * grid.count).fill(undefined);
     const last = line.length - 1;
     const begin = history.indexAt(timeOf(grid, 0));
-    let gap = isInterrupted(history, begin - 1) ? 0 : Infinity; // the slot where it begins
+    let gap = Infinity; // the slot where it begins
     widen(line, 0, between(history, begin, timeOf(grid, 0)));
     let at = begin;
     for (; at < history.length; at++) {
@@ -55,7 +55,7 @@ function straightLine(history: History, grid: Grid): Line {
         }
     }
     line.fill(null, gap);
-    if (gap === Infinity && line[last - 1] === undefined) line[last] = between(history, at, timeOf(grid, last));
+    if (gap === Infinity) line[last] ??= between(history, at, timeOf(grid, last));
     return line;
 }
 
@@ -63,7 +63,7 @@ function heldLine(history: History, grid: Grid, present: number): Line {
     const line: Line = new Array(2 * grid.count).fill(undefined);
     const begin = history.indexAt(timeOf(grid, 0));
     let held = finite(begin > 0 ? history.valueAt(begin - 1) : NaN);
-    let gap = isInterrupted(history, begin - 1) ? 0 : Infinity;
+    let gap = Infinity;
     let latest = 0; // the column of the last reading
     if (timeOf(grid, 0) <= present) widen(line, 0, held);
     for (let at = begin; at < history.length; at++) {
@@ -107,10 +107,6 @@ function finite(value: number): number | undefined {
 
 function columnOf(time: number, { first, width }: Grid): number {
     return Math.max(0, Math.floor(time / width) - first);
-}
-
-function isInterrupted(history: History, index: number): boolean {
-    return index >= 0 && !Number.isFinite(history.valueAt(index));
 }
 
 /** What lies at a time on the straight line between the reading before an index and the one there. */

@@ -84,7 +84,7 @@ export class Tree {
 
     /** The same everywhere. */
     foldAll(collapsed: boolean): void {
-        for (const node of this.#all(this.root)) node.collapsed = collapsed && node !== this.root;
+        for (const node of this.#all(this.root)) node.collapsed = collapsed;
         this.shape++;
     }
 

@@ -2,6 +2,7 @@ const shapes = {
     open: "M9 6l6 6-6 6",
     foldAll: "M7 5l5 5 5-5M7 19l5-5 5 5",
     unfoldAll: "M7 10l5-5 5 5M7 14l5 5 5-5",
+    changed: "M3 12h4l3-7 4 14 3-7h4",
     pin: "M9 3h6l-1 7 4 4H6l4-4zM12 14v7",
     plot: "M4 4v16h16M7 14l3-4 3 3 4-6",
     set: "M4 17v3h3L18 9l-3-3L4 17zM13 8l3 3",

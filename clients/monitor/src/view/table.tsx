@@ -34,11 +34,12 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
                 <FoldAll session={session} />
                 <button
                     aria-pressed={since !== undefined}
-                    class={since === undefined ? "" : "primary"}
-                    title="Show only what changes from now on"
+                    class={`square${since === undefined ? "" : " primary"}`}
+                    aria-label="Only what changes from now on"
+                    title="Only what changes from now on"
                     onClick={() => setSince(since === undefined ? now() : undefined)}
                 >
-                    Changed
+                    <Icon name="changed" />
                 </button>
                 <label class="search">
                     <Icon name="search" />
@@ -160,42 +161,44 @@ function Grid({ session, rows, searching }: GridProps) {
     const first = Math.max(0, Math.floor(view.top / rowHeight) - SPARE_ROWS);
     const last = Math.min(rows.length, Math.ceil((view.top + view.height) / rowHeight) + SPARE_ROWS);
     return (
-        <div
-            id="values-grid"
-            class={`grid${view.narrow ? " narrow" : ""}`}
-            ref={grid}
-            role="treegrid"
-            aria-label="Values. Arrow keys move and fold, P plots, C copies, Enter sets."
-            aria-rowcount={rows.length + 1}
-            aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
-            tabIndex={0}
-            style={{ "--row-height": `${rowHeight}px` }}
-            onKeyDown={press}
-            onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
-        >
-            <Heads />
+        <>
+            <div
+                id="values-grid"
+                class={`grid${view.narrow ? " narrow" : ""}`}
+                ref={grid}
+                role="treegrid"
+                aria-label="Values. Arrow keys move and fold, P plots, C copies, Enter sets."
+                aria-rowcount={rows.length + 1}
+                aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
+                tabIndex={0}
+                style={{ "--row-height": `${rowHeight}px` }}
+                onKeyDown={press}
+                onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
+            >
+                <Heads />
+                <div class="all" role="rowgroup" style={{ height: `${rows.length * rowHeight}px` }}>
+                    {rows.slice(first, last).map((node, at) => (
+                        <Row
+                            key={node.id}
+                            session={session}
+                            node={node}
+                            index={first + at}
+                            top={(first + at) * rowHeight}
+                            active={node === active}
+                            copied={node === copied}
+                            copy={copy}
+                            pin={pin}
+                            open={searching || !node.collapsed}
+                            activate={() => setActive(node)}
+                            fold={fold}
+                        />
+                    ))}
+                </div>
+            </div>
             <span class="hidden" role="status">
                 {copied && `Copied ${copied.dotted}`}
             </span>
-            <div class="all" role="rowgroup" style={{ height: `${rows.length * rowHeight}px` }}>
-                {rows.slice(first, last).map((node, at) => (
-                    <Row
-                        key={node.id}
-                        session={session}
-                        node={node}
-                        index={first + at}
-                        top={(first + at) * rowHeight}
-                        active={node === active}
-                        copied={node === copied}
-                        copy={copy}
-                        pin={pin}
-                        open={searching || !node.collapsed}
-                        activate={() => setActive(node)}
-                        fold={fold}
-                    />
-                ))}
-            </div>
-        </div>
+        </>
     );
 }
 
@@ -330,7 +333,7 @@ function Row({ session, node, index, top, active, copied, copy, pin, open, activ
                         class="fold pin"
                         tabIndex={active ? 0 : -1}
                         aria-pressed={node.pinned}
-                        aria-label={`Pin ${node.dotted}`}
+                        aria-label="Keep at the top"
                         title={node.pinned ? "Back to its place" : "Keep at the top"}
                         onClick={() => pin(node)}
                     >
