@@ -1,7 +1,7 @@
 import { readFileSync } from "node:fs";
 import { createRequire } from "node:module";
 import { expect, test } from "vitest";
-import { connected, machine, openSchema, page, row, sendSchema, startSetting, value } from "./fixture.js";
+import { connected, machine, openSchema, page, row, sendSchema, startSetting, url, value } from "./fixture.js";
 
 const axe = readFileSync(createRequire(import.meta.url).resolve("axe-core/axe.min.js"), "utf8");
 const RULES = ["wcag2a", "wcag2aa", "wcag21a", "wcag21aa", "wcag22aa", "best-practice"];
@@ -78,6 +78,36 @@ test.each([
         expect(await page.evaluate(() => document.documentElement.scrollWidth), "nothing sticks out").toBe(width);
     },
 );
+
+test.each([
+    ["light", 1280],
+    ["dark", 360],
+] as const)("nor has what keeps a machine from being moved: %s, %d pixels wide", async (colorScheme, width) => {
+    await page.emulateMedia({ colorScheme });
+    await page.setViewportSize({ width, height: 800 });
+    const sticksOut = () => page.evaluate((width) => document.documentElement.scrollWidth - width, width);
+    await page.goto(`${url}?locked&address=${"a-long-name.".repeat(8)}example.com`);
+    await page.getByRole("dialog").waitFor();
+    expect([await faults(), await sticksOut()], "a link to a stranger").toEqual([[], 0]);
+    await page.keyboard.press("Escape");
+    await page.getByRole("button", { name: "Locked" }).click();
+    expect([await faults(), await sticksOut()], "unlocking").toEqual([[], 0]);
+    await page.getByRole("button", { name: "Unlock" }).click();
+
+    const frame = { "@mac": 5, "@cmd": 3, "@format": "S" };
+    await sendSchema({ kp: { ...frame, "@skip": 2 }, limit: frame, alive: { ...frame, "@cmd": 2 } });
+    await value("alive").getByText(/^\d+$/).waitFor();
+    await page.waitForTimeout(1500);
+    await page.evaluate(() => {
+        const socket = new WebSocket("ws://127.0.0.1:10443");
+        socket.onopen = () => socket.send('{"other": {"@mac": 5, "@cmd": 2, "@format": "S"}}');
+    });
+    await page.locator(".notice").waitFor();
+    await startSetting("kp");
+    await page.keyboard.type("9");
+    await page.getByLabel("Send it nevertheless").waitFor();
+    expect([await faults(), await sticksOut()], "consequences").toEqual([[], 0]);
+});
 
 test("fingers find what they can press", async () => {
     await page.setViewportSize({ width: 360, height: 740 });

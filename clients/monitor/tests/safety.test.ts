@@ -124,6 +124,26 @@ describe("a network that stalls", () => {
         await expect.poll(() => machine.heard).toEqual(["mac 5 cmd 3: b0 04"]);
     });
 
+    test("lets nothing be sent twice, and keeps what is typed meanwhile", async () => {
+        const network = await connectThrough();
+        await sendSchema();
+        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await startSetting("motor.setpoint");
+        await page.keyboard.type("12");
+        network.stall();
+        await page.keyboard.press("Enter");
+        await outcome().getByText("Sending…").waitFor();
+        await page.keyboard.type("5");
+        await page.keyboard.press("Enter");
+        expect(await send().isDisabled()).toBe(true);
+        network.resume();
+        await outcome().getByText("Handled at").waitFor();
+        await page.waitForTimeout(300);
+        expect(machine.heard).toEqual(["mac 5 cmd 3: 0c 00"]);
+        expect(await field("motor.setpoint").inputValue()).toBe("125");
+        expect(await send().isDisabled()).toBe(false);
+    });
+
     test("is told also where the bus is silent, and silence alone is no stall", async () => {
         await machine.stopDaemon();
         await machine.startDaemon({ VORBEL_SOURCE: "none" });
@@ -318,7 +338,7 @@ describe("the schema", () => {
             expect(await page.getByRole("log").getByText("Schema sent again").count()).toBe(0);
             expect(await other.locator(".notice").count()).toBe(0);
         }
-        await notice.getByRole("button", { name: "Send it again" }).click();
+        await notice.getByRole("button", { name: "Send the one here" }).click();
         await changes(value("mine"));
         expect(await notice.count()).toBe(0);
         await other.locator(".notice").waitFor();
@@ -342,9 +362,22 @@ describe("the schema", () => {
         await other.close();
     });
 
-    test("of which no value comes any more may be another's, which is told", async () => {
+    test("that is only remembered may not be the daemon's, which is told as well", async () => {
         await sendSchema({ mine: SPEED });
         await changes(value("mine"));
+        const other = await newPage();
+        await changes(other.locator(".row:has([title=mine]) .value"));
+        expect(await other.locator(".notice").count()).toBe(0);
+        await sendFrom(page, { theirs: SPEED });
+        await other.locator(".notice").getByText("Another client may have replaced the schema.").waitFor();
+        await page.waitForTimeout(1500);
+        expect(await page.locator(".notice").count()).toBe(0);
+        await other.close();
+    });
+
+    test("of which no value comes any more may be another's, which is told", async () => {
+        await sendSchema({ mine: SPEED });
+        for (let count = 0; count < 4; count++) await changes(value("mine"));
         await page.evaluate(() => {
             const socket = new WebSocket("ws://127.0.0.1:10443");
             socket.onopen = () => socket.send("{}");

@@ -330,6 +330,8 @@ export class Session {
                 "Values come that the schema here does not have",
                 "another client may have changed the daemon's",
             );
+            if (!this.#client?.ownsSchema)
+                this.foreign = { certain: false, reason: "values come that it does not have" };
         }
         this.status.changed();
     }

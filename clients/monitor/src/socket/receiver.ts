@@ -36,17 +36,11 @@ class Connection {
     #open(url: string): void {
         const socket = (this.#socket = new WebSocket(url));
         socket.binaryType = "arraybuffer";
-        addEventListener("securitypolicyviolation", ({ blockedURI }) => {
-            if (url.startsWith(blockedURI)) this.#forbidden(blockedURI);
-        });
         socket.onopen = () => this.#tell({ up: true });
         socket.onmessage = ({ data }: MessageEvent<string | ArrayBuffer>) => this.#arrived({ data, arrival: now() });
+        // The end follows, but not where the page's policy forbids the connection.
+        socket.onerror = () => this.#finish({ code: 1006, reason: "", wasClean: false });
         socket.onclose = ({ code, reason, wasClean }) => this.#finish({ code, reason, wasClean });
-    }
-
-    /** The browser tells nobody else. */
-    #forbidden(address: string): void {
-        this.#finish({ code: 1006, reason: `the page's server allows it no connection to ${address}`, wasClean: false });
     }
 
     #obey(order: Order): void {

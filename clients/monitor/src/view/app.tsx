@@ -22,7 +22,7 @@ export function App({ session }: { session: Session }) {
     const writing = session.writing;
     return (
         <>
-            <div>
+            <div class="top">
                 <Boundary part="The header">
                     <Header session={session} openSchema={() => openSchema(true)} />
                     <SchemaNotice session={session} />

@@ -48,11 +48,11 @@ export function SchemaNotice({ session }: { session: Session }) {
                         ? "Another client has replaced the schema."
                         : "Another client may have replaced the schema."}
                 </b>{" "}
-                Who sent the last one owns it: it is not sent again from here.{" "}
+                Who sent the last one owns it: the one here is not sent unasked.{" "}
                 <span class="quiet">{shown(foreign.reason)}</span>
             </span>
             <button disabled={locked} onClick={() => session.setSchema(session.schemaText, true)}>
-                Send it again
+                Send the one here
             </button>
         </p>
     );

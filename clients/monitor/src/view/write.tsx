@@ -64,20 +64,23 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
     const [edits, setEdits] = useState<Edits>(new Map());
     const [agreed, setAgreed] = useState("");
     const [outcome, setOutcome] = useState<Outcome>();
+    const isSending = useRef(false);
     const draft = new Draft(node, together, edits, session.foreign?.reason);
     const isAgreed = agreed === draft.consequences;
-    const ready = draft.isComplete && isAgreed && outcome?.state !== "sending";
+    const ready = draft.isComplete && isAgreed && !isSending.current;
     const send = async (event: Event) => {
         event.preventDefault();
-        if (!ready) return;
+        if (!ready || isSending.current) return;
+        isSending.current = true;
         setOutcome({ state: "sending", text: "Sending…" });
         try {
             await session.write(draft.values);
-            setEdits(new Map());
+            setEdits((later) => new Map([...later].filter(([each, text]) => text !== edits.get(each))));
             setOutcome({ state: "handled", text: `Handled at ${clockText(now())}` });
         } catch (error) {
             setOutcome({ state: "failed", text: (error as Error).message });
         }
+        isSending.current = false;
         setAgreed("");
     };
     return (
@@ -93,7 +96,7 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
                     problem={draft.problems.get(each.leaf!)}
                     change={(text) => {
                         setEdits(new Map(edits).set(each, text));
-                        setOutcome(undefined);
+                        if (!isSending.current) setOutcome(undefined);
                     }}
                 />
             ))}
