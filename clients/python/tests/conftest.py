@@ -1,10 +1,12 @@
 import json
 import os
+import signal
 import subprocess
 
 import pytest
 
-from bridges import TOOL, Bridge, SerialBridge
+from bridges import PROJECT, TOOL, Bridge, SerialBridge
+from screen import Terminal
 
 
 @pytest.fixture
@@ -69,3 +71,41 @@ def tool():
     for process in running:
         process.kill()
         process.communicate()
+
+
+@pytest.fixture
+def machine(bridge):
+    """The simulated machine instead of a silent bus."""
+    bridge.can.stop()
+    folder = bridge.can.directory.parent
+    process = subprocess.Popen(["/usr/bin/python3", PROJECT / "sim" / "simulated_bus.py", "--virtual-can", folder,
+                                "--quiet", "--seed", "1"])
+    yield bridge
+    process.terminate()
+    process.wait()
+
+
+@pytest.fixture
+def missing(tmp_path):
+    """missing("rich") is an environment in which that module is not installed."""
+    def without(name):
+        (tmp_path / "missing").mkdir()
+        (tmp_path / "missing" / f"{name}.py").write_text("raise ImportError")
+        return {"PYTHONPATH": str(tmp_path / "missing")}
+
+    return without
+
+
+@pytest.fixture
+def terminal():
+    running = []
+
+    def start(*words, **options):
+        running.append(Terminal(*words, **options))
+        return running[-1]
+
+    yield start
+    for each in running:
+        if each.process:
+            os.kill(each.process, signal.SIGKILL)
+            each.end()
