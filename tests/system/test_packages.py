@@ -12,7 +12,7 @@ DEPENDENCIES = {"libc6", "libgcc-s1", "libstdc++6", "systemd", "libqt5core5a", "
                 "libqt5serialbus5-plugins", "libqt5serialport5", "libqt5websockets5"}
 FILES = {"/usr/bin/vorbel", "/lib/systemd/system/vorbel.service", "/usr/lib/sysusers.d/vorbel.conf",
          "/lib/udev/rules.d/65-vorbel.rules", "/etc/default/vorbel", "/usr/share/man/man8/vorbel.8.gz"}
-MONITOR = {"index.html", "icon.svg", "assets/index-*.js", "assets/index-*.css"}
+MONITOR = {"index.html", "icon.svg", "assets/index-*.js", "assets/index-*.css", "assets/receiver-*.js"}
 DOCUMENTS = {"deployment.md", "performance.md", "protocol.md", "wiring.md", "copyright", "changelog.gz",
              "examples/machine.schema.json"}
 
