@@ -73,6 +73,8 @@ def test_the_monitors_page_asks_for_files_that_are_there(package, tmp_path):
     subprocess.run(["dpkg-deb", "-x", package, tmp_path], check=True)
     monitor = tmp_path / "usr/share/vorbel/monitor"
     wanted = re.findall(r'(?:src|href)="\./([^"]+)"', (monitor / "index.html").read_text())
+    (script,) = (monitor / name for name in wanted if name.endswith(".js"))
+    wanted += [f"assets/{name}" for name in re.findall(r'"(receiver-[\w-]+\.js)"', script.read_text())]
     assert {without_hash(name) for name in wanted} == MONITOR - {"index.html"}
     assert all((monitor / name).is_file() for name in wanted)
 
