@@ -45,7 +45,7 @@ export type ClientOptions = {
     longestDelay?: number;
     /** Milliseconds that an attempt may take until the hello. Default 10000. */
     patience?: number;
-    /** Milliseconds of silence after which the daemon is asked for a sign of life. Default 2000; Infinity never asks. */
+    /** Milliseconds of silence after which the daemon is asked for a sign of life. Default 2000; Infinity: never. */
     askAfter?: number;
     /**
      * Milliseconds without any message or answer after which the connection counts as lost and is dropped, with
@@ -176,7 +176,7 @@ export class Client {
         return this.#ownership.schema;
     }
 
-    /** Whether this client's schema is the last that was sent, as far as it can be known; only then it is sent again. */
+    /** Whether this client's schema is the last that was sent, as far as can be known; only then it is sent again. */
     get ownsSchema(): boolean {
         return this.#ownership.owner;
     }
@@ -233,8 +233,9 @@ export class Client {
 
     /**
      * Sets the daemon's schema, for all its clients: at once when connected, or with the next connection, and again
-     * when a daemon has lost it, unless another client has sent one since: on("schema", ...) tells. It is checked first; a SchemaError lists what is wrong with it, and then nothing is sent. `clear: true` takes one
-     * without leaves, which clears the one in force; `check: false` sends whatever it is.
+     * when a daemon has lost it, unless another client has sent one since: on("schema", ...) tells. It is checked
+     * first; a SchemaError lists what is wrong with it, and then nothing is sent. `clear: true` takes one without
+     * leaves, which clears the one in force; `check: false` sends whatever it is.
      */
     setSchema<const S extends Schema>(
         schema: S & SchemaOf<S>,

@@ -92,13 +92,19 @@ async function connectThrough(): Promise<Network> {
     return network;
 }
 
+/** The same, with a form in which something has been typed and not sent. */
+async function typeThrough(text: string): Promise<Network> {
+    const network = await connectThrough();
+    await sendSchema();
+    await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await startSetting("motor.setpoint");
+    await page.keyboard.type(text);
+    return network;
+}
+
 describe("a network that stalls", () => {
     test("is told within seconds, and what is written meanwhile never reaches the bus", async () => {
-        const network = await connectThrough();
-        await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
-        await startSetting("motor.setpoint");
-        await page.keyboard.type("1200");
+        const network = await typeThrough("1200");
         network.stall();
         await page.keyboard.press("Enter");
         await outcome().getByText("Sending…").waitFor();
@@ -125,11 +131,7 @@ describe("a network that stalls", () => {
     });
 
     test("lets nothing be sent twice, and keeps what is typed meanwhile", async () => {
-        const network = await connectThrough();
-        await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
-        await startSetting("motor.setpoint");
-        await page.keyboard.type("12");
+        const network = await typeThrough("12");
         network.stall();
         await page.keyboard.press("Enter");
         await outcome().getByText("Sending…").waitFor();
@@ -527,11 +529,7 @@ describe("a page that is locked", () => {
     });
 
     test("gives up what is about to be sent", async () => {
-        const network = await connectThrough();
-        await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
-        await startSetting("motor.setpoint");
-        await page.keyboard.type("1200");
+        const network = await typeThrough("1200");
         network.stall();
         await page.keyboard.press("Enter");
         await outcome().getByText("Sending…").waitFor();

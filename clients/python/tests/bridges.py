@@ -1,6 +1,8 @@
-"""The real daemon on a virtual CAN bus, and where this source tree's tool and example are."""
+"""The real daemon on a virtual CAN bus, the way to it, and where this source tree's tool and example are."""
 
+import contextlib
 import pathlib
+import subprocess
 
 import harness
 from vorbelsim import CanFrame, VirtualAdapter, VirtualCanBus, vek
@@ -67,3 +69,16 @@ class SerialBridge(Bridge):
     def heard(self, count=1, timeout=5):
         frames = vek.Scanner().feed(self._adapter.read(count * vek.SIZE, timeout))
         return [(mac, cmd, payload.hex(" ")) for mac, cmd, payload in frames]
+
+
+@contextlib.contextmanager
+def link_down():
+    """Nothing passes, and nobody is told."""
+    def switch(state):
+        subprocess.run(["ip", "link", "set", "lo", state], check=True)
+
+    switch("down")
+    try:
+        yield
+    finally:
+        switch("up")

@@ -10,7 +10,7 @@ import pytest
 
 import harness
 import vorbel
-from test_pulse import link_down
+from bridges import link_down
 from vorbel import ConnectError, Disconnected, Hello, SchemaChanged, SchemaError, ownership
 
 SPEED = {"@mac": 5, "@cmd": 2, "@format": "s"}
@@ -116,6 +116,12 @@ def received(bridge):
 # Happy
 
 
+async def out_of_reach(follower):
+    """The link is down until the client has noticed."""
+    with link_down():
+        await harness.eventually(lambda: follower.of(Disconnected))
+
+
 async def test_a_client_owns_the_schema_that_it_sends(bridge):
     async with connect() as client:
         assert client.owns_schema is False
@@ -180,8 +186,7 @@ async def test_a_daemon_that_was_only_out_of_reach_keeps_the_schema(bridge, monk
     async with connect(schema=MINE) as client:
         follower = Follower(client)
         await client.confirmed()
-        with link_down():
-            await harness.eventually(lambda: follower.of(Disconnected))
+        await out_of_reach(follower)
         async with playing(bridge):
             await follower.told_of("kept")
             await client.set("mine.setpoint", 1)
@@ -195,8 +200,7 @@ async def test_a_schema_that_came_while_the_client_was_away_is_left_alone(bridge
     async with vorbel.connect("127.0.0.1", schema=MINE, pauses=(2, 2)) as client:
         follower = Follower(client)
         await client.confirmed()
-        with link_down():
-            await harness.eventually(lambda: follower.of(Disconnected))
+        await out_of_reach(follower)
         async with connect(schema=THEIRS) as other, playing(bridge):
             await other.confirmed()
             await follower.told_of("replaced")
@@ -392,8 +396,7 @@ async def test_a_program_that_is_busy_when_the_daemon_is_back_hears_its_values_f
     async with connect(schema=MINE) as client:
         follower = Follower(client)
         await client.confirmed()
-        with link_down():
-            await harness.eventually(lambda: follower.of(Disconnected))
+        await out_of_reach(follower)
         await follower.greeted()
         await asyncio.sleep(0.3)
         bridge.say(5, 2, "01 00")

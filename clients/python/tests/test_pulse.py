@@ -4,13 +4,13 @@ import asyncio
 import base64
 import contextlib
 import hashlib
-import subprocess
 import time
 
 import pytest
 
 import harness
 import vorbel
+from bridges import link_down
 from vorbel import ConnectError, Disconnected, Hello, pulse
 
 SETPOINT = {"setpoint": {"@mac": 5, "@cmd": 3, "@format": "s"}}
@@ -31,19 +31,6 @@ async def until(kind, events):
         async for event in events:
             if isinstance(event, kind):
                 return event
-
-
-@contextlib.contextmanager
-def link_down():
-    """Nothing passes, and nobody is told."""
-    def switch(state):
-        subprocess.run(["ip", "link", "set", "lo", state], check=True)
-
-    switch("down")
-    try:
-        yield
-    finally:
-        switch("up")
 
 
 async def test_no_order_is_delivered_when_the_link_is_back(bridge, fast):
