@@ -1,11 +1,15 @@
+import { maskOf } from "./meaning.js";
+import { memberProblems, selectorProblems } from "./membercheck.js";
 import { dotted, type Path } from "./paths.js";
-import { listed, problem, quoted, SchemaError, type Problem, type ProblemCode } from "./problem.js";
+import { listed, problem, quoted, SchemaError, type Found, type Problem } from "./problem.js";
 import {
     FORMATS,
+    isArranged,
     isLeaf,
     isObject,
     isScaled,
     NESTING_LIMIT,
+    nodeBelow,
     readJson,
     toLeaf,
     walk,
@@ -30,23 +34,23 @@ export function checkSchema(schema: unknown, { clear = false }: CheckOptions = {
     }
     const problems: Problem[] = [];
     const placed: Leaf[] = [];
-    let hasLeaf = false;
+    const known: Leaf[] = [];
     let isTooDeep = false;
     walk(schema, (node, path) => {
         if (path.length > NESTING_LIMIT) {
             isTooDeep = true;
             return;
         }
-        hasLeaf ||= isLeaf(node);
         const { leaf, isPlaced } = usableLeaf(node, path);
         for (const [code, message] of nodeProblems(node, leaf)) problems.push(problem(path, code, message));
+        if (isLeaf(node)) known.push(leaf);
         if (isLeaf(node) && isPlaced) placed.push(leaf);
     });
     if (isTooDeep) problems.push(problem([], "too-deep", `is nested more than ${NESTING_LIMIT} deep`));
-    if (!hasLeaf && !clear) {
+    if (known.length === 0 && !clear) {
         problems.push(problem([], "no-leaf", `has no leaf, that is, no object with "@mac": all values would be lost`));
     }
-    return [...problems, ...sharedFrameProblems(placed)];
+    return [...problems, ...selectorProblems(known), ...sharedFrameProblems(placed)];
 }
 
 /** The same of a schema as JSON text, of which more can be said. */
@@ -70,8 +74,6 @@ function throwErrors(problems: Problem[]): void {
     const errors = problems.filter(({ severity }) => severity === "error");
     if (errors.length > 0) throw new SchemaError(errors);
 }
-
-type Found = [code: ProblemCode, message: string];
 
 // Options by themselves
 
@@ -121,10 +123,10 @@ const optionChecks: ReadonlyMap<string, OptionCheck> = new Map([
 
 /** The leaf that the faultless options of a node make, and whether that is certainly its place in the payload. */
 function usableLeaf(node: Schema, path: Path): { leaf: Leaf; isPlaced: boolean } {
-    const options = Object.entries(node).filter(([name]) => optionChecks.has(name));
-    const faultless = options.filter(([name, value]) => !optionChecks.get(name)!(value));
+    const members = Object.entries(node);
+    const faultless = members.filter(([name, value]) => !optionChecks.get(name)?.(value));
     const leaf = toLeaf(Object.fromEntries(faultless), path);
-    return { leaf, isPlaced: faultless.length === options.length && leaf.format in FORMATS };
+    return { leaf, isPlaced: faultless.length === members.length && leaf.format in FORMATS };
 }
 
 // One node
@@ -139,7 +141,8 @@ function* nodeProblems(node: Schema, leaf: Leaf): Generator<Found> {
     yield* formatProblems(node, leaf);
     yield* placeProblems(leaf);
     yield* effectProblems(leaf);
-    if (Object.entries(node).some(([name, member]) => isObject(member) && !optionChecks.has(name))) {
+    yield* memberProblems(node, leaf);
+    if (Object.keys(node).some((name) => !optionChecks.has(name) && nodeBelow(node, name))) {
         yield ["leaf-in-leaf", "holds objects inside of a leaf: their values and its own replace one another"];
     }
 }
@@ -270,24 +273,34 @@ function* sharedFrameProblems(leaves: Leaf[]): Generator<Problem> {
 
 /** Each leaf that uses bits of one before it is told once. */
 function* overlaps(leaves: Leaf[]): Generator<Problem> {
-    const users = new Map<number, Leaf>();
+    const users = new Map<number, Leaf[]>();
     for (const leaf of leaves) {
-        const bits = bitsOf(leaf);
-        const shared = bits.find((bit) => users.has(bit));
-        if (shared !== undefined) yield overlap(leaf, users.get(shared)!, bits);
-        for (const bit of bits) if (!users.has(bit)) users.set(bit, leaf);
+        const bits = payloadBits(leaf);
+        let other: Leaf | undefined;
+        for (const bit of bits) other ??= users.get(bit)?.find((user) => !areApart(user, leaf));
+        if (other) yield overlap(leaf, other, bits);
+        for (const bit of bits) {
+            if (!users.has(bit)) users.set(bit, [leaf]);
+            else if (!other) users.get(bit)!.push(leaf);
+        }
     }
 }
 
+/** Whether no frame has a value of both. */
+function areApart({ meaning: { when: one } }: Leaf, { meaning: { when: other } }: Leaf): boolean {
+    return one !== undefined && one.path === other?.path && one.is !== other.is;
+}
+
 /** The bits of the payload that a leaf reads. */
-function bitsOf({ format, skip, mask }: Leaf): number[] {
-    const { width, masked } = FORMATS[format]!;
+function payloadBits(leaf: Leaf): number[] {
+    const { width, masked } = FORMATS[leaf.format]!;
+    const read = (masked ? leaf.mask : -1) & (isArranged(leaf) ? maskOf(leaf) : -1);
     const bits = Array.from({ length: 8 * width }, (_, bit) => bit);
-    return bits.filter((bit) => !masked || (mask >> bit) & 1).map((bit) => 8 * skip + bit);
+    return bits.filter((bit) => (read >> bit) & 1).map((bit) => 8 * leaf.skip + bit);
 }
 
 function overlap(leaf: Leaf, other: Leaf, bits: number[]): Problem {
-    const others = new Set(bitsOf(other).map((bit) => bit >> 3));
+    const others = new Set(payloadBits(other).map((bit) => bit >> 3));
     const shared = [...new Set(bits.map((bit) => bit >> 3))].filter((byte) => others.has(byte));
     const where = shared.length === 1 ? `byte ${shared[0]}` : `bytes ${shared[0]} to ${shared.at(-1)}`;
     const bothWritable = !readOnlyReason(leaf) && !readOnlyReason(other);

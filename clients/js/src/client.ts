@@ -5,6 +5,7 @@ import { isMap, namesOf, nest, type Path } from "./paths.js";
 import { Ownership, type SchemaEvent } from "./ownership.js";
 import { Pulse } from "./pulse.js";
 import { Queue } from "./queue.js";
+import { LastReadings } from "./readings.js";
 import type { Schema, SchemaOf } from "./schema.js";
 import {
     abandon,
@@ -16,7 +17,7 @@ import {
     type WebSocketLike,
 } from "./socket.js";
 import { Visit } from "./visit.js";
-import { prepareWrite, type Message, type Written } from "./writing.js";
+import { prepareWrite, withSelectors, type Message, type Readings, type Written } from "./writing.js";
 
 /** "waiting" is between two attempts, "connected" begins with the daemon's first hello. */
 export type State = "connecting" | "connected" | "waiting" | "closed";
@@ -67,15 +68,22 @@ export type WriteOptions = {
     check?: boolean;
     /** What the daemon's schema is known to be; otherwise that which this client set. */
     schema?: Schema | undefined;
+    /** The last readings that counted, which fields of some bits are written into; otherwise those that came here. */
+    readings?: Readings | undefined;
 };
 
 export type DeliverOptions = WriteOptions & {
     /** What gives up a message that has not been sent yet. */
     signal?: AbortSignal | undefined;
+    /** Milliseconds after which it is not sent any more. Default, and the most: `lostAfter`. */
+    patience?: number | undefined;
 };
 
-/** A message that is to be sent in time or never. */
-type Order = { message: Uint8Array; deadline: number; signal: AbortSignal | undefined };
+/** What goes out, and which numbers that writes. */
+type Prepared = { message: Uint8Array; written: Written[] };
+
+/** What is to be sent in time or never; how is said at the last moment, by the readings of then. */
+type Order = { prepare: () => Prepared; deadline: number; signal: AbortSignal | undefined };
 
 const DEFAULTS = {
     firstDelay: 500,
@@ -121,6 +129,7 @@ export class Client {
     readonly #name: string;
     readonly #ownership: Ownership;
     readonly #pulse: Pulse;
+    #readings = new LastReadings();
     /** Connections besides the one that is kept. */
     readonly #visits = new Set<Visit>();
     #deliveries: Promise<unknown> = Promise.resolve();
@@ -147,9 +156,10 @@ export class Client {
             throw new TypeError("There is no global WebSocket here: pass one, such as that of the ws package");
         }
         this.#options = { ...DEFAULTS, ...options, WebSocket };
-        this.#ownership = new Ownership(this.#options.silentAfter, (event, reason) =>
-            this.#emit("schema", event, reason),
-        );
+        this.#ownership = new Ownership(this.#options.silentAfter, (event, reason) => {
+            if (event === "replaced") this.#readings.end();
+            this.#emit("schema", event, reason);
+        });
         this.#pulse = new Pulse(
             this.#options,
             () => this.#ask(),
@@ -244,6 +254,7 @@ export class Client {
         if (check) assertSchema(schema, { clear });
         assertSize(new TextEncoder().encode(JSON.stringify(schema)), "The schema");
         this.#ownership.take(schema);
+        this.#readings = new LastReadings(schema);
         if (this.#state === "connected") this.#sendSchema();
     }
 
@@ -255,37 +266,46 @@ export class Client {
     /**
      * Writes values to the bus, named as in the schema, and returns which numbers go out. They are checked first; a
      * WriteError lists what the daemon would ignore or write otherwise, and then nothing is sent. Scaled ones are sent
-     * so that the daemon, which multiplies in single precision and cuts off, writes the nearest raw number. Where no
+     * so that the daemon, which multiplies in single precision and cuts off, writes the nearest raw number. A field of
+     * some bits is written into the last reading that counted, so that its other bits stay as they were. Where no
      * schema is known, values go as they are. The daemon does not acknowledge them, and while the network stalls, they
      * wait in it until the loss is noticed or it moves again: deliver() does not let them.
      */
     write(values: ValueMap, options: WriteOptions = {}): Written[] {
-        const { message, written } = this.#prepare(values, options);
-        this.#send(message);
-        return written;
+        return this.#send(this.#prepare(values, options));
     }
 
     /**
      * Writes as write() does, but only after the daemon has answered just now, and resolves when it has handled the
-     * values. Rejects with NotConnectedError when nothing was sent, because no answer came in time (`lostAfter`), and
+     * values. Rejects with NotConnectedError when nothing was sent, because no answer came in time (`patience`), and
      * with UnconfirmedError when none came after it was sent. One follows the other, in the order of the calls. A
      * WebSocket that cannot ping, such as those of browsers, sends them over a connection of their own.
      */
     async deliver(values: ValueMap, options: DeliverOptions = {}): Promise<Written[]> {
-        const { message, written } = this.#prepare(values, options);
-        const order = { message, deadline: performance.now() + this.#deliveryLimit, signal: options.signal };
+        const { signal, patience = Infinity } = options;
+        const { schema } = this;
+        const prepare = () => {
+            if (!options.schema && schema !== this.schema) this.#refuse("the schema is another by now");
+            return this.#prepare(values, options);
+        };
+        prepare(); // what would be refused is refused at once
+        const deadline = performance.now() + Math.min(patience, this.#deliveryLimit);
+        const order = { prepare, deadline, signal };
         const delivery = this.#deliveries.then(() => this.#deliver(order));
         this.#deliveries = delivery.catch(() => {});
-        await delivery;
-        return written;
+        return delivery;
     }
 
     /**
      * Writes one value: set("motor.setpoint", 5), or set(["motor", "setpoint"], 5). A dot within a name is `\.` in a
-     * path.
+     * path. What selects it by its "when" goes out with it.
      */
     set(path: string | Path, value: Value, options: WriteOptions = {}): Written | undefined {
-        return this.write(nest(typeof path === "string" ? namesOf(path) : path, value), options)[0];
+        const names = typeof path === "string" ? namesOf(path) : path;
+        const { check = true, schema = this.schema } = options;
+        const values = check && schema ? withSelectors(schema, names, value) : nest(names, value);
+        const isAsked = ({ leaf }: Written) => names.every((name, at) => leaf.path[at] === name);
+        return this.write(values, options).find(isAsked);
     }
 
     /**
@@ -378,6 +398,7 @@ export class Client {
         clearTimeout(this.#listening);
         this.#pulse.stop();
         this.#ownership.stop();
+        this.#readings.forget(); // nobody knows what they are meanwhile
         const socket = this.#socket;
         this.#socket = undefined;
         if (socket) end(socket);
@@ -411,28 +432,31 @@ export class Client {
         visit.end();
     }
 
-    #prepare(values: ValueMap, { check = true, schema = this.schema }: WriteOptions) {
-        const { values: sent, written } = check && schema ? prepareWrite(schema, values) : unprepared(values);
+    #prepare(values: ValueMap, { check = true, schema = this.schema, readings }: WriteOptions): Prepared {
+        // Those of this client's schema say nothing about another.
+        const last = readings ?? ((path) => (schema === this.schema ? this.#readings.of(path) : undefined));
+        const { values: sent, written } = check && schema ? prepareWrite(schema, values, last) : unprepared(values);
         const message = encodeValues(sent);
         assertSize(message, "The message");
         return { message, written };
     }
 
-    #send(message: Uint8Array): void {
+    #send({ message, written }: Prepared): Written[] {
         // A socket that is closing takes what it is given and sends nothing of it.
         if (this.#state !== "connected" || this.#socket!.readyState !== OPEN) this.#refuse(this.#reason);
         this.#socket!.send(message);
+        this.#readings.wrote(written);
+        return written;
     }
 
     #refuse(reason: string): never {
         throw new NotConnectedError(`Not connected to ${this.#name} (${reason}): nothing was written`);
     }
 
-    async #deliver(order: Order): Promise<void> {
+    async #deliver(order: Order): Promise<Written[]> {
         if (this.#state !== "connected") this.#refuse(this.#reason);
         this.#refuseOld(order);
-        if (canPing(this.#socket!)) await this.#deliverBetweenPings(order);
-        else await this.#deliverByVisit(order);
+        return canPing(this.#socket!) ? this.#deliverBetweenPings(order) : this.#deliverByVisit(order);
     }
 
     #refuseOld({ deadline, signal }: Order): void {
@@ -440,20 +464,24 @@ export class Client {
         if (performance.now() > deadline) this.#refuse("no answer in time");
     }
 
-    async #deliverBetweenPings(order: Order): Promise<void> {
+    async #deliverBetweenPings(order: Order): Promise<Written[]> {
         await this.confirmed(order.deadline - performance.now()).catch(() => this.#refuse("no answer in time"));
         this.#refuseOld(order);
-        this.#send(order.message);
+        const written = this.#send(order.prepare());
         await this.confirmed(this.#deliveryLimit).catch((error: Error) => this.#doubt(error.message));
+        return written;
     }
 
-    async #deliverByVisit(order: Order): Promise<void> {
+    async #deliverByVisit(order: Order): Promise<Written[]> {
         const visit = this.#newVisit();
         try {
             const patience = order.deadline - performance.now();
             await visit.greeted(patience).catch((error: Error) => this.#refuse(error.message));
             this.#refuseOld(order);
-            await visit.deliver(order.message, this.#deliveryLimit).catch((error: Error) => this.#doubt(error.message));
+            const { message, written } = order.prepare();
+            this.#readings.wrote(written);
+            await visit.deliver(message, this.#deliveryLimit).catch((error: Error) => this.#doubt(error.message));
+            return written;
         } finally {
             this.#end(visit);
         }
@@ -466,6 +494,7 @@ export class Client {
     }
 
     #doubt(reason: string): never {
+        this.#readings.forget();
         throw new UnconfirmedError(`Sent, but nothing says whether ${this.#name} has handled it: ${reason}`);
     }
 
@@ -475,10 +504,10 @@ export class Client {
         this.#emit("state", state, reason);
     }
 
-    #receive(data: string | ArrayBuffer, arrival: number): void {
+    #receive(data: string | ArrayBuffer | Uint8Array, arrival: number): void {
         this.#pulse.heard();
         if (typeof data === "string") this.#receiveText(data);
-        else this.#receiveValues(new Uint8Array(data), arrival);
+        else this.#receiveValues(data instanceof Uint8Array ? data : new Uint8Array(data), arrival);
     }
 
     #receiveText(text: string): void {
@@ -507,7 +536,7 @@ export class Client {
      */
     #restoreSchema(): void {
         const { owner, wasSent } = this.#ownership;
-        if (owner && !wasSent) {
+        if (owner && (!wasSent || this.#readings.areInDoubt)) {
             this.#sendSchema();
             this.#emit("schema", "sent", "with the connection");
             return;
@@ -534,6 +563,7 @@ export class Client {
             return;
         }
         this.#ownership.heard(values);
+        this.#readings.heard(values);
         this.#emit("values", values, arrival);
     }
 
@@ -548,6 +578,41 @@ export class Client {
     #sendSchema(): void {
         this.#socket!.send(JSON.stringify(this.schema));
         this.#ownership.begin();
+        const readings = this.#readings;
+        readings.end();
+        if (readings.areNeeded)
+            this.#handled().then(
+                () => readings.begin(),
+                () => {}, // with the connection: it is sent again on the next one
+            );
+    }
+
+    /**
+     * Resolves when the daemon has handled what was sent before. Where it cannot be asked by a ping, one more client
+     * comes: the daemon greets everybody then, after what it sent before.
+     */
+    async #handled(): Promise<void> {
+        if (canPing(this.#socket!)) return this.confirmed();
+        const visit = this.#newVisit();
+        try {
+            await Promise.all([this.#greeted(), visit.greeted(this.#deliveryLimit)]);
+        } finally {
+            this.#end(visit);
+        }
+    }
+
+    /** Resolves with the next hello on the connection that is kept, rejects when that is lost before. */
+    #greeted(): Promise<void> {
+        return new Promise((resolve, reject) => {
+            const settle = (finish: () => void) => {
+                off.forEach((each) => each());
+                finish();
+            };
+            const off = [
+                this.on("hello", () => settle(resolve)),
+                this.on("state", (_, reason) => settle(() => reject(new NotConnectedError(reason)))),
+            ];
+        });
     }
 
     #emit<E extends keyof Events>(event: E, ...args: Events[E]): void {

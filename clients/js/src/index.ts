@@ -14,6 +14,10 @@ export {
 export { decodeValues, encodeValues, type NumericArray, type Value, type ValueMap } from "./codec.js";
 export { assertSchema, checkSchema, checkText, parseSchema, type CheckOptions } from "./check.js";
 export { justified } from "./digits.js";
+export { type Level } from "./meaning.js";
+export { Meanings, Meant } from "./meant.js";
+export { type Limits, type Members } from "./members.js";
+export { LastReadings } from "./readings.js";
 export { type SchemaEvent } from "./ownership.js";
 export { dotted, flatten, isMap, namesOf, nest, visit, type Path } from "./paths.js";
 export { describeProblem, SchemaError, WriteError, type Problem, type ProblemCode } from "./problem.js";
@@ -36,8 +40,10 @@ export {
     prepareWrite,
     readingOf,
     readOnlyReason,
+    withSelectors,
     writableRange,
     type Message,
     type Range,
+    type Readings,
     type Written,
 } from "./writing.js";

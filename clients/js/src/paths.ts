@@ -35,6 +35,13 @@ export function visit(values: Value, each: (path: Path, value: Value) => void, p
     for (const name of Object.keys(values)) visit(values[name]!, each, [...path, name]);
 }
 
+/** The value of a message at a path; undefined if it has none, or a map. */
+export function valueAt(values: Value, path: Path): Value | undefined {
+    let at: Value | undefined = values;
+    for (const name of path) at = isMap(at) && Object.hasOwn(at, name) ? at[name] : undefined;
+    return isMap(at) ? undefined : at;
+}
+
 /** The map that holds one value at a path: nest(["motor", "setpoint"], 5) is {motor: {setpoint: 5}}. */
 export function nest(path: Path, value: Value): ValueMap {
     if (path.length === 0) throw new RangeError("A value at the schema's root has no name to be written by");

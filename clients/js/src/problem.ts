@@ -25,11 +25,21 @@ export type ProblemCode =
     | "no-effect"
     | "leaf-in-leaf"
     | "overlap"
+    | "member-type"
+    | "member-range"
+    | "member-conflict"
+    | "unknown-when"
+    | "when-elsewhere"
     | "mixed-fragmentation"
     | "not-a-map"
     | "unknown-name"
     | "is-a-group"
     | "read-only"
+    | "unknown-label"
+    | "out-of-bounds"
+    | "no-reading"
+    | "shared-bits"
+    | "not-selected"
     | "not-a-number"
     | "out-of-range";
 
@@ -48,6 +58,9 @@ const WARNINGS: ReadonlySet<ProblemCode> = new Set([
 ]);
 
 export type Problem = { severity: "error" | "warning"; path: Path; code: ProblemCode; message: string };
+
+/** What is wrong with a node that is known. */
+export type Found = [code: ProblemCode, message: string];
 
 export function problem(path: Path, code: ProblemCode, message: string): Problem {
     return { severity: WARNINGS.has(code) ? "warning" : "error", path, code, message };

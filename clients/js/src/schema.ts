@@ -1,5 +1,9 @@
+import { isObject } from "./kinds.js";
+import { isMember, membersOf, type Members } from "./members.js";
 import type { Path } from "./paths.js";
 import { problem, SchemaError, type Problem } from "./problem.js";
+
+export { isObject };
 
 /** A parsed schema document: nested objects, of which those with "@mac" are leaves. */
 export type Schema = { [name: string]: unknown };
@@ -19,18 +23,26 @@ export type LeafOptions = {
 };
 
 /**
- * What a schema written as S has to be: the options have their types, and no other names begin with "@". A mistake is
- * an error at the option that holds it.
+ * What a schema written as S has to be: the options and, in leaves, the members for people have their types; no other
+ * names begin with "@", and none that are not nodes stand in leaves. A mistake is an error at the name that holds it.
  */
 export type SchemaOf<S> = {
     [Name in keyof S]: Name extends keyof LeafOptions
         ? LeafOptions[Name]
         : Name extends `@${string}`
           ? never
-          : S[Name] extends { [name: string]: unknown }
-            ? SchemaOf<S[Name]>
-            : S[Name];
+          : S extends { "@mac": unknown }
+            ? InLeaf<Name, S[Name]>
+            : InGroup<S[Name]>;
 };
+
+type InLeaf<Name, Value> = Name extends keyof Members
+    ? NonNullable<Members[Name]>
+    : Value extends { [name: string]: unknown }
+      ? SchemaOf<Value>
+      : never;
+
+type InGroup<Value> = Value extends { [name: string]: unknown } ? SchemaOf<Value> : Value;
 
 /** A schema that is checked while it is written: defineSchema({ speed: { "@mac": 5, "@factr": 2 } }) is an error. */
 export function defineSchema<const S extends Schema>(schema: S & SchemaOf<S>): S {
@@ -51,6 +63,8 @@ export type Leaf = {
     asBool: boolean;
     observe: boolean;
     fragmentation: boolean;
+    /** What its readings mean to people; members of another type are left out. */
+    meaning: Members;
 };
 
 /** Width in bytes, signedness when read, and whether "@mask" has an effect, by format character. */
@@ -70,10 +84,6 @@ export const FORMATS: Readonly<Record<string, { width: number; signed: boolean; 
 /** The daemon reads 1024, but not every client decodes values that are nested deeper than this. */
 export const NESTING_LIMIT = 500;
 
-export function isObject(value: unknown): value is Schema {
-    return typeof value === "object" && value !== null && !Array.isArray(value);
-}
-
 export function isLeaf(node: Schema): boolean {
     return Object.hasOwn(node, "@mac");
 }
@@ -81,6 +91,47 @@ export function isLeaf(node: Schema): boolean {
 /** Whether the daemon scales; it compares in single precision. */
 export function isScaled({ factor }: Leaf): boolean {
     return Math.fround(factor) !== 1;
+}
+
+/** The width of a leaf in bytes; 0 if it has no known format. */
+export function widthOf({ format }: Leaf): number {
+    return FORMATS[format]?.width ?? 0;
+}
+
+/** Whether readings are whole numbers, as they are on the bus. */
+export function isWhole(leaf: Leaf): boolean {
+    return widthOf(leaf) > 0 && leaf.format !== "f" && !isScaled(leaf) && !leaf.asBool;
+}
+
+/** Whether the field has to be taken out of the reading. Members that do not apply here are without effect. */
+export function isArranged(leaf: Leaf): boolean {
+    const { bits, swapped, signed, float } = leaf.meaning;
+    return Boolean(bits || swapped || signed || float) && isWhole(leaf);
+}
+
+/** Whether the field is a number of single precision. */
+export function isSingle(leaf: Leaf): boolean {
+    if (leaf.format === "f") return !isScaled(leaf);
+    return Boolean(leaf.meaning.float) && isWhole(leaf) && widthOf(leaf) === 4;
+}
+
+/** The lowest bit of the field and how many it has, within the reading in the order of its bytes. */
+export function bitsOf(leaf: Leaf): readonly [lowest: number, count: number] {
+    const most = 8 * widthOf(leaf);
+    const [lowest, count] = leaf.meaning.bits ?? [0, 0];
+    return lowest >= 0 && count > 0 && lowest + count <= most ? [lowest, count] : [0, most];
+}
+
+/** Whether the reading has bits beside the field. */
+export function isPart(leaf: Leaf): boolean {
+    return isArranged(leaf) && bitsOf(leaf)[1] < 8 * widthOf(leaf);
+}
+
+/** The node of that name, which all objects are but what a leaf has for people. */
+export function nodeBelow(node: Schema, name: string): Schema | undefined {
+    const member = node[name];
+    if (!isObject(member) || !Object.hasOwn(node, name)) return undefined;
+    return isLeaf(node) && isMember(name, member) ? undefined : member;
 }
 
 /** The leaves in the order in which the daemon meets them: by name, a leaf before those inside it. */
@@ -97,8 +148,8 @@ export function walk(node: Schema, each: (node: Schema, path: Path) => void, pat
     each(node, path);
     if (path.length > NESTING_LIMIT) return;
     for (const name of Object.keys(node).sort()) {
-        const member = node[name];
-        if (isObject(member)) walk(member, each, [...path, name]);
+        const member = nodeBelow(node, name);
+        if (member) walk(member, each, [...path, name]);
     }
 }
 
@@ -117,6 +168,7 @@ export function toLeaf(node: Schema, path: Path): Leaf {
         asBool: flag("@asBool"),
         observe: flag("@observe"),
         fragmentation: flag("@fragmentation"),
+        meaning: membersOf(node),
     };
 }
 

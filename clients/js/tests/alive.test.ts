@@ -182,6 +182,16 @@ describe.each(kinds)("with a WebSocket %s", (_, WebSocket) => {
         expect(machine.heard).toEqual([]);
     });
 
+    test("what is to be sent soon or never is not sent later", async () => {
+        const client = await ofMachine(WebSocket, { lostAfter: 600_000 });
+        network.stall();
+        const delivery = client.deliver({ motor: { setpoint: 1 } }, { patience: 200 });
+        await expect(delivery).rejects.toThrow(/no answer in time.*: nothing was written$/);
+        network.resume();
+        await sleep(300);
+        expect(machine.heard).toEqual([]);
+    });
+
     test("what the schema does not allow is not delivered", async () => {
         const client = await ofMachine(WebSocket);
         await expect(client.deliver({ motor: { speeed: 1 } })).rejects.toThrow(WriteError);

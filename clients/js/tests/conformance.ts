@@ -38,6 +38,29 @@ export type MessageCase = {
     frames?: Frame[];
 };
 
+export type Members = {
+    readings: ReadingCase[];
+    counting: { name: string; schema: Schema; values: Value; counts: string[] }[];
+    schema: Schema;
+    written: (WriteCase & { readings?: Record<string, number> })[];
+    refused: { values: unknown; readings?: Record<string, number>; problems: [path: string, code: string][] }[];
+    following: { name: string; schema: Schema; steps: Step[] }[];
+};
+export type Step =
+    | { reads: unknown }
+    | { writes: unknown; raw: Record<string, number> }
+    | { writes: unknown; refused: [path: string, code: string][] };
+export type ReadingCase = {
+    name: string;
+    leaf: Schema;
+    reading: unknown;
+    field?: unknown;
+    value: unknown;
+    label?: string;
+    level?: string;
+    shown?: string;
+};
+
 /** What all clients agree on, as the file of that name says it. */
 export function cases<T>(name: string): T {
     return JSON.parse(readFileSync(`${project}/clients/conformance/${name}.json`, "utf8"));

@@ -12,7 +12,7 @@ import {
     type Value,
     type WebSocketConstructor,
 } from "../src/index.js";
-import { cases, valueOf as valueOfCase, type Writes } from "./conformance.js";
+import { cases, valueOf as valueOfCase, type Members, type Writes } from "./conformance.js";
 import { ADDRESS, Machine, machineSchema, until, type Link } from "./machine.js";
 
 function newClient(options: ClientOptions = {}): Client {
@@ -143,20 +143,36 @@ describe.each(links)("a running machine on the link %s", (link) => {
 });
 
 test("what all clients write comes out as they agreed", async () => {
-    const { schema, written } = cases<Writes>("writes");
     machine.play();
     await machine.startDaemon();
     const client = newClient();
     await client.ready();
     client.setSchema({ alive: { "@mac": 5, "@cmd": 2, "@format": "s" } });
     await valueOf(client, "alive"); // the link is up
-    client.setSchema(schema, { check: false });
-    for (const { values } of written) client.write(valueOfCase(values));
-    const expected = written
+    const [writes, members] = [cases<Writes>("writes"), cases<Members>("members")];
+    client.setSchema(writes.schema, { check: false });
+    for (const { values } of writes.written) client.write(valueOfCase(values));
+    client.setSchema(members.schema, { check: false });
+    for (const { values, readings = {} } of members.written)
+        client.write(valueOfCase(values), { readings: (path) => readings[path] });
+    const expected = [...writes.written, ...members.written]
         .flatMap(({ frames }) => frames)
         .map(([mac, cmd, payload]) => `mac ${mac} cmd ${cmd}: ${payload}`);
     await until(() => machine.heard.length >= expected.length, "all frames");
     expect(machine.heard).toEqual(expected);
+});
+
+test("a field is written into the last reading of its bytes", async () => {
+    await machine.startDaemon();
+    const client = newClient();
+    await client.ready();
+    const { schema } = cases<Members>("members");
+    client.setSchema(schema, { check: false });
+    machine.replay(["(1.0) can0 081#8B", "(6.0) can0 7FF#"], 3);
+    expect(await valueOf(client, "mode")).toBe(0x8b);
+    client.set("mode", 5);
+    await until(() => machine.heard.length > 0, "a frame");
+    expect(machine.heard).toEqual(["mac 1 cmd 2: db"]);
 });
 
 describe.each(links)("typed arrays on the link %s", (link) => {

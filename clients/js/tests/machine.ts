@@ -44,7 +44,7 @@ export class Machine {
     /** Sends the frames of the lines of a `candump -l` log, at its pace, `seconds` after the link came up. */
     replay(lines: string[], seconds: number): void {
         const log = join(this.#folder, "frames.log");
-        writeFileSync(log, lines.join("\n"));
+        writeFileSync(log, lines.map((line) => `${line}\n`).join(""));
         this.#startBus("--replay", log, "--wait", String(seconds));
     }
 

@@ -79,6 +79,43 @@ describe("refused, with the path", () => {
     ])("%s", (_, options, message) => expect(motor(options)).toEqual([`error: motor.speed: ${message}`]));
 
     test.each<[string, object, string]>([
+        ["a member of another type", { unit: 5 }, '"unit" is 5: it must be a text'],
+        [
+            "labels of no fields",
+            { labels: { on: "1" } },
+            '"labels" is {"on":"1"}: it must be a map from whole numbers, as texts, to texts',
+        ],
+        ["too many decimals", { decimals: 16 }, '"decimals" is 16: it must be from 0 to 15'],
+        ["bits that are not there", { bits: [16, 1] }, '"bits" is [16,1]: the reading has the bits 0 to 15'],
+        ["the scale 0", { scale: 0 }, '"scale" is 0: all fields would mean the same'],
+        ["bounds the wrong way round", { min: 2, max: 1 }, '"min" is above "max": 2 and 1'],
+        ["limits the wrong way round", { alarm: [2, 1] }, 'the low end of "alarm" is above the high one: 2 and 1'],
+        [
+            "bits of what is scaled",
+            { "@factor": 2, bits: [0, 1], signed: true },
+            '"bits", "signed" needs whole numbers for readings, without a factor and "@asBool"',
+        ],
+        ["a float in two bytes", { float: true }, '"float" needs 4 bytes, the format "s" has 2'],
+        [
+            "one label twice",
+            { labels: { "0": "a", "2": "b", "1": "b", "3": "b" } },
+            '"b" in "labels" stands for several fields',
+        ],
+        ["a selector that is not there", { when: { path: "x", is: 1 } }, '"when" names "x", which is no leaf'],
+        ["a selector that is the leaf", { when: { path: "motor.speed", is: 1 } }, '"when" leads back to motor.speed'],
+    ])("%s", (_, options, message) => expect(motor(options)).toEqual([`error: motor.speed: ${message}`]));
+
+    test.each<[string, object, string]>([
+        ["elsewhere", { "@mac": 6 }, "is read from other frames"],
+        ["seldom there", { "@observe": true }, "is not in every message"],
+    ])("a selector that is %s", (_, options, why) => {
+        const selector = leaf({ "@skip": 4, ...options });
+        expect(told({ a: leaf({ when: { path: "b", is: 1 } }), b: selector })).toEqual([
+            `error: a: "when" names b, which ${why}`,
+        ]);
+    });
+
+    test.each<[string, object, string]>([
         ["a leaf without a format", { "@mac": 1, "@cmd": 2 }, `has no "@format", so it never has a value`],
         [
             "options without an address",
@@ -130,6 +167,12 @@ describe("doubtful, with the path", () => {
         ],
         ["a long format", { "@format": "short" }, `only the first character of "@format" counts: "s"`],
         ["an option without its sign", { mask: 1 }, `"mask" is ignored; did you mean "@mask"?`],
+        ["a byte swapped", { "@format": "C", swapped: true }, '"swapped" has no effect on a single byte'],
+        [
+            "an initial reading of a whole",
+            { initial: 5 },
+            '"initial" has no effect without "bits" that leave others over',
+        ],
         [
             "a leaf inside a leaf",
             { inner: leaf({ "@cmd": 3 }) },
@@ -198,6 +241,7 @@ test("leaves come by name, with the daemon's defaults", () => {
         asBool: false,
         observe: false,
         fragmentation: false,
+        meaning: {},
     };
     expect(leavesOf({ b: leaf(), a: { x: { "@mac": 1, "@format": "float" } } })).toEqual([
         {
@@ -223,6 +267,14 @@ describe("what was written", () => {
         volt: leaf({ "@factor": 100 }),
         f: leaf({ "@format": "f" }),
         i: leaf({ "@format": "i", "@factor": 1000 }),
+        wide: leaf({ "@format": "I" }),
+        state: leaf({ labels: { "0": "off", "1": "on" } }),
+        speed: leaf({ "@cmd": 3, min: 0, max: 3000 }),
+        least: leaf({ "@cmd": 3, min: 0.5 }),
+        celsius: leaf({ "@format": "C", offset: -40, scale: 0.5 }),
+        half: leaf({ "@format": "I", float: true, swapped: true, scale: 0.5 }),
+        mode: leaf({ "@format": "C", "@cmd": 4, bits: [4, 3] }),
+        paged: leaf({ "@cmd": 5, when: { path: "page", is: 1 } }),
     };
     const told = (values: ValueMap) => prepareWrite(schema, values).written.map(describeWritten);
 
@@ -238,6 +290,11 @@ describe("what was written", () => {
             { i: 2000000.001 },
             "raw 2000000000, which is 2000000 instead of 2000000001, which the daemon's single precision does not reach",
         ],
+        [{ wide: 123456792.4 }, "raw 123456792, which is 123456792"],
+        [{ state: "on" }, "raw 1"],
+        [{ celsius: 0.1 }, "raw 80, which is 0"],
+        [{ half: 0.05 }, "raw 3452750909"],
+        [{ half: 1 / 3 }, "raw 2880055871, which is 0.33333335"],
     ])("%o", (values, text) => expect(told(values)).toEqual([text]));
 
     test.each<[ValueMap, string]>([
@@ -246,6 +303,16 @@ describe("what was written", () => {
             { volt: 400 },
             "Nothing was written: volt: 400 times the factor 100 is 40000, which is outside of -32768 to 32767",
         ],
+        [{ celsius: -41 }, "Nothing was written: celsius: -41 is the field -2, which is outside of 0 to 255"],
+        [{ half: 2e38 }, "Nothing was written: half: 2e+38 is the field 4e+38, which is outside of single precision"],
+        [{ state: "On" }, 'Nothing was written: state: has no label "On": there are "off", "on"'],
+        [{ speed: -1 }, "Nothing was written: speed: takes at least 0 and at most 3000, not -1"],
+        [{ least: 0 }, "Nothing was written: least: takes at least 0.5, not 0"],
+        [
+            { mode: 1 },
+            'Nothing was written: mode: shares its bytes with other bits, and no reading of these came yet; "initial" would say what they are',
+        ],
+        [{ paged: 1 }, "Nothing was written: paged: counts only where page is 1: write that with it"],
         [{ f: 1e39 }, "Nothing was written: f: 1e+39 is outside of single precision"],
         [{ s: "5" }, `Nothing was written: s: takes a number, not "5"`],
         [
@@ -255,9 +322,18 @@ describe("what was written", () => {
     ])("refused: %o", (values, text) => expect(() => told(values)).toThrow(text));
 
     test("one leaf is prepared by itself, or refused", () => {
-        const [, , , volt] = leavesOf(schema);
+        const [volt] = leavesOf({ volt: schema.volt });
         expect(prepareLeaf(volt!, 0.53).written!.raw).toBe(53);
         expect(() => prepareLeaf(volt!, "x")).toThrow(WriteError);
+    });
+
+    test("one leaf is prepared by itself, as a part of its reading", () => {
+        const [mode] = leavesOf({ mode: schema.mode });
+        expect(() => prepareLeaf(mode!, 5)).toThrow(/no reading of these/);
+        expect(prepareLeaf(mode!, 5, (path) => (path === "mode" ? 0x8b : undefined)).sent).toBe(0xdb);
+        const [paged] = leavesOf({ paged: schema.paged });
+        expect(prepareLeaf(paged!, 5)).toMatchObject({ sent: 5, written: { raw: 5 } });
+        expect(prepareLeaf(paged!, null)).toEqual({ sent: null });
     });
 });
 
@@ -280,15 +356,27 @@ describe("what can be written", () => {
             { least: -214748364.8, most: 214748364.7, step: 0.1 },
         ],
         ["packed", { "@format": "p" }, undefined],
+        ["bits", { bits: [4, 3] }, { least: 0, most: 7, step: 1 }],
+        ["bits with a sign", { bits: [4, 3], signed: true }, { least: -4, most: 3, step: 1 }],
+        ["all bits swapped", { "@format": "I", swapped: true }, { least: 0, most: 4294967295, step: 1 }],
+        ["scaled here", { "@format": "q", scale: -0.5, offset: 1 }, { least: -16382.5, most: 16385, step: 0.5 }],
+        ["scaled here and there", { "@factor": 8, scale: 2 }, { least: -8192, most: 8191.75, step: 0.25 }],
+        ["bounded", { min: 0 }, { least: 0, most: 65535, step: 1 }],
+        ["bounded, more than it can be", { min: -1e6, max: 5 }, { least: -32768, most: 5, step: 1 }],
     ])("%s", (_, options, range) => expect(writableRange(first(options))).toEqual(range));
 
-    test("a float has no step", () => expect(writableRange(first({ "@format": "f" }))).not.toHaveProperty("step"));
+    test("a float has no step", () => {
+        expect(writableRange(first({ "@format": "f", scale: 2 }))).not.toHaveProperty("step");
+        expect(writableRange(first({ "@format": "I", float: true }))).not.toHaveProperty("step");
+    });
 
     test.each<[string, object, RegExp | undefined]>([
         ["@asBool", { "@asBool": true }, /read-only, because "@asBool"/],
         ["@mask", { "@mask": 255 }, /read-only, because "@mask"/],
         ["the mask that masks nothing", { "@mask": -1 }, undefined],
         ["the same, unsigned", { "@mask": 0xffffffff }, undefined],
+        ["readonly", { readonly: true }, /read-only, because its schema has "readonly"/],
+        ["readonly that is not", { readonly: false }, undefined],
         ["neither", {}, undefined],
     ])("read-only for %s", (_, options, reason) => {
         const given = readOnlyReason(first(options));
