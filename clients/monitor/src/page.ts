@@ -22,7 +22,14 @@ export const memory: Memory = {
 /** What the page's URL and its server have to say. */
 export function surroundings(): Surroundings {
     const { search } = window.location;
-    return { home: home(), query: new URLSearchParams(search), memory, read, WebSocket: ArrivalSocket };
+    return { home: home(), query: new URLSearchParams(search), memory, read, forgetLink, WebSocket: ArrivalSocket };
+}
+
+/** After a reload, the page shows what was changed since, and not the view of a link again. */
+function forgetLink(): void {
+    const url = new URL(window.location.href);
+    for (const name of ["view", "plot"]) url.searchParams.delete(name);
+    history.replaceState(history.state, "", url);
 }
 
 /** Where a daemon is to be expected when nobody said: where the page came from. */
@@ -41,4 +48,18 @@ async function read(name: string): Promise<string> {
     const response = await fetch(name);
     if (!response.ok) throw new Error(`the page's server answers ${response.status}`);
     return response.text();
+}
+
+/** Lets the page start without its server from now on, where the browser does so: for pages from here or over HTTPS. */
+export function keepOffline(): void {
+    const { serviceWorker } = navigator;
+    if (!import.meta.env.PROD || !serviceWorker) return;
+    const { origin, pathname } = window.location;
+    const worker = new URL("./sw.js", origin + pathname); // without the password that the page's own address may hold
+    const ignore = () => undefined; // the server is away, or has none; the page is there already
+    // The browser has not been asked for the password that the server may want, and connections cannot ask for it.
+    if (serviceWorker.controller) fetch(worker, { method: "HEAD", cache: "no-store" }).catch(ignore);
+    window.addEventListener("load", () => {
+        serviceWorker.register(worker, { updateViaCache: "none" }).catch(ignore);
+    });
 }

@@ -27,13 +27,15 @@ test("connects to where the page came from and shows what the daemon is", async 
 
 test("loads the machine's schema and sees its values change", async () => {
     await sendSchema();
-    await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await value("motor.speed")
+        .getByText(/^\d+ rpm$/)
+        .waitFor();
     await changes(value("motor.speed"));
     await value("battery.cells.a")
         .getByText(/^5 × \[3\.9/)
         .waitFor();
     await value("door.open")
-        .getByText(/true|false/)
+        .getByText(/open|closed/)
         .waitFor();
     await expect.poll(() => row("motor.speed").locator(".rate").textContent()).toMatch(/^(19|2\d)$/);
     await expect.poll(() => coloredPixels(row("motor.speed").locator("canvas"))).toBeGreaterThan(30);
@@ -47,7 +49,9 @@ test.each<Link>(["serialport", "socketcan"])(
         await machine.stop();
         await startMachine(link);
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await changes(value("motor.speed"));
         await row("motor.speed").getByRole("button", { name: "Plot" }).click();
         await expect.poll(() => coloredPixels(page.locator(".plots canvas"))).toBeGreaterThan(10);
@@ -85,7 +89,9 @@ test("opens a schema from a file and saves the one in use", async () => {
         .setInputFiles({ name: "a.json", mimeType: "application/json", buffer: Buffer.from(text) });
     await page.getByText("No problems found.").waitFor();
     await page.getByRole("button", { name: "Send to the daemon" }).click();
-    await value("speed.speed").getByText(/^\d+$/).waitFor();
+    await value("speed.speed")
+        .getByText(/^\d+ rpm$/)
+        .waitFor();
     await openSchema();
     const [download] = await Promise.all([
         page.waitForEvent("download"),
@@ -113,7 +119,9 @@ test("keeps a schema that is set while disconnected for the next connection", as
     await page.getByRole("button", { name: "Send to the daemon" }).click();
     await page.getByRole("log").getByText("goes out with the next connection").waitFor();
     await page.getByRole("button", { name: "Connect" }).click();
-    await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await value("motor.speed")
+        .getByText(/^\d+ rpm$/)
+        .waitFor();
 });
 
 test("shows a schema's problems at their paths and does not send it", async () => {
@@ -201,7 +209,9 @@ test("keeps the stretch of a waveform that was zoomed into", async () => {
 describe("writing", () => {
     test("puts the exact frame on the bus and echoes it", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await row("motor.speed").getByRole("button", { name: "Plot" }).click();
         await startSetting("motor.setpoint");
         await page.keyboard.type("1200");
@@ -212,19 +222,19 @@ describe("writing", () => {
         const entry = page.getByRole("log").getByRole("listitem").first();
         await expect
             .poll(() => entry.textContent())
-            .toMatch(/^\d\d:\d\d:\d\dHandled: motor\.setpoint = 1200: raw 1200mac 5 cmd 3: b0 04$/);
-        await expect.poll(() => value("motor.setpoint").textContent()).toBe("sent 1200");
-        await expect.poll(async () => Number(await value("motor.speed").textContent())).toBeGreaterThan(1100);
+            .toMatch(/^\d\d:\d\d:\d\dHandled: motor\.setpoint = 1200 rpm: raw 1200mac 5 cmd 3: b0 04$/);
+        await expect.poll(() => value("motor.setpoint").textContent()).toBe("sent 1200 rpm");
+        await expect.poll(async () => parseFloat((await value("motor.speed").textContent())!)).toBeGreaterThan(1100);
         await shoot("writing");
     });
 
     test("refuses what the leaf cannot hold", async () => {
         await sendSchema();
         await startSetting("motor.setpoint");
-        await page.getByText("a whole number, -32768 to 65535").waitFor(); // no complaint before anything is typed
+        await page.getByText("a whole number, -6000 to 6000 rpm").waitFor(); // no complaint before anything is typed
         expect(await page.getByRole("button", { name: "Send", exact: true }).isDisabled()).toBe(true);
         await page.keyboard.type("70000");
-        await page.getByText("must lie between -32768 and 65535").waitFor();
+        await page.getByText("takes at least -6000 and at most 6000, not 70000").waitFor();
         expect(await page.getByRole("button", { name: "Send", exact: true }).isDisabled()).toBe(true);
         await page.keyboard.press("Enter");
         await page.waitForTimeout(300);
@@ -233,7 +243,9 @@ describe("writing", () => {
 
     test("sends the values of one frame together", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor(); // the link is open
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor(); // the link is open
         await startSetting("motor.current");
         await page.getByLabel("motor.current", { exact: true }).fill("1.5");
         await page.getByLabel("motor.speed", { exact: true }).fill("-2");
@@ -253,7 +265,9 @@ describe("writing", () => {
 
     test("is refused while the daemon is away, and not kept for later", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await startSetting("motor.setpoint");
         await page.keyboard.type("1200");
         await machine.stopDaemon();
@@ -278,7 +292,9 @@ describe("writing", () => {
 
 test("survives a daemon restart, schema, plot and all", async () => {
     await sendSchema();
-    await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await value("motor.speed")
+        .getByText(/^\d+ rpm$/)
+        .waitFor();
     await row("motor.speed").getByRole("button", { name: "Plot" }).click();
     await page.waitForTimeout(3000);
     await machine.stopDaemon();
@@ -312,7 +328,9 @@ test("tells of messages that cannot be decoded, with their bytes, and goes on", 
 
 test("remembers the address and the schema, and sends neither by itself", async () => {
     await sendSchema();
-    await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await value("motor.speed")
+        .getByText(/^\d+ rpm$/)
+        .waitFor();
     await page.getByLabel("Address of the daemon").fill("localhost:10443");
     await page.getByRole("button", { name: "Connect" }).click();
     await connected();
@@ -325,7 +343,9 @@ test("remembers the address and the schema, and sends neither by itself", async 
     expect(await value("motor.speed").textContent()).toBe("–"); // its place is known, its value is not sent
     await openSchema();
     await page.getByRole("button", { name: "Send to the daemon" }).click();
-    await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await value("motor.speed")
+        .getByText(/^\d+ rpm$/)
+        .waitFor();
 });
 
 test("says what is wrong with an address", async () => {
@@ -342,12 +362,14 @@ describe("by keyboard and search", () => {
             return document
                 .getElementById(id ?? "")
                 ?.querySelector(".name")
-                ?.getAttribute("title");
+                ?.getAttribute("data-path");
         });
 
     test("the table folds, plots and sets", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await page.getByRole("treegrid").focus();
         await page.keyboard.press("Home");
         await expect.poll(activeRow).toBe("battery");
@@ -368,7 +390,9 @@ describe("by keyboard and search", () => {
 
     test("the browser's own keys stay the browser's", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await page.getByRole("treegrid").focus();
         await page.keyboard.press("End");
         await page.keyboard.press("Control+p");
@@ -387,7 +411,9 @@ describe("by keyboard and search", () => {
 
     test("the plot pauses and zooms", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await row("motor.speed").getByRole("button", { name: "Plot" }).click();
         await page.locator("figure").focus();
         await page.keyboard.press("Space");
@@ -411,7 +437,9 @@ test("fits a phone of 360 pixels, light and dark", async () => {
     await page.setViewportSize({ width: 360, height: 740 });
     await sendSchema();
     await page.getByLabel("Search values").fill("motor");
-    await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await value("motor.speed")
+        .getByText(/^\d+ rpm$/)
+        .waitFor();
     await row("motor.speed").getByRole("button", { name: "Plot" }).click();
     await row("motor.current").getByRole("button", { name: "Plot" }).click();
     await page.waitForTimeout(4000);

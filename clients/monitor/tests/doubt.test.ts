@@ -1,8 +1,8 @@
-import { setTimeout as sleep } from "node:timers/promises";
 import { expect, test } from "vitest";
-import { changes, openSchema, page, sendSchema, value } from "./fixture.js";
+import { changes, openSchema, page, row, sendSchema, value } from "./fixture.js";
+import { every, puppet } from "./impostor.js";
 
-/** The page says when the daemon seems to have another schema than its own. */
+/** The page says, in one place, when the daemon seems to have another schema than its own. */
 
 const SPEED = { "@mac": 5, "@cmd": 2, "@format": "s" };
 
@@ -17,17 +17,26 @@ async function sendAsAnother(text: string): Promise<void> {
     }, text);
 }
 
-const doubt = () => page.locator(".doubt");
+async function useHere(schema: object): Promise<void> {
+    await openSchema();
+    await page.getByLabel("Schema as JSON").fill(JSON.stringify(schema));
+    await page.getByRole("button", { name: "Use here only" }).click();
+}
+
+const notice = () => page.locator(".notice");
 
 test("a schema that another client replaced is told by values that come, until it is sent again", async () => {
     await sendSchema({ mine: SPEED });
     await value("mine").getByText(/^\d+$/).waitFor();
-    expect(await doubt().count()).toBe(0);
+    await page.waitForTimeout(1500);
+    expect(await notice().count()).toBe(0);
     await sendAsAnother(JSON.stringify({ theirs: SPEED }));
-    await doubt().getByText("Values come that the schema used here does not have, such as theirs").waitFor();
-    await doubt().getByRole("button", { name: "See the schema" }).click();
+    await notice().getByText("Another client has replaced the schema.").waitFor();
+    await notice().getByText("a value comes that it does not have: theirs").waitFor();
+    expect(await notice().count()).toBe(1);
+    await notice().getByRole("button", { name: "See the schema" }).click();
     await page.getByRole("button", { name: "Send to the daemon" }).click();
-    await doubt().waitFor({ state: "detached" });
+    await notice().waitFor({ state: "detached" });
 });
 
 test("a schema that another client cleared is told by silence, until values come again", async () => {
@@ -37,14 +46,38 @@ test("a schema that another client cleared is told by silence, until values come
         observed: { ...SPEED, "@mask": 1, "@observe": true },
     });
     await value("mine").getByText(/^\d+$/).waitFor();
-    await sleep(3000);
-    expect(await doubt().count()).toBe(0);
+    await page.waitForTimeout(3000);
+    expect(await notice().count()).toBe(0);
     await sendAsAnother("{}");
-    await doubt()
-        .getByText(/^No value of this schema has come since \d\d:\d\d:\d\d: another client has cleared or replaced it/)
+    await notice().getByText("Another client may have replaced the schema.").waitFor({ timeout: 20_000 });
+    await notice()
+        .getByText(/none of its values has come for \d+ s/)
         .waitFor();
     await openSchema();
     await page.getByRole("button", { name: "Send to the daemon" }).click();
     await changes(value("mine"));
-    await doubt().waitFor({ state: "detached" });
+    await notice().waitFor({ state: "detached" });
+});
+
+test("of a schema that is only used here, the same is told by the page's own look", async () => {
+    const { send } = await puppet();
+    await useHere({ mine: SPEED, set: { ...SPEED, "@cmd": 3 } });
+    let reading = 0;
+    const stop = every(200, () => send({ mine: ++reading }));
+    await value("mine").getByText(/^\d+$/).waitFor();
+    await page.waitForTimeout(6000);
+    expect(await notice().count()).toBe(0);
+    stop();
+    await notice().getByText("Another client may have replaced the schema.").waitFor();
+    await notice()
+        .getByText(/none of its values has come since \d\d:\d\d:\d\d$/)
+        .waitFor();
+    await row("set").getByRole("button", { name: "Set set" }).click();
+    await page.keyboard.type("9");
+    await page.getByText("in its schema, these names may belong to other frames").waitFor();
+    send({ mine: ++reading });
+    await notice().waitFor({ state: "detached" });
+    send({ theirs: 1, mine: ++reading });
+    await notice().getByText("a value comes that it does not have: theirs").waitFor();
+    expect(await notice().count()).toBe(1);
 });

@@ -67,13 +67,19 @@ export async function newPage(query = ""): Promise<Page> {
     return tab;
 }
 
+/** When a tab is next loaded, its files come from the server, whatever a service worker has kept. */
+export async function keepNothing(tab: Page): Promise<void> {
+    await page.evaluate(async () => (await navigator.serviceWorker.ready).unregister());
+    await tab.addInitScript(() => Object.defineProperty(navigator, "serviceWorker", { value: undefined }));
+}
+
 export async function shoot(name: string): Promise<void> {
     if (!keepScreenshots) return;
     mkdirSync(screenshots, { recursive: true });
     await page.screenshot({ path: join(screenshots, `${name}.png`) });
 }
 
-export const row = (path: string) => page.locator(`.row:has(.name[title=${JSON.stringify(path)}])`);
+export const row = (path: string) => page.locator(`.row:has(.name[data-path=${JSON.stringify(path)}])`);
 export const value = (path: string) => row(path).locator(".value");
 export const connected = () => page.locator(".state").getByText("Connected", { exact: true }).waitFor();
 

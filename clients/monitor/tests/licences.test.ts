@@ -1,4 +1,4 @@
-import { readFileSync } from "node:fs";
+import { readdirSync, readFileSync } from "node:fs";
 import { join, resolve } from "node:path";
 import { fileURLToPath } from "node:url";
 import { describe, expect, test } from "vitest";
@@ -18,7 +18,8 @@ describe("the copyright file of the Debian package", () => {
     test("knows what the page contains", () => expect(contained).toContain("node_modules/preact"));
 
     test.each(contained)("names the holder and has the terms of %s", (path) => {
-        const paragraphs = read(path, "LICENSE")
+        const name = readdirSync(join(clients, path)).find((name) => name.startsWith("LICENSE"))!;
+        const paragraphs = read(path, name)
             .split(/\n\s*\n/)
             .map(inOneLine);
         const holder = paragraphs.findIndex((paragraph) => paragraph.startsWith("Copyright"));

@@ -2,11 +2,11 @@ import { dotted, leavesOf, namesOf, toUrl, type Leaf, type Value } from "vorbel"
 import { afterEach, beforeEach, describe, expect, onTestFinished, test, vi } from "vitest";
 import { now, WallClock } from "../src/model/clock";
 import { decimate } from "../src/model/decimate";
-import { doubtOf, type Doubt } from "../src/model/doubt";
+import { silenceIn } from "../src/model/doubt";
 import { Draft } from "../src/model/draft";
 import { History } from "../src/model/history";
 import { lag } from "../src/model/lag";
-import { planOf } from "../src/model/plan";
+import { planOf, touchedText, type Touched } from "../src/model/plan";
 import { Log } from "../src/model/log";
 import { readingAt, statistics } from "../src/model/measure";
 import { Plots } from "../src/model/plots";
@@ -436,6 +436,9 @@ describe("the tree", () => {
         tree.foldAll(false);
         expect(names(tree)).toEqual(["a", "a.b", "a.b.c", "d"]);
         expect(tree.groups.map(({ dotted }) => dotted)).toEqual(["a", "a.b"]);
+        tree.update({ c: { d: 1 } }, 0);
+        expect(tree.groups.map(({ dotted }) => dotted)).toEqual(["a", "a.b", "c"]);
+        expect(tree.groups).toBe(tree.groups); // not sought again for every drawing
     });
     test("interrupts the curves of all that has come", () => {
         const tree = new Tree();
@@ -535,11 +538,54 @@ describe("writing", () => {
             [1, 2],
         ],
     ])("tells the payload: %s", (_, values, payload) => {
-        expect([...payloadOf(new Map(values.map(([options, value]) => [leafOf(options), value])))!]).toEqual(payload);
+        const made = payloadOf(new Map(values.map(([options, value]) => [leafOf(options), value])))!;
+        expect([...made.bytes]).toEqual(payload);
     });
 
-    test("does not guess the payload of packed values", () => {
-        expect(payloadOf(new Map([[leafOf({ "@format": "p" }), 1]]))).toBeUndefined();
+    test.each<[string, string, Value, string]>([
+        ["a number", "config", 1, "81 a6 63 6f 6e 66 69 67 01"],
+        ["a negative one", "c", -200, "81 a1 63 d1 ff 38"],
+        ["one beyond 32 bits, as a float of 64", "c", 2 ** 32, "81 a1 63 cb 41 f0 00 00 00 00 00 00"],
+        ["a fraction", "c", 0.5, "81 a1 63 cb 3f e0 00 00 00 00 00 00"],
+        ["a flag", "c", true, "81 a1 63 c3"],
+        ["a text", "c", "ä", "81 a1 63 a2 c3 a4"],
+        ["a list", "c", [1, null, "x"], "81 a1 63 93 01 c0 a1 78"],
+        ["a list of as many as fit the short header", "c", new Array(15).fill(0), "81 a1 63 9f" + " 00".repeat(15)],
+        ["a list of many", "c", new Array(16).fill(0), "81 a1 63 dc 00 10" + " 00".repeat(16)],
+        ["a map, sorted by names", "c", { b: 1, "10": 2, "9": 3 }, "81 a1 63 83 a2 31 30 02 a1 39 03 a1 62 01"],
+        ["a map within a list", "c", [{}], "81 a1 63 91 80"],
+        ["a name like no other", "c", JSON.parse('{"__proto__": 1}'), "81 a1 63 81 a9 5f 5f 70 72 6f 74 6f 5f 5f 01"],
+    ])("tells the payload of packed values: %s", (_, name, value, bytes) => {
+        const leaf = { ...leafOf({ "@format": "p" }), path: ["group", name] };
+        expect(hexText(payloadOf(new Map([[leaf, value]]))!.bytes)).toBe(bytes);
+    });
+    test("of a list of very many has a longer header", () => {
+        const { bytes } = payloadOf(new Map([[leafOf({ "@format": "p" }), new Array(70000).fill(0)]]))!;
+        expect(hexText(bytes.subarray(-70005, -69999))).toBe("dd 00 01 11 70 00");
+    });
+    test.each([
+        ["half a pair", "\ud800"],
+        ["a byte order mark", "\ufeffx"],
+        ["a name with half a pair", { "\udfff": 1 }],
+    ])("does not guess the payload of %s", (_, value) => {
+        expect(payloadOf(new Map([[leafOf({ "@format": "p" }), value]]))).toBeUndefined();
+    });
+    test("appends packed values to what was written before, and later ones overwrite them", () => {
+        const named = (name: string, options: object) => ({ ...leafOf(options), path: [name] });
+        const [a, c] = [named("a", { "@format": "S", "@skip": 1 }), named("c", { "@format": "C", "@skip": 4 })];
+        const p = named("b", { "@format": "p", "@skip": 9 });
+        const made = payloadOf(
+            new Map<Leaf, Value>([
+                [c, 255],
+                [p, 7],
+                [a, 0x0102],
+            ]),
+        )!;
+        expect([hexText(made.bytes), made.written]).toEqual([
+            "00 02 01 81 ff 62 07",
+            [false, true, true, true, true, true, true],
+        ]);
+        expect(payloadOf(new Map<Leaf, Value>([[p, null]]))!.bytes).toHaveLength(0);
     });
 });
 
@@ -556,6 +602,7 @@ describe("what goes out", () => {
     }
     const at = (skip: number, format: string, more = {}) => ({ "@skip": skip, "@format": format, ...more });
     const hex = (frames: Uint8Array[] | undefined) => frames?.map(hexText);
+    const texts = (all: Touched[]) => all.map(touchedText);
 
     test("differs from the last readings in the bytes that are told", () => {
         const schema = { a: at(0, "S"), b: at(2, "S", { "@factor": 10 }), c: at(4, "f"), d: at(8, "C") };
@@ -566,7 +613,7 @@ describe("what goes out", () => {
         );
         expect(hex(frames)).toEqual(["35 12 00 01 00 00 00 40"]);
         expect(changes).toEqual(["byte 0: 34 → 35", "byte 6: 80 → 00", "byte 7: 3f → 40"]);
-        expect([cut, zeroed, left]).toEqual([0, [], ["d (byte 8)"]]);
+        expect([cut, zeroed, texts(left)]).toEqual([0, [], ["d (byte 8)"]]);
     });
     test.each<[string, object, number | boolean, string[] | undefined]>([
         ["nothing was read", { "@format": "C" }, NaN, undefined],
@@ -607,7 +654,7 @@ describe("what goes out", () => {
         ["what is written by another", at(2, "C", { "@mask": 1 }), []],
         ["what is behind the end", at(3, "C", { "@mask": 1 }), []],
     ])("zeroes %s", (_, options, zeroed) => {
-        expect(plan({ x: options, written: at(2, "C") }, {}, { written: 1 }).zeroed).toEqual(zeroed);
+        expect(plan({ x: options, written: at(2, "C") }, {}, { written: 1 }).zeroed.map(touchedText)).toEqual(zeroed);
     });
     test("leaves out only what lies behind it as a whole", () => {
         const { left } = plan(
@@ -615,16 +662,15 @@ describe("what goes out", () => {
             {},
             { written: 1 },
         );
-        expect(left).toEqual(["y (bytes 3–4)"]);
+        expect(texts(left)).toEqual(["y (bytes 3–4)"]);
     });
     test("tells the present reading of what it zeroes", () => {
-        expect(plan({ x: at(0, "C"), written: at(2, "C") }, { x: 7 }, { written: 1 }).zeroed).toEqual([
-            "x (byte 0), now 7",
-        ]);
+        const { zeroed } = plan({ x: at(0, "C"), written: at(2, "C") }, { x: 7 }, { written: 1 });
+        expect([zeroed, texts(zeroed)]).toEqual([[{ what: "x (byte 0)", now: "7" }], ["x (byte 0), now 7"]]);
     });
     test("is cut off after eight bytes, and what lies beyond is left out", () => {
         const { frames, cut, left } = plan({ a: at(6, "I"), b: at(9, "C") }, {}, { a: 0x01020304 });
-        expect([hex(frames), cut, left]).toEqual([["00 00 00 00 00 00 04 03"], 2, ["b (byte 9)"]]);
+        expect([hex(frames), cut, texts(left)]).toEqual([["00 00 00 00 00 00 04 03"], 2, ["b (byte 9)"]]);
     });
     test("is as many frames as it takes where the first leaf by name is fragmented", () => {
         const [fragmented, whole] = [at(0, "I", { "@fragmentation": true }), at(6, "I")];
@@ -644,8 +690,18 @@ describe("what goes out", () => {
         const leaves = paths.map((path): Leaf => ({ ...leavesOf({ "@mac": 1 })[0]!, path: namesOf(path) }));
         expect(leaves.sort(byName).map(({ path }) => dotted(path))).toEqual(order);
     });
-    test("is not guessed of packed values", () => {
-        const { frames, changes } = plan({ a: { "@format": "p" } }, {}, { a: 1 });
+    test("has packed values behind the others, and zeroes what lies between", () => {
+        const { frames, cut, zeroed } = plan({ x: at(0, "C"), a: at(1, "C"), b: at(0, "p") }, { x: 5 }, { a: 2, b: 1 });
+        expect([hex(frames), cut, texts(zeroed)]).toEqual([["00 02 81 a1 62 01"], 0, ["x (byte 0), now 5"]]);
+        const config = plan({ config: at(0, "p") }, {}, { config: 1 });
+        expect([hex(config.frames), config.cut]).toEqual([["81 a6 63 6f 6e 66 69 67"], 1]);
+        expect(hex(plan({ config: at(0, "p", { "@fragmentation": true }) }, {}, { config: 1 }).frames)).toEqual([
+            "81 a6 63 6f 6e 66 69 67",
+            "01",
+        ]);
+    });
+    test("is not guessed of packed values that do not stay as they are", () => {
+        const { frames, changes } = plan({ a: { "@format": "p" } }, {}, { a: "\ud800" });
         expect([frames, changes]).toEqual([undefined, undefined]);
     });
 });
@@ -661,7 +717,7 @@ describe("a draft", () => {
         const node = (name: string) => tree.find([name])!;
         const edits = new Map(Object.entries(typed).map(([name, text]) => [node(name), text]));
         const main = node(Object.keys(schema)[0]!);
-        const made = new Draft(main, tree.sameFrame(main.leaf!), edits, foreign);
+        const made = new Draft(main, tree.sameFrame(main.leaf!), edits, tree.readings, foreign);
         const values = Object.fromEntries([...made.values].map(([leaf, value]) => [dotted(leaf.path), value]));
         return { ...made, values, isComplete: made.isComplete };
     }
@@ -712,6 +768,9 @@ describe("a draft", () => {
         expect(draft(flagged, { on: 0 }, { a: "1" }).consequences).toBe(first);
         expect(draft(flagged, { on: 1 }, { a: "1" }, "why").consequences).not.toBe(first);
         expect(draft(schema, { a: 1, b: 2 }, { a: "1" }).consequences).toBe("");
+        const named = (name: string) => ({ a: flagged.a, [name]: flagged.on });
+        const one = draft(named("x, now 1"), {}, { a: "1" }).consequences;
+        expect(draft(named("x, now 2"), {}, { a: "1" }).consequences).not.toBe(one);
     });
 });
 
@@ -772,6 +831,19 @@ describe("a session", () => {
         const { session, saved } = sessionWith({ address: "asked" }, { address: "last" });
         session.declineLink();
         expect([session.asked, addresses, saved.get("address")]).toEqual([{}, ["ws://last:10443"], "last"]);
+    });
+
+    test("counts the least and greatest readings of another daemon anew, as long as somebody looks", () => {
+        const { session } = sessionWith({});
+        session.chooseColumns(["min"]);
+        const before = now();
+        session.connect("other");
+        session.tree.update({ a: 1 }, now());
+        const { since } = session.tree.find(["a"])!.series!.extremes!;
+        expect([since.least >= before, since.most >= before]).toEqual([true, true]);
+        session.chooseColumns(["raw"]);
+        expect(session.tree.find(["a"])!.series!.extremes).toBeUndefined();
+        session.disconnect();
     });
 
     test("says which address of a link is none", () => {
@@ -924,38 +996,36 @@ test("the log counts repetitions instead of listing them, but lists everything t
     expect(log.entries.length).toBeLessThan(300);
 });
 
-describe("a doubt about the daemon's schema", () => {
+describe("a silence that speaks for another schema in the daemon", () => {
     const leaf = { "@mac": 1, "@cmd": 1, "@format": "s" };
     const schema = { a: leaf, b: leaf, changes: { ...leaf, "@observe": true }, written: leaf };
     /** What is thought at a time of a tree that got messages at times, connected since 0. */
-    function doubt(messages: [number, Value][], time: number, connected: number | undefined = 0): Doubt | undefined {
+    function silence(messages: [number, Value][], time: number, connected: number | undefined = 0) {
         const tree = new Tree();
         tree.useSchema(schema);
         for (const [at, values] of messages) tree.update(values, at);
-        return doubtOf(tree, connected, time);
+        return silenceIn(tree, connected, time);
     }
     const running: [number, Value][] = [0, 1000, 2000].map((time) => [time, { a: 1, b: 2, changes: 3 }]);
 
-    test("comes not while values come", () => expect(doubt(running, 2100)).toBeUndefined());
-    test("comes when all have failed to come that should", () =>
-        expect(doubt(running, 10_000)).toEqual({ kind: "silence", since: 2000 }));
-    test("comes not while one still comes", () =>
-        expect(doubt([...running, [9000, { b: 1 }]], 10_000)).toBeUndefined());
-    test("comes not from values that come only when they change", () =>
-        expect(doubt([[0, { changes: 1 }]], 1e6)).toBeUndefined());
-    test("comes not before there was a value, or a connection", () => {
-        expect(doubt([], 1e6)).toBeUndefined();
+    test("is none while values come", () => expect(silence(running, 2100)).toBeUndefined());
+    test("is there when all have failed to come that should", () =>
+        expect(silence(running, 10_000)).toEqual({
+            certain: false,
+            reason: `none of its values has come since ${clockText(2000)}`,
+        }));
+    test("is none while one still comes", () =>
+        expect(silence([...running, [9000, { b: 1 }]], 10_000)).toBeUndefined());
+    test("is not that of values that come only when they change", () =>
+        expect(silence([[0, { changes: 1 }]], 1e6)).toBeUndefined());
+    test("is none before there was a value, or a connection", () => {
+        expect(silence([], 1e6)).toBeUndefined();
         const tree = new Tree();
         tree.useSchema(schema);
         tree.update({ a: 1 }, 0);
-        expect(doubtOf(tree, undefined, 1e6)).toBeUndefined();
-        expect(doubtOf(tree, 1e6 - 4000, 1e6)).toBeUndefined();
-        expect(doubtOf(tree, 1e6 - 6000, 1e6)).toBeDefined();
-    });
-    test("comes from values that the schema does not have, while they come", () => {
-        const strange: [number, Value][] = [...running, [2000, { z: { y: 1 } }]];
-        expect(doubt(strange, 2100)).toEqual({ kind: "strangers", path: "z.y" });
-        expect(doubt([...strange, [20_000, { a: 1 }]], 20_000)).toBeUndefined();
+        expect(silenceIn(tree, undefined, 1e6)).toBeUndefined();
+        expect(silenceIn(tree, 1e6 - 4000, 1e6)).toBeUndefined();
+        expect(silenceIn(tree, 1e6 - 6000, 1e6)).toBeDefined();
     });
 });
 

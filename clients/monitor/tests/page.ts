@@ -4,15 +4,16 @@ import type { AddressInfo } from "node:net";
 import { tmpdir } from "node:os";
 import { extname, join, resolve } from "node:path";
 import { fileURLToPath } from "node:url";
-import { chromium, type BrowserContext } from "playwright-core";
+import { chromium, type BrowserContext, type HTTPCredentials } from "playwright-core";
 
 export const dist = resolve(fileURLToPath(import.meta.url), "../../dist");
 const examples = resolve(fileURLToPath(import.meta.url), "../../../../examples");
-const types: Record<string, string> = {
+export const types: Record<string, string> = {
     ".html": "text/html",
     ".js": "text/javascript",
     ".css": "text/css",
     ".svg": "image/svg+xml",
+    ".png": "image/png",
     ".json": "application/json",
 };
 
@@ -32,31 +33,39 @@ export async function serve(): Promise<{ server: Server; url: string }> {
     return { server, url: `http://127.0.0.1:${(server.address() as AddressInfo).port}/` };
 }
 
+/** How Chromium runs here, also where there is no display and no other network. */
+export const browserArguments = [
+    "--no-sandbox",
+    "--disable-gpu",
+    "--disable-quic",
+    "--no-first-run",
+    "--disable-background-networking",
+    "--disable-component-update",
+    "--disable-sync",
+    "--disable-dev-shm-usage",
+];
+
 /** Debian's Chromium with a profile of its own, which is removed by end(). */
 export async function startBrowser(
     more: string[] = [],
 ): Promise<{ browser: BrowserContext; end: () => Promise<void> }> {
     const profile = mkdtempSync(join(tmpdir(), "vorbel-chromium-"));
-    const browser = await chromium.launchPersistentContext(profile, {
-        executablePath: "/usr/bin/chromium",
-        headless: true,
-        args: [
-            "--no-sandbox",
-            "--disable-gpu",
-            "--disable-quic",
-            "--no-first-run",
-            "--disable-background-networking",
-            "--disable-component-update",
-            "--disable-sync",
-            "--disable-dev-shm-usage",
-            ...more,
-        ],
-        viewport: { width: 1280, height: 800 },
-        acceptDownloads: true,
-    });
+    const browser = await startWith(profile, more);
     const end = async () => {
         await browser.close();
         rmSync(profile, { recursive: true, force: true });
     };
     return { browser, end };
+}
+
+/** The same with a profile that stays, and with what it answers when a server asks for a password. */
+export function startWith(profile: string, more: string[], httpCredentials?: HTTPCredentials): Promise<BrowserContext> {
+    return chromium.launchPersistentContext(profile, {
+        executablePath: "/usr/bin/chromium",
+        headless: true,
+        args: [...browserArguments, ...more],
+        viewport: { width: 1280, height: 800 },
+        acceptDownloads: true,
+        ...(httpCredentials && { httpCredentials }),
+    });
 }

@@ -25,7 +25,7 @@ const plots = () =>
                 [...box.querySelectorAll(".legend .name")].map(({ textContent }) => textContent).join(""),
             ),
         );
-const item = (path: string) => page.locator(".legend li", { hasText: path });
+const item = (path: string) => page.locator(".legend .name", { hasText: path });
 
 test("a curve is dragged into a plot of its own, and into another's", async () => {
     await threeCurves();

@@ -1,20 +1,23 @@
 import { execFileSync, spawn, type ChildProcess } from "node:child_process";
 import { once } from "node:events";
-import { readFileSync } from "node:fs";
+import { mkdtempSync, readFileSync, rmSync } from "node:fs";
 import { createServer } from "node:https";
-import { resolve } from "node:path";
+import { tmpdir } from "node:os";
+import { join, resolve } from "node:path";
 import { fileURLToPath } from "node:url";
 import type { BrowserContext } from "playwright-core";
 import type { AddressInfo } from "node:net";
 import { afterAll, beforeAll, expect, onTestFinished, test } from "vitest";
 import { Machine, machineSchema } from "../../js/tests/machine.js";
-import { dist, startBrowser } from "./page.js";
+import { dist, startBrowser, startWith } from "./page.js";
 
 const script = resolve(fileURLToPath(import.meta.url), "../../../../packaging/tests/proxy.py");
 
 const machine = new Machine();
 let proxy: ChildProcess;
 let certificate: string;
+/** What lets the browser find the proxy and believe it. */
+let trusting: string[];
 let browser: BrowserContext;
 let endBrowser: () => Promise<void>;
 
@@ -24,10 +27,11 @@ beforeAll(async () => {
     proxy = spawn("/usr/bin/python3", [script, dist], { stdio: ["pipe", "pipe", "inherit"] });
     const [path] = await once(proxy.stdout!.setEncoding("utf8"), "data");
     certificate = path.trim();
-    ({ browser, end: endBrowser } = await startBrowser([
+    trusting = [
         "--host-resolver-rules=MAP board.example.com 127.0.0.1",
         `--ignore-certificate-errors-spki-list=${keyHash(certificate)}`,
-    ]));
+    ];
+    ({ browser, end: endBrowser } = await startBrowser(trusting));
 });
 afterAll(async () => {
     await endBrowser();
@@ -84,4 +88,24 @@ test("behind the documented proxy the page connects to nobody else, and can stil
     await page.keyboard.press("Enter");
     await page.getByText("Handled at").waitFor();
     await expect.poll(() => machine.heard).toEqual(["mac 5 cmd 3: b0 04"]);
+});
+
+test("a page that was kept asks for the password when the browser does not know it any more", async () => {
+    const profile = mkdtempSync(join(tmpdir(), "vorbel-chromium-"));
+    onTestFinished(() => rmSync(profile, { recursive: true, force: true }));
+    const credentials = { username: "alice", password: "secret" };
+    const once = await startWith(profile, trusting, credentials);
+    const first = await once.newPage();
+    await first.goto("https://board.example.com/");
+    await first.getByText("demo machine").waitFor();
+    await first.waitForFunction(() => navigator.serviceWorker.controller);
+    const { errors } = await (await once.newCDPSession(first)).send("Page.getAppManifest");
+    expect(errors).toEqual([]);
+    await once.close();
+
+    const again = await startWith(profile, trusting, credentials);
+    onTestFinished(() => again.close());
+    const page = await again.newPage();
+    await page.goto("https://board.example.com/");
+    await page.getByText("demo machine").waitFor();
 });

@@ -36,7 +36,9 @@ async function hold(key: string, seconds: number): Promise<void> {
 describe("a key", () => {
     test("that is held on a row opens its form, and sends nothing", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await page.getByRole("treegrid").focus();
         await page.keyboard.press("End");
         await hold("Enter", 1);
@@ -47,7 +49,9 @@ describe("a key", () => {
 
     test("that is held in the form sends once what was typed", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await startSetting("motor.setpoint");
         await page.keyboard.type("1200");
         await hold("Enter", 1);
@@ -58,7 +62,9 @@ describe("a key", () => {
 
     test("that is held on a button presses it once", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await row("motor.speed").getByRole("button", { name: "Plot" }).focus();
         await hold("Enter", 0.5);
         await row("motor.speed").getByRole("button", { name: "Plot", pressed: true }).waitFor();
@@ -66,7 +72,9 @@ describe("a key", () => {
 
     test("sends nothing that was not edited, and nothing twice", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await startSetting("motor.speed");
         expect(await send().isDisabled()).toBe(true);
         await page.keyboard.press("Enter");
@@ -96,7 +104,9 @@ async function connectThrough(): Promise<Network> {
 async function typeThrough(text: string): Promise<Network> {
     const network = await connectThrough();
     await sendSchema();
-    await value("motor.speed").getByText(/^\d+$/).waitFor();
+    await value("motor.speed")
+        .getByText(/^\d+ rpm$/)
+        .waitFor();
     await startSetting("motor.setpoint");
     await page.keyboard.type(text);
     return network;
@@ -493,7 +503,9 @@ test("a password in an address is not kept, nor shown in the log", async () => {
 describe("a page that is locked", () => {
     test("by its link sends nothing, and says so", async () => {
         await sendSchema();
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         const tab = await newPage("?locked");
         await tab.getByRole("button", { name: "Locked", pressed: true }).waitFor();
         await tab.getByRole("button", { name: "Set motor.setpoint" }).click();
@@ -542,7 +554,9 @@ describe("a page that is locked", () => {
 
     test("does not send its schema again either, and closes the form", async () => {
         await sendSchema(machineSchema);
-        await value("motor.speed").getByText(/^\d+$/).waitFor();
+        await value("motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await startSetting("motor.setpoint");
         await page.keyboard.type("1200");
         await page.getByRole("button", { name: "Lock", exact: true }).click();

@@ -4,7 +4,8 @@ import { every, puppet } from "./impostor.js";
 
 /** What the table is good for beside showing values. */
 
-const paths = () => page.locator(".row .name").evaluateAll((names) => names.map((name) => name.getAttribute("title")));
+const paths = () =>
+    page.locator(".row .name").evaluateAll((names) => names.map((name) => name.getAttribute("data-path")));
 
 test("all groups are folded, and unfolded, at once", async () => {
     await sendSchema();

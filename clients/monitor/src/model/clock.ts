@@ -31,6 +31,12 @@ export class WallClock {
         const [, ahead] = this.#steps.findLast(([after]) => after < time)!;
         return time + ahead;
     }
+
+    /** The time at which the wall's clock showed so many milliseconds since 1970; the last one, if there were several. */
+    when(shown: number): number {
+        const [, ahead] = this.#steps.findLast(([after, ahead]) => after < shown - ahead)!;
+        return shown - ahead;
+    }
 }
 
 export const wallClock = new WallClock();

@@ -1,23 +1,19 @@
 import { isObserved } from "./series";
+import { clockText } from "./text";
 import type { Tree } from "./tree";
 
-/** What speaks for another schema in the daemon than the one that is used here. */
-export type Doubt =
-    /** Values come that the schema here does not have. */
-    | { kind: "strangers"; path: string }
-    /** None of its values comes any more: the last one came then. */
-    | { kind: "silence"; since: number };
+/** Another schema than the one here is in force in the daemon, or may be. */
+export type Foreign = { certain: boolean; reason: string };
 
 /** Milliseconds that a new connection has for its first values. */
 const PATIENCE = 5000;
 
-/** Undefined while nothing speaks for it. `connected` is since when. */
-export function doubtOf(tree: Tree, connected: number | undefined, time: number): Doubt | undefined {
-    if (connected === undefined) return undefined;
-    const stranger = tree.valued.find(({ leaf, series }) => !leaf && !series!.isOverdue(time, leaf));
-    if (stranger) return { kind: "strangers", path: stranger.dotted };
-    if (time - connected < PATIENCE) return undefined;
+/** What the values of a tree say: none of them comes any more. `connected` is since when; undefined while it is not. */
+export function silenceIn(tree: Tree, connected: number | undefined, time: number): Foreign | undefined {
+    if (connected === undefined || time - connected < PATIENCE) return undefined;
     const expected = tree.valued.filter(({ leaf }) => leaf && !isObserved(leaf));
     const isSilent = expected.length > 0 && expected.every(({ leaf, series }) => series!.isOverdue(time, leaf));
-    return isSilent ? { kind: "silence", since: Math.max(...expected.map(({ series }) => series!.time)) } : undefined;
+    if (!isSilent) return undefined;
+    const last = Math.max(...expected.map(({ series }) => series!.time));
+    return { certain: false, reason: `none of its values has come since ${clockText(last)}` };
 }

@@ -7,6 +7,8 @@ export class History {
     #values = new Float64Array(16);
     #start = 0;
     length = 0;
+    /** Whether there were more readings than it has. */
+    isCut = false;
 
     constructor(public limit: number) {}
 
@@ -17,7 +19,13 @@ export class History {
         this.#times[at] = time;
         this.#values[at] = value;
         if (this.length < this.#times.length) this.length++;
-        else this.#start = (this.#start + 1) % this.#times.length;
+        else this.#forgetOldest();
+    }
+
+    /** As if there had been none. */
+    clear(): void {
+        this.#start = this.length = 0;
+        this.isCut = true;
     }
 
     timeAt(index: number): number {
@@ -37,6 +45,11 @@ export class History {
             else high = middle;
         }
         return low;
+    }
+
+    #forgetOldest(): void {
+        this.#start = (this.#start + 1) % this.#times.length;
+        this.isCut = true;
     }
 
     #grow(): void {

@@ -5,7 +5,6 @@ import {
     describeWritten,
     dotted,
     leavesOf,
-    nest,
     parseJson,
     parseSchema,
     readingOf,
@@ -17,18 +16,28 @@ import {
     type SchemaEvent,
     type State,
     type Value,
-    type ValueMap,
     type WebSocketConstructor,
     type Written,
 } from "vorbel";
+import type { Assignment } from "./course";
+import type { Guard } from "./limits";
 import { isSameDaemon, keptAddress, type Asked } from "./link";
 import { now } from "./clock";
+import { silenceIn, type Foreign } from "./doubt";
+import { lag } from "./lag";
 import { Log } from "./log";
-import { Plots } from "./plots";
+import { COLUMNS, type Column } from "./columns";
+import { ExtremesOfAll, type End } from "./extremes";
+import { Plots, type Shape } from "./plots";
+import type { Entry } from "./recording/entry";
+import type { Run } from "./run";
+import { withEither } from "./signals";
+import { assignmentText, frameText, SentLog, type Sender } from "./sent";
 import { Source } from "./source";
-import { hexText, valueText } from "./text";
+import { hexText } from "./text";
 import { Tree, type TreeNode } from "./tree";
-import { payloadOf } from "./writing";
+import { ViewKeeper } from "./view";
+import { messageOf } from "./writing";
 
 /** Texts by name that stay from one visit to the next, as far as they can. */
 export type Memory = {
@@ -41,20 +50,25 @@ export type Surroundings = {
     /** The address to begin with when none was asked for or is remembered. */
     home: string;
     /**
-     * What was asked for: "address", "schema" (the name of a file), "plot" (paths with commas between them), "locked"
-     * (whatever its value).
+     * What was asked for: "address", "schema" (the name of a file), "view" or "plot" (paths with commas between them),
+     * "locked" (whatever its value).
      */
     query: { get(name: string): string | null };
     memory: Memory;
     /** The text of a file by its name. */
     read: (name: string) => Promise<string>;
+    /** Takes a view out of what will be asked for after a reload. */
+    forgetLink?: () => void;
     /** What to connect with, where it is not the browser's own. */
     WebSocket?: WebSocketConstructor;
 };
 
+/** Values that the form gives on: to keep them as a preset, or to send them again and again. */
+export type Ordering = { purpose?: "keep" | "repeat"; values: Assignment[] };
+
 /** One page's dealings with one daemon at a time. Its sources say what changed. */
 export class Session {
-    readonly tree = new Tree();
+    readonly tree = this.makeTree();
     readonly log = new Log();
     /** Values and their times. */
     readonly values = new Source();
@@ -73,33 +87,76 @@ export class Session {
     /** The same as people wrote it. */
     schemaText = "";
     readonly plots = new Plots();
-    /** Paths to plot as soon as they are known. */
-    #wanted: string[];
+    /** What of all that is shown, and how. */
+    readonly view: ViewKeeper;
+    readonly extremes = new ExtremesOfAll(this.tree);
     writing: TreeNode | undefined;
+    /** What the panel of presets and sequences begins with; undefined while it is closed. */
+    ordering: Ordering | undefined;
+    /** What goes out by itself, or the last that did. */
+    run: Run | undefined;
+    /** What watches over values with limits; undefined while none has any. */
+    guard: Guard | undefined;
+    /** Whether the list of alarms is open. */
+    showsAlarms = false;
     /** Nothing can be sent. */
     locked: boolean;
+    /** The schema that a link names. */
+    #linked: Asked["schema"];
     /** What a link asks for and nobody has confirmed. */
     asked: Asked = {};
-    /** What is to be known before values are written: another client's schema may be in force. */
-    foreign: { certain: boolean; reason: string } | undefined;
+    /** By what the client says, or by values that came. */
+    #foreign: Foreign | undefined;
+    /** Hears of all that comes, while somebody records it. */
+    tap: ((entry: Entry) => void) | undefined;
     /** What gives up values that have not been sent yet. */
     #sending = new AbortController();
     #client: Client | undefined;
 
+    /** What went out from here, in all visits. */
+    readonly sent: SentLog;
+
     readonly #memory: Memory;
     readonly #WebSocket: WebSocketConstructor | undefined;
 
-    constructor({ home, query, memory, read, WebSocket }: Surroundings) {
+    constructor({ home, query, memory, read, forgetLink = () => {}, WebSocket }: Surroundings) {
         this.#memory = memory;
+        this.sent = new SentLog(memory);
         this.#WebSocket = WebSocket;
         this.address = keptAddress(memory.load("address")) ?? home;
         this.locked = query.get("locked") !== null || memory.load("locked") === "yes";
-        this.#wanted = query.get("plot")?.split(",") ?? [];
+        this.view = new ViewKeeper(this.tree, this.plots, query, memory, forgetLink);
+        if (this.view.problem) this.log.add("problem", "The link's view cannot be shown", this.view.problem);
+        this.#showColumns(this.view.settings.columns);
         this.schemaText = memory.load("schema") ?? "";
         if (this.schemaText && isUsable(this.schemaText)) this.#use(JSON.parse(this.schemaText));
         const schema = query.get("schema");
         if (schema) void this.#readSchema(schema, read);
         this.#begin(query.get("address"));
+    }
+
+    protected makeTree(): Tree {
+        return new Tree();
+    }
+
+    /** The columns that the table can have. */
+    get columns(): readonly Column[] {
+        return COLUMNS;
+    }
+
+    /** Whether what is shown is a recording. */
+    get isPast(): boolean {
+        return false;
+    }
+
+    /** The time of what is shown: the present, but for recordings. */
+    get time(): number {
+        return now();
+    }
+
+    /** Up to when all that came is known. */
+    get known(): number {
+        return now() - lag.behind;
     }
 
     /** A link may lead to a stranger: nobody else's daemon is connected to unasked. */
@@ -128,6 +185,15 @@ export class Session {
         this.asked = {};
         if (address !== undefined) this.connect(this.address);
         this.status.changed();
+    }
+
+    /**
+     * What is to be known before values are written: another client's schema may be in force. The client looks after
+     * the schema that it owns; of one that is only used here, the values tell.
+     */
+    get foreign(): Foreign | undefined {
+        if (!this.schema || this.#foreign || this.#client?.ownsSchema) return this.#foreign;
+        return silenceIn(this.tree, this.connectedSince, now());
     }
 
     /** From now on nothing can be sent, not even the schema to a restarted daemon. */
@@ -161,7 +227,7 @@ export class Session {
         if (this.#client?.url !== url) {
             this.disconnect();
             if (this.#client) this.#forgetReadings();
-            this.hello = this.foreign = undefined;
+            this.hello = this.#foreign = undefined;
             this.#client = this.#newClient(address);
         }
         this.#client.connect();
@@ -179,7 +245,7 @@ export class Session {
         if (send && this.locked) throw new Error("The page is locked: nothing was sent");
         if (send) this.#client?.setSchema(schema);
         else this.#client?.releaseSchema();
-        this.foreign = undefined;
+        this.#foreign = undefined;
         this.schemaText = text;
         this.#memory.save("schema", text);
         this.#use(schema);
@@ -189,11 +255,17 @@ export class Session {
         else this.log.add("schema", `Schema of ${leaves} kept`, "goes out with the next connection");
     }
 
+    /** The name of the file beside the page that the schema here comes from, if it does. */
+    get schemaFile(): string | undefined {
+        return this.#linked?.text === this.schemaText ? this.#linked.name : undefined;
+    }
+
     /** Reads a schema that a link names. */
     async #readSchema(name: string, read: Surroundings["read"]): Promise<void> {
         try {
             const text = await read(name);
             parseSchema(text);
+            this.#linked = { name, text };
             if (text !== this.schemaText) this.asked = { ...this.asked, schema: { name, text } };
         } catch (error) {
             this.log.add("problem", `The schema ${name} could not be loaded`, (error as Error).message);
@@ -202,25 +274,35 @@ export class Session {
     }
 
     /** Writes values of leaves of the same frames. Rejects when that is not so, or when nothing says whether it is. */
-    async write(values: ReadonlyMap<Leaf, Value>): Promise<void> {
-        const written = await this.#deliver(values);
+    async write(values: ReadonlyMap<Leaf, Value>, sender: Sender = { source: "form" }): Promise<void> {
+        const frame = frameText(values, this.tree.readings);
+        const order = this.sent.begin(sender, values, frame);
+        const written = await this.#deliver(values, sender).catch((error: Error) => {
+            if (error instanceof UnconfirmedError) this.tree.doubt();
+            order.failed(error instanceof UnconfirmedError ? "unconfirmed" : "refused", error.message);
+            throw error;
+        });
+        this.tree.wrote(written);
         const told = [...values].map(([leaf, value]) => {
             const number = written.find((each) => dotted(each.leaf.path) === dotted(leaf.path));
             const node = this.tree.find(leaf.path);
             if (node) node.sent = number ? readingOf(number) : value;
             return assignmentText(leaf, value) + (number ? `: ${describeWritten(number)}` : "");
         });
-        this.log.add("sent", told.join(", "), frameText(values));
+        order.handled(told.join(", "));
+        if (sender.cycle === undefined) this.log.add("sent", told.join(", "), frame);
         this.values.changed();
     }
 
-    async #deliver(values: ReadonlyMap<Leaf, Value>): Promise<Written[]> {
-        const message: ValueMap = {};
-        for (const [leaf, value] of values) merge(message, nest(leaf.path, value));
+    async #deliver(values: ReadonlyMap<Leaf, Value>, { signal, patience }: Sender): Promise<Written[]> {
+        const signals = signal ? [this.#sending.signal, signal] : [this.#sending.signal];
         try {
             if (this.locked) throw new Error("The page is locked: nothing was written");
-            if (!this.#client) throw new Error("Not connected: nothing was written");
-            return await this.#client.deliver(message, { schema: this.schema, signal: this.#sending.signal });
+            const client = this.#client;
+            if (!client) throw new Error("Not connected: nothing was written");
+            const message = messageOf(values);
+            const options = { schema: this.schema, readings: this.tree.readings, patience };
+            return await withEither(signals, (either) => client.deliver(message, { ...options, signal: either }));
         } catch (error) {
             const told = [...values].map(([leaf, value]) => assignmentText(leaf, value)).join(", ");
             const what = error instanceof UnconfirmedError ? "Perhaps handled" : "Not sent";
@@ -232,35 +314,91 @@ export class Session {
     togglePlot(node: TreeNode): void {
         if (this.plots.lineOf(node) === undefined) {
             this.plots.add([node]);
-            node.series?.keepForPlot();
         } else {
             this.plots.remove(node);
         }
-        this.status.changed();
+        this.#keepForPlots(node);
+        this.viewChanged();
     }
 
     /** Draws a plotted value in another plot, or in a new one. */
     movePlotted(id: string, to: number | undefined): void {
         const node = this.plots.nodes.find((each) => each.id === id);
         if (node) this.plots.move(node, to);
+        this.viewChanged();
+    }
+
+    /** Draws a plotted value as something else. */
+    drawAs(node: TreeNode, shape: Shape): void {
+        this.plots.drawAs(node, shape);
+        this.#keepForPlots(node);
+        this.viewChanged();
+    }
+
+    /** Shows columns in the table, as somebody wishes. */
+    chooseColumns(columns: Column[]): void {
+        this.#showColumns(columns);
+        this.view.set({ columns });
+    }
+
+    /** From now on the least or the greatest readings are others. */
+    resetExtremes(end: End): void {
+        this.extremes.reset(end, now());
+        this.values.changed();
+    }
+
+    /** Somebody has folded, pinned or plotted something. */
+    viewChanged(): void {
+        this.view.keep();
         this.status.changed();
     }
 
-    #plotWanted(): void {
-        if (this.#wanted.length === 0) return;
-        const found = this.tree.rows().filter((node) => node.series && this.#wanted.includes(node.dotted));
-        this.#wanted = this.#wanted.filter((path) => !found.some(({ dotted }) => dotted === path));
-        this.plots.add(found);
+    /** Only what is shown is counted. */
+    #showColumns(columns: Column[]): void {
+        const isWanted = columns.includes("min") || columns.includes("max");
+        if (!isWanted) this.extremes.end();
+        else this.extremes.begin(this.connectedSince ?? now());
+    }
+
+    #applyView(): void {
+        this.view.apply();
+        for (const node of this.plots.nodes) this.#keepForPlots(node);
+    }
+
+    #keepForPlots(node: TreeNode): void {
+        const isPlotted = this.plots.lineOf(node) !== undefined;
+        node.series?.keepForPlot(isPlotted, this.plots.shapeOf(node));
     }
 
     startWriting(node: TreeNode | undefined): void {
+        if (node) this.#closeAll();
         this.writing = node;
         this.status.changed();
+    }
+
+    /** Opens the panel of presets and sequences, or closes it. */
+    startOrdering(ordering: Ordering | undefined): void {
+        if (ordering) this.#closeAll();
+        this.ordering = ordering;
+        this.status.changed();
+    }
+
+    showAlarms(shows: boolean): void {
+        if (shows) this.#closeAll();
+        this.showsAlarms = shows;
+        this.status.changed();
+    }
+
+    /** On phones, one of the panels covers the others. */
+    #closeAll(): void {
+        this.writing = this.ordering = undefined;
+        this.showsAlarms = false;
     }
 
     /** Another daemon's values are not this one's, though the schema may be. */
     #forgetReadings(): void {
         this.tree.forget();
+        for (const end of ["least", "most"] as const) this.extremes.reset(end, now());
         this.plots.clear();
         this.writing = undefined;
         this.undecodable = 0;
@@ -277,9 +415,13 @@ export class Session {
             this.hello = hello;
             this.status.changed();
         });
-        client.on("values", (values, arrival) => this.#received(values, arrival));
+        client.on("values", (values, arrival) => {
+            this.tap?.({ time: arrival, values });
+            this.#received(values, arrival);
+        });
         client.on("schema", (event, reason) => this.#schemaBecame(event, reason));
         client.on("undecodable", ({ bytes, error }) => {
+            this.tap?.({ time: now(), undecodable: bytes, reason: error.message });
             this.undecodable++;
             this.log.add(
                 "problem",
@@ -296,6 +438,7 @@ export class Session {
         if (lost) {
             this.log.add("connection", state === "closed" ? "Disconnected" : "Connection lost", reason);
             this.tree.interrupt(now());
+            this.tap?.({ time: now(), disconnected: reason });
         }
         if (state === "connected") {
             this.log.add("connection", "Connected", keptAddress(this.#client?.url));
@@ -311,9 +454,9 @@ export class Session {
         if (event === "kept") return;
         const told = schemaTold[event];
         this.log.add("schema", told, reason);
-        if (event === "replaced") this.foreign = { certain: true, reason };
-        else if (event === "silent") this.foreign = { certain: false, reason };
-        else this.foreign = undefined;
+        if (event === "replaced") this.tree.doubt();
+        const isForeign = event === "replaced" || event === "silent";
+        this.#foreign = isForeign ? { certain: event === "replaced", reason } : undefined;
         this.status.changed();
     }
 
@@ -322,24 +465,26 @@ export class Session {
         this.tree.update(values, arrival);
         this.values.changed();
         if (this.tree.shape === shape) return;
-        this.#plotWanted();
-        for (const { series } of this.plots.nodes) series?.keepForPlot();
-        if (this.schema && !this.foreign && unexplained === 0 && this.tree.unexplained > 0) {
-            this.log.add(
-                "schema",
-                "Values come that the schema here does not have",
-                "another client may have changed the daemon's",
-            );
-            if (!this.#client?.ownsSchema)
-                this.foreign = { certain: false, reason: "values come that it does not have" };
-        }
+        this.#applyView();
+        if (this.schema && unexplained === 0 && this.tree.unexplained > 0) this.#metStranger();
         this.status.changed();
+    }
+
+    /** The owner of the daemon's schema is told by the client whether it was replaced. */
+    #metStranger(): void {
+        if (this.#foreign) return;
+        const stranger = this.tree.valued.find(({ leaf }) => !leaf)!;
+        const reason = `a value comes that it does not have: ${stranger.dotted || "one without a name"}`;
+        this.log.add("schema", "Values come that the schema here does not have", reason);
+        if (!this.#client?.ownsSchema) this.#foreign = { certain: false, reason };
     }
 
     #use(schema: Schema): void {
         this.schema = schema;
+        this.view.keepFolds();
         this.tree.useSchema(schema);
         this.plots.replace((node) => this.tree.find(node.path));
+        this.#applyView();
         this.writing = undefined;
         this.status.changed();
     }
@@ -355,23 +500,6 @@ const schemaTold: Record<SchemaEvent, string> = {
     released: "The schema is not sent again from here",
 };
 
-function isUsable(text: string): boolean {
+export function isUsable(text: string): boolean {
     return checkText(text).every(({ severity }) => severity === "warning");
-}
-
-function merge(into: ValueMap, from: ValueMap): void {
-    for (const [name, value] of Object.entries(from)) {
-        if (Object.hasOwn(into, name)) merge(into[name] as ValueMap, value as ValueMap);
-        else Object.defineProperty(into, name, { value, enumerable: true }); // "__proto__" is a name as well
-    }
-}
-
-function assignmentText(leaf: Leaf, value: Value): string {
-    return `${dotted(leaf.path)} = ${valueText(value)}`;
-}
-
-function frameText(values: ReadonlyMap<Leaf, Value>): string {
-    const [leaf] = values.keys();
-    const payload = payloadOf(values);
-    return `mac ${leaf!.mac} cmd ${leaf!.cmd}` + (payload ? `: ${hexText(payload)}` : ", packed");
 }

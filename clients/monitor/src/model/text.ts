@@ -1,5 +1,6 @@
 import { isMap, justified, type Leaf, type Value, type ValueMap } from "vorbel";
 import { wallClock } from "./clock";
+import { labelOf } from "./meaning";
 
 /** Characters that are not seen, or that turn others around: controls, formats, separators, halves of pairs. */
 const UNSEEN = /[\p{Cc}\p{Cf}\p{Zl}\p{Zp}\p{Cs}]/gu;
@@ -9,27 +10,59 @@ export function shown(text: string): string {
     return text.replace(UNSEEN, (character) => `\\u{${character.codePointAt(0)!.toString(16)}}`);
 }
 
-/** A number as people read it: a reading with the digits that its leaf justifies, others with seven. */
+/**
+ * A number as people read it: a value with the decimals that its leaf names, or else with the digits that it justifies;
+ * others with seven.
+ */
 export function numberText(value: number, leaf?: Leaf): string {
-    if (Number.isInteger(value) && Math.abs(value) < 1e12) return String(value);
-    return String(leaf ? justified(value, leaf) : Number(value.toPrecision(7)));
+    const { decimals = -1 } = leaf?.meaning ?? {};
+    return decimals >= 0 && decimals <= 15 ? value.toFixed(decimals) : exactText(value, leaf);
 }
 
+/** The same with all digits that it justifies, to be typed. */
+export function exactText(value: number, leaf?: Leaf): string {
+    if (Number.isInteger(value) && Math.abs(value) < 1e12) return String(value);
+    if (!leaf) return String(Number(value.toPrecision(7)));
+    const { scale = 1, offset = 0 } = leaf.meaning;
+    const isOurs = scale !== 1 || offset !== 0; // and not the daemon's, in single precision
+    return String(Number((isOurs ? value : justified(value, leaf)).toPrecision(10)));
+}
+
+/** What a value is measured in, behind it. */
+export function unitText(leaf: Leaf | undefined): string {
+    const { unit = "" } = leaf?.meaning ?? {};
+    return unit && ` ${shown(unit)}`;
+}
+
+/** A number with its unit. */
+export function amountText(value: number, leaf: Leaf | undefined): string {
+    return numberText(value, leaf) + unitText(leaf);
+}
+
+/** A value in one line: its label, or itself with its unit. */
 export function valueText(value: Value, leaf?: Leaf): string {
+    const label = labelOf(value, leaf);
+    if (label !== undefined) return shown(label);
     if (value === null) return "nil";
-    if (typeof value === "number") return numberText(value, leaf);
+    if (typeof value === "number") return amountText(value, leaf);
     if (typeof value === "string") return shown(JSON.stringify(value));
-    if (ArrayBuffer.isView(value)) return arrayText(value, leaf);
+    if (ArrayBuffer.isView(value)) return arrayText(value, leaf) + unitText(leaf);
     if (Array.isArray(value)) return `[${value.map((item) => valueText(item)).join(", ")}]`;
     if (isMap(value)) return shown(mapText(value));
     return String(value);
 }
 
-/** A value with all that it has, to be taken elsewhere: every element of an array, and texts without quotes. */
+/** A value with all that it has, to be taken elsewhere: every element of an array, texts without quotes, no units. */
 export function wholeText(value: Value, leaf?: Leaf): string {
     if (typeof value === "string") return value;
+    if (typeof value === "number") return elementText(value, leaf);
     if (!ArrayBuffer.isView(value)) return valueText(value, leaf);
-    return Array.from(value as ArrayLike<number>, (element) => numberText(element, leaf)).join(", ");
+    return Array.from(value as ArrayLike<number>, (element) => elementText(element, leaf)).join(", ");
+}
+
+function elementText(value: number, leaf?: Leaf): string {
+    const label = labelOf(value, leaf);
+    return label === undefined ? numberText(value, leaf) : shown(label);
 }
 
 function mapText(value: ValueMap): string {
@@ -38,8 +71,13 @@ function mapText(value: ValueMap): string {
 
 /** Length and first elements: "5 × [3.93, 3.94, …]". */
 function arrayText(array: ArrayLike<number> & ArrayBufferView, leaf?: Leaf): string {
-    const shown = Array.from({ length: Math.min(2, array.length) }, (_, at) => numberText(array[at]!, leaf));
-    return `${array.length} × [${shown.join(", ")}${array.length > shown.length ? ", …" : ""}]`;
+    return listText(array.length, (at) => elementText(array[at]!, leaf));
+}
+
+/** How many there are, and the first of them. */
+export function listText(length: number, textAt: (at: number) => string, most = 2): string {
+    const shown = Array.from({ length: Math.min(most, length) }, (_, at) => textAt(at));
+    return `${length} × [${shown.join(", ")}${length > shown.length ? ", …" : ""}]`;
 }
 
 /** The time since something, in the largest unit that fits: "0.3 s", "12 s", "4 min", "2 h". */
@@ -68,4 +106,9 @@ export function clockText(time: number, decimals = 0): string {
 
 export function hexText(bytes: ArrayLike<number>): string {
     return Array.from(bytes, (byte) => byte.toString(16).padStart(2, "0")).join(" ");
+}
+
+/** The day and time of something that may be from another visit, by the clock on the wall. */
+export function stampText(milliseconds: number): string {
+    return new Date(milliseconds).toLocaleString("sv-SE"); // 2026-11-22 13:04:05
 }

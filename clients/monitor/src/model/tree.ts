@@ -1,4 +1,15 @@
-import { dotted, isMap, type Leaf, type Path, type Schema, type Value, leavesOf } from "vorbel";
+import {
+    dotted,
+    isMap,
+    LastReadings,
+    Meanings,
+    type Leaf,
+    type Path,
+    type Readings,
+    type Schema,
+    type Value,
+    type Written,
+} from "vorbel";
 import { Series } from "./series";
 import { shown } from "./text";
 
@@ -30,8 +41,18 @@ export class TreeNode {
         this.dotted = shown(dotted(path));
     }
 
+    /** What is looked for in it: its path, and what people call it. */
+    get words(): string {
+        return `${this.dotted} ${shown(this.leaf?.meaning.title ?? "")}`.toLowerCase();
+    }
+
     get name(): string {
         return this.path.at(-1) ?? "(the whole message)";
+    }
+
+    /** Its readings, once there has been one. */
+    get reading(): Series | undefined {
+        return this.series?.hasReading ? this.series : undefined;
     }
 
     /** The name as people see it. */
@@ -40,28 +61,71 @@ export class TreeNode {
     }
 }
 
+/** What is asked for with every drawing, and is another only when the tree is. */
+class Kept<T> {
+    #shape = -1;
+    #value: T | undefined;
+
+    at(shape: number, make: () => T): T {
+        if (this.#shape !== shape) this.#value = make();
+        this.#shape = shape;
+        return this.#value as T;
+    }
+}
+
 /** All known values by name. `shape` counts the changes to which names there are and which are folded. */
 export class Tree {
     root = new TreeNode([]);
     shape = 0;
-    #valued: { shape: number; nodes: TreeNode[] } = { shape: -1, nodes: [] };
+    readonly #valued = new Kept<TreeNode[]>();
+    readonly #groups = new Kept<TreeNode[]>();
+    /** Whether the schema names limits. */
+    hasLimits = false;
     /** How many values have come whose names the schema does not have. */
     unexplained = 0;
+    /** Hears of a value that comes for the first time. */
+    onSeries: ((series: Series) => void) | undefined;
+    #meanings = new Meanings();
+    #last = new LastReadings();
+    readonly #make: () => Series;
 
-    /** Takes the values of one message. */
+    constructor(make = () => new Series()) {
+        this.#make = make;
+    }
+
+    /** Takes the values of one message, of those that count in it. */
     update(values: Value, time: number): void {
-        this.#update(this.root, values, time);
+        this.#update(this.root, values, { values, time });
+        this.#last.heard(values);
+    }
+
+    /** A device takes what was written: until the next reading comes, it would be this. */
+    wrote(written: readonly Written[]): void {
+        this.#last.wrote(written);
     }
 
     /** Shows the leaves of a schema, and forgets names that it does not have. */
     useSchema(schema: Schema): void {
         const old = this.root;
         this.forget();
-        for (const leaf of leavesOf(schema)) {
+        this.#meanings = new Meanings(schema);
+        for (const leaf of this.#meanings.leaves.values()) {
             const node = this.#add(leaf.path);
             node.leaf = leaf;
             copyReadings(find(old, leaf.path), node);
+            node.series?.explain(leaf);
         }
+        const { leaves } = this.#meanings;
+        this.hasLimits = [...leaves.values()].some(
+            ({ meaning }) => meaning.warn !== undefined || meaning.alarm !== undefined,
+        );
+        this.#last = new LastReadings(schema);
+        this.#last.begin();
+    }
+
+    /** Says what the values of a path are, where no schema does. */
+    describe(path: Path, leaf: Leaf): void {
+        this.#add(path).leaf = leaf;
     }
 
     forget(): void {
@@ -91,7 +155,16 @@ export class Tree {
     /** Values may have been missed from a time on. */
     interrupt(time: number): void {
         for (const { series } of this.#all(this.root)) series?.interrupt(time);
+        this.doubt();
     }
+
+    /** Another schema may be in force: until the next ones, readings do not tell what is on the bus. */
+    doubt(): void {
+        this.#last.forget();
+    }
+
+    /** What the bits beside a field are taken from. */
+    readonly readings: Readings = (path) => this.#last.of(path);
 
     find(path: Path): TreeNode | undefined {
         return find(this.root, path);
@@ -99,15 +172,17 @@ export class Tree {
 
     /** All that have had a value. */
     get valued(): readonly TreeNode[] {
-        if (this.#valued.shape !== this.shape) {
-            this.#valued = { shape: this.shape, nodes: this.#all(this.root).filter(({ series }) => series) };
-        }
-        return this.#valued.nodes;
+        return this.#valued.at(this.shape, () => this.#all(this.root).filter(({ series }) => series));
+    }
+
+    get pinned(): TreeNode[] {
+        return this.#all(this.root).filter(({ pinned }) => pinned);
     }
 
     /** All that have others below them. */
-    get groups(): TreeNode[] {
-        return this.#all(this.root).filter((node) => node !== this.root && node.children.size > 0);
+    get groups(): readonly TreeNode[] {
+        const isGroup = (node: TreeNode) => node !== this.root && node.children.size > 0;
+        return this.#groups.at(this.shape, () => this.#all(this.root).filter(isGroup));
     }
 
     /** The leaves whose values go out in the same frames as those of a leaf, that one among them. */
@@ -117,32 +192,36 @@ export class Tree {
 
     /**
      * The rows of the table, from top to bottom: what is pinned, then the others. `search` words must all occur in a
-     * row's path; with `since`, its value must have changed after that time.
+     * row's path or title; with `since`, its value must have changed after that time.
      */
     rows(search = "", since?: number): TreeNode[] {
         const words = search.toLowerCase().split(/\s+/).filter(Boolean);
         const fits = (node: TreeNode) =>
-            words.every((word) => node.dotted.toLowerCase().includes(word)) &&
+            words.every((word) => node.words.includes(word)) &&
             (since === undefined || (node.series?.changed ?? -Infinity) > since);
         const isSearch = words.length > 0 || since !== undefined;
         const rows = isSearch ? this.#matching(this.root, fits) : this.#open(this.root);
         const all = this.root.series ? [this.root, ...rows] : rows;
-        const pinned = this.#all(this.root).filter((node) => node.pinned);
+        const pinned = this.pinned;
         return pinned.length > 0 ? [...pinned, ...all.filter((node) => !node.pinned)] : all;
     }
 
-    #update(node: TreeNode, value: Value, time: number): void {
+    #update(node: TreeNode, value: Value, message: { values: Value; time: number }): void {
         if (!isMap(value)) {
-            (node.series ??= this.#newSeries(node)).update(value, time);
+            if (node.leaf && !this.#meanings.counts(node.leaf, message.values)) return;
+            (node.series ??= this.#newSeries(node)).update(value, message.time);
             return;
         }
-        for (const name in value) this.#update(this.#child(node, name), value[name]!, time);
+        for (const name in value) this.#update(this.#child(node, name), value[name]!, message);
     }
 
     #newSeries(node: TreeNode): Series {
         this.shape++; // a row that was a mere name, or the root, becomes a value
         if (!node.leaf) this.unexplained++;
-        return new Series();
+        const series = this.#make();
+        series.explain(node.leaf);
+        this.onSeries?.(series);
+        return series;
     }
 
     #add(path: Path): TreeNode {

@@ -1,13 +1,16 @@
 import { now } from "../model/clock";
-import type { Arrival, End, News, Opening, Order } from "./messages";
+import { pack, type Arrival } from "./batch";
+import type { End, News, Opening, Order } from "./messages";
 
 /**
  * Holds the page's connections in a thread of its own, where nothing else happens: a browser tells when a message was
  * handed over, not when it came, and a page that draws or checks takes it late.
  */
 
+/** Milliseconds between two handfuls: as long as a frame of the screen, or they would cost more than they bring. */
+const PAUSE = 16;
 /** Messages at a time: between two handfuls the page can draw. */
-const HANDFUL = 100;
+const HANDFUL = 300;
 /** Bytes that wait for a page that does not follow, before the connection is given up. */
 const LIMIT = 32 * 1024 * 1024;
 /** What a message costs beside its bytes. */
@@ -19,6 +22,8 @@ class Connection {
     #size = 0;
     /** Whether the page has a handful that it has not handled yet. */
     #busy = false;
+    #delivered = -Infinity;
+    #timer: ReturnType<typeof setTimeout> | undefined;
     #end: End | undefined;
 
     constructor(
@@ -74,18 +79,31 @@ class Connection {
         this.#deliver();
     }
 
+    /** Hands over what waits, as soon as it is time and the page is ready for it. */
     #deliver(): void {
-        if (this.#busy) return;
-        if (this.#waiting.length > 0) {
-            const arrivals = this.#waiting.splice(0, HANDFUL);
-            for (const arrival of arrivals) this.#size -= sizeOf(arrival);
-            this.#busy = true;
-            const buffers = arrivals.map(({ data }) => data).filter((data) => typeof data !== "string");
-            this.#tell({ arrivals, waiting: this.#waiting.length }, buffers);
-        } else if (this.#end) {
+        if (this.#busy || this.#timer !== undefined) return;
+        if (this.#waiting.length > 0) this.#handOverInTime();
+        else if (this.#end) {
             this.#tell({ end: this.#end });
             this.port.close();
         }
+    }
+
+    #handOverInTime(): void {
+        const wait = this.#waiting.length < HANDFUL ? this.#delivered + PAUSE - performance.now() : 0;
+        if (wait <= 0) this.#handOver();
+        else this.#timer = setTimeout(() => this.#handOver(), wait);
+    }
+
+    #handOver(): void {
+        this.#timer = undefined;
+        this.#busy = true;
+        this.#delivered = performance.now();
+        const arrivals = this.#waiting.splice(0, HANDFUL);
+        for (const arrival of arrivals) this.#size -= sizeOf(arrival);
+        const batch = pack(arrivals);
+        const { bytes, ends, times } = batch;
+        this.#tell({ batch, waiting: this.#waiting.length }, [bytes.buffer, ends.buffer, times.buffer]);
     }
 
     #tell(news: News, transfer: Transferable[] = []): void {

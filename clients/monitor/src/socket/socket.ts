@@ -1,7 +1,8 @@
 import type { WebSocketLike } from "vorbel";
 import { now } from "../model/clock";
 import { lag } from "../model/lag";
-import type { Arrival, End, News, Opening, Order } from "./messages";
+import { unpack } from "./batch";
+import type { End, News, Opening, Order } from "./messages";
 import Receiver from "./receiver?worker";
 
 // One for good: the page's server may be away when the next connection is made.
@@ -48,16 +49,16 @@ export class ArrivalSocket implements WebSocketLike {
         if (this.readyState === WebSocket.CONNECTING) this.readyState = WebSocket.OPEN;
     }
 
-    #take({ arrivals, waiting }: Extract<News, { arrivals: unknown }>): void {
-        for (const arrival of arrivals) this.#handOver(arrival);
-        lag.set(waiting > 0 ? now() - arrivals.at(-1)!.arrival : 0);
+    #take({ batch, waiting }: Extract<News, { batch: unknown }>): void {
+        unpack(batch, (message) => this.#handOver(message));
+        lag.set(waiting > 0 ? now() - batch.times.at(-1)! : 0);
         this.#order({ handled: true });
     }
 
     /** One message that cannot be handled does not take the next ones with it. */
-    #handOver(arrival: Arrival): void {
+    #handOver(message: { data: string | Uint8Array; arrival: number }): void {
         try {
-            this.onmessage?.(arrival);
+            this.onmessage?.(message);
         } catch (error) {
             reportError(error);
         }

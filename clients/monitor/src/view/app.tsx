@@ -4,45 +4,79 @@ import { useSource } from "./frame";
 import { Boundary } from "./boundary";
 import { Header } from "./header";
 import { Icon } from "./icons";
+import { later } from "./later";
+import { ViewNotice } from "./link";
 import { LogPanel } from "./log";
 import { LinkQuestion, SchemaNotice } from "./notices";
 import { PlotPanel } from "./plots";
+import { RecordingTools, useDesk } from "./recordings";
 import { SchemaDialog } from "./schema";
 import { ValueTable } from "./table";
 import { WritePanel } from "./write";
+
+const OrdersPanel = later(() => import("./orders").then((part) => part.OrdersPanel));
+const RunBar = later(() => import("./orders").then((part) => part.RunBar));
+const AlarmsPanel = later(() => import("./limits").then((part) => part.AlarmsPanel));
 
 const tabs = ["values", "plots", "log"] as const;
 type Tab = (typeof tabs)[number];
 
 export function App({ session }: { session: Session }) {
+    const desk = useDesk(session);
+    const playback = desk.recordings?.playback;
+    const shown = playback ?? session;
     useSource(session.status);
+    useSource(shown.status);
     const [tab, setTab] = useState<Tab>("values");
     const [schemaOpen, openSchema] = useState(false);
     useEffect(ignoreRepeatedEnter, []);
-    const writing = session.writing;
+    const writing = shown.writing;
     return (
         <>
             <div class="top">
-                <Boundary part="The header">
-                    <Header session={session} openSchema={() => openSchema(true)} />
-                    <SchemaNotice session={session} />
+                {session.run && (
+                    <Boundary part="What goes out by itself">
+                        <RunBar session={session} run={session.run} />
+                    </Boundary>
+                )}
+                {!playback && (
+                    <Boundary part="The header">
+                        <Header session={session} openSchema={() => openSchema(true)}>
+                            <RecordingTools desk={desk} />
+                        </Header>
+                        <SchemaNotice session={session} openSchema={() => openSchema(true)} />
+                        <ViewNotice session={session} />
+                    </Boundary>
+                )}
+                <Boundary part="The recording">
+                    <desk.Panel />
                 </Boundary>
             </div>
-            <main data-tab={tab}>
+            <main data-tab={tab} key={playback?.id}>
                 <Boundary part="The table of values">
-                    <ValueTable session={session} openSchema={() => openSchema(true)} />
+                    <ValueTable session={shown} openSchema={() => openSchema(true)} />
                 </Boundary>
                 <div class="side">
                     {writing && (
                         <Boundary key={writing.id} part="The form">
-                            <WritePanel session={session} node={writing} />
+                            <WritePanel session={shown} node={writing} />
+                        </Boundary>
+                    )}
+                    {!playback && session.showsAlarms && (
+                        <Boundary part="The alarms">
+                            <AlarmsPanel session={session} />
+                        </Boundary>
+                    )}
+                    {!playback && session.ordering && (
+                        <Boundary part="Presets and sequences">
+                            <OrdersPanel session={session} ordering={session.ordering} />
                         </Boundary>
                     )}
                     <Boundary part="The plots">
-                        <PlotPanel session={session} />
+                        <PlotPanel session={shown} />
                     </Boundary>
                     <Boundary part="The log">
-                        <LogPanel log={session.log} />
+                        <LogPanel log={shown.log} />
                     </Boundary>
                 </div>
             </main>
@@ -51,7 +85,7 @@ export function App({ session }: { session: Session }) {
                     <button key={name} aria-current={tab === name ? "page" : undefined} onClick={() => setTab(name)}>
                         <Icon name={({ values: "search", plots: "plot", log: "sent" } as const)[name]} />
                         {name}
-                        {name === "plots" && session.plots.nodes.length > 0 && <b>{session.plots.nodes.length}</b>}
+                        {name === "plots" && shown.plots.nodes.length > 0 && <b>{shown.plots.nodes.length}</b>}
                     </button>
                 ))}
             </nav>

@@ -1,6 +1,7 @@
 import type uPlot from "uplot";
 import { wallClock } from "../model/clock";
-import { clockText, numberText } from "../model/text";
+import { clockText, numberText, shown } from "../model/text";
+import type { TreeNode } from "../model/tree";
 import { color } from "./canvas";
 
 /** Axes of plots, and the ranges of values that they show. */
@@ -47,20 +48,43 @@ function decimalsOf(step: number): number {
 /** What an axis of values takes from the width of a plot, in pixels. */
 export const AXIS_WIDTH = 48;
 
+/** What the units beside an axis take more. */
+export const UNIT_WIDTH = 16;
+
+/** A scale of values: its colour where there are several, and what its values are measured in. */
+export type ValueScale = { name: string; stroke: string; units: string };
+
+/** The units of values that are drawn by one scale, each once. */
+export function unitsOf(nodes: TreeNode[]): string {
+    const units = nodes.map(({ leaf }) => shown(leaf?.meaning.unit ?? "")).filter(Boolean);
+    return [...new Set(units)].join(", ");
+}
+
+/** Where an axis begins and ends, whatever is in sight, if all values that are drawn by it have bounds. */
+export function boundsOf(nodes: TreeNode[]): [least: number, most: number] | undefined {
+    const bounds = nodes.map(({ leaf }) => [leaf?.meaning.min ?? NaN, leaf?.meaning.max ?? NaN] as const);
+    const least = Math.min(...bounds.map(([min]) => min));
+    const most = Math.max(...bounds.map(([, max]) => max));
+    return least < most ? [least, most] : undefined;
+}
+
 /** One axis for each scale, left and right in turn; several have the colours of their curves. */
-export function valueAxes(scales: { name: string; stroke: string }[]): uPlot.Axis[] {
-    return scales.map(({ name, stroke }, at) =>
+export function valueAxes(scales: ValueScale[]): uPlot.Axis[] {
+    return scales.map(({ name, stroke, units }, at) =>
         axis({
             scale: name,
             side: at % 2 === 0 ? 3 : 1,
             size: AXIS_WIDTH,
             gap: 4,
             values: (_, splits, __, ___, step) => splits.map((split) => axisText(split, step)),
-            ...(scales.length > 1 ? { stroke, font: "11px system-ui, sans-serif" } : {}),
+            ...(scales.length > 1 ? { stroke, font: LABEL_FONT } : {}),
             ...(at > 0 ? { grid: { show: false } } : {}),
+            ...(units ? { label: units, labelSize: UNIT_WIDTH, labelGap: 0, labelFont: LABEL_FONT } : {}),
         }),
     );
 }
+
+const LABEL_FONT = "11px system-ui, sans-serif";
 
 /** A number in the little room that an axis has, as far as it goes with the decimals that its neighbours differ by. */
 function axisText(value: number, step: number): string {
@@ -78,8 +102,8 @@ export function paddedRange(_: uPlot, least: number | null, most: number | null)
 }
 
 /** The same around all that is drawn by a scale, also from beyond the edges, where there may be nothing between. */
-function wholeRange(plot: uPlot, _: unknown, __: unknown, scale: string): [number, number] {
-    let [least, most] = [Infinity, -Infinity];
+function wholeRange(plot: uPlot, scale: string, bounds: [number, number] | undefined): [number, number] {
+    let [least, most] = bounds ?? [Infinity, -Infinity];
     for (const [at, series] of plot.series.entries()) {
         if (at === 0 || series.scale !== scale) continue;
         for (const value of plot.data[at] ?? []) {
@@ -95,8 +119,8 @@ function wholeRange(plot: uPlot, _: unknown, __: unknown, scale: string): [numbe
 export type Zooms = ReadonlyMap<string, [number, number]>;
 
 /** A scale of numbers. */
-export function numberScale(name: string, zooms: () => Zooms): uPlot.Scale {
-    return { range: (plot, least, most) => zooms().get(name) ?? wholeRange(plot, least, most, name) };
+export function numberScale(name: string, zooms: () => Zooms, bounds?: [number, number]): uPlot.Scale {
+    return { range: (plot) => zooms().get(name) ?? wholeRange(plot, name, bounds) };
 }
 
 /** Closer together than this share of themselves, numbers can hardly be told apart. */

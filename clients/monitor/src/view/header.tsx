@@ -1,10 +1,15 @@
+import type { ComponentChildren } from "preact";
 import { useEffect, useLayoutEffect, useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { shown } from "../model/text";
 import { memory } from "../page";
 import { Behind } from "./behind";
 import { Icon } from "./icons";
+import { later } from "./later";
+import { LinkButton } from "./link";
 import { LockButton } from "./lock";
+
+const AlarmsButton = later(() => import("./limits").then((part) => part.AlarmsButton));
 
 const stateWords = {
     connected: "Connected",
@@ -13,7 +18,10 @@ const stateWords = {
     closed: "Disconnected",
 };
 
-export function Header({ session, openSchema }: { session: Session; openSchema: () => void }) {
+type HeaderProps = { session: Session; openSchema: () => void; children: ComponentChildren };
+
+/** The connection; its children are further tools. */
+export function Header({ session, openSchema, children }: HeaderProps) {
     const { state, hello, reason, undecodable } = session;
     return (
         <header>
@@ -37,9 +45,21 @@ export function Header({ session, openSchema }: { session: Session; openSchema: 
             )}
             <Behind />
             <div class="tools">
+                {session.guard && <AlarmsButton session={session} guard={session.guard} />}
+                {children}
                 <LockButton session={session} />
                 <button onClick={openSchema}>
                     <Icon name="schema" /> Schema
+                </button>
+                <LinkButton session={session} />
+                <button
+                    class="square"
+                    aria-label="Presets and sequences"
+                    title="Presets and sequences"
+                    aria-expanded={session.ordering !== undefined}
+                    onClick={() => session.startOrdering(session.ordering ? undefined : { values: [] })}
+                >
+                    <Icon name="orders" />
                 </button>
                 <ThemeButton />
             </div>

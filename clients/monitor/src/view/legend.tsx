@@ -1,15 +1,14 @@
-import { now } from "../model/clock";
 import { readingAt, statistics } from "../model/measure";
-import { curveOf, type Plot } from "../model/plots";
+import { curveOf, shapesOf, type Plot, type Shape } from "../model/plots";
 import type { Session } from "../model/session";
-import { clockText, numberText, valueText } from "../model/text";
+import { clockText, numberText, unitText, valueText } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
 import { lineColor } from "./lines";
 import { DRAGGED } from "./dragging";
 import type { Pointer } from "./pointer";
-import type { Window } from "./uplot";
+import type { Window } from "./window";
 
 type LegendProps = {
     session: Session;
@@ -40,7 +39,8 @@ export function Legend({ session, plot, pointer, drag }: LegendProps) {
                 >
                     <span class="swatch" />
                     <PathText node={node} />
-                    <span class="number">{textAt(node, pointer.time)}</span>
+                    <span class="number">{textAt(session, node, pointer.time)}</span>
+                    <ShapeChoice session={session} node={node} />
                     {!isAlone && <MoveButton session={session} node={node} />}
                     <RemoveButton session={session} node={node} />
                 </li>
@@ -58,7 +58,9 @@ export function Readings({ session, pointer, shown, measuring }: ReadingsProps) 
     return (
         <>
             {pointer.time !== undefined && <p class="pointed quiet">at {clockText(pointer.time, 3)}</p>}
-            {measuring && <Measurements session={session} pointer={pointer} from={from} to={Math.min(to, now())} />}
+            {measuring && (
+                <Measurements session={session} pointer={pointer} from={from} to={Math.min(to, session.known)} />
+            )}
         </>
     );
 }
@@ -71,22 +73,22 @@ type ReadingsProps = {
     measuring: boolean;
 };
 
-function textAt(node: TreeNode, time: number | undefined): string {
-    if (!node.series) return "–";
-    if (time === undefined || node.series.waveform) return valueText(node.series.value, node.leaf);
+function textAt({ plots }: Session, node: TreeNode, time: number | undefined): string {
+    if (!node.reading || !node.series) return "–";
+    if (time === undefined || plots.shapeOf(node) !== "time") return valueText(node.series.value, node.leaf);
     return readingText(node, readingAt(curveOf(node), time));
 }
 
 function readingText({ series, leaf }: TreeNode, value: number | undefined): string {
     if (value === undefined) return "–";
-    return series!.isFlag ? String(value !== 0) : numberText(value, leaf);
+    return valueText(series!.isFlag ? value !== 0 : value, leaf);
 }
 
 type MeasurementsProps = { session: Session; pointer: Pointer; from: number; to: number };
 
 /** Of each curve the least, the greatest and the mean between the marks, or in sight; and what it is at the marks. */
 function Measurements({ session, pointer: { marks }, from, to }: MeasurementsProps) {
-    const nodes = session.plots.nodes.filter(({ series }) => series && !series.waveform);
+    const nodes = session.plots.nodes.filter((node) => node.series && session.plots.shapeOf(node) === "time");
     const both = marks.length === 2;
     return (
         <div class="measurements" tabIndex={0} role="region" aria-label="Measurements">
@@ -126,7 +128,7 @@ function MeasuredRow({ node, marks, from, to }: MeasuredRowProps) {
     const values = marks.map((mark) => readingAt(curveOf(node), mark));
     const [a, b] = values;
     const found = statistics(curveOf(node), from, to);
-    const number = (value: number | undefined) => (value === undefined ? "–" : numberText(value));
+    const number = (value: number | undefined) => (value === undefined ? "–" : numberText(value) + unitText(node.leaf));
     return (
         <tr>
             <th scope="row">{node.dotted}</th>
@@ -153,6 +155,26 @@ function PathText({ node }: { node: TreeNode }) {
             <span>{node.dotted.slice(0, end)}</span>
             <span>{node.dotted.slice(end)}</span>
         </span>
+    );
+}
+
+const shapeWords: Record<Shape, string> = { wave: "waveform", time: "over time", spectrum: "spectrum" };
+
+function ShapeChoice({ session, node }: { session: Session; node: TreeNode }) {
+    const shapes = shapesOf(node);
+    if (shapes.length < 2) return null;
+    return (
+        <select
+            aria-label={`Draw ${node.dotted} as`}
+            value={session.plots.shapeOf(node)}
+            onChange={(event) => session.drawAs(node, event.currentTarget.value as Shape)}
+        >
+            {shapes.map((shape) => (
+                <option key={shape} value={shape}>
+                    {shapeWords[shape]}
+                </option>
+            ))}
+        </select>
     );
 }
 

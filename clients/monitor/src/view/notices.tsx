@@ -1,6 +1,7 @@
 import { namesOfDaemon } from "../model/link";
 import type { Session } from "../model/session";
 import { shown } from "../model/text";
+import { useClock } from "./frame";
 import { Icon } from "./icons";
 import { Question } from "./question";
 
@@ -36,7 +37,8 @@ export function LinkQuestion({ session }: { session: Session }) {
 }
 
 /** Whose schema is in force, when it may be another client's. */
-export function SchemaNotice({ session }: { session: Session }) {
+export function SchemaNotice({ session, openSchema }: { session: Session; openSchema: () => void }) {
+    useClock(500);
     const { foreign, locked } = session;
     if (!foreign) return null;
     return (
@@ -51,6 +53,7 @@ export function SchemaNotice({ session }: { session: Session }) {
                 Who sent the last one owns it: the one here is not sent unasked.{" "}
                 <span class="quiet">{shown(foreign.reason)}</span>
             </span>
+            <button onClick={openSchema}>See the schema</button>
             <button disabled={locked} onClick={() => session.setSchema(session.schemaText, true)}>
                 Send the one here
             </button>

@@ -1,11 +1,14 @@
 import { useState } from "preact/hooks";
-import type { Plot } from "../model/plots";
+import type { Plot, Shape } from "../model/plots";
 import type { Session } from "../model/session";
+import { shown } from "../model/text";
+import type { TreeNode } from "../model/tree";
 import type { Zooms } from "./axes";
+import { SpectrumPlot, TimePlot, WavePlot } from "./curves";
 import { dropTarget } from "./dragging";
 import { Legend } from "./legend";
 import type { Pointer } from "./pointer";
-import { TimePlot, WavePlot, type Window } from "./uplot";
+import type { Window } from "./window";
 
 /** What all plots have in common. */
 export type Common = {
@@ -26,8 +29,8 @@ export function PlotBox({ plot, common }: { plot: Plot; common: Common }) {
     const { session, press, drag, ...rest } = common;
     const [zooms, setZooms] = useState<Zooms>(new Map());
     const [target, setTarget] = useState(false);
-    const arrays = plot.nodes.filter((node) => node.series?.waveform);
-    const curves = plot.nodes.filter((node) => node.series && !node.series.waveform);
+    const drawnAs = (shape: Shape) => plot.nodes.filter((node) => node.series && session.plots.shapeOf(node) === shape);
+    const [arrays, curves, spectra] = [drawnAs("wave"), drawnAs("time"), drawnAs("spectrum")];
     return (
         <div
             class={`plot-box${target ? " target" : ""}`}
@@ -37,19 +40,30 @@ export function PlotBox({ plot, common }: { plot: Plot; common: Common }) {
                 <figure
                     tabIndex={0}
                     onKeyDown={press}
-                    aria-label={`Plot of ${curves.map((node) => node.dotted).join(", ")} over time. Space pauses, plus and minus zoom, arrows move, A and B set marks.`}
+                    aria-label={`Plot of ${curves.map(nameOf).join(", ")} over time. Space pauses, plus and minus zoom, arrows move, A and B set marks.`}
                 >
                     <TimePlot session={session} nodes={curves} zooms={zooms} zoomValues={setZooms} {...rest} />
                 </figure>
             )}
             {arrays.length > 0 && (
-                <figure aria-label={`Waveforms of ${arrays.map((node) => node.dotted).join(", ")}`}>
+                <figure aria-label={`Waveforms of ${arrays.map(nameOf).join(", ")}`}>
                     <WavePlot session={session} nodes={arrays} paused={common.frozen !== undefined} />
                 </figure>
             )}
+            {spectra.map((node) => (
+                <figure key={node.id} aria-label={`Spectrum of ${nameOf(node)}`}>
+                    <SpectrumPlot session={session} node={node} span={common.span} frozen={common.frozen} />
+                </figure>
+            ))}
             <Legend session={session} plot={plot} pointer={common.pointer} drag={drag} />
         </div>
     );
+}
+
+/** "motor.speed in rpm" */
+function nameOf({ dotted, leaf }: TreeNode): string {
+    const unit = leaf?.meaning.unit;
+    return unit ? `${dotted} in ${shown(unit)}` : dotted;
 }
 
 /** A place for values that shall have a plot of their own; there while one is dragged. */

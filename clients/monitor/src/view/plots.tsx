@@ -1,10 +1,11 @@
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
+import { useSource } from "./frame";
 import { Icon } from "./icons";
 import { Readings } from "./legend";
 import { NewPlot, PlotBox } from "./plotbox";
 import { Pointer } from "./pointer";
-import { latest, type Window } from "./uplot";
+import { latest, type Window } from "./window";
 
 const SPANS: [number, string][] = [
     [10, "10 s"],
@@ -13,15 +14,16 @@ const SPANS: [number, string][] = [
     [900, "15 min"],
 ];
 
-/** All chosen values over common time; arrays as waveforms. */
+/** All chosen values over common time; arrays as waveforms, and what is wished as a spectrum. */
 export function PlotPanel({ session }: { session: Session }) {
-    const [span, setSpan] = useState(60);
+    useSource(session.view);
+    const { span, ownScales } = session.view.settings;
+    const setSpan = (span: number) => session.view.set({ span });
     const [frozen, setFrozen] = useState<Window>();
-    const [ownScales, setOwnScales] = useState(true);
     const [pointer] = useState(() => new Pointer());
     const [dragging, drag] = useState(false);
     const [measuring, setMeasuring] = useState(false);
-    const shown = (): Window => frozen ?? latest(span);
+    const shown = (): Window => frozen ?? latest(session, span);
     const zoom = (factor: number) => {
         if (!frozen) return setSpan(Math.min(3600, Math.max(1, span * factor)));
         const [middle, half] = [(frozen.from + frozen.to) / 2, ((frozen.to - frozen.from) / 2) * factor];
@@ -118,7 +120,7 @@ export function PlotPanel({ session }: { session: Session }) {
                     <input
                         type="checkbox"
                         checked={ownScales}
-                        onChange={(event) => setOwnScales(event.currentTarget.checked)}
+                        onChange={(event) => session.view.set({ ownScales: event.currentTarget.checked })}
                     />
                     Every curve on its own scale
                 </label>

@@ -1,5 +1,5 @@
 import { Source } from "../model/source";
-import type { Window } from "./uplot";
+import type { Window } from "./window";
 
 /** Where in time somebody points at the plots, and which times are marked to measure between them. */
 export class Pointer {

@@ -1,5 +1,6 @@
 import type { Leaf } from "vorbel";
 import type { Draft } from "../model/draft";
+import { touchedText } from "../model/plan";
 import { hexText, shown } from "../model/text";
 
 /** The frames that a draft becomes. */
@@ -10,28 +11,35 @@ export function FramePreview({ leaf, draft: { plan } }: { leaf: Leaf; draft: Dra
             {plan?.frames?.map((bytes, at) => (
                 <code key={at}>{hexText(bytes)}</code>
             ))}
+            {plan?.frames?.length === 0 && ": nothing goes out"}
         </span>
     );
 }
 
-/** What a draft changes on the bus, and what of it has to be agreed to. */
+/** What a draft changes on the bus, and what of it has to be agreed to: here, where there is something to call. */
 export function Consequences({
     draft,
-    agreed,
+    agreed = false,
     agree,
 }: {
     draft: Draft;
-    agreed: boolean;
-    agree: (agreed: boolean) => void;
+    agreed?: boolean;
+    agree?: (agreed: boolean) => void;
 }) {
     const { plan, foreign, consequences } = draft;
     if (!plan) return null;
     return (
         <>
             {plan.frames && <p class="changes quiet">{shown(changesText(plan.changes))}</p>}
+            {plan.beside.length > 0 && <p class="quiet">{plan.beside.map((text) => `${text}.`).join(" ")}</p>}
+            {plan.sharing.length > 0 && (
+                <p class="quiet">In the same bytes: {shown(plan.sharing.map(touchedText).join("; "))}.</p>
+            )}
             {plan.cut > 0 && <p class="quiet">The last {plan.cut} bytes do not fit the frame and are cut off.</p>}
             {plan.left.length > 0 && (
-                <p class="quiet">The frame ends before {shown(plan.left.join("; "))}: it goes out without.</p>
+                <p class="quiet">
+                    The frame ends before {shown(plan.left.map(touchedText).join("; "))}: it goes out without.
+                </p>
             )}
             {consequences !== "" && (
                 <div class="consequences" role="group" aria-label="Consequences">
@@ -40,7 +48,7 @@ export function Consequences({
                             <p>These go out as zero, because nothing is written to them:</p>
                             <ul>
                                 {plan.zeroed.map((each) => (
-                                    <li key={each}>{shown(each)}</li>
+                                    <li key={each.what}>{shown(touchedText(each))}</li>
                                 ))}
                             </ul>
                         </>
@@ -51,14 +59,16 @@ export function Consequences({
                             may belong to other frames.
                         </p>
                     )}
-                    <label>
-                        <input
-                            type="checkbox"
-                            checked={agreed}
-                            onChange={(event) => agree(event.currentTarget.checked)}
-                        />
-                        Send it nevertheless
-                    </label>
+                    {agree && (
+                        <label>
+                            <input
+                                type="checkbox"
+                                checked={agreed}
+                                onChange={(event) => agree(event.currentTarget.checked)}
+                            />
+                            Send it nevertheless
+                        </label>
+                    )}
                 </div>
             )}
         </>

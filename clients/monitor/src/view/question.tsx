@@ -5,12 +5,14 @@ type QuestionProps = {
     title: string;
     yes: string;
     no: string;
+    /** Whether it can be agreed to. */
+    ready?: boolean;
     answer: (agreed: boolean) => void;
     children: ComponentChildren;
 };
 
 /** A question that has to be answered first. Whatever is not a clear yes is a no. */
-export function Question({ title, yes, no, answer, children }: QuestionProps) {
+export function Question({ title, yes, no, ready = true, answer, children }: QuestionProps) {
     const dialog = useRef<HTMLDialogElement>(null);
     const agreed = useRef(false);
     useLayoutEffect(() => dialog.current!.showModal(), []); // before any further key
@@ -24,7 +26,9 @@ export function Question({ title, yes, no, answer, children }: QuestionProps) {
             {children}
             <div class="actions end">
                 <button onClick={() => leave(false)}>{no}</button>
-                <button onClick={() => leave(true)}>{yes}</button>
+                <button disabled={!ready} onClick={() => leave(true)}>
+                    {yes}
+                </button>
             </div>
         </dialog>
     );

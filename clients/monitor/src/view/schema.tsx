@@ -1,7 +1,11 @@
-import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
-import { checkText, dotted, type Problem } from "vorbel";
+import { useLayoutEffect, useRef, useState } from "preact/hooks";
+import { dotted } from "vorbel";
+import type { Checked } from "../check/checker";
 import type { Session } from "../model/session";
 import { shown } from "../model/text";
+import { useCheck } from "./check";
+import { download } from "./download";
+import { FileButton } from "./filebutton";
 import { Icon } from "./icons";
 
 /** More problems than this are told by their number. */
@@ -13,8 +17,9 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
     const [text, setText] = useState(session.schemaText);
     const [refusal, setRefusal] = useState<string>();
     useLayoutEffect(() => dialog.current!.showModal(), []); // before any further key
-    const problems = useMemo(() => (text.trim() === "" ? [] : checkText(text)), [text]);
-    const useless = text.trim() === "" || problems.some(({ severity }) => severity === "error");
+    const check = useCheck(text);
+    const useless =
+        text.trim() === "" || !check.isFinished || check.problems.some(({ severity }) => severity === "error");
     const leave = () => dialog.current!.close(); // which gives the focus back to where it was
     const apply = (send: boolean) => {
         try {
@@ -37,8 +42,15 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
                 for all its clients.
             </p>
             <div class="actions">
-                <FileButton setText={setText} />
-                <button onClick={() => download(text)} disabled={text === ""}>
+                <FileButton
+                    label="Open file…"
+                    name="Schema file"
+                    accept=".json,application/json"
+                    take={(file) => void file.text().then(setText)}
+                >
+                    Open file…
+                </FileButton>
+                <button onClick={() => save(text)} disabled={text === ""}>
                     Save as file
                 </button>
             </div>
@@ -58,7 +70,7 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
                 }}
                 spellcheck={false}
             />
-            <Problems text={text} problems={problems} />
+            <Problems {...check} />
             <div class="actions end">
                 <p class="problem" role="alert">
                     {refusal}
@@ -75,27 +87,21 @@ export function SchemaDialog({ session, close }: { session: Session; close: () =
     );
 }
 
-function FileButton({ setText }: { setText: (text: string) => void }) {
-    const input = useRef<HTMLInputElement>(null);
-    return (
-        <>
-            <button onClick={() => input.current!.click()}>Open file…</button>
-            <input
-                ref={input}
-                type="file"
-                accept=".json,application/json"
-                class="hidden"
-                tabIndex={-1}
-                aria-label="Schema file"
-                onChange={(event) => void event.currentTarget.files?.[0]?.text().then(setText)}
-            />
-        </>
-    );
+function save(text: string): void {
+    download(new Blob([text], { type: "application/json" }), "vorbel.schema.json");
 }
 
-function Problems({ text, problems }: { text: string; problems: Problem[] }) {
+/** Those of the last check; while the next one goes on, they look like what they are. */
+function Problems({ text, problems: found, isFinished }: Checked & { isFinished: boolean }) {
+    const problems = text.trim() === "" ? [] : found;
     return (
-        <div id="schema-problems" class="problems" role="status" tabIndex={problems.length > 0 ? 0 : undefined}>
+        <div
+            id="schema-problems"
+            class="problems"
+            role="status"
+            aria-busy={!isFinished}
+            tabIndex={problems.length > 0 ? 0 : undefined}
+        >
             {text.trim() !== "" && problems.length === 0 && <p class="fine">No problems found.</p>}
             {problems.length > 0 && (
                 <ul>
@@ -113,12 +119,4 @@ function Problems({ text, problems }: { text: string; problems: Problem[] }) {
             )}
         </div>
     );
-}
-
-function download(text: string): void {
-    const link = document.createElement("a");
-    link.href = URL.createObjectURL(new Blob([text], { type: "application/json" }));
-    link.download = "vorbel.schema.json";
-    link.click();
-    URL.revokeObjectURL(link.href);
 }

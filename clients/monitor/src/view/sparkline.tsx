@@ -36,10 +36,10 @@ function rangeOf(points: number[], isFlag: boolean): [number, number] {
     return most > least ? [least, most] : [least - 1, most + 1];
 }
 
-function pointsOf({ waveform, history }: Series): number[] {
+function pointsOf({ waveform, history, end }: Series): number[] {
     if (waveform) return Array.from(thinned(waveform));
-    const shown = Math.min(SHOWN, history.length);
-    return Array.from({ length: shown }, (_, at) => history.valueAt(history.length - shown + at));
+    const shown = Math.min(SHOWN, end);
+    return Array.from({ length: shown }, (_, at) => history.valueAt(end - shown + at));
 }
 
 /** At most so many elements as there are pixels to tell them apart. */

@@ -1,11 +1,11 @@
 import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
-import { readOnlyReason } from "vorbel";
-import { now } from "../model/clock";
+import { readOnlyReason, type Leaf, type Value } from "vorbel";
+import { meantBy } from "../model/meaning";
 import type { Session } from "../model/session";
-import { ageText, clockText, rateText, valueText, wholeText } from "../model/text";
+import { ageText, clockText, rateText, shown, valueText, wholeText } from "../model/text";
 import type { TreeNode } from "../model/tree";
+import { ColumnCells, ColumnHeads, ColumnMenu, columnStyle, heightBelow, scrollSideways } from "./columns";
 import { copyText } from "./copy";
-import { SchemaDoubt } from "./doubt";
 import { useClock, useSource } from "./frame";
 import { Icon } from "./icons";
 import { lineColor } from "./lines";
@@ -22,8 +22,13 @@ const ROW = { wide: 38, narrow: 56 };
 export function ValueTable({ session, openSchema }: { session: Session; openSchema: () => void }) {
     useSource(session.values, PAUSE);
     useClock(500);
-    const [search, setSearch] = useState("");
-    const [since, setSince] = useState<number>();
+    const { search, changing } = session.view.settings;
+    const [since, setSince] = useState(changing ? session.time : undefined);
+    const onlyChanging = (changing: boolean) => {
+        setSince(changing ? session.time : undefined);
+        session.view.set({ changing });
+    };
+    useSource(session.view);
     const rows = useRows(session, search, since);
     const count = rows.filter((row) => row.series || row.leaf).length;
     return (
@@ -32,12 +37,13 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
                 <h2 id="values-title">Values</h2>
                 <span class="quiet">{count}</span>
                 <FoldAll session={session} />
+                <ColumnMenu session={session} />
                 <button
                     aria-pressed={since !== undefined}
                     class={`square${since === undefined ? "" : " primary"}`}
                     aria-label="Only what changes from now on"
                     title="Only what changes from now on"
-                    onClick={() => setSince(since === undefined ? now() : undefined)}
+                    onClick={() => onlyChanging(since === undefined)}
                 >
                     <Icon name="changed" />
                 </button>
@@ -48,11 +54,10 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
                         type="search"
                         placeholder="Search"
                         value={search}
-                        onInput={(event) => setSearch(event.currentTarget.value)}
+                        onInput={(event) => session.view.set({ search: event.currentTarget.value })}
                     />
                 </label>
             </div>
-            <SchemaDoubt session={session} openSchema={openSchema} />
             {rows.length > 0 ? (
                 <Grid session={session} rows={rows} searching={search !== "" || since !== undefined} />
             ) : (
@@ -63,19 +68,20 @@ export function ValueTable({ session, openSchema }: { session: Session; openSche
 }
 
 /** The rows, made anew only when names come or go, or are folded. */
-function useRows({ tree }: Session, search: string, since: number | undefined): TreeNode[] {
-    const second = since === undefined ? 0 : Math.floor(now() / 1000); // for all that has changed meanwhile
+function useRows({ tree, time }: Session, search: string, since: number | undefined): TreeNode[] {
+    const second = since === undefined ? 0 : Math.floor(time / 1000); // for all that has changed meanwhile
     return useMemo(() => tree.rows(search, since), [tree.shape, search, since, second]);
 }
 
 /** Hides all groups but the outermost ones, or shows them all. */
-function FoldAll({ session: { tree, status } }: { session: Session }) {
+function FoldAll({ session }: { session: Session }) {
+    const { tree } = session;
     const groups = tree.groups;
     if (groups.length === 0) return null;
     const isOpen = groups.some(({ collapsed }) => !collapsed);
     const fold = () => {
         tree.foldAll(isOpen);
-        status.changed();
+        session.viewChanged();
     };
     const label = isOpen ? "Fold all" : "Unfold all";
     return (
@@ -111,7 +117,8 @@ function Grid({ session, rows, searching }: GridProps) {
     const [view, setView] = useState({ top: 0, height: 600, narrow: false });
     const [active, setActive] = useState<TreeNode>();
     const [copied, setCopied] = useState<TreeNode>();
-    const rowHeight = view.narrow ? ROW.narrow : ROW.wide;
+    const { columns } = session.view.settings;
+    const rowHeight = view.narrow ? ROW.narrow + heightBelow(columns) : ROW.wide;
     const activeIndex = active ? rows.indexOf(active) : -1;
     useView(grid, setView);
 
@@ -128,17 +135,18 @@ function Grid({ session, rows, searching }: GridProps) {
     };
     const pin = (node: TreeNode) => {
         session.tree.pin(node, !node.pinned);
-        session.status.changed();
+        session.viewChanged();
     };
     const fold = (node: TreeNode, collapsed: boolean) => {
         session.tree.fold(node, collapsed);
-        session.status.changed();
+        session.viewChanged();
     };
     const copy = (node: TreeNode) => {
         if (!node.series) return;
         void copyText(wholeText(node.series.value, node.leaf)).then((done) => setCopied(done ? node : undefined));
     };
     const press = (event: KeyboardEvent) => {
+        if (scrollSideways(event, grid.current!)) return event.preventDefault();
         const isCopy = event.key.toLowerCase() === "c" && !event.altKey && !event.shiftKey;
         if (isCopy && active && document.getSelection()!.isCollapsed) {
             copy(active);
@@ -164,18 +172,18 @@ function Grid({ session, rows, searching }: GridProps) {
         <>
             <div
                 id="values-grid"
-                class={`grid${view.narrow ? " narrow" : ""}`}
+                class={`grid${view.narrow ? " narrow" : ""}${columns.length > 0 ? " more-columns" : ""}`}
                 ref={grid}
                 role="treegrid"
                 aria-label="Values. Arrow keys move and fold, P plots, C copies, Enter sets."
                 aria-rowcount={rows.length + 1}
                 aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
                 tabIndex={0}
-                style={{ "--row-height": `${rowHeight}px` }}
+                style={{ "--row-height": `${rowHeight}px`, ...columnStyle(columns) }}
                 onKeyDown={press}
                 onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
             >
-                <Heads />
+                <Heads session={session} />
                 <div class="all" role="rowgroup" style={{ height: `${rows.length * rowHeight}px` }}>
                     {rows.slice(first, last).map((node, at) => (
                         <Row
@@ -203,7 +211,7 @@ function Grid({ session, rows, searching }: GridProps) {
 }
 
 /** Stays in sight while the rows scroll; not shown where it is narrow. */
-function Heads() {
+function Heads({ session }: { session: Session }) {
     return (
         <div class="heads" role="rowgroup">
             <div role="row" aria-rowindex={1}>
@@ -211,6 +219,7 @@ function Heads() {
                 <span role="columnheader" class="number">
                     Value
                 </span>
+                {session.view.settings.columns.length > 0 && <ColumnHeads session={session} />}
                 <span role="columnheader" class="number">
                     per s
                 </span>
@@ -314,7 +323,8 @@ function Row({ session, node, index, top, active, copied, copy, pin, open, activ
                 role="gridcell"
                 class="name"
                 style={{ paddingLeft: indentation(node.pinned ? 0 : node.depth - 1) }}
-                title={node.dotted}
+                title={hintOf(node)}
+                data-path={node.dotted}
             >
                 {branch ? (
                     <button
@@ -347,24 +357,40 @@ function Row({ session, node, index, top, active, copied, copy, pin, open, activ
     );
 }
 
+/** Its path, and what its schema says of it. */
+function hintOf({ dotted, leaf }: TreeNode): string {
+    const { title = "", description = "" } = leaf?.meaning ?? {};
+    return [dotted, shown(title), shown(description)].filter(Boolean).join("\n");
+}
+
 /** By level, until too little would be left of the name. */
 function indentation(levels: number): string {
     return `min(${16 * levels}px, 20% + ${2 * levels}px)`;
 }
 
 function Cells({ session, node, active }: { session: Session; node: TreeNode; active: boolean }) {
-    const { series, leaf } = node;
-    const time = now();
+    const { reading: series, leaf } = node;
+    const { columns } = session.view.settings;
+    const { time } = session;
     const rate = series?.rate.at(time);
     const age = series && time - series.time;
     const stale = series?.isOverdue(time, leaf) ?? false;
+    const beyond = session.guard?.sideOf(node.path);
+    const isWarned = session.guard?.isWarned(node.path) ?? false;
+    const mark = beyond ? (isWarned ? " warned" : " beyond") : "";
     const writable = leaf !== undefined && !readOnlyReason(leaf);
     const line = session.plots.lineOf(node);
     return (
         <>
-            <div role="gridcell" class={`value number${stale ? " stale" : ""}`}>
+            <div role="gridcell" class={`value number${stale ? " stale" : ""}${mark}`}>
+                {beyond && (
+                    <b title={`${isWarned ? "A warning" : "In alarm"}: too ${beyond}`}>
+                        {beyond === "high" ? "▲ high " : "▼ low "}
+                    </b>
+                )}
                 <Shown node={node} />
             </div>
+            {columns.length > 0 && <ColumnCells columns={columns} node={node} />}
             <div role="gridcell" class="rate number">
                 {series && rateText(rate)}
             </div>
@@ -375,7 +401,7 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
                 {series && <Sparkline series={series} holds={series.holds(leaf)} />}
             </div>
             <div role="gridcell" class="buttons">
-                {series && (
+                {node.series && (
                     <button
                         class="square plot"
                         style={line === undefined ? undefined : { "--line": lineColor(line) }}
@@ -388,7 +414,7 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
                         <Icon name="plot" />
                     </button>
                 )}
-                {leaf && (
+                {leaf && !session.isPast && (
                     <button
                         class="square"
                         tabIndex={active ? 0 : -1}
@@ -405,12 +431,16 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
 }
 
 /** The present reading; of what is only written, what was last sent. */
-function Shown({ node: { series, sent, leaf } }: { node: TreeNode }) {
-    if (!series) return <span class="quiet">{sent === undefined ? "–" : `sent ${valueText(sent, leaf)}`}</span>;
+function Shown({ node: { reading: series, sent, leaf } }: { node: TreeNode }) {
+    if (!series) return <span class="quiet">{sent === undefined ? "–" : `sent ${sentText(sent, leaf)}`}</span>;
     const text = valueText(series.value, leaf);
     return (
-        <span class={series.isFlag ? `flag ${text}` : ""} title={text}>
+        <span class={series.isFlag ? `flag ${series.value === true}` : ""} title={text}>
             {text}
         </span>
     );
+}
+
+function sentText(sent: Value, leaf: Leaf | undefined): string {
+    return valueText(leaf ? meantBy(leaf, sent) : sent, leaf);
 }

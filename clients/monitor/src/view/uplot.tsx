@@ -1,19 +1,20 @@
 import { useEffect, useRef } from "preact/hooks";
 import uPlot from "uplot";
-import { now } from "../model/clock";
 import { decimate } from "../model/decimate";
-import { lag } from "../model/lag";
 import { curveOf } from "../model/plots";
 import type { Session } from "../model/session";
 import type { TreeNode } from "../model/tree";
 import {
     axis,
     AXIS_WIDTH,
+    boundsOf,
     flagAxis,
     laneScale,
     numberScale,
     paddedRange,
     timeAxis,
+    UNIT_WIDTH,
+    unitsOf,
     valueAxes,
     zoomed,
     type Zooms,
@@ -22,15 +23,7 @@ import { color, resolved } from "./canvas";
 import { follow, repeatedly } from "./frame";
 import { lineColor, lineDash } from "./lines";
 import type { Pointer } from "./pointer";
-
-/** Times in milliseconds since 1970. */
-export type Window = { from: number; to: number };
-
-/** The last so many seconds. */
-export function latest(span: number): Window {
-    const to = now();
-    return { from: to - span * 1000, to };
-}
+import { latest, type Window } from "./window";
 
 /** The colour of a plotted value. */
 function strokeOf(session: Session, node: TreeNode): string {
@@ -38,13 +31,13 @@ function strokeOf(session: Session, node: TreeNode): string {
 }
 
 /** What makes one line look unlike another. */
-function lineStyle(session: Session, node: TreeNode): Partial<uPlot.Series> {
+export function lineStyle(session: Session, node: TreeNode): Partial<uPlot.Series> {
     const dash = lineDash(session.plots.lineOf(node) ?? 0);
     return { stroke: strokeOf(session, node), width: 1.6, ...(dash && { dash }) };
 }
 
 /** A plot as large as its box, made anew when `make` gives other options, and destroyed at the end. */
-function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, sources: unknown[]) {
+export function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, sources: unknown[]) {
     const box = useRef<HTMLDivElement>(null);
     const plot = useRef<uPlot | null>(null);
     useEffect(() => {
@@ -85,7 +78,8 @@ function useUPlot(make: () => uPlot.Options, refresh: (plot: uPlot) => void, sou
 
 /** Room for the axes and some for the curves; where there is less, the plot scrolls. */
 function leastWidth({ axes }: uPlot.Options): number {
-    return 160 + AXIS_WIDTH * (axes!.length - 1);
+    const units = axes!.filter(({ label }) => label).length;
+    return 160 + AXIS_WIDTH * (axes!.length - 1) + UNIT_WIDTH * units;
 }
 
 type TimePlotProps = {
@@ -111,9 +105,9 @@ export function TimePlot(props: TimePlotProps) {
 
     const refresh = (plot: uPlot) => {
         const { span, frozen } = present.current;
-        const { from, to } = frozen ?? latest(span);
+        const { from, to } = frozen ?? latest(session, span);
         const columns = Math.max(50, Math.round(plot.bbox.width / devicePixelRatio) || plot.width);
-        const { times, lines } = decimate(nodes.map(curveOf), from, to, columns, now() - lag.behind);
+        const { times, lines } = decimate(nodes.map(curveOf), from, to, columns, session.known);
         plot.setData([times.map((time) => time / 1000), ...lines] as uPlot.AlignedData, false);
         plot.setScale("x", { min: from / 1000, max: to / 1000 });
     };
@@ -136,6 +130,7 @@ export function TimePlot(props: TimePlotProps) {
 
     useEffect(() => {
         if (plot.current) refresh(plot.current);
+        if (session.isPast) return follow(session.values, () => plot.current && refresh(plot.current));
         if (frozen) return undefined;
         // The picture only changes when time has moved on by a pixel.
         const pixel = (span * 1000) / Math.max(300, box.current!.clientWidth);
@@ -176,11 +171,15 @@ function timeOptions(
     const flags = nodes.filter((node) => node.series!.isFlag);
     const numbers = nodes.filter((node) => !node.series!.isFlag);
     const scaleOf = (node: TreeNode) => (ownScales || node.series!.isFlag ? node.id : "values");
+    const drawnBy = (name: string) => numbers.filter((node) => scaleOf(node) === name);
     const named = new Map(
-        numbers.map((node) => [scaleOf(node), { name: scaleOf(node), stroke: strokeOf(session, node) }]),
+        numbers.map((node) => {
+            const name = scaleOf(node);
+            return [name, { name, stroke: strokeOf(session, node), units: unitsOf(drawnBy(name)) }];
+        }),
     );
     const scales: uPlot.Scales = { x: { time: false, auto: false } };
-    for (const name of named.keys()) scales[name] = numberScale(name, zooms);
+    for (const name of named.keys()) scales[name] = numberScale(name, zooms, boundsOf(drawnBy(name)));
     for (const [lane, node] of flags.entries()) scales[scaleOf(node)] = laneScale(lane, flags.length);
     const axes = [timeAxis(), ...valueAxes([...named.values()])];
     if (flags.length > 0) axes.push(flagAxis(scaleOf(flags[0]!), flags.length, named.size % 2 === 0 ? 3 : 1));
@@ -221,7 +220,12 @@ function timeOptions(
                     pointer.follow(left < 0 ? undefined : () => timeAt(plot, left));
                 },
             ],
-            draw: [(plot) => drawMarks(plot, pointer.marks)],
+            draw: [
+                (plot) => {
+                    drawMarks(plot, pointer.marks, "AB");
+                    if (session.isPast) drawMarks(plot, [session.time], "▾");
+                },
+            ],
             setSelect: [
                 (plot) => {
                     const { left, top, width, height } = plot.select;
@@ -238,8 +242,8 @@ function timeOptions(
     };
 }
 
-/** Lines at the marks, with their letters. */
-function drawMarks(plot: uPlot, marks: readonly number[]): void {
+/** Lines at times, with their letters. */
+function drawMarks(plot: uPlot, marks: readonly number[], letters: string): void {
     const { ctx: context, bbox } = plot;
     context.save();
     context.strokeStyle = context.fillStyle = color("--text");
@@ -249,7 +253,7 @@ function drawMarks(plot: uPlot, marks: readonly number[]): void {
         const x = Math.round(plot.valToPos(mark / 1000, "x", true));
         if (x < bbox.left || x > bbox.left + bbox.width) continue;
         context.fillRect(x, bbox.top, devicePixelRatio, bbox.height);
-        context.fillText("AB"[at]!, x + 4 * devicePixelRatio, bbox.top + 12 * devicePixelRatio);
+        context.fillText(letters[at]!, x + 4 * devicePixelRatio, bbox.top + 12 * devicePixelRatio);
     }
     context.restore();
 }
@@ -292,7 +296,10 @@ function waveOptions(session: Session, nodes: TreeNode[]): uPlot.Options {
         legend: { show: false },
         cursor: { drag: { x: true, y: false }, points: { size: 7 } },
         scales: { x: { time: false }, y: { range: paddedRange } },
-        axes: [axis({ space: 50, size: 34, incrs: ELEMENT_STEPS }), ...valueAxes([{ name: "y", stroke: "" }])],
+        axes: [
+            axis({ space: 50, size: 34, incrs: ELEMENT_STEPS }),
+            ...valueAxes([{ name: "y", stroke: "", units: unitsOf(nodes) }]),
+        ],
         series: [
             {},
             ...nodes.map((node): uPlot.Series => {

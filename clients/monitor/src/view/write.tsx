@@ -8,7 +8,10 @@ import type { TreeNode } from "../model/tree";
 import { rangeText } from "../model/writing";
 import { useSource } from "./frame";
 import { Icon } from "./icons";
+import { later } from "./later";
 import { Consequences, FramePreview } from "./preview";
+
+const LimitsEditor = later(() => import("./limits").then((part) => part.LimitsEditor));
 
 /** Readings that change more often cannot be read. */
 const PAUSE = 100;
@@ -34,8 +37,28 @@ export function WritePanel({ session, node }: { session: Session; node: TreeNode
                     <Icon name="close" />
                 </button>
             </div>
+            <Words leaf={node.leaf} />
             {reason ? <Refusal name={node.dotted} reason={reason} /> : <WriteForm session={session} node={node} />}
+            <LimitsPart session={session} node={node} />
         </section>
+    );
+}
+
+/** What the schema tells of a leaf. */
+function Words({ leaf }: { leaf: Leaf | undefined }) {
+    const { title = "", description = "" } = leaf?.meaning ?? {};
+    const words = [title, description].filter(Boolean).join(": ");
+    return words ? <p class="quiet words">{shown(words)}</p> : null;
+}
+
+/** Limits are fetched when somebody looks for them. */
+function LimitsPart({ session, node }: { session: Session; node: TreeNode }) {
+    const [isOpen, open] = useState(() => session.guard !== undefined && session.guard.hasLimits(node.path));
+    return (
+        <details class="limits" open={isOpen} onToggle={(event) => open(event.currentTarget.open)}>
+            <summary>Limits</summary>
+            {isOpen && <LimitsEditor session={session} node={node} />}
+        </details>
     );
 }
 
@@ -65,7 +88,7 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
     const [agreed, setAgreed] = useState("");
     const [outcome, setOutcome] = useState<Outcome>();
     const isSending = useRef(false);
-    const draft = new Draft(node, together, edits, session.foreign?.reason);
+    const draft = new Draft(node, together, edits, session.tree.readings, session.foreign?.reason);
     const isAgreed = agreed === draft.consequences;
     const ready = draft.isComplete && isAgreed && !isSending.current;
     const send = async (event: Event) => {
@@ -101,7 +124,10 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
                 />
             ))}
             {draft.fields.length > 1 && (
-                <p class="quiet">These share one frame. Those that you do not change follow the bus.</p>
+                <p class="quiet">
+                    These share one frame. Those that you do not change follow the bus
+                    {draft.fields.some(({ isNeeded }) => isNeeded) && ", or are what the others count with"}.
+                </p>
             )}
             {edits.size > 0 && (
                 <Consequences
@@ -114,12 +140,37 @@ function WriteForm({ session, node }: { session: Session; node: TreeNode }) {
                 <button type="submit" class="primary" disabled={!ready}>
                     Send
                 </button>
+                <GiveOn session={session} draft={draft} />
                 <FramePreview leaf={node.leaf!} draft={draft} />
             </div>
             <p class={outcome?.state === "failed" ? "problem" : "quiet"} role="status">
                 {outcome?.text}
             </p>
         </form>
+    );
+}
+
+/** What was typed can be kept as a preset, or sent again and again. */
+function GiveOn({ session, draft: { fields, isComplete } }: { session: Session; draft: Draft }) {
+    const edited = fields.filter(({ text, isEdited }) => isEdited && text !== "");
+    const values = edited.map(({ node, text }) => ({ path: dotted(node.path), text }));
+    return (
+        <>
+            <button
+                type="button"
+                disabled={!isComplete}
+                onClick={() => session.startOrdering({ purpose: "keep", values })}
+            >
+                Keep…
+            </button>
+            <button
+                type="button"
+                disabled={!isComplete}
+                onClick={() => session.startOrdering({ purpose: "repeat", values })}
+            >
+                Repeat…
+            </button>
+        </>
     );
 }
 
@@ -155,6 +206,7 @@ function LeafInput({ id, leaf, main, text, isEdited, problem, change }: LeafInpu
         "aria-invalid": problem !== undefined,
         "aria-describedby": `${id}-help`,
     };
+    const labels = Object.values(leaf.meaning.labels ?? {});
     return (
         <div class="field">
             <label for={id} class={main ? "" : "quiet"}>
@@ -165,11 +217,19 @@ function LeafInput({ id, leaf, main, text, isEdited, problem, change }: LeafInpu
             ) : (
                 <input
                     {...shared}
-                    inputMode={keypad(leaf)}
+                    inputMode={labels.length > 0 ? "text" : keypad(leaf)}
+                    list={labels.length > 0 ? `${id}-labels` : undefined}
                     autocomplete="off"
                     autocapitalize="off"
                     spellcheck={false}
                 />
+            )}
+            {labels.length > 0 && (
+                <datalist id={`${id}-labels`}>
+                    {labels.map((label) => (
+                        <option key={label} value={label} />
+                    ))}
+                </datalist>
             )}
             <small id={`${id}-help`} class={problem ? "problem" : "quiet"}>
                 {problem ?? rangeText(leaf)}
@@ -180,6 +240,8 @@ function LeafInput({ id, leaf, main, text, isEdited, problem, change }: LeafInpu
 
 /** The on-screen keyboard that a leaf needs: some phones' keypads of digits have no minus sign. */
 function keypad(leaf: Leaf): "text" | "numeric" | "decimal" {
-    if (FORMATS[leaf.format]!.signed || leaf.factor < 0) return "text";
+    const { signed, float, scale, offset } = leaf.meaning;
+    const mayBeNegative = FORMATS[leaf.format]!.signed || leaf.factor < 0 || signed || float || scale || offset;
+    if (mayBeNegative) return "text";
     return writableRange(leaf)!.step === 1 ? "numeric" : "decimal";
 }
