@@ -1,4 +1,4 @@
-"""What the daemon is held to: a limit for a figure of a case. Cases and figures without one are for reading."""
+"""What daemon, clients and gateway are held to: a limit for a figure of a case. Those without one are for reading."""
 
 AT_MOST, AT_LEAST = "<=", ">="
 
@@ -16,10 +16,18 @@ GOALS = {
     ("service/broadcast/10 clients/line rate", "Python bridge x"): (AT_LEAST, 10),
     ("service/broadcast/50 clients/line rate", "Python bridge x"): (AT_LEAST, 10),
     ("service/broadcast/50 clients/line rate", "% of a core"): (AT_MOST, 40),
+    ("clients/line_rate/C++", "x plain"): (AT_MOST, 2),
+    ("clients/full_speed/Python", "of the bare libraries"): (AT_LEAST, 0.7),
+    ("clients/full_speed/JavaScript", "of the bare libraries"): (AT_LEAST, 0.7),
     ("service/latency/plain", "p50 ms"): (AT_MOST, 1),
     ("service/latency/plain", "p99 ms"): (AT_MOST, 5),
     ("service/latency/delayed ACKs", "p50 ms"): (AT_MOST, 1),
     ("service/latency/delayed ACKs", "p99 ms"): (AT_MOST, 5),
+    ("gateway/line_rate", "x daemon"): (AT_MOST, 1.5),
+    ("gateway/line_rate", "MB"): (AT_MOST, 16),
+    ("gateway/now/2,000 paths after a rest", "p99 ms"): (AT_MOST, 100),
+    ("gateway/now/2,000 paths all the time", "p99 ms"): (AT_MOST, 100),
+    ("gateway/now/2,000 paths all the time", "publishes a second"): (AT_MOST, 2000),
 }
 for name in CODEC_CASES:
     GOALS[f"codec/pack/{name}", "x cbor"] = (AT_MOST, 0.5 if name == "ints100k" else 0.3)
@@ -42,6 +50,12 @@ GATES = {
     ("service/rss", "idle MB"): (AT_MOST, 12.5),
     ("service/rss", "kB a client"): (AT_MOST, 20),
     ("service/rss", "kB growth over 1,000,000 frames"): (AT_MOST, 64),
+    ("clients/instructions/C++", "x plain"): (AT_MOST, 2),
+    ("clients/memory/C++", "MB"): (AT_MOST, 12),
+    ("clients/memory/C++", "kB growth over 1,000,000 messages"): (AT_MOST, 64),
+    ("gateway/instructions", "a message"): (AT_MOST, 32000),
+    ("gateway/memory", "MB"): (AT_MOST, 18),  # so that it becomes no more; the goal is that at line rate
+    ("gateway/memory", "kB growth over 1,000,000 messages"): (AT_MOST, 128),
 }
 
 

@@ -16,7 +16,9 @@ import chart
 import counting
 import goals
 
-sys.path.insert(0, str(pathlib.Path(__file__).parent / "service"))
+sys.path[:0] = [str(pathlib.Path(__file__).parent / folder) for folder in ("service", "clients", "gateway")]
+import clients_bench as clients  # noqa: E402
+import gateway_bench as gateway  # noqa: E402
 import service_bench as service  # noqa: E402
 
 PEERS = ("floor", "cbor", "msgpackcxx")
@@ -142,19 +144,40 @@ def convert_instructions(run):
     run.table["convert/instructions/debug off"] = {"log lines formatted": lines["off"], "a line": round(line)}
 
 
+def of_running(group, cases, name, seconds):
+    """A case of a benchmark that feeds running programs for some seconds."""
+    def measure(run):
+        if run.wants(f"{group}/{name}"):
+            run.say(f"{group}/{name}")
+            cases[name](run.build, seconds / 5 if run.quick else seconds, run.table)
+    return measure
+
+
 def of_service(name, seconds):
     """A case of the service's benchmark."""
+    return of_running("service", service.CASES, name, seconds)
+
+
+def of_gateway(name, seconds):
+    """A case of the gateway's benchmark."""
+    return of_running("gateway", gateway.CASES, name, seconds)
+
+
+def of_clients(name):
+    """A case of the clients' benchmark."""
     def measure(run):
-        if run.wants(f"service/{name}"):
-            run.say(f"service/{name}")
-            service.CASES[name](run.build, seconds / 5 if run.quick else seconds, run.table)
+        if run.wants(f"clients/{name}"):
+            run.say(f"clients/{name}")
+            clients.CASES[name](run.build, run.table)
     return measure
 
 
 GATED = [codec_instructions, convert_instructions, of_service("instructions", 0), of_service("system_calls", 0),
-         of_service("rss", 0)]
+         of_service("rss", 0), of_clients("instructions"), of_clients("memory"),
+         of_gateway("instructions", 0), of_gateway("memory", 0)]
 TIMED = [codec, link, convert, of_service("broadcast", 5), of_service("latency", 5),
-         of_service("start_to_listen", 0)]
+         of_service("start_to_listen", 0), of_clients("line_rate"), of_clients("full_speed"),
+         of_gateway("line_rate", 5), of_gateway("batches", 5), of_gateway("now", 5)]
 
 
 VERDICTS = {None: "", True: "met", False: "MISSED"}
