@@ -1,10 +1,12 @@
 #!/usr/bin/python3
-"""Plays a small machine on a CAN bus: a motor, a battery and a door contact, or the frames of a candump log.
+"""Plays a small machine on a CAN bus: a motor, a battery and a door contact, or the frames of a log.
 
 The machine is described by examples/machine.schema.json. Runs until Ctrl-C (or the end of the log).
 """
 
 import argparse
+import asyncio
+import pathlib
 import random
 import select
 import shlex
@@ -13,6 +15,10 @@ import sys
 import time
 
 from vorbelsim import canframe, links, nodes
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "clients" / "python"))
+from vorbel import canlog, replaying  # noqa: E402
+from vorbel.errors import VorbelError  # noqa: E402
 
 PATIENCE = 30  # seconds for the daemon to come
 
@@ -72,22 +78,35 @@ def simulate(link, rng: random.Random, rate: float, announce):
         pump(link, hear, ticker.until_next(time.monotonic()))
 
 
-def replay(link, lines, full_speed: bool, announce):
-    """Sends the frames of a log, at the log's own pace or as fast as they are taken. Returns their number."""
-    start, first, count = time.monotonic(), None, 0
-    for number, line in enumerate(lines, 1):
-        if not line.strip():
-            continue
-        try:
-            stamp, frame = canframe.parse_log_line(line)
-        except ValueError as error:
-            raise ValueError(f"line {number}: {error}") from None
-        first = stamp if first is None else first
-        while not full_speed and (wait := start + stamp - first - time.monotonic()) > 0:
-            pump(link, announce, wait)
-        link.send(frame)
-        count += 1
-    return count
+class LinkTarget:
+    """A link as what a log is played to. What it does not fit is counted by the link."""
+
+    def __init__(self, link):
+        self._link = link
+
+    async def send(self, frame):
+        self._link.send(canframe.CanFrame(frame.id, frame.data, frame.is_extended, frame.is_remote, frame.is_error,
+                                          frame.is_fd))
+
+
+async def replay(link, options, announce):
+    """Plays a log as the options say, and hears what the daemon sends meanwhile. Returns the number of frames."""
+    log = canlog.Log(options.replay)
+    player = replaying.player_of(options, log.frames, canlog.only(options.nodes))
+    listening = asyncio.create_task(listen(link, announce))
+    try:
+        await replaying.play(player, LinkTarget(link), log.frames, "frame")
+    finally:
+        listening.cancel()
+    if log.left_out:
+        print(f"lines that could not be read as frames: {log.left_out}", flush=True)
+    return player.taken
+
+
+async def listen(link, announce):
+    while True:
+        pump(link, announce, 0)
+        await asyncio.sleep(0.02)
 
 
 def arguments():
@@ -102,12 +121,17 @@ def arguments():
     parser.add_argument("--noise", type=float, default=0.02, metavar="SHARE",
                         help="share of the adapter's records that follow a few garbage bytes (default %(default)s)")
     parser.add_argument("--seed", type=int, help="make the machine's randomness repeatable")
-    parser.add_argument("--replay", metavar="LOG", help="send the frames of a log of `candump -l` instead")
-    parser.add_argument("--full-speed", action="store_true", help="replay without the log's pauses")
+    parser.add_argument("--replay", metavar="LOG",
+                        help="send the frames of a log instead, as `vorbel-cli replay` does: of candump -l, .asc, .blf "
+                             "or .trc, with the options of that command below")
+    replaying.add_options(parser)
     parser.add_argument("--wait", type=float, default=0, metavar="SECONDS",
                         help="wait so long before, and on virtual hardware until the daemon is there")
     parser.add_argument("--quiet", action="store_true", help="do not print the frames that the daemon sends")
-    return parser.parse_args()
+    options = parser.parse_args()
+    if problem := replaying.problem_of(options):
+        parser.error(problem)
+    return options
 
 
 def positive(text: str) -> float:
@@ -145,8 +169,7 @@ def run(options):
             wait_for_daemon(link, options.wait, announce)
         if not options.replay:
             simulate(link, rng, options.rate, announce)
-        with open(options.replay, encoding="ascii", errors="backslashreplace") as log:
-            count = replay(link, log, options.full_speed, announce)
+        count = asyncio.run(replay(link, options, announce))
         link.finish()
         print(f"replayed {count} frames, {link.unsuitable} of them not fit for this link", flush=True)
 
@@ -161,7 +184,7 @@ def main() -> int:
         run(arguments())
     except KeyboardInterrupt:
         pass
-    except (OSError, ValueError) as error:
+    except (OSError, ValueError, VorbelError) as error:
         print(f"simulated_bus: {error}", file=sys.stderr)
         return 1
     return 0

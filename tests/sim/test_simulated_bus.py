@@ -138,7 +138,7 @@ def test_log_is_replayed_at_its_own_pace(probe, simulated_bus, tmp_path):
 
 def test_adapter_takes_only_what_a_record_can_hold(simulated_bus, tmp_path):
     (tmp_path / "log").write_text(LOG)
-    process = simulated_bus("--adapter", tmp_path, "--replay", tmp_path / "log", "--full-speed")
+    process = simulated_bus("--adapter", tmp_path, "--replay", tmp_path / "log", "--speed", "max")
     assert process.communicate(timeout=10)[0] == "replayed 4 frames, 2 of them not fit for this link\n"
 
 
@@ -202,7 +202,7 @@ def test_bad_log_is_an_error(simulated_bus, tmp_path):
     (tmp_path / "log").write_text("(1.5) can0 123#00\n\nnonsense \xe4\n", encoding="latin-1")
     process = simulated_bus("--adapter", tmp_path, "--replay", tmp_path / "log")
     assert process.communicate(timeout=10)[1] == (
-        "simulated_bus: line 3: not a line of a candump log: 'nonsense \\\\xe4'\n")
+        f"simulated_bus: {tmp_path}/log: line 3: not a line of a candump log: 'nonsense \\\\xe4'\n")
     assert process.returncode == 1
 
 

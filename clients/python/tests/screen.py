@@ -14,12 +14,12 @@ from bridges import TOOL
 class Terminal:
     """The tool on a terminal of 30 lines."""
 
-    def __init__(self, *words, columns=100, **environment):
+    def __init__(self, *words, columns=100, program=TOOL, **environment):
         self.process, self._descriptor = pty.fork()
         if self.process == 0:
             fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("4H", 30, columns, 0, 0))
             os.environ.update({"TERM": "xterm-256color", **environment})
-            os.execv(TOOL, [TOOL, *map(str, words)])
+            os.execv(program, [program, *map(str, words)])
         self.seen = ""
 
     def type(self, text):
@@ -33,6 +33,12 @@ class Terminal:
         deadline = time.monotonic() + timeout
         while not condition():
             assert time.monotonic() < deadline and self._read(), f"{what} did not appear in {self.seen[-2000:]!r}"
+
+    def hang_up(self):
+        """The terminal is closed: its programs are told by SIGHUP."""
+        os.close(self._descriptor)
+        os.waitpid(self.process, 0)
+        self.process = 0
 
     def end(self):
         """The exit status."""

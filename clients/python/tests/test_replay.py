@@ -55,8 +55,8 @@ def log_of(numbers, interval):
 async def test_full_speed_loses_nothing_and_can_be_repeated(replay):
     numbers = list(range(3000))
     log = log_of(numbers, interval=3600)
-    assert (await replay(log, len(numbers), "--full-speed"))[0] == numbers
-    assert (await replay(log, len(numbers), "--full-speed"))[0] == numbers
+    assert (await replay(log, len(numbers), "--speed", "max"))[0] == numbers
+    assert (await replay(log, len(numbers), "--speed", "max"))[0] == numbers
 
 
 async def test_own_speed(replay):

@@ -5,12 +5,13 @@ import array
 import pytest
 from matplotlib import pyplot
 
-from vorbel import Disconnected, Values, VorbelError
-from vorbel.plot import unit_of
+from vorbel import Disconnected, Hello, Values, VorbelError
+from vorbel.digits import plain
+from vorbel.meaning import Meanings, Meant
 from vorbel.plotting import Series, figure_of
 from vorbel.prompt import Prompt
-from vorbel.recording import Recorder, csv_rows, json_lines, read_recording
-from vorbel.table import Table, plain, shown, sparkline
+from vorbel.recording import Origin, Recorder, csv_rows, json_lines, origin_of, read_entries, read_recording
+from vorbel.table import Table, shown, sparkline
 from vorbel.watch import fitted
 
 
@@ -23,7 +24,7 @@ def floats(*values):
     (floats(), "[]"), (floats(1, 2), "▁█  2 × … 2"), (floats(3, 3, 3), "▁▁▁  3 × … 3"),
 ], ids=str)
 def test_shown(value, text):
-    assert shown(value) == text
+    assert shown(Meant(value)) == text
 
 
 def test_sparkline_is_no_longer_than_asked():
@@ -49,7 +50,7 @@ def after(*readings):
     """The row of "a" after (time, value) readings."""
     table = Table()
     for time, value in readings:
-        table.update(Values({"a": value}, time))
+        table.update(Values({"a": value}, time), Meanings(None))
     return table.rows["a"]
 
 
@@ -78,7 +79,7 @@ def test_age():
 
 def test_rows_are_in_order_of_paths():
     table = Table()
-    table.update(Values({"b": 1, "a": {"z": 2, "c": 3}}, 0))
+    table.update(Values({"b": 1, "a": {"z": 2, "c": 3}}, 0), Meanings(None))
     assert list(table.rows) == ["a.c", "a.z", "b"] and table.messages == 1
 
 
@@ -99,7 +100,7 @@ def test_wide_characters_take_two_columns():
 def test_recorded_lines():
     event = Values({"a": floats(1, 2.5), "b": {"c": True}}, 12.5)
     assert json_lines(event) == '{"time":12.5,"values":{"a":[1.0,2.5],"b":{"c":true}}}\n'
-    assert csv_rows(event) == "12.500000,a,0,1.0\n12.500000,a,1,2.5\n12.500000,b.c,,true\n"
+    assert csv_rows(event) == "12.500000,a,0,1.0,,\n12.500000,a,1,2.5,,\n12.500000,b.c,,true,,\n"
 
 
 @pytest.mark.parametrize("name", ["run.jsonl", "run.csv"])
@@ -115,6 +116,29 @@ def test_what_was_recorded_is_read_again(tmp_path, name):
     assert read == [(12.5, "a", [1, 2.5]), (12.5, "b.c", True), (12.5, r"b.d\.e", -3), (13.25, "a", [4, float("inf")]),
                     (13.5, "a", [7]), (14.0, "b.c", "text"), (14.0, r"b.d\.e", float("-inf"))]
     assert all(type(value) is bool for _, path, value in read[:4] if path == "b.c")
+
+
+def test_origins_are_read_again(tmp_path):
+    origins = [Origin("ws://board:10443", Hello("gateway", "A7"), {"a": {"@mac": 1}}), Origin("x", Hello("unknown"))]
+    recorder = Recorder(tmp_path / "run.jsonl")
+    for number, origin in enumerate([origins[0], origins[0], origins[1]]):
+        recorder.origin = origin
+        recorder.record(Values({"a": number}, 12.5 + number))
+    recorder.close()
+    assert list(read_entries(tmp_path / "run.jsonl")) == [
+        origins[0], Values({"a": 0}, 12.5), Values({"a": 1}, 13.5), origins[1], Values({"a": 2}, 14.5)]
+    assert origin_of(tmp_path / "run.jsonl") == origins[0]
+
+
+@pytest.mark.parametrize("line, origin", [
+    ('{"time":1,"values":{}}', Origin()), ("", Origin()), ('{"time":1,"recording":{}}', Origin()),
+    ('{"time":1,"recording":5}', Origin()),
+    ('{"time":1,"recording":{"address":"a","hello":5,"schema":[]}}', Origin("a")),
+    ('{"time":1,"recording":{"hello":{"type":"t","id":5}}}', Origin("", Hello("t"))),
+], ids=["values first", "empty", "nothing in it", "no origin", "other types", "another type of identifier"])
+def test_origins_that_say_little(tmp_path, line, origin):
+    (tmp_path / "run.jsonl").write_text(line and line + "\n")
+    assert origin_of(tmp_path / "run.jsonl") == origin
 
 
 @pytest.mark.parametrize("name, text", [
@@ -141,11 +165,11 @@ def test_what_is_no_recording(tmp_path, name, text, message):
 def test_figure_has_units_and_draws_flags_as_steps():
     series = {"speed": Series(), "flag": Series(), "was.a.flag": Series(), "flags": Series()}
     for at, value in enumerate((True, False)):
-        series["speed"].add(at, 10.0 + at)
-        series["flag"].add(value, 10.0 + at)
-        series["flags"].add(floats(1, 0), 10.0 + at)
-    series["was.a.flag"].add(True, 10.0)
-    series["was.a.flag"].add(2, 11.0)
+        series["speed"].add(Meant(at), 10.0 + at)
+        series["flag"].add(Meant(value), 10.0 + at)
+        series["flags"].add(Meant(floats(1, 0)), 10.0 + at)
+    series["was.a.flag"].add(Meant(True), 10.0)
+    series["was.a.flag"].add(Meant(2), 11.0)
     figure = figure_of(series, "title", {path: "$r_{$" if path == "speed" else "" for path in series})
     assert [panel.get_ylabel() for panel in figure.axes] == ["$r_{$", "", "", ""]
     assert [panel.lines[0].get_drawstyle() for panel in figure.axes] == ["default", "steps-post", "default", "default"]
@@ -159,20 +183,20 @@ def test_figure_has_units_and_draws_flags_as_steps():
                                         ("motor.speed.unit", "")])
 def test_unit_of_a_path(path, unit):
     schema = {"motor": {"speed": {"@mac": 5, "unit": "rpm"}, "current": {"@mac": 5, "unit": 3}}}
-    assert unit_of(schema, path) == unit
+    assert Meanings(schema).of(path, 1).unit == unit
 
 
 def test_course_spreads_an_array_over_the_time_since_the_message_before():
     line = Series()
-    line.add(floats(1, 2, 3), 10)
-    line.add(floats(4, 5), 12)
+    line.add(Meant(floats(1, 2, 3)), 10)
+    line.add(Meant(floats(4, 5)), 12)
     assert (line.times, line.values) == ([10, 11, 12], [3, 4, 5])
 
 
 def test_course_takes_numbers_and_bools():
     line = Series()
     for time, value in enumerate((1, True, "text", floats(), 2.5)):
-        line.add(value, time)
+        line.add(Meant(value), time)
     assert (line.times, line.values) == ([0, 1, 4], [1, 1, 2.5])
 
 

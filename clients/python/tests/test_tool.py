@@ -159,7 +159,7 @@ def test_set(bridge, tool):
     ("motor.setpint", "1", 'motor.setpint: does not exist in the schema (did you mean "setpoint"?)'),
     ("motor", "1", 'motor: is a group of values, not a value: "speed", "current", "enabled", "setpoint"'),
     ("", "1", "the root: values are written as a map from names, not as a value of its own"),
-    ("motor.setpoint", "9" * 400, "motor.setpoint: Infinity is outside of -32768 to 65535"),
+    ("motor.setpoint", "9" * 400, "motor.setpoint: takes at least -6000 and at most 6000, not Infinity"),
     ("motor.setpoint", "[" * 9999, f'motor.setpoint: takes a number, not "{36 * "["}...'),
 ], ids=["read-only", "text", "unknown", "mistyped", "a group", "the root", "beyond any number", "nested without end"])
 def test_set_refuses(bridge, tool, path, value, message):

@@ -21,10 +21,13 @@ LEAF = {"@mac": 5, "@cmd": 2, "@format": "s"}
 def test_record_json_lines(machine, tool, tmp_path):
     file = tmp_path / "run.jsonl"
     status, output, errors = tool("record", file, "--schema", MACHINE, "--for", "3")
-    entries = [json.loads(line) for line in file.read_text().splitlines()]
+    origin, *entries = [json.loads(line) for line in file.read_text().splitlines()]
     assert (status, output) == (0, "") and len(entries) > 10
+    assert origin == {"time": entries[0]["time"], "recording": {
+        "address": "ws://localhost:10443", "hello": {"type": "unknown"}, "schema": json.loads(MACHINE.read_text())}}
     assert errors == f"vorbel-cli: recorded {len(entries)} messages, {file.stat().st_size} bytes in 1 file at {file}\n"
-    assert all(set(entry) == {"time", "values"} for entry in entries)
+    assert all(set(entry) - {"meant"} == {"time", "values"} for entry in entries)
+    assert {entry["meant"]["motor.enabled"] for entry in entries if "motor" in entry["values"]} <= {"on", "off"}
     assert any(len(entry["values"].get("battery", {}).get("cells", {}).get("a", ())) == 5 for entry in entries)
 
 
@@ -38,7 +41,7 @@ def test_record_csv_in_files_of_limited_size(machine, tool, tmp_path):
     for path in files:
         assert path.stat().st_size <= 1024
         rows = list(csv.DictReader(path.open()))
-        assert rows and set(rows[0]) == {"time", "path", "index", "value"}
+        assert rows and set(rows[0]) == {"time", "path", "index", "value", "unit", "label"}
         times += [float(row["time"]) for row in rows]
     assert times == sorted(times)
 
@@ -55,7 +58,7 @@ def test_record_until_interrupted(bridge, tool, tmp_path):
     process.send_signal(signal.SIGINT)
     assert "recorded 1 message," in process.communicate(timeout=10)[1]
     assert process.returncode == 0
-    assert json.loads(file.read_text())["values"] == {"door": {"open": True}}
+    assert json.loads(file.read_text().splitlines()[1])["values"] == {"door": {"open": True}}
 
 
 @pytest.mark.parametrize("words", [(), ("--for", "20")], ids=["nothing recorded", "before its time"])
@@ -71,7 +74,7 @@ def test_record_interrupted_before_it_did_its_work(bridge, tool, tmp_path, words
 
 
 def test_record_shows_its_progress_on_a_terminal(machine, terminal, tmp_path):
-    screen = terminal("record", tmp_path / "run.csv", "--schema", MACHINE, "--for", "3")
+    screen = terminal("record", tmp_path / "run.csv", "--schema", MACHINE, "--for", "8")
     screen.wait_for(" MB, 1 file")
     assert screen.end() == 0
     assert "\x1b[Kvorbel-cli: recorded " in screen.seen  # in place of the progress
@@ -83,7 +86,7 @@ def test_record_keeps_what_cannot_be_decoded(bridge, tool, schema_file, tmp_path
     bridge.daemon.wait_for("info Received schema: .*")
     bridge.say(5, 2, "07")
     process.communicate(timeout=10)
-    entry = json.loads((tmp_path / "run.jsonl").read_text())
+    entry = json.loads((tmp_path / "run.jsonl").read_text().splitlines()[1])
     assert entry["undecodable"] == "81a3626164" and entry["reason"] == "Unpack failed: incomplete input"
 
 
@@ -100,7 +103,8 @@ def test_record_tells_a_lost_connection_once(bridge, tool, tmp_path):
     process.send_signal(signal.SIGTERM)
     errors = process.communicate(timeout=10)[1]
     entries = [json.loads(line) for line in file.read_text().splitlines()]
-    assert [set(entry) for entry in entries] == [{"time", "disconnected"}, {"time", "values"}]
+    assert [set(entry) for entry in entries] == [{"time", "recording"}, {"time", "disconnected"},
+                                                 {"time", "values", "meant"}]
     assert errors.splitlines()[-2:] == [
         "vorbel-cli: connected again",
         f"vorbel-cli: recorded 1 message, {file.stat().st_size} bytes in 1 file at {file}"]
@@ -144,8 +148,8 @@ def test_record_on_a_disk_that_fills_up_keeps_whole_lines(machine, tmp_path, nam
     text = file.read_text()
     assert 2000 < len(text) <= 3000 and text.endswith("\n")
     lines = text.splitlines()
-    assert all(json.loads(line)["values"] for line in lines) if name == "run.jsonl" else (
-        {line.count(",") for line in lines} == {3})
+    assert all(json.loads(line)["values"] for line in lines[1:]) if name == "run.jsonl" else (
+        {line.count(",") for line in lines} == {5})
 
 
 def test_record_on_a_disk_without_any_room(bridge, tmp_path):
@@ -179,6 +183,39 @@ def test_record_where_nothing_can_be_written(tool, tmp_path):
     assert (status, errors) == (1, f"vorbel-cli: {tmp_path}/nosuch/run.csv: No such file or directory\n")
 
 
+def test_record_begins_each_file_with_its_origin(bridge, tool, schema_file, tmp_path):
+    process = tool.start("record", tmp_path / "run.jsonl", "--max-size", "1", "--schema", schema_file({"a": LEAF}))
+    bridge.daemon.wait_for("info Received schema: .*")
+    for number in range(3):
+        bridge.say(5, 2, f"0{number} 00")
+    harness.wait_until((tmp_path / "run.2.jsonl").exists)
+    process.send_signal(signal.SIGINT)
+    process.communicate(timeout=10)
+    for number, name in enumerate(("run.1", "run.2", "run")):
+        origin, values = map(json.loads, (tmp_path / f"{name}.jsonl").read_text().splitlines())
+        assert origin["recording"]["schema"] == {"a": LEAF} and values["values"] == {"a": number}
+
+
+def test_record_does_not_name_a_schema_that_it_does_not_know(bridge, tool, schema_file, tmp_path):
+    """It sent none, or another client has replaced it."""
+    file = tmp_path / "run.jsonl"
+    process = tool.start("record", file, "--schema", schema_file({"a": LEAF}))
+    bridge.daemon.wait_for("info Received schema: .*")
+    bridge.say(5, 2, "01 00")
+    harness.wait_until(lambda: file.exists() and '"values"' in file.read_text())
+    tool("watch", "--once", "0.1", "--schema", schema_file({"b": LEAF}))
+    bridge.say(5, 2, "01 00")
+    bridge.say(5, 2, "02 00")
+    harness.wait_until(lambda: file.read_text().count('"b"') == 2)
+    tool("hello")  # all are greeted again
+    bridge.say(5, 2, "03 00")
+    harness.wait_until(lambda: file.read_text().count('"b"') == 3)
+    process.send_signal(signal.SIGINT)
+    process.communicate(timeout=10)
+    origins = [entry["recording"] for entry in map(json.loads, file.read_text().splitlines()) if "recording" in entry]
+    assert [origin.get("schema") for origin in origins] == [{"a": LEAF}, None]
+
+
 # plot
 
 
@@ -198,7 +235,7 @@ def test_plot_of_recordings(machine, tool, tmp_path, suffix):
     files = [tmp_path / f"{name}.{suffix}" for name in "ab"]
     for file in files:
         assert tool("record", file, "--schema", MACHINE, "--for", "2")[0] == 0
-    points = sum(text.count('"door"') if suffix == "jsonl" else text.count(",door.open,")
+    points = sum(text.count('"values":{"door"') if suffix == "jsonl" else text.count(",door.open,")
                  for text in (file.read_text() for file in files))
     machine.stop()
     picture = tmp_path / "x.png"
@@ -208,6 +245,25 @@ def test_plot_of_recordings(machine, tool, tmp_path, suffix):
     status, _, errors = tool("plot", "door.opened", "-o", picture, "--from", files[0])
     assert status == 1
     assert errors.startswith("vorbel-cli: no numbers came for door.opened; there were: ") and " door.open," in errors
+
+
+def test_plot_of_a_recording_knows_its_schema(tool, tmp_path):
+    """Units and scales come from the file, and of files with other schemas each has its own."""
+    files = []
+    for scale in (2, 3):
+        files.append(tmp_path / f"{scale}.jsonl")
+        origin = {"time": 1, "recording": {"schema": {"a": {**LEAF, "scale": scale, "unit": "km"}}}}
+        files[-1].write_text("".join(json.dumps(entry) + "\n" for entry in (
+            origin, {"time": 1, "values": {"a": 10}}, {"time": 2, "values": {"a": 20}})))
+    picture = tmp_path / "x.svg"
+    words = [word for file in files for word in ("--from", file)]
+    assert tool("plot", "a", "-o", picture, *words) == (0, f"{picture}: 4 points\n", "")
+    text = picture.read_text()
+    assert "<!-- 60 -->" in text and "km" in text and "<!-- 40 -->" in text
+    schema = tmp_path / "given.json"
+    schema.write_text(json.dumps({"a": {**LEAF, "unit": "mm"}}))
+    tool("plot", "a", "-o", picture, *words, "--schema", schema)
+    assert "mm" in picture.read_text() and "<!-- 60 -->" not in picture.read_text()
 
 
 def test_plot_of_a_recording_that_is_not_there(tool, tmp_path):

@@ -18,7 +18,8 @@ def test_watch_piped(bridge, tool):
     bridge.say(12, 1, "01")
     bridge.say(5, 2, "58 02 90 01 01")
     lines = [process.stdout.readline().rstrip("\n").split("\t") for _ in range(3)]
-    assert [line[1:] for line in lines] == [["motor.current", "4.0"], ["motor.enabled", "true"], ["motor.speed", "600"]]
+    assert [line[1:] for line in lines] == [["motor.current", "4.0", "A"], ["motor.enabled", '"on"'],
+                                            ["motor.speed", "600", "rpm"]]
     assert abs(time.mktime(time.strptime(lines[0][0][:19], "%Y-%m-%dT%H:%M:%S")) - time.time()) < 10
     process.send_signal(signal.SIGINT)
     assert process.communicate(timeout=10) == ("", "") and process.returncode == 0
@@ -303,7 +304,7 @@ def test_without_rich_there_are_lines(bridge, terminal, missing):
     screen.wait_for("plain lines instead of the live table, which needs rich: apt install python3-rich")
     bridge.daemon.wait_for("info Received schema: .*")
     bridge.say(12, 1, "01")
-    screen.wait_for("  door.open  true\r\n")
+    screen.wait_for("  door.open  open\r\n")
     screen.type("\x03")
     assert screen.end() == 0
 
@@ -314,7 +315,7 @@ def test_lines_where_the_table_cannot_be(bridge, terminal, columns, variables):
     screen.wait_for("hello: type unknown")
     bridge.daemon.wait_for("info Received schema: .*")
     bridge.say(5, 2, "58 02 90 01 01")
-    screen.wait_for("  motor.speed  600\r\n")
+    screen.wait_for("  motor.speed  600 rpm\r\n")
     screen.type("\x03")
     assert screen.end() == 0
     assert "\x1b" not in screen.seen.replace("\x1b[K", "") and max(map(len, screen.seen.splitlines())) <= columns

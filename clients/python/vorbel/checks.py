@@ -7,11 +7,14 @@ never come or come out wrong. So the mistakes are found here.
 import difflib
 import math
 from collections.abc import Iterable, Iterator, Mapping
-from typing import Any, Callable, NamedTuple, Optional
+from typing import Any, Optional
 
 from . import paths
 from .errors import Problem, SchemaError, listed, quoted
-from .schema import FORMATS, OPTIONS, Leaf, is_leaf, leaf_of, nodes, parse
+from .kinds import NUMBER, TEXT, TRUTH, Kind, is_finite_number, whole
+from .meaning import mask_of
+from .members import KINDS, MAPS, Meaning, is_member
+from .schema import FORMATS, OPTIONS, Leaf, below, is_leaf, leaf_of, nodes, parse
 from .single import single
 from .wire import NESTING_LIMIT
 
@@ -26,22 +29,23 @@ def check(schema: Mapping[str, Any], clear: bool = False) -> list[Problem]:
     the schema that is in force."""
     problems = []
     placed = []
-    has_leaf = is_too_deep = False
+    known = []
+    is_too_deep = False
     for names, node in nodes(schema):
         if len(names) > NESTING_LIMIT:
             is_too_deep = True
             continue
-        has_leaf |= is_leaf(node)
         leaf, is_placed = _usable_leaf(names, node)
         problems += [Problem(paths.join(names), *found) for found in _check_node(node, leaf)]
-        if is_leaf(node) and is_placed:
-            placed.append(leaf)
+        if is_leaf(node):
+            known.append(leaf)
+            placed += [leaf] if is_placed else []
     if is_too_deep:
         problems.append(Problem("", "too-deep", f"is nested more than {NESTING_LIMIT} deep"))
-    if not has_leaf and not clear:
+    if not known and not clear:
         problems.append(Problem("", "no-leaf", 'has no leaf, that is, no object with "@mac": the daemon would forget '
                                                "all values, for all its clients"))
-    return problems + list(_check_shared_frames(placed))
+    return problems + list(_check_selectors(known)) + list(_check_shared_frames(placed))
 
 
 def check_text(text: str, clear: bool = False) -> list[Problem]:
@@ -59,44 +63,25 @@ def check_or_raise(schema: Mapping[str, Any], clear: bool = False) -> list[Probl
     return problems
 
 
-# Options by themselves
+# Options and members by themselves
+
+_KINDS = dict(zip(OPTIONS, (whole(0, 63), whole(0, 31), TEXT, whole(0, 65535), NUMBER, whole(-(2**31), 2**32 - 1),
+                            TRUTH, whole(0, 2**31 - 1), TRUTH, TRUTH)))
 
 
-class _Kind(NamedTuple):
-    """What an option can hold: words for it, and a predicate."""
-
-    words: str
-    fits: Callable[[Any], bool]
-    least: float = -math.inf
-    largest: float = math.inf
-
-
-def _is_finite_number(value: Any) -> bool:
-    if isinstance(value, bool) or not isinstance(value, (int, float)):
-        return False
-    try:
-        return math.isfinite(value)
-    except OverflowError:  # a whole number beyond any float
-        return False
-
-
-def _whole(least: int, largest: int) -> _Kind:
-    return _Kind("a whole number", lambda value: _is_finite_number(value) and value == int(value), least, largest)
-
-
-_NUMBER = _Kind("a number", _is_finite_number)
-_TEXT = _Kind("a text", lambda value: isinstance(value, str))
-_TRUTH = _Kind("true or false", lambda value: isinstance(value, bool))
-_KINDS = dict(zip(OPTIONS, (_whole(0, 63), _whole(0, 31), _TEXT, _whole(0, 65535), _NUMBER, _whole(-(2**31), 2**32 - 1),
-                            _TRUTH, _whole(0, 2**31 - 1), _TRUTH, _TRUTH)))
+def _misfit(kind: Kind, name: str, value: Any) -> Optional[tuple[str, str]]:
+    """What is wrong with the type, or else the range, of a value: ("type" or "range", message)."""
+    if not kind.fits(value):
+        return "type", f'"{name}" is {quoted(value)}: it must be {kind.words}'
+    if is_finite_number(value) and not kind.least <= value <= kind.largest:
+        return "range", f'"{name}" is {value}: it must be from {kind.least} to {kind.largest}'
+    return None
 
 
 def _option_problem(name: str, value: Any) -> Optional[tuple[str, str]]:
-    kind = _KINDS[name]
-    if not kind.fits(value):
-        return "option-type", f'"{name}" is {quoted(value)}: it must be {kind.words}'
-    if _is_finite_number(value) and not kind.least <= value <= kind.largest:
-        return "option-range", f'"{name}" is {value}: it must be from {kind.least} to {kind.largest}'
+    misfit = _misfit(_KINDS[name], name, value)
+    if misfit:
+        return f"option-{misfit[0]}", misfit[1]
     if name == "@factor" and not _has_reciprocal(single(value)):
         return "option-range", f'"@factor" is {value:g}: readings are divided by it in single precision'
     return None
@@ -110,7 +95,7 @@ def _usable_leaf(names: tuple[str, ...], node: Mapping[str, Any]) -> tuple[Leaf,
     """The leaf that the faultless options of a node make, and whether that is certainly its place in the payload."""
     options = {name: node[name] for name in OPTIONS if name in node}
     faultless = {name: value for name, value in options.items() if not _option_problem(name, value)}
-    leaf = leaf_of(names, faultless)
+    leaf = leaf_of(names, {**faultless, **{name: value for name, value in node.items() if is_member(name, value)}})
     return leaf, len(faultless) == len(options) and leaf.format in FORMATS
 
 
@@ -124,7 +109,8 @@ def _check_node(node: Mapping[str, Any], leaf: Leaf) -> Found:
         yield from _check_format(node, leaf)
         yield from _check_place(leaf)
         yield from _check_effects(leaf)
-        if any(isinstance(member, dict) and name not in OPTIONS for name, member in node.items()):
+        yield from _check_members(node, leaf)
+        if any(name not in OPTIONS for name, _ in below(node)):
             yield "leaf-in-leaf", "holds further nodes inside of a leaf: their values and its own replace one another"
     else:
         yield from _check_branch(node)
@@ -206,6 +192,87 @@ def _check_packed(leaf: Leaf) -> Found:
             yield "no-effect", f'"{name}" has no effect on "p"'
 
 
+# Members for people
+
+
+def _check_members(node: Mapping[str, Any], leaf: Leaf) -> Found:
+    for name, kind in KINDS.items():
+        if name in node and (name in MAPS or not isinstance(node[name], dict)):
+            misfit = _misfit(kind, name, node[name])
+            if misfit:
+                yield f"member-{misfit[0]}", misfit[1]
+            elif name == "scale" and node[name] == 0:
+                yield "member-range", '"scale" is 0: all fields would mean the same'
+    yield from _check_ranges(leaf.meaning, 8 * leaf.width)
+    yield from _check_arrangement(leaf)
+    yield from _check_combinations(leaf)
+
+
+def _check_ranges(meaning: Meaning, width: int) -> Found:
+    if meaning.bits and width and not 0 <= meaning.bits[0] < sum(meaning.bits) <= width:
+        yield "member-range", f'"bits" is {list(meaning.bits)}: the reading has the bits 0 to {width - 1}'
+    for words, low, high in (('"min" is above "max"', meaning.least, meaning.largest),
+                             ('the low end of "warn" is above the high one', *meaning.warn),
+                             ('the low end of "alarm" is above the high one', *meaning.alarm)):
+        if low is not None and high is not None and low > high:
+            yield "member-range", f"{words}: {low:g} and {high:g}"
+
+
+def _check_arrangement(leaf: Leaf) -> Found:
+    """What puts the bits of a reading in order needs to know them."""
+    meaning = leaf.meaning
+    used = listed(name for name, is_set in (("bits", meaning.bits), ("swapped", meaning.swapped),
+                                            ("signed", meaning.signed), ("float", meaning.is_float)) if is_set)
+    if used and leaf.format in FORMATS and not leaf.is_whole:
+        yield "member-conflict", f"{used} needs whole numbers for readings, without a factor and \"@asBool\""
+    elif meaning.is_float and leaf.width in (1, 2):
+        yield "member-conflict", f'"float" needs 4 bytes, the format "{leaf.format}" has {leaf.width}'
+    if meaning.is_float and (meaning.bits or meaning.signed):
+        yield "member-conflict", '"float" takes all bits as they are: "bits" and "signed" do not go with it'
+    if meaning.swapped and leaf.width == 1:
+        yield "no-effect", '"swapped" has no effect on a single byte'
+    if meaning.initial is not None and not leaf.is_part and leaf.format in FORMATS:
+        yield "no-effect", '"initial" has no effect without "bits" that leave others over'
+
+
+def _check_combinations(leaf: Leaf) -> Found:
+    labels = list(leaf.meaning.labels.values())
+    repeated = {label for label in labels if labels.count(label) > 1}
+    if repeated:
+        yield "member-conflict", f"{listed(sorted(repeated))} in \"labels\" stands for several fields"
+    if leaf.meaning.when and (leaf.observe or leaf.flush_size):
+        yield ("member-conflict", '"when" does not go with "@observe" or "@flushSize": these would take readings that '
+                                  "do not count with those that do")
+
+
+def _check_selectors(leaves: Iterable[Leaf]) -> Iterator[Problem]:
+    by_path = {leaf.path: leaf for leaf in leaves}
+    for path, leaf in by_path.items():
+        if leaf.meaning.when:
+            found = _selector_problem(leaf, by_path)
+            if found:
+                yield Problem(path, *found)
+
+
+def _selector_problem(leaf: Leaf, by_path: Mapping[str, Leaf]) -> Optional[tuple[str, str]]:
+    asked = {leaf.path}
+    selector: Optional[Leaf] = leaf
+    while selector and selector.meaning.when:
+        path = selector.meaning.when.path
+        if path in asked:
+            return "unknown-when", f'"when" leads back to {paths.shown(path)}'
+        asked.add(path)
+        selector = by_path.get(path)
+    first = by_path.get(leaf.meaning.when.path) if leaf.meaning.when else None
+    if first is None:
+        return "unknown-when", f'"when" names {quoted(leaf.meaning.when and leaf.meaning.when.path)}, which is no leaf'
+    if first.endpoint != leaf.endpoint:
+        return "when-elsewhere", f'"when" names {paths.shown(first.path)}, which is read from other frames'
+    if first.observe or first.flush_size or first.width == 0:
+        return "when-elsewhere", f'"when" names {paths.shown(first.path)}, which is not in every message'
+    return None
+
+
 # The leaves of one node and command
 
 
@@ -220,21 +287,30 @@ def _check_shared_frames(leaves: Iterable[Leaf]) -> Iterator[Problem]:
 
 def _overlaps(leaves: list[Leaf]) -> Iterator[Problem]:
     """Each leaf that uses bits of one before it is told once."""
-    users: dict[int, Leaf] = {}
+    users: dict[int, list[Leaf]] = {}
     for leaf in leaves:
-        bits = list(_bits(leaf))
-        other = next((users[bit] for bit in bits if bit in users), None)
+        bits = _bits(leaf)
+        other = next((user for bit in bits for user in users.get(bit, ()) if not _are_apart(user, leaf)), None)
         if other:
             shared = sorted({bit // 8 for bit in bits} & {bit // 8 for bit in _bits(other)})
             yield Problem(leaf.path, "overlap", _overlap(leaf, other, shared))
         for bit in bits:
-            users.setdefault(bit, leaf)
+            if not other or bit not in users:
+                users.setdefault(bit, []).append(leaf)
 
 
-def _bits(leaf: Leaf) -> Iterator[int]:
+def _bits(leaf: Leaf) -> list[int]:
     """The bits of the payload that a leaf reads."""
     mask = int(leaf.mask) if FORMATS[leaf.format].masked else -1
-    return (int(leaf.skip) * 8 + bit for bit in range(8 * leaf.width) if mask >> bit & 1)
+    if leaf.is_arranged:
+        mask &= mask_of(leaf)
+    return [int(leaf.skip) * 8 + bit for bit in range(8 * leaf.width) if mask >> bit & 1]
+
+
+def _are_apart(one: Leaf, other: Leaf) -> bool:
+    """Whether no frame has a value of both."""
+    first, second = one.meaning.when, other.meaning.when
+    return first is not None and second is not None and first.path == second.path and first.value != second.value
 
 
 def _overlap(leaf: Leaf, other: Leaf, shared: list[int]) -> str:

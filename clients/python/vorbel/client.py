@@ -23,6 +23,8 @@ from websockets.exceptions import (ConnectionClosed, ConnectionClosedError, Inva
 
 from . import checks, paths, wire, writing
 from .errors import ConnectError, Problem, WriteError
+from .meaning import Meanings, Meant
+from .readings import LastReadings
 from .ownership import Ownership, SchemaChanged, State, pass_tick
 from .pulse import DOUBTED_AFTER, INTERVAL, LOST_AFTER, Pulse, ask
 from .schema import MESSAGE_LIMIT as SENT_LIMIT, Source, load_schema, to_text
@@ -149,6 +151,8 @@ class Client:
         self._silent_after = silent_after
         self.trouble = "no answer yet"
         self._schema_text = ""
+        self.meanings = Meanings(None)
+        self._readings = LastReadings(Meanings(None))
         self._ownership: Optional[Ownership] = None
         self._socket: Optional[WebSocketClientProtocol] = None
         self._pulse: Optional[Pulse] = None
@@ -227,6 +231,12 @@ class Client:
             elif isinstance(event, SchemaChanged):
                 log.log(logging.INFO if event.is_restored else logging.WARNING, "%s", event)
 
+    async def meant(self) -> AsyncIterator[dict[str, Meant]]:
+        """{dotted path: what the reading means} of each message, of those values that count in it. What else happens
+        goes to the log, as for values()."""
+        async for data in self.values():
+            yield self.meanings.flat(data)
+
     # What goes
 
     @property
@@ -256,7 +266,7 @@ class Client:
         """
         message = writing.Message(values)
         if self._check and self.schema is not None:
-            message = writing.prepare(self.schema, values)
+            message = writing.prepare(self.schema, values, self._readings.of)
         try:
             data = wire.encode(message.values)
         except ValueError as error:
@@ -265,12 +275,15 @@ class Client:
             raise WriteError(f"Not written: the daemon takes no message of more than 4 MiB, this has {len(data)}")
         self._refuse_doubtful()
         await self._send(data)
+        self._readings.wrote(message.written)
         return message.written
 
     async def set(self, path: Union[str, Sequence[str]], value: Any) -> Optional[Written]:
-        """Writes one value by its path, or by its names; returns which number went out, if one is known to have."""
-        written = await self.write(paths.nest(path, value))
-        return written[0] if written else None
+        """Writes one value by its path, or by its names; returns which number went out, if one is known to have. What
+        selects it by its "when" goes out with it."""
+        names = paths.split(path) if isinstance(path, str) else tuple(path)
+        written = await self.write(writing.with_selectors(self.meanings.leaves, names, value))
+        return next((each for each in written if each.leaf.names == names), None)
 
     async def confirmed(self) -> None:
         """Returns when the daemon has handled everything that was sent before: it answers in that order."""
@@ -319,6 +332,8 @@ class Client:
         warnings = checks.check_or_raise(schema, clear) if self._check else []
         self._schema_text = to_text(schema)
         self.schema = schema
+        self.meanings = Meanings(schema)
+        self._readings = LastReadings(self.meanings)
         self._ownership = Ownership(schema, self._silent_after, self._tell_schema)
         self._settle()
         return warnings
@@ -377,6 +392,7 @@ class Client:
         finally:
             self._socket = self._pulse = None
             self._ready.clear()
+            self._readings.forget()
 
     async def _listen(self, socket: WebSocketClientProtocol, pulse: Pulse) -> None:
         watching = [asyncio.create_task(pulse.watch()), asyncio.create_task(self._watch_schema(socket))]
@@ -409,6 +425,8 @@ class Client:
             self._ready.set()
 
     def _tell_schema(self, state: State, reason: str) -> None:
+        if state == "replaced":
+            self._readings.forget()
         self._emit(SchemaChanged(state, reason))
 
     async def _greet(self, socket: WebSocketClientProtocol) -> Pulse:
@@ -447,6 +465,8 @@ class Client:
         if self._ownership:
             self._ownership.heard(data)
             self._settle()
+            if self._ownership.is_in_force:
+                self._readings.heard(data)
         self._emit(Values(data))
 
     def _emit(self, event: Event) -> None:

@@ -1,10 +1,13 @@
 """How many digits of a reading say something."""
 
+import decimal
+import json
 import math
-from typing import Optional
+from typing import Any, Optional
 
 from .schema import Leaf
 from .single import shortest
+from .wire import is_array, number
 
 
 def justified(value: float, leaf: Optional[Leaf] = None) -> float:
@@ -16,6 +19,39 @@ def justified(value: float, leaf: Optional[Leaf] = None) -> float:
         return fewest
     rounded = round(value, decimals) + 0.0  # no -0.0
     return min(rounded, fewest, key=lambda number: len(repr(number)))
+
+
+def digits_of(value: Any, leaf: Optional[Leaf] = None) -> str:
+    """A value with the decimals that its leaf names, or else those that it justifies. As in JSON, and what is not
+    finite by its name."""
+    if isinstance(value, (int, float)) and not isinstance(value, bool) and leaf and leaf.meaning.decimals is not None:
+        return _rounded(value, leaf.meaning.decimals)
+    if isinstance(value, float):
+        return f"{value if leaf and leaf.meaning.is_scaled else justified(value, leaf):.10g}"
+    return json.dumps(plain(value), ensure_ascii=False)
+
+
+def _rounded(value: float, decimals: int) -> str:
+    """With so many decimals; halves go away from 0."""
+    if not math.isfinite(value):
+        return str(value)
+    return str(decimal.Decimal(value).quantize(decimal.Decimal(1).scaleb(-decimals), decimal.ROUND_HALF_UP))
+
+
+def plain(value: Any, leaf: Optional[Leaf] = None) -> Any:
+    """A value as JSON knows it: arrays as lists, bytes in hexadecimal, what is not finite as text."""
+    if isinstance(value, dict):
+        members = {}
+        for name, member in value.items():  # no comprehension: that is a second call for each level of nesting
+            members[name] = plain(member)
+        return members
+    if is_array(value) or isinstance(value, (list, tuple)):
+        return [plain(number(element), leaf) for element in value]
+    if isinstance(value, bytes):
+        return value.hex()
+    if isinstance(value, float):
+        return justified(value, leaf) if math.isfinite(value) else str(value)
+    return value
 
 
 def _decimals(leaf: Leaf) -> Optional[int]:

@@ -71,3 +71,8 @@ class WriteError(VorbelError):
     def __init__(self, message: str, problems: Sequence[Problem] = ()) -> None:
         super().__init__(message)
         self.problems = list(problems)
+
+    @property
+    def is_early(self) -> bool:
+        """Whether nothing is wrong but that a reading is needed that has not come yet."""
+        return bool(self.problems) and all(problem.code == "no-reading" for problem in self.problems)

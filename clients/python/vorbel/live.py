@@ -2,14 +2,8 @@
 
 import asyncio
 import collections
-import contextlib
-import os
-import sys
-import termios
 import time
-import tty
-from collections.abc import Iterator
-from typing import Callable, Optional
+from typing import Optional
 
 from rich.cells import cell_len
 from rich.console import Console, Group
@@ -18,11 +12,13 @@ from rich.table import Table as Grid
 from rich.text import Text
 
 from . import paths
+from .keyboard import keyboard
 from .prompt import Prompt
 from .session import Session
 from .table import Row, shown
-from .terminal import counted
+from .terminal import counted, first_of
 
+MARKS = {"alarm": ("!! ", "bold red"), "warn": ("! ", "yellow"), "": ("", "")}  # of values beyond their limits
 REFRESH = 0.2  # seconds
 NOTES = 4
 OTHER_COLUMNS = 11 + 7 + 4 * 2  # those of change and age, and the space around all four
@@ -96,8 +92,9 @@ class Screen:
             return
         now = time.time()
         points = max(5, value_width - BESIDE_POINTS)
-        cells = (paths.shown(path), shown(row.value, points, self.session.leaf(path)), row.change(now), row.age(now))
-        grid.add_row(*map(Text, cells), style="dim" if now - row.time > 10 else "")
+        mark, style = MARKS[row.meant.level]
+        cells = (paths.shown(path), mark + shown(row.meant, points), row.change(now), row.age(now))
+        grid.add_row(*map(Text, cells), style="dim" if now - row.time > 10 else style)
 
 
 async def watch_live(session: Session) -> int:
@@ -111,17 +108,8 @@ async def watch_live(session: Session) -> int:
         for line in screen.prompt.feed(characters):
             lines.put_nowait(line)
 
-    with _keyboard(typed), Live(console=console, screen=True, auto_refresh=False) as live:
-        tasks = [asyncio.create_task(work) for work in (
-            session.follow(), _carry_out(session, lines, screen), _refresh(live, screen, console))]
-        try:
-            done, _ = await asyncio.wait(tasks, return_when=asyncio.FIRST_COMPLETED)
-            for task in done:
-                task.result()
-        finally:
-            for task in tasks:
-                task.cancel()
-            await asyncio.wait(tasks)
+    with keyboard(typed), Live(console=console, screen=True, auto_refresh=False) as live:
+        await first_of(session.follow(), _carry_out(session, lines, screen), _refresh(live, screen, console))
     return 0
 
 
@@ -143,26 +131,3 @@ async def _refresh(live: Live, screen: Screen, console: Console) -> None:
 
 def _line(text: str, style: str) -> Text:
     return Text(text, style=style, overflow="ellipsis", no_wrap=True)
-
-
-def _read(descriptor: int) -> str:
-    """What was typed; when the terminal has gone, the keys that clear the line and end."""
-    try:
-        return os.read(descriptor, 4096).decode(errors="ignore") or "\x15\x04"
-    except OSError:
-        return "\x15\x04"
-
-
-@contextlib.contextmanager
-def _keyboard(typed: Callable[[str], None]) -> Iterator[None]:
-    """Hands over what is typed as it is typed, not line by line, and without the terminal's echo."""
-    descriptor = sys.stdin.fileno()
-    before = termios.tcgetattr(descriptor)
-    loop = asyncio.get_running_loop()
-    tty.setcbreak(descriptor)
-    loop.add_reader(descriptor, lambda: typed(_read(descriptor)))
-    try:
-        yield
-    finally:
-        loop.remove_reader(descriptor)
-        termios.tcsetattr(descriptor, termios.TCSADRAIN, before)

@@ -7,13 +7,12 @@ from typing import Any, NamedTuple, Optional
 from . import paths
 from .client import Client, Values
 from .digits import justified
-from .errors import VorbelError, suggestion
-from .schema import Leaf, leaves
+from .errors import VorbelError, WriteError, suggestion
+from .meaning import Meant
 from .session import Session, parse_value, sent_text
-from .table import is_number, number, shown
+from .table import is_number, shown
 from .terminal import counted
-from .wire import is_array
-from .writing import prepare
+from .writing import prepare, with_selectors
 
 
 class Expectation(NamedTuple):
@@ -22,14 +21,17 @@ class Expectation(NamedTuple):
     tolerance: float = 0
 
     def __str__(self) -> str:
-        return f"{paths.shown(self.path)} = {shown(self.value)}" + (f" ± {self.tolerance:g}" if self.tolerance else "")
+        tolerance = f" ± {self.tolerance:g}" if self.tolerance else ""
+        return f"{paths.shown(self.path)} = {shown(Meant(self.value))}{tolerance}"
 
-    def is_met_by(self, value: Any, leaf: Optional[Leaf] = None) -> bool:
-        """Of an array, the last element counts; of a number, the digits that are shown."""
-        if is_array(value) and len(value):
-            value = number(value[-1])
+    def is_met_by(self, meant: Meant) -> bool:
+        """Of an array, the last element counts; of a number, the digits that are shown; or else the label."""
+        meant = meant.last
+        value = meant.value
         if is_number(value) and is_number(self.value):
-            return bool(abs(justified(value, leaf) - self.value) <= self.tolerance)
+            return bool(abs(justified(value, meant.leaf) - self.value) <= self.tolerance)
+        if isinstance(self.value, str) and self.value == meant.label:
+            return True
         return type(value) is type(self.value) and bool(value == self.value)  # noqa: E721, as true is not 1
 
 
@@ -54,9 +56,9 @@ def check_paths(client: Client, assignments: Iterable[tuple[str, Any]], expectat
     """Raises VorbelError for what the client's schema says will never be: before anything is sent or waited for."""
     if client.schema is None:
         return
+    known = client.meanings.leaves
     for path, value in assignments:
-        prepare(client.schema, paths.nest(path, value))
-    known = leaves(client.schema)
+        prepare(client.schema, with_selectors(known, paths.split(path), value), lambda path: 0)
     for path, *_ in expectations:
         if path not in known:
             raise VorbelError(paths.shown(f"{path or 'the root'}: does not exist in the schema as a value"
@@ -82,21 +84,28 @@ class Observation:
             if isinstance(event, Values):
                 if self._written_at is None:
                     self._written_at = await self._write()
-                if event.time >= self._written_at:
+                if self._written_at is not None and event.time >= self._written_at:
                     self._compare(event, self._written_at)
 
-    async def _write(self) -> float:
-        """Returns when all had been written."""
-        for path, value in self._assignments:
-            self.sent.append(sent_text(path, value, await self._session.client.set(path, value)))
+    async def _write(self) -> Optional[float]:
+        """Returns when all had been written; None while a field waits for the first reading of its bytes."""
+        while self._assignments:
+            path, value = self._assignments[0]
+            try:
+                self.sent.append(sent_text(path, value, await self._session.client.set(path, value)))
+            except WriteError as error:
+                if error.is_early:
+                    return None
+                raise
+            del self._assignments[0]
         await self._session.client.confirmed()
         return time.time()
 
     def _compare(self, event: Values, written_at: float) -> None:
-        flat = event.flat()
+        flat = self._session.client.meanings.flat(event.data)
         for expectation in list(self._waiting):
             path = expectation.path
-            if path in flat and expectation.is_met_by(flat[path], self._session.leaf(path)):
+            if path in flat and expectation.is_met_by(flat[path]):
                 self.met[expectation] = event.time - written_at
                 self._waiting.discard(expectation)
 
@@ -107,7 +116,7 @@ def report(session: Session, observation: Observation, expectations: Iterable[Ex
     client, table = session.client, session.table
     lines = [f"hello: {client.hello}"]
     if client.schema is not None:
-        lines.append(f"schema: sent, {counted(len(leaves(client.schema)), 'leaf', 'leaves')}")
+        lines.append(f"schema: sent, {counted(len(client.meanings.leaves), 'leaf', 'leaves')}")
     lines.append(f"values: {counted(table.messages, 'message')} within {seconds:g} s, "
                  f"{counted(len(table.rows), 'path')}")
     lines += _row_lines(session)
@@ -124,7 +133,7 @@ def _row_lines(session: Session) -> list[str]:
     now = time.time()
     rows = session.shown_rows()
     width = max((len(paths.shown(path)) for path, _ in rows), default=0)
-    values = [f"  {paths.shown(path):{width}}  {shown(row.value, leaf=session.leaf(path))}  {row.change(now)}".rstrip()
+    values = [f"  {paths.shown(path):{width}}  {shown(row.meant)}  {row.change(now)}".rstrip()
               for path, row in rows if row is not None]
     return values + [f"  {paths.shown(path):{width}}  {session.text_without_row(path)}"
                      for path, row in rows if row is None]

@@ -78,6 +78,11 @@ class Ownership:
         self._is_silent = False
         self._forget_rhythm()
 
+    @property
+    def is_in_force(self) -> bool:
+        """Whether values that come are of this schema, as far as it can be known."""
+        return self.is_owned and self.is_confirmed
+
     def begin(self) -> None:
         """It goes out."""
         self.is_sent = True

@@ -5,8 +5,9 @@ from typing import Any, Optional
 
 from . import paths, plotting
 from .client import Client, Values
+from .meaning import Meanings, Meant
 from .plotting import Series
-from .recording import read_recording
+from .recording import read_entries
 from .session import Session
 from .terminal import Progress, connected, counted, say
 
@@ -14,17 +15,32 @@ from .terminal import Progress, connected, counted, say
 class Collection:
     """The series of the paths that are wanted, and which paths there were at all."""
 
-    def __init__(self, wanted: Iterable[str]) -> None:
+    def __init__(self, wanted: Iterable[str], schema: Optional[Mapping[str, Any]]) -> None:
+        self._explain(schema)
         self._series = {path: Series() for path in wanted}
         self._there_were: dict[str, None] = {}  # in their order
 
-    def add(self, values: Values) -> None:
-        for path, value in values.flat().items():
+    def _explain(self, schema: Optional[Mapping[str, Any]]) -> None:
+        self._meanings = Meanings(schema)
+
+    def add_recording(self, file: str, has_schema: bool) -> None:
+        """What a file says of its schema counts where none was given."""
+        for entry in read_entries(file):
+            if isinstance(entry, Values):
+                self.add(entry, is_meant=file.endswith(".csv"))
+            elif not has_schema:
+                self._explain(entry.schema)
+
+    def add(self, values: Values, is_meant: bool = False) -> None:
+        """Readings, or what they mean already."""
+        flat = {path: Meant(value) for path, value in values.flat().items()} if is_meant else (
+            self._meanings.flat(values.data))
+        for path, meant in flat.items():
             self._there_were[path] = None
             if path in self._series:
-                self._series[path].add(value, values.time)
+                self._series[path].add(meant, values.time)
 
-    def draw(self, output: str, title: str, schema: Optional[Mapping[str, Any]]) -> int:
+    def draw(self, output: str, title: str) -> int:
         """Returns the exit status: 1 if something that is wanted did not come."""
         drawn = {path: line for path, line in self._series.items() if line.times}
         empty = [path for path in self._series if path not in drawn]
@@ -32,25 +48,16 @@ class Collection:
             there_were = ", ".join(sorted(self._there_were)) or "none at all"
             say(paths.shown(f"no numbers came for {', '.join(empty)}; there were: {there_were}"))
         if drawn:
-            units = {path: unit_of(schema or {}, path) for path in drawn}
+            units = {path: self._meanings.of(path, None).unit for path in drawn}
             plotting.draw(drawn, output, title, units)
             print(f"{output}: {counted(sum(len(line.times) for line in drawn.values()), 'point')}")
         return 1 if empty else 0
 
 
-def unit_of(schema: Mapping[str, Any], path: str) -> str:
-    """What a leaf says of its unit by a member of that name, which the daemon ignores."""
-    node: Any = schema
-    for name in paths.split(path):
-        node = node.get(name) if isinstance(node, Mapping) else None
-    unit = node.get("unit") if isinstance(node, Mapping) else None
-    return unit if isinstance(unit, str) else ""
-
-
 async def plot(client: Client, wanted: Iterable[str], output: str, seconds: float) -> int:
     """What comes within some seconds; returns the exit status."""
     plotting.prepare(output)
-    collection = Collection(wanted)
+    collection = Collection(wanted, client.schema)
     progress = Progress()
     async with connected(client):
         session = Session(client, note=progress.note)
@@ -60,7 +67,7 @@ async def plot(client: Client, wanted: Iterable[str], output: str, seconds: floa
             if isinstance(event, Values):
                 collection.add(event)
     progress.end()
-    status = collection.draw(output, str(client.hello), client.schema)
+    status = collection.draw(output, str(client.hello))
     if not session.table.rows:
         say(session.silence())
     return status
@@ -70,8 +77,7 @@ def plot_recordings(files: Iterable[str], wanted: Iterable[str], output: str,
                     schema: Optional[Mapping[str, Any]]) -> int:
     """What was recorded before; returns the exit status."""
     plotting.prepare(output)
-    collection = Collection(wanted)
+    collection = Collection(wanted, schema)
     for file in files:
-        for values in read_recording(file):
-            collection.add(values)
-    return collection.draw(output, ", ".join(files), schema)
+        collection.add_recording(file, schema is not None)
+    return collection.draw(output, ", ".join(files))

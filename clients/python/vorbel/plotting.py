@@ -8,8 +8,9 @@ from typing import Any, Optional
 
 from . import paths
 from .errors import VorbelError
-from .table import is_number, number
-from .wire import is_array
+from .meaning import Meant
+from .table import is_number
+from .wire import is_array, number
 
 
 SUFFIXES = (".png", ".svg", ".pdf")
@@ -24,8 +25,9 @@ class Series:
         self.is_flag = True  # whether all of them were true or false
         self._before: Optional[float] = None
 
-    def add(self, value: Any, time: float) -> None:
-        if is_array(value) and len(value):
+    def add(self, meant: Meant, time: float) -> None:
+        value = meant.value
+        if is_array(meant.reading) and len(value):
             self._spread([number(element) for element in value], time)
         elif is_number(value) or isinstance(value, bool):
             self.is_flag = self.is_flag and isinstance(value, bool)

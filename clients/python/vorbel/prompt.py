@@ -3,6 +3,8 @@
 from collections.abc import Iterator
 from typing import Callable
 
+from .keyboard import Keys
+
 # What terminals send, by what it does. Named as in readline.
 KEYS = {
     "backward-char": ("\x1b[D", "\x1bOD", "\x02"),
@@ -29,7 +31,7 @@ class Prompt:
         self.text = ""
         self.cursor = 0  # the place in the text before which characters are put in
         self._complete = complete  # from the text before the cursor to the completed text
-        self._escape = ""
+        self._keys = Keys()
         self._lines: list[str] = []
         self._recalled = 0  # which of the lines is shown; their number: a new one
         self._draft = ""  # the new one while another is shown
@@ -37,7 +39,7 @@ class Prompt:
     def feed(self, characters: str) -> Iterator[str]:
         """Yields the lines that `characters` finish. Keys that mean nothing here are passed over."""
         for character in characters:
-            key = self._gather(character)
+            key = self._keys.gather(character)
             if key == "\x04" and not self.text:
                 yield "quit"
             elif ACTIONS.get(key) == "accept-line":
@@ -48,21 +50,6 @@ class Prompt:
                 self._act(ACTIONS[key])
             elif key.isprintable():
                 self._replace(self.cursor, self.cursor, key)
-
-    def _gather(self, character: str) -> str:
-        """The key that a character ends, or nothing before its end: escape sequences begin with ESC [ or ESC O and end
-        with a letter or a tilde."""
-        if character == "\x1b":
-            self._escape = character
-            return ""
-        if not self._escape:
-            return character
-        self._escape += character
-        is_end = len(self._escape) > 2 and (character.isalpha() or character == "~")
-        if not is_end and self._escape[1] in "[O":
-            return ""
-        key, self._escape = self._escape, ""
-        return key
 
     def _take(self) -> str:
         line = self.text.strip()

@@ -1,10 +1,12 @@
 """The command that writes all that comes to files."""
 
 import asyncio
+import dataclasses
 from typing import Optional
 
-from .client import Client
-from .recording import Recorder
+from .client import Client, Event, Hello
+from .ownership import SchemaChanged
+from .recording import Origin, Recorder
 from .session import Session
 from .terminal import Progress, connected, counted, say
 
@@ -33,11 +35,20 @@ async def _follow(session: Session, recorder: Recorder, seconds: Optional[float]
         async with connected(session.client) as client:
             async for event in client.events(seconds):
                 session.take(event)
+                _follow_origin(recorder, client, event)
                 recorder.record(event)
                 progress.show(f"{counted(recorder.messages, 'message')}, {recorder.written / 1e6:.1f} MB, "
                               f"{_files(recorder)}")
     finally:
         progress.end()
+
+
+def _follow_origin(recorder: Recorder, client: Client, event: Event) -> None:
+    """A schema that was replaced by another client's does not explain what comes from then on."""
+    if isinstance(event, Hello):
+        recorder.origin = Origin(client.uri, event, client.schema if client.owns_schema else None)
+    elif isinstance(event, SchemaChanged) and event.state == "replaced" and recorder.origin is not None:
+        recorder.origin = dataclasses.replace(recorder.origin, schema=None)
 
 
 def _summary(recorder: Recorder, lost: int) -> str:

@@ -9,6 +9,7 @@ from typing import Any, NamedTuple, Union
 
 from . import paths
 from .errors import Problem, SchemaError
+from .members import Meaning, is_member, meaning_of
 from .single import single
 from .wire import NESTING_LIMIT  # the daemon reads 1024 in a schema, but its values have to be decoded, too
 
@@ -19,15 +20,17 @@ Source = Union[str, "os.PathLike[str]", dict[str, Any]]
 
 
 class Format(NamedTuple):
-    """How many bytes a leaf has, and whether a mask is applied to its readings."""
+    """How many bytes a leaf has, whether a mask is applied to its readings, and whether these are whole numbers."""
 
     width: int
     masked: bool
+    whole: bool
 
 
 FORMATS = {
-    "C": Format(1, True), "c": Format(1, True), "S": Format(2, True), "s": Format(2, True), "Q": Format(2, False),
-    "q": Format(2, False), "I": Format(4, True), "i": Format(4, True), "f": Format(4, False), "p": Format(0, False),
+    "C": Format(1, True, True), "c": Format(1, True, True), "S": Format(2, True, True), "s": Format(2, True, True),
+    "Q": Format(2, False, True), "q": Format(2, False, True), "I": Format(4, True, True), "i": Format(4, True, True),
+    "f": Format(4, False, False), "p": Format(0, False, False),
 }
 
 OPTIONS = ("@mac", "@cmd", "@format", "@skip", "@factor", "@mask", "@asBool", "@flushSize", "@observe",
@@ -49,6 +52,7 @@ class Leaf:
     flush_size: int
     observe: bool
     fragmentation: bool
+    meaning: Meaning = Meaning()
 
     @property
     def path(self) -> str:
@@ -78,12 +82,47 @@ class Leaf:
 
     @property
     def is_read_only(self) -> bool:
-        """Readings lose bits on the way in, so that the daemon refuses to write them back."""
-        return self.as_bool or self.is_masked
+        """Readings lose bits on the way in, so that the daemon refuses to write them back; or no client shall."""
+        return self.as_bool or self.is_masked or self.meaning.readonly
+
+    @property
+    def is_whole(self) -> bool:
+        """Whether readings are whole numbers, as they are on the bus."""
+        return self.format in FORMATS and FORMATS[self.format].whole and not self.is_scaled and not self.as_bool
+
+    @property
+    def is_arranged(self) -> bool:
+        """Whether the field has to be taken out of the reading. Members that do not apply here are without effect."""
+        return self.meaning.is_arranged and self.is_whole
+
+    @property
+    def is_float(self) -> bool:
+        """Whether the field is a number of single precision, though the format is not."""
+        return self.meaning.is_float and self.is_whole and self.width == 4
+
+    @property
+    def bits(self) -> tuple[int, int]:
+        """The lowest bit of the field and how many it has, within the reading in the order of its bytes."""
+        most = 8 * self.width
+        lowest, count = self.meaning.bits or (0, most)
+        return (lowest, count) if 0 <= lowest < lowest + count <= most else (0, most)
+
+    @property
+    def is_part(self) -> bool:
+        """Whether the reading has bits beside the field."""
+        return self.is_arranged and self.bits[1] < 8 * self.width
 
 
 def is_leaf(node: Mapping[str, Any]) -> bool:
     return "@mac" in node
+
+
+def below(node: Mapping[str, Any]) -> Iterator[tuple[str, dict[str, Any]]]:
+    """(name, object) of the nodes in a node: all objects but what a leaf has for people."""
+    has_members = is_leaf(node)
+    for name, member in node.items():
+        if isinstance(member, dict) and not (has_members and is_member(name, member)):
+            yield name, member
 
 
 def leaf_of(names: tuple[str, ...], options: Mapping[str, Any]) -> Leaf:
@@ -91,7 +130,8 @@ def leaf_of(names: tuple[str, ...], options: Mapping[str, Any]) -> Leaf:
                 format=str(options.get("@format", ""))[:1], skip=options.get("@skip", 0),
                 factor=options.get("@factor", 1), mask=options.get("@mask", -1),
                 as_bool=bool(options.get("@asBool", False)), flush_size=options.get("@flushSize", 0),
-                observe=bool(options.get("@observe", False)), fragmentation=bool(options.get("@fragmentation", False)))
+                observe=bool(options.get("@observe", False)), fragmentation=bool(options.get("@fragmentation", False)),
+                meaning=meaning_of(options))
 
 
 def nodes(schema: Mapping[str, Any]) -> Iterator[tuple[tuple[str, ...], dict[str, Any]]]:
@@ -101,8 +141,7 @@ def nodes(schema: Mapping[str, Any]) -> Iterator[tuple[tuple[str, ...], dict[str
         names, node = waiting.pop()
         yield names, node
         if len(names) <= NESTING_LIMIT:
-            members = [((*names, name), member) for name, member in node.items() if isinstance(member, dict)]
-            waiting += reversed(members)
+            waiting += reversed([((*names, name), member) for name, member in below(node)])
 
 
 def leaves(schema: Mapping[str, Any]) -> dict[str, Leaf]:

@@ -9,7 +9,9 @@ from . import paths
 from .client import Client, Disconnected, Event, Hello, Values
 from .errors import VorbelError, suggestion
 from .ownership import SchemaChanged
-from .schema import Leaf, leaves
+from .limits import Watch
+from .meaning import Meant
+from .schema import Leaf
 from .table import Row, Table, shown
 from .writing import Written
 
@@ -29,7 +31,7 @@ def parse_value(text: str) -> Any:
 
 
 def sent_text(path: str, value: Any, written: Optional[Written]) -> str:
-    return f"{paths.shown(path)} = {shown(value)} sent" + (f": {written}" if written else "")
+    return f"{paths.shown(path)} = {shown(Meant(value))} sent" + (f": {written}" if written else "")
 
 
 class Session:
@@ -45,8 +47,7 @@ class Session:
         self.filter = ""
         self._trouble = ""
         self._sent: dict[str, Any] = {}  # what was last written from here, by path
-        self._schema: Optional[dict[str, Any]] = None
-        self._leaves: dict[str, Leaf] = {}
+        self._limits = Watch()
 
     async def follow(self) -> None:
         async for event in self.client.events():
@@ -54,7 +55,8 @@ class Session:
 
     def take(self, event: Event) -> None:
         if isinstance(event, Values):
-            self.table.update(event)
+            for text in self._limits.take(self.table.update(event, self.client.meanings), event.time):
+                self.note(text)
         elif isinstance(event, Hello):
             self._take_hello()
         elif isinstance(event, Disconnected):
@@ -82,7 +84,7 @@ class Session:
 
     def leaf(self, path: str) -> Optional[Leaf]:
         """What the schema says of a path, if one was sent from here."""
-        return self._known_leaves().get(path)
+        return self.client.meanings.leaves.get(path)
 
     def shown_rows(self) -> list[tuple[str, Optional[Row]]]:
         """In the order of the paths; without a row those that are only for writing or were only written."""
@@ -91,7 +93,7 @@ class Session:
 
     def text_without_row(self, path: str) -> str:
         """What stands for the value of a leaf of which none has come."""
-        return f"sent {shown(self._sent[path])}" if path in self._sent else "only for writing"
+        return f"sent {shown(Meant(self._sent[path]))}" if path in self._sent else "only for writing"
 
     async def carry_out(self, line: str) -> Optional[str]:
         """Carries out a typed command and returns the answer to it; None for the one that quits."""
@@ -108,7 +110,7 @@ class Session:
             return await self._set(words[1], parse_value(" ".join(words[2:])))
         if words[0] == "schema" and len(words) == 2:
             warnings = await self.client.send_schema(words[1])
-            self.table, self._sent = Table(), {}  # what the old schema named comes no more
+            self.table, self._sent, self._limits = Table(), {}, Watch()  # what the old schema named comes no more
             return "\n".join(["schema sent", *map(str, warnings)])
         if words[0] == "filter":
             self.filter = " ".join(words[1:])
@@ -129,6 +131,11 @@ class Session:
         """The text with its last word completed as far as there is one way to go on."""
         before, blank, word = text.rpartition(" ")
         candidates: Iterable[str] = self._paths() if blank else NAMES
+        command = before.split(maxsplit=2)
+        if blank and command[0] == "set" and len(command) > 1:  # labels may have blanks
+            before, word = " ".join(command[:2]), " ".join([*command[2:], word])
+            leaf = self.leaf(command[1])
+            candidates = leaf.meaning.labels.values() if leaf else ()
         fitting = [candidate for candidate in candidates if candidate.startswith(word)]
         if not fitting:
             return text
@@ -137,17 +144,11 @@ class Session:
         return before + blank + completed + end
 
     def _paths(self) -> set[str]:
-        return set(self.table.rows) | set(self._known_leaves())
+        return set(self.table.rows) | set(self.client.meanings.leaves)
 
     def _never_read(self) -> list[str]:
         """The daemon only packs values of this format, and never reads one."""
-        return [path for path, leaf in self._known_leaves().items() if leaf.format == "p"]
-
-    def _known_leaves(self) -> dict[str, Leaf]:
-        if self.client.schema is not self._schema:
-            self._schema = self.client.schema
-            self._leaves = leaves(self._schema) if self._schema else {}
-        return self._leaves
+        return [path for path, leaf in self.client.meanings.leaves.items() if leaf.format == "p"]
 
 
 def _common_beginning(texts: Iterable[str]) -> str:

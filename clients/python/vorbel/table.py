@@ -1,14 +1,12 @@
 """The latest value of every path, how it changes, and how all of that is written."""
 
 import collections
-import json
 import math
 from collections.abc import Sequence
-from typing import Any, Optional
+from typing import Any
 
 from .client import Values
-from .digits import justified
-from .schema import Leaf
+from .meaning import Meanings, Meant
 from .wire import is_array
 
 WINDOW = 2.0  # seconds over which a rate is taken
@@ -20,21 +18,21 @@ class Row:
     """What is known of one path."""
 
     def __init__(self) -> None:
-        self.value: Any = None
+        self.meant = Meant(None)
         self.time = 0.0
         self._history: collections.deque[tuple[float, Any]] = collections.deque(maxlen=HISTORY)
         self._changes: collections.deque[float] = collections.deque(maxlen=HISTORY)
 
-    def update(self, value: Any, now: float) -> None:
-        if self._history and not _equal(value, self.value):
+    def update(self, meant: Meant, now: float) -> None:
+        if self._history and not _equal(meant.reading, self.meant.reading):
             self._changes.append(now)
-        self.value, self.time = value, now
-        self._history.append((now, value))
+        self.meant, self.time = meant, now
+        self._history.append((now, meant.value))
 
     def change(self, now: float) -> str:
         """How much a number changes per second, or how often anything else changes."""
         recent = [(when, value) for when, value in self._history if now - when <= WINDOW]
-        if is_number(self.value):
+        if self.is_number:
             numbers = [(when, value) for when, value in recent if is_number(value) and math.isfinite(value)]
             if len(numbers) < 2 or numbers[-1][0] == numbers[0][0]:
                 return ""
@@ -42,6 +40,11 @@ class Row:
         changes = sum(now - when <= WINDOW for when in self._changes)
         span = WINDOW if changes < HISTORY else now - self._changes[0]
         return f"{changes / span:.1f}×/s" if changes else ""
+
+    @property
+    def is_number(self) -> bool:
+        """Whether it has a size, and not a name."""
+        return is_number(self.meant.value) and not (self.meant.leaf and self.meant.leaf.meaning.labels)
 
     def age(self, now: float) -> str:
         seconds = max(0.0, now - self.time)
@@ -64,29 +67,29 @@ class Table:
             self._in_order = True
         return self._rows
 
-    def update(self, event: Values) -> None:
+    def update(self, event: Values, meanings: Meanings) -> dict[str, Meant]:
+        """Returns what the message means, by path."""
         self.messages += 1
-        for path, value in event.flat().items():
+        meant = meanings.flat(event.data)
+        for path, each in meant.items():
             if path not in self._rows:
                 self._rows[path] = Row()
                 self._in_order = False
-            self._rows[path].update(value, event.time)
+            self._rows[path].update(each, event.time)
+        return meant
 
 
 def is_number(value: Any) -> bool:
     return isinstance(value, (int, float)) and not isinstance(value, bool)
 
 
-def shown(value: Any, width: int = 24, leaf: Optional[Leaf] = None) -> str:
-    """A value in one line for people; arrays as their course, their length and their last element. Numbers have the
-    digits that their leaf justifies."""
-    if is_array(value):
-        if len(value) == 0:
-            return "[]"
-        return f"{sparkline(value, width)}  {len(value)} × … {shown(number(value[-1]), leaf=leaf)}"
-    if isinstance(value, float):
-        return f"{justified(value, leaf):.10g}"
-    return json.dumps(plain(value), ensure_ascii=False)
+def shown(meant: Meant, width: int = 24) -> str:
+    """A value in one line for people; an array as its course, its length and its last element."""
+    if not is_array(meant.reading):
+        return str(meant)
+    if len(meant.reading) == 0:
+        return "[]"
+    return f"{sparkline(meant.value, width)}  {len(meant.reading)} × … {meant.last}"
 
 
 def sparkline(values: Sequence[Any], width: int) -> str:
@@ -95,27 +98,6 @@ def sparkline(values: Sequence[Any], width: int) -> str:
     finite = [point for point in points if math.isfinite(point)]
     low, high = (min(finite), max(finite)) if finite else (0, 0)
     return "".join(_bar(point, low, high) for point in points)
-
-
-def plain(value: Any, leaf: Optional[Leaf] = None) -> Any:
-    """A value as JSON knows it: arrays as lists, bytes in hexadecimal, what is not finite as text."""
-    if isinstance(value, dict):
-        members = {}
-        for name, member in value.items():  # no comprehension: that is a second call for each level of nesting
-            members[name] = plain(member)
-        return members
-    if is_array(value) or isinstance(value, (list, tuple)):
-        return [plain(number(element), leaf) for element in value]
-    if isinstance(value, bytes):
-        return value.hex()
-    if isinstance(value, float):
-        return justified(value, leaf) if math.isfinite(value) else str(value)
-    return value
-
-
-def number(element: Any) -> Any:
-    """A Python number for an element of an array."""
-    return element.item() if hasattr(element, "item") else element
 
 
 def _mean(values: Sequence[Any], index: int, width: int) -> float:

@@ -11,8 +11,10 @@ from typing import Optional
 
 from . import paths
 from .client import Hello, Values
+from .digits import plain
+from .meaning import Meant
 from .session import Session
-from .table import plain, shown
+from .table import shown
 from .terminal import say
 
 NARROW = 60  # columns that the table needs to show a path and a value
@@ -46,16 +48,21 @@ def _remind(session: Session) -> None:
 def _print(session: Session, event: Values) -> None:
     when = datetime.datetime.fromtimestamp(event.time)
     columns = shutil.get_terminal_size().columns if sys.stdout.isatty() else None
-    for path, value in event.flat().items():
+    for path, meant in session.client.meanings.flat(event.data).items():
         if session.filter not in path:
             continue
-        leaf = session.leaf(path)
         if columns is None:
-            text = json.dumps(plain(value, leaf), ensure_ascii=False)
-            print(when.isoformat(timespec="milliseconds"), paths.shown(path), text, sep="\t")
+            print(when.isoformat(timespec="milliseconds"), paths.shown(path), *_cells(meant), sep="\t")
         else:
-            print(fitted(f"{when:%H:%M:%S}", paths.shown(path), shown(value, leaf=leaf), columns))
+            print(fitted(f"{when:%H:%M:%S}", paths.shown(path), shown(meant), columns))
     sys.stdout.flush()
+
+
+def _cells(meant: Meant) -> list[str]:
+    """The label or the value as JSON, and the unit if there is one."""
+    value = plain(meant.value, meant.leaf) if meant.label is None else meant.label
+    unit = [paths.shown(meant.unit)] if meant.unit and meant.label is None else []
+    return [json.dumps(value, ensure_ascii=False), *unit]
 
 
 def fitted(when: str, path: str, value: str, columns: int) -> str:

@@ -35,7 +35,7 @@ def decode(message: bytes) -> Any:
         value = msgpack.unpackb(message, ext_hook=_extension)
     except TypeError as error:  # a map that stands where a key should be
         raise ValueError(str(error)) from None
-    if _is_too_deep(value):
+    if len(message) > NESTING_LIMIT and _is_too_deep(value):  # a level takes a byte at least
         raise ValueError(f"nested more than {NESTING_LIMIT} deep")
     return value
 
@@ -51,6 +51,16 @@ def encode(values: Any) -> bytes:
 
 def is_array(value: Any) -> bool:
     return isinstance(value, array.array) or (numpy is not None and isinstance(value, numpy.ndarray))
+
+
+def number(element: Any) -> Any:
+    """A Python number for an element of an array."""
+    return element.item() if hasattr(element, "item") else element
+
+
+def last_of(values: Any) -> Any:
+    """The last element of an array, None without one."""
+    return number(values[-1]) if len(values) else None
 
 
 def _is_too_deep(value: Any) -> bool:
