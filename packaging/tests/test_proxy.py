@@ -16,7 +16,8 @@ import websockets
 HELLO = '{"hello":{"type":"unknown"}}'
 # Files like those of the monitor.
 PAGE = {"index.html": "text/html", "icon.svg": "image/svg+xml", "assets/index-Ab1_.js": "application/javascript",
-        "assets/index-Cd2-.css": "text/css"}
+        "assets/index-Cd2-.css": "text/css", "sw.js": "application/javascript", "manifest.json": "application/json",
+        "icon-192.png": "image/png"}
 
 
 @pytest.fixture(scope="module")
@@ -109,8 +110,9 @@ def test_the_monitor_is_served_with_the_types_that_browsers_insist_on(certificat
     assert (answer.status, answer.headers["Content-Type"], body) == (200, PAGE[name], f"this is {name}")
 
 
-def test_the_page_is_never_an_old_one_nor_in_anothers_frame_nor_connects_elsewhere(certificate):
-    headers = get(certificate, "/", b"alice:secret")[0].headers
+@pytest.mark.parametrize("path", ["", "sw.js"])
+def test_the_page_is_never_an_old_one_nor_in_anothers_frame_nor_connects_elsewhere(certificate, path):
+    headers = get(certificate, f"/{path}", b"alice:secret")[0].headers
     assert headers["Cache-Control"] == "no-cache" and headers["ETag"]
     assert headers["Content-Security-Policy"] == "frame-ancestors 'none'; connect-src 'self'"
     assert headers["X-Content-Type-Options"] == "nosniff"

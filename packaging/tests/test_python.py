@@ -10,7 +10,8 @@ import pytest
 import terminaltool
 
 PROJECT = pathlib.Path(__file__).parents[2]
-COMMANDS = ["watch", "set", "hello", "schema check", "record", "plot"]
+COMMANDS = ["watch", "set", "hello", "schema check", "schema import", "schema export", "record", "plot", "discover",
+            "dump", "replay"]
 
 
 @pytest.fixture(scope="module")
@@ -52,4 +53,5 @@ def test_the_manual_page_knows_every_option(root, manual, command):
 
 def test_the_manual_page_knows_every_command(root):
     explained = terminaltool.run(root, "--help").stdout
-    assert re.findall(r"^    (\w+) ", explained, re.M) == [command.split()[0] for command in COMMANDS]
+    assert re.findall(r"^    (\w+) ", explained, re.M) == list(
+        dict.fromkeys(command.split()[0] for command in COMMANDS))

@@ -10,6 +10,7 @@ PROJECT = pathlib.Path(__file__).parents[2]
 NUMBER = r"(\d+\.\d+\.\d+)"
 COPIES = {
     "CHANGELOG.md": rf"\A.*?^## \[{NUMBER}\]",  # the topmost
+    "clients/cpp/README.md": rf"client-dev_{NUMBER}_",
     "clients/js/README.md": rf"vorbel-{NUMBER}\.tgz",
     "clients/js/package.json": rf'^    "version": "{NUMBER}"',
     "clients/monitor/package.json": rf'^ +"(?:version|vorbel)": "{NUMBER}"',
@@ -18,9 +19,11 @@ COPIES = {
     "clients/python/README.md": rf"vorbel_{NUMBER}_",
     "clients/python/pyproject.toml": rf'^version = "{NUMBER}"',
     "clients/python/vorbel/__init__.py": rf'^__version__ = "{NUMBER}"',
-    "docs/deployment.md": rf"vorbel_{NUMBER}_",
+    "docs/deployment.md": rf"(?:vorbel|gateway|client-dev)_{NUMBER}_",
+    "docs/gateway.md": rf"(?:vorbel|gateway)_{NUMBER}_",
     "packaging/changelog": rf"\Avorbel \({NUMBER}\) ",
     "packaging/vorbel-cli.1": rf'\A\.TH .* "vorbel {NUMBER}"',
+    "packaging/vorbel-gateway.8": rf'\A\.TH .* "vorbel {NUMBER}"',
     "packaging/vorbel.8": rf'\A\.TH .* "vorbel {NUMBER}"',
     "tests/system/test_upgrade_and_removal.py": rf'"Version: {NUMBER}"',
 }

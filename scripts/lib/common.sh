@@ -32,12 +32,15 @@ need() {
 }
 
 build_packages=(cmake ninja-build g++ ccache qtbase5-dev libqt5websockets5-dev libqt5serialport5-dev
-                libqt5serialbus5-dev libqt5serialbus5-plugins libudev-dev)
+                libqt5serialbus5-dev libqt5serialbus5-plugins qtdeclarative5-dev libudev-dev libpaho-mqttpp-dev
+                libpaho-mqtt-dev libssl-dev)
 # shellcheck disable=SC2034 # for the scripts
 client_packages=(python3 python3-websockets python3-msgpack python3-rich)
 # shellcheck disable=SC2034 # for the scripts
 test_packages=("${build_packages[@]}" "${client_packages[@]}" python3-pytest python3-pytest-asyncio
-               python3-numpy python3-matplotlib iproute2 util-linux procps chromium systemd nginx-light openssl man-db)
+               python3-numpy python3-matplotlib iproute2 util-linux procps pkgconf chromium systemd nginx-light
+               openssl man-db qml-module-qtquick2 mosquitto mosquitto-clients nats-server prometheus
+               python3-paho-mqtt python3-canmatrix python3-lxml python3-can can-utils)
 fuzz_packages=(clang libclang-rt-14-dev)
 
 # For cmake: what several builds have in common is compiled once.

@@ -2,14 +2,7 @@ import pytest
 
 import harness
 from hardware import adapter, bus  # noqa: F401
-
-
-def pytest_collection_modifyitems(config, items):
-    """Under sanitizers, tests of memory and time are left out, and the run says so."""
-    if harness.SANITIZED:
-        out = [item for item in items if item.get_closest_marker("plain_build_only")]
-        config.hook.pytest_deselected(items=out)
-        items[:] = [item for item in items if item not in out]
+from harness import pytest_collection_modifyitems  # noqa: F401
 
 
 @pytest.fixture

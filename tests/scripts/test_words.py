@@ -44,7 +44,8 @@ class Tree:
         self._elsewhere = folder / "else" / "where"
         for name in FOLDERS:
             shutil.copytree(PROJECT / name, self.root / name, ignore=LARGE)
-        for name in ("build/release/build.ninja", "dist/vorbel_0_amd64.deb", "dist/python3-vorbel_0_all.deb"):
+        for name in ("build/release/build.ninja", "dist/vorbel_0_amd64.deb", "dist/python3-vorbel_0_all.deb",
+                     "dist/libvorbel-client-dev_0_amd64.deb"):
             (self.root / name).parent.mkdir(parents=True, exist_ok=True)
             (self.root / name).touch()
         self._elsewhere.mkdir(parents=True)
@@ -101,8 +102,9 @@ def test_help(tree, script, word):
 @pytest.mark.parametrize("words", [
     *((script, "--nosuch") for script in SCRIPTS if script not in PASSING_ON),
     ("scripts/package", "--nosuch"), ("scripts/package", "i386"), ("scripts/package", "arm64", "--nosuch"),
-    ("scripts/demo", "--once", "nosuch"), ("scripts/bench", "--quick", "nosuch"), ("scripts/test", "nosuch"),
-    ("scripts/test", "--fast", "nosuch"), ("scripts/test", "--asan", "--nosuch"), ("scripts/lint", "nosuch", "--help"),
+    ("scripts/demo", "--once", "nosuch"), ("scripts/demo", "--mqtt", "nosuch"), ("scripts/bench", "--quick", "nosuch"),
+    ("scripts/test", "nosuch"), ("scripts/test", "--fast", "nosuch"), ("scripts/test", "--asan", "--nosuch"),
+    ("scripts/lint", "nosuch", "--help"), ("scripts/lint", "cpp", "nosuch"),
 ], ids=" ".join)
 def test_unknown_words(tree, words):
     status, output, errors = tree.run(*words)
@@ -132,6 +134,29 @@ def test_words_for_ctest(tree, words, passed_on):
     assert (status, output.splitlines()[-1]) == (0, "3 passed, 0 failed")
     (call,) = (call for call in tree.calls if call.startswith("ctest "))
     assert call.endswith(f" -j {2 * len(os.sched_getaffinity(0))} {passed_on}")
+
+
+def test_the_checks_that_are_named(tree):
+    tree.program("dpkg-query", "echo install ok installed")
+    for name in ("git", "flake8", "mypy", "clang-format", "clang-tidy", "shellcheck"):
+        tree.program(name)
+    status, output, errors = tree.run("scripts/lint", "shell", "python")
+    assert (status, output) == (0, "Clean.\n")
+    assert [line[4:-4] for line in errors.splitlines()] == ["Checking: shell", "Checking: python"]
+    assert not {"clang-format", "clang-tidy", "npm"} & {call.split()[0] for call in tree.calls}
+
+
+@pytest.mark.parametrize("failing", ["lint cpp", "package arm64", "test --asan", "test --system", None])
+def test_every_stage_decides_whether_a_change_may_land(tree, failing):
+    tree.program("dpkg-query", "echo install ok installed")
+    for name in ("lint", "test", "bench", "package"):
+        tree.stand_in(tree.root / "scripts" / name, f'[ "{name} $*" != "{failing}" ] || {{ echo broken; exit 1; }}')
+    status, output, _ = tree.run(".ci/run")
+    assert (status == 0) == (failing is None) and ("broken" in output) == (failing is not None)
+    stages = {call for call in tree.calls if not call.startswith(("dpkg", "cmake"))}
+    assert failing or stages == {
+        "lint layout shell python typescript", "lint cpp", "test ", "test --asan", "package amd64", "package arm64",
+        "bench --check", "test --system"}
 
 
 def test_words_for_pytest(tree):

@@ -10,6 +10,10 @@ import time
 BOOT_LIMIT = 240  # seconds; four to ten times what it takes on two idle cores
 LIFE_LIMIT = 7200  # seconds, after which the machine is killed whatever happens
 WEBSOCKET_PORT = 10443  # inside; a free port of the host leads to it
+BROKER = "10.0.2.100:1883"  # inside; it leads to a free port of the host
+
+# What QEMU runs for each connection to it, with the connection as its input and output.
+TO_BROKER = "bash -c 'exec 3<>/dev/tcp/127.0.0.1/{} 4<&0; cat <&4 >&3 & cat <&3 & wait -n; kill $(jobs -p)'"
 
 CAN_CONTROLLERS = ["-object", "can-bus,id=bus",
                    "-device", "kvaser_pci,canbus=bus", "-device", "kvaser_pci,canbus=bus"]
@@ -66,7 +70,7 @@ class Guest:
         self.folder = pathlib.Path(folder)
         self.share = self.folder / "share"
         self.share.mkdir()
-        self.port = free_port()
+        self.port, self.broker_port = free_port(), free_port()
         self.scripts = 0
         self.process = None
 
@@ -95,7 +99,8 @@ class Guest:
             "mitigations=off nokaslr "
             f"systemd.default_timeout_start_sec={BOOT_LIMIT}",
             "-virtfs", f"local,path={self.share},mount_tag=host,security_model=none",
-            "-netdev", f"user,id=net,restrict=on,hostfwd=tcp:127.0.0.1:{self.port}-10.0.2.15:{WEBSOCKET_PORT}",
+            "-netdev", f"user,id=net,restrict=on,hostfwd=tcp:127.0.0.1:{self.port}-10.0.2.15:{WEBSOCKET_PORT},"
+            f"guestfwd=tcp:{BROKER}-cmd:{TO_BROKER.format(self.broker_port)}",
             "-device", "virtio-net-pci,netdev=net,romfile=",
             "-device", "virtio-serial-pci",
             "-chardev", f"socket,id=agent,path={self.folder}/agent.sock,server=on,wait=off",

@@ -1,5 +1,9 @@
 """What the packages say of themselves."""
 
+import base64
+import hashlib
+import json
+import os
 import pathlib
 import re
 import subprocess
@@ -10,9 +14,21 @@ import terminaltool
 PROJECT = pathlib.Path(__file__).parents[2]
 DEPENDENCIES = {"libc6", "libgcc-s1", "libstdc++6", "systemd", "libqt5core5a", "libqt5network5", "libqt5serialbus5",
                 "libqt5serialbus5-plugins", "libqt5serialport5", "libqt5websockets5"}
+GATEWAYS_DEPENDENCIES = {"libc6", "libgcc-s1", "libstdc++6", "systemd", "libqt5core5a", "libqt5network5",
+                         "libqt5websockets5", "libpaho-mqttpp3-1", "libpaho-mqtt1.3"}
 FILES = {"/usr/bin/vorbel", "/lib/systemd/system/vorbel.service", "/usr/lib/sysusers.d/vorbel.conf",
          "/lib/udev/rules.d/65-vorbel.rules", "/etc/default/vorbel", "/usr/share/man/man8/vorbel.8.gz"}
-MONITOR = {"index.html", "icon.svg", "assets/index-*.js", "assets/index-*.css", "assets/receiver-*.js"}
+GATEWAYS_FILES = {"/usr/bin/vorbel-gateway", "/lib/systemd/system/vorbel-gateway.service",
+                  "/usr/lib/sysusers.d/vorbel-gateway.conf", "/etc/vorbel/gateway.ini",
+                  "/usr/share/man/man8/vorbel-gateway.8.gz"}
+# What the page begins with, what it loads when it is wanted, and what lets it start without its server.
+MONITOR_BEGIN = {"icon.svg", "icon-192.png", "manifest.json", "assets/index-*.js", "assets/index-*.css",
+                 "assets/receiver-*.js"}
+SCRIPTS_LATER = ("thread-*", "uplot-*", "spectrum-*", "columncells-*", "linkdialog-*", "limits-*", "orders-*",
+                 "recording-*")
+STYLES_LATER = ("limits-*", "orders-*", "recording-*")
+MONITOR_LATER = {*(f"assets/{name}.js" for name in SCRIPTS_LATER), *(f"assets/{name}.css" for name in STYLES_LATER)}
+MONITOR = MONITOR_BEGIN | MONITOR_LATER | {"index.html", "icon-512.png", "sw.js", "assets/mcap-*.js"}
 DOCUMENTS = {"deployment.md", "performance.md", "protocol.md", "wiring.md", "copyright", "changelog.gz",
              "examples/machine.schema.json"}
 
@@ -47,6 +63,13 @@ def package(request, packages):
     return found
 
 
+@pytest.fixture(params=["amd64", "arm64"])
+def gateway_package(request, packages):
+    (found,) = packages.glob(f"vorbel-gateway_*_{request.param}.deb")
+    assert field(found, "Architecture") == request.param
+    return found
+
+
 @pytest.fixture
 def python_package(packages):
     (found,) = packages.glob("python3-vorbel_*_all.deb")
@@ -54,7 +77,15 @@ def python_package(packages):
     return found
 
 
-@pytest.fixture(params=["vorbel_*_amd64", "vorbel_*_arm64", "python3-vorbel_*_all"])
+@pytest.fixture(params=["amd64", "arm64"])
+def client_package(request, packages):
+    (found,) = packages.glob(f"libvorbel-client-dev_*_{request.param}.deb")
+    assert field(found, "Architecture") == request.param
+    return found
+
+
+@pytest.fixture(params=["vorbel_*_amd64", "vorbel_*_arm64", "vorbel-gateway_*_amd64", "vorbel-gateway_*_arm64",
+                        "python3-vorbel_*_all", "libvorbel-client-dev_*_amd64", "libvorbel-client-dev_*_arm64"])
 def any_package(request, packages):
     (found,) = packages.glob(f"{request.param}.deb")
     return found
@@ -74,9 +105,19 @@ def test_the_monitors_page_asks_for_files_that_are_there(package, tmp_path):
     monitor = tmp_path / "usr/share/vorbel/monitor"
     wanted = re.findall(r'(?:src|href)="\./([^"]+)"', (monitor / "index.html").read_text())
     (script,) = (monitor / name for name in wanted if name.endswith(".js"))
-    wanted += [f"assets/{name}" for name in re.findall(r'"(receiver-[\w-]+\.js)"', script.read_text())]
-    assert {without_hash(name) for name in wanted} == MONITOR - {"index.html"}
+    loaded = re.findall(r'"(?:\./)?((?:assets/)?\w+-[\w-]{8}\.(?:js|css))"', script.read_text())
+    wanted += {f"assets/{name.removeprefix('assets/')}" for name in loaded}
+    assert {without_hash(name) for name in wanted} == MONITOR_BEGIN | MONITOR_LATER
     assert all((monitor / name).is_file() for name in wanted)
+
+
+def test_the_monitor_keeps_all_of_its_files_as_they_are(package, tmp_path):
+    subprocess.run(["dpkg-deb", "-x", package, tmp_path], check=True)
+    monitor = tmp_path / "usr/share/vorbel/monitor"
+    kept = json.loads(re.match(r"const FILES=(\{.*?\})", (monitor / "sw.js").read_text())[1])
+    files = {path for path in monitor.rglob("*") if path.is_file() and path.name != "sw.js"}
+    assert kept == {str(path.relative_to(monitor)): "sha256-" + base64.b64encode(
+        hashlib.sha256(path.read_bytes()).digest()).decode() for path in files}
 
 
 def test_anybody_may_read_and_only_programs_run(any_package):
@@ -92,8 +133,9 @@ def test_it_depends_on_what_it_uses_and_nothing_else(package):
     assert field(package, "Recommends") == "", "libsocketcan2 is not welcome"
 
 
-def test_both_architectures_depend_on_the_same_versions(packages):
-    depends = [set(field(package, "Depends").split(", ")) for package in packages.glob("vorbel_*.deb")]
+@pytest.mark.parametrize("name", ["vorbel", "vorbel-gateway"])
+def test_both_architectures_depend_on_the_same_versions(packages, name):
+    depends = [set(field(package, "Depends").split(", ")) for package in packages.glob(f"{name}_*.deb")]
     assert len(depends) == 2 and depends[0] == depends[1]
 
 
@@ -101,10 +143,40 @@ def test_the_environment_file_is_the_administrators(package):
     assert dpkg_deb("-I", package, "conffiles").split() == ["/etc/default/vorbel"]
 
 
+def test_the_gateway_is_a_package_of_its_own(gateway_package):
+    examples = {f"examples/{path.name}" for path in (PROJECT / "examples/gateway").iterdir()}
+    documents = {f"/usr/share/doc/vorbel-gateway/{name}"
+                 for name in {"gateway.md", "copyright", "changelog.gz"} | examples}
+    assert examples
+    assert files(gateway_package) == GATEWAYS_FILES | documents
+
+
+def test_the_gateway_depends_on_what_it_uses_and_nothing_else(gateway_package):
+    dependencies = field(gateway_package, "Depends").split(", ")
+    assert {dependency.split()[0] for dependency in dependencies} == GATEWAYS_DEPENDENCIES
+    assert field(gateway_package, "Recommends") == "ca-certificates, vorbel"
+    assert field(gateway_package, "Suggests") == "mosquitto"
+
+
+def test_the_gateways_settings_are_the_administrators(gateway_package, tmp_path):
+    assert dpkg_deb("-I", gateway_package, "conffiles").split() == ["/etc/vorbel/gateway.ini"]
+    dpkg_deb("-x", gateway_package, tmp_path)
+    assert (tmp_path / "etc/vorbel/gateway.ini").read_text() == (PROJECT / "gateway/gateway.ini").read_text()
+
+
+def test_the_gateway_takes_its_own_settings(packages, tmp_path):
+    (package,) = packages.glob("vorbel-gateway_*_amd64.deb")
+    dpkg_deb("-x", package, tmp_path)
+    program = [tmp_path / "usr/bin/vorbel-gateway", "--check"]
+    assert subprocess.run([*program, tmp_path / "etc/vorbel/gateway.ini"]).returncode == 0
+    assert subprocess.run([*program, tmp_path / "nowhere.ini"]).returncode == 1
+
+
 def test_the_python_client_is_the_module_the_tool_and_their_documents(python_package):
     modules = {f"/usr/lib/python3/dist-packages/vorbel/{path.name}"
                for path in (PROJECT / "clients/python/vorbel").glob("*.*") if path.suffix in (".py", ".typed")}
-    documents = {f"/usr/share/doc/python3-vorbel/{name}" for name in ("README.md", "copyright", "changelog.gz")}
+    documents = {f"/usr/share/doc/python3-vorbel/{name}"
+                 for name in ("README.md", "unknown-bus.md", "copyright", "changelog.gz")}
     assert modules
     assert files(python_package) == modules | documents | {"/usr/bin/vorbel-cli", "/usr/share/man/man1/vorbel-cli.1.gz"}
 
@@ -113,7 +185,55 @@ def test_the_python_client_depends_on_what_it_imports(python_package):
     names = {name: re.sub(r" \(.*?\)", "", field(python_package, name))
              for name in ("Depends", "Recommends", "Suggests")}
     assert names == {"Depends": "python3, python3-websockets, python3-msgpack, python3-rich",
-                     "Recommends": "python3-matplotlib", "Suggests": "python3-numpy"}
+                     "Recommends": "python3-matplotlib",
+                     "Suggests": "python3-numpy, python3-canmatrix, python3-can"}
+
+
+def test_the_cpp_client_is_the_libraries_their_headers_and_an_example(client_package):
+    folder = f"/usr/lib/{ {'amd64': 'x86_64', 'arm64': 'aarch64'}[field(client_package, 'Architecture')] }-linux-gnu"
+    headers = {f"/usr/include/vorbel/{path.name}" for path in (PROJECT / "clients/cpp/vorbel").glob("*.h")
+               if not path.stem.endswith("_p")}
+    configuration = {f"{folder}/cmake/vorbel-client/vorbel-client-{name}.cmake"
+                     for name in ("config", "targets", "targets-release")}
+    libraries = {f"{folder}/lib{name}.a" for name in ("vorbel_client", "vorbel_msgpack")}
+    examples = {f"examples/{path.relative_to(PROJECT / 'examples')}" for name in ("values", "gauge")
+                for path in (PROJECT / "examples" / name).iterdir()}
+    documents = {f"/usr/share/doc/libvorbel-client-dev/{name}"
+                 for name in {"README.md", "copyright", "changelog.gz"} | examples}
+    assert headers and examples
+    assert files(client_package) == (headers | configuration | libraries | documents
+                                     | {f"{folder}/pkgconfig/vorbel-client.pc"})
+
+
+def test_the_cpp_client_depends_on_what_applications_are_built_with(client_package):
+    names = {dependency.split()[0] for dependency in field(client_package, "Depends").split(", ")}
+    assert names == {"qtbase5-dev", "libqt5websockets5-dev"}
+
+
+@pytest.fixture
+def cpp_client(packages, tmp_path):
+    """What the C++ client's package holds, below the folder that is /usr on a machine."""
+    (package,) = packages.glob("libvorbel-client-dev_*_amd64.deb")
+    dpkg_deb("-x", package, tmp_path / "root")
+    return tmp_path / "root" / "usr"
+
+
+def test_the_packages_example_builds_against_it(cpp_client, tmp_path):
+    example = cpp_client / "share/doc/libvorbel-client-dev/examples/values"
+    assert len((example / "main.cpp").read_text().splitlines()) <= 25
+    subprocess.run(["cmake", "-S", example, "-B", tmp_path / "build", f"-DCMAKE_PREFIX_PATH={cpp_client}"], check=True)
+    subprocess.run(["cmake", "--build", tmp_path / "build"], check=True)
+    run = subprocess.run([tmp_path / "build" / "values", "127.0.0.1", "nowhere.json"], capture_output=True, text=True)
+    assert "nowhere.json" in run.stderr
+
+
+def test_the_packages_example_builds_by_pkg_config(cpp_client, tmp_path):
+    configuration = cpp_client / "lib/x86_64-linux-gnu/pkgconfig/vorbel-client.pc"
+    configuration.write_text(configuration.read_text().replace("prefix=/usr\n", f"prefix={cpp_client}\n"))
+    words = subprocess.run(["pkg-config", "--cflags", "--libs", "vorbel-client"], capture_output=True, text=True,
+                           check=True, env={**os.environ, "PKG_CONFIG_PATH": configuration.parent}).stdout.split()
+    source = cpp_client / "share/doc/libvorbel-client-dev/examples/values/main.cpp"
+    subprocess.run(["g++", "-std=c++17", "-fPIC", source, "-o", tmp_path / "values", *words], check=True)
 
 
 def test_all_packages_have_one_version(packages):

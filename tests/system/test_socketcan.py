@@ -7,7 +7,7 @@ import pytest
 from canbus import CONTROLLERS, VIRTUAL, CanBus
 from vorbelsim.canframe import CanFrame, parse_log_line
 
-SIM = pathlib.Path(__file__).parents[2] / "sim"
+PROJECT = pathlib.Path(__file__).parents[2]
 
 MOTOR = {"motor": {"speed": {"@mac": 5, "@cmd": 2, "@format": "s"},
                    "current": {"@mac": 5, "@cmd": 2, "@format": "S", "@skip": 2, "@factor": 100}}}
@@ -74,14 +74,16 @@ async def test_generated_frames_arrive_all_and_in_order(bus, service, guest):
 
 @virtual_only  # the emulated controllers know neither remote nor FD frames
 async def test_the_simulated_bus_replays_a_recording_frame_by_frame(bus, service, guest):
-    shutil.copytree(SIM, guest.share / "sim", ignore=shutil.ignore_patterns("__pycache__"), dirs_exist_ok=True)
+    for folder in ("sim", "clients/python/vorbel"):
+        shutil.copytree(PROJECT / folder, guest.share / folder, ignore=shutil.ignore_patterns("__pycache__"),
+                        dirs_exist_ok=True)
     frames = [f"085#{number:08X}" for number in range(200)] + ["00012345#2A", "085#R", "085##00102030405060708090A0B0C"]
     # At full speed candump would lose frames, which the emulated processor runs too slowly.
     log = [f"({1700000000 + number * 0.005:.6f}) can0 {frame}" for number, frame in enumerate(frames)]
     (guest.share / "recording.log").write_text("\n".join(log) + "\n")
     async with service.connect() as client:
         await client.send_schema({"count": {"@mac": 5, "@cmd": 2, "@format": "I"}})
-        with bus.record(len(frames)) as recording:
+        with bus.record(len(frames), limit=120) as recording:  # its modules take the guest long
             told = guest.run(f"/usr/bin/python3 -B /host/sim/simulated_bus.py --can {bus.peer} --quiet "
                              "--replay /host/recording.log")
         values = await client.values(200)
