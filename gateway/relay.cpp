@@ -167,6 +167,10 @@ void Relay::greet()
         makeBroker(id.isEmpty() ? QSysInfo::machineHostName() : id);
     }
     publishStatus();
+    if (m_deviceType != m_daemon.deviceType()) {
+        m_deviceType = m_daemon.deviceType();
+        publishDiscovery();
+    }
 }
 
 void Relay::daemonLost()
@@ -294,16 +298,17 @@ void Relay::publishSchema()
                                 isKnown ? Vorbel::schemaText(m_daemon.schema()).toUtf8() : "null", true);
 }
 
-// While the schema is another client's, what it was stays: it may come back.
+// The device bears its type in its name. While the schema is another client's, what it was stays: it may come
+// back.
 void Relay::publishDiscovery()
 {
-    if (!m_broker || !m_broker->publisher.isConnected() || m_isReplaced) {
+    if (!m_broker || !m_broker->publisher.isConnected() || !m_deviceType || m_isReplaced) {
         return;
     }
     QMap<QByteArray, QByteArray> messages;
     if (m_settings.homeAssistant.enabled) {
-        messages = discoveryOf(*m_daemon.meanings(), m_broker->topics, m_settings, m_broker->id,
-                               m_daemon.deviceType());
+        messages =
+            discoveryOf(*m_daemon.meanings(), m_broker->topics, m_settings, m_broker->id, *m_deviceType);
     }
     const QList<QByteArray> topics = messages.keys();
     for (const QByteArray &gone : m_discovery.replace({topics.cbegin(), topics.cend()})) {

@@ -106,8 +106,9 @@ private:
     QElapsedTimer m_newest;         // since the last one
     qint64 m_failed = 0;            // writes that were sent, of which nothing says whether they were done
     qint64 m_since = 0;             // when the daemon greeted, ms since 1970; 0 while it is away
-    bool m_isReplaced = false;      // the schema, by another client
-    QString m_daemonTrouble;        // that was said last
+    std::optional<QString> m_deviceType; // as the daemon said it last; nothing before its first hello
+    bool m_isReplaced = false;           // the schema, by another client
+    QString m_daemonTrouble;             // that was said last
     QString m_spoolTrouble;
     QElapsedTimer m_clock;
     std::optional<qint64> m_heardPulse; // when the last one that came was sent, on m_clock

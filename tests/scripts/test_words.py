@@ -136,6 +136,46 @@ def test_words_for_ctest(tree, words, passed_on):
     assert call.endswith(f" -j {2 * len(os.sched_getaffinity(0))} {passed_on}")
 
 
+def stand_in_for_ctest(tree, first, second):
+    """A run's failed tests, of three, and those of the run after it."""
+    tree.program("dpkg-query", "echo install ok installed")
+    tree.program("ctest", f"""case "$*" in *--rerun-failed) set -- {second} ;; *) set -- {first} ;; esac
+        [ "$2" ] && echo "$2"; echo "50% tests passed, $1 tests failed out of 3"; [ "$1" = 0 ]""")
+
+
+@pytest.mark.parametrize("second, closing", [("0", "3 passed, 0 failed"), ("1", "2 passed, 1 failed")])
+def test_what_fails_beside_others_is_run_once_more_alone(tree, second, closing):
+    stand_in_for_ctest(tree, "2", second)
+    status, output, errors = tree.run("scripts/test", "-R", "e2e")
+    assert (status, output.splitlines()[-1]) == (int(second), closing)
+    assert "Once more, one at a time, what failed beside others: 2" in errors
+    first, again = (call for call in tree.calls if call.startswith("ctest "))
+    assert " -j " in first and again.endswith("build/release --output-on-failure --no-tests=error --rerun-failed")
+
+
+@pytest.mark.parametrize("finding", [
+    "==123==ERROR: AddressSanitizer: heap-use-after-free", "E   ==123==ERROR: LeakSanitizer: detected memory leaks",
+    "/a/b.cpp:12:3: runtime error: signed integer overflow", "WARNING: ThreadSanitizer: data race (pid=1)",
+    "SUMMARY: libFuzzer: timeout",
+])
+def test_what_a_sanitizer_found_is_found(tree, finding):
+    stand_in_for_ctest(tree, f"1 '{finding}'", "0")
+    status, output, _ = tree.run("scripts/test", "-R", "e2e")
+    assert (status, output.splitlines()[-1]) == (1, "2 passed, 1 failed")
+
+
+@pytest.mark.parametrize("first, second, expected, calls", [(0, 1, 0, 1), (1, 0, 0, 2), (1, 1, 1, 2), (2, 0, 2, 1)])
+def test_what_fails_on_a_busy_machine_is_run_once_more_alone(tree, first, second, expected, calls):
+    tree.program("dpkg-query", "echo install ok installed")
+    tree.stand_in(tree.root / "scripts" / "package")
+    tree.stand_in(tree.root / "tests" / "system" / "image")
+    tree.stand_in(tree.root / "tests" / "run", f'case "$*" in *--last-failed) exit {second} ;; *) exit {first} ;; esac')
+    assert tree.run("tests/system/run", "-k", "adapter")[0] == expected
+    runs = [call for call in tree.calls if call.startswith("run ")]
+    assert len(runs) == calls and all("-k adapter" in run for run in runs) and "-n 0" not in runs[0]
+    assert runs[1:] == [run for run in runs[1:] if run.endswith("-n 0 --last-failed")]
+
+
 def test_the_checks_that_are_named(tree):
     tree.program("dpkg-query", "echo install ok installed")
     for name in ("git", "flake8", "mypy", "clang-format", "clang-tidy", "shellcheck"):
