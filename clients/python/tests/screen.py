@@ -4,6 +4,7 @@ import fcntl
 import os
 import pty
 import select
+import signal
 import struct
 import termios
 import time
@@ -44,10 +45,23 @@ class Terminal:
         """The exit status."""
         while self._read():
             pass
-        status = os.waitstatus_to_exitcode(os.waitpid(self.process, 0)[1])
+        status = os.waitstatus_to_exitcode(self._reap())
         os.close(self._descriptor)
         self.process = 0
         return status
+
+    def _reap(self, patience=30):
+        """One that does not end is killed."""
+        deadline = time.monotonic() + patience
+        while time.monotonic() < deadline:
+            process, status = os.waitpid(self.process, os.WNOHANG)
+            if process:
+                return status
+            time.sleep(0.01)
+        os.kill(self.process, signal.SIGKILL)
+        os.waitpid(self.process, 0)
+        self.process = 0
+        raise AssertionError(f"it did not end, and was killed; there is {self.seen[-2000:]!r}")
 
     def _read(self):
         try:

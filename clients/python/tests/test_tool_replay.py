@@ -442,7 +442,7 @@ async def _values_of_frames(bridge):
     bridge.daemon = harness.Daemon(bridge.can.directory.parent, bridge.can.env())
     bridge.daemon.wait_listening()
     schema = {"node": {"@mac": 5, "@cmd": 2, "@format": "C"}, "extended": {"@mac": 5, "@cmd": 13, "@format": "C"}}
-    async with vorbel.connect("127.0.0.1", schema=schema) as client:
+    async with asyncio.timeout(60), vorbel.connect("127.0.0.1", schema=schema) as client:
         seen = set()
         async for values in client.values(flat=True):
             seen |= set(values.items())
@@ -461,6 +461,7 @@ def test_byte_for_byte_on_the_virtual_bus(tmp_path, suffix):
     harness.wait_until(path.exists)
     with socket.socket(socket.AF_UNIX, socket.SOCK_SEQPACKET) as device:
         harness.wait_until(lambda: device.connect_ex(str(path)) == 0)
+        device.settimeout(30)
         heard = [canframe.unpack(message) for message in iter(lambda: device.recv(256), b"")]
     of_node_5 = [frame for frame in ALL if frame.node == 5]
     assert heard == [CanFrame(frame.id, frame.data, frame.is_extended, frame.is_remote, False, frame.is_fd)
