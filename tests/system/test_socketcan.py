@@ -72,24 +72,37 @@ async def test_generated_frames_arrive_all_and_in_order(bus, service, guest):
         assert await client.values(count) == [{"count": number} for number in range(count)]
 
 
-@virtual_only  # the emulated controllers know neither remote nor FD frames
-async def test_the_simulated_bus_replays_a_recording_frame_by_frame(bus, service, guest):
-    for folder in ("sim", "clients/python/vorbel"):
-        shutil.copytree(PROJECT / folder, guest.share / folder, ignore=shutil.ignore_patterns("__pycache__"),
+def bring_recording(guest, frames):
+    """Puts them into the machine as a log, with the programs that replay it, and returns them as they are recorded."""
+    for folder in ("sim", "clients/python"):
+        shutil.copytree(PROJECT / folder, guest.share / folder, ignore=shutil.ignore_patterns("__pycache__", "tests"),
                         dirs_exist_ok=True)
-    frames = [f"085#{number:08X}" for number in range(200)] + ["00012345#2A", "085#R", "085##00102030405060708090A0B0C"]
     # At full speed candump would lose frames, which the emulated processor runs too slowly.
     log = [f"({1700000000 + number * 0.005:.6f}) can0 {frame}" for number, frame in enumerate(frames)]
     (guest.share / "recording.log").write_text("\n".join(log) + "\n")
+    return [parse_log_line(line)[1] for line in log]
+
+
+COUNTING = [f"085#{number:08X}" for number in range(200)]
+COUNTED = [{"count": int.from_bytes(number.to_bytes(4, "big"), "little")} for number in range(200)]
+OF_ALL_KINDS = [*COUNTING, "00012345#2A", "085#R", "085##00102030405060708090A0B0C"]
+
+
+@virtual_only  # the emulated controllers know neither remote nor FD frames
+@pytest.mark.parametrize("words, said", [
+    ("sim/simulated_bus.py --can can0 --quiet --replay", "replayed 203 frames, 0 of them not fit for this link"),
+    ("clients/python/vorbel-cli replay --yes --interface can0", "vorbel-cli: 203 frames sent"),
+], ids=["simulated bus", "terminal tool"])
+async def test_a_recording_is_replayed_frame_by_frame(bus, service, guest, words, said):
+    frames = bring_recording(guest, OF_ALL_KINDS)
     async with service.connect() as client:
         await client.send_schema({"count": {"@mac": 5, "@cmd": 2, "@format": "I"}})
-        with bus.record(len(frames), limit=120) as recording:  # its modules take the guest long
-            told = guest.run(f"/usr/bin/python3 -B /host/sim/simulated_bus.py --can {bus.peer} --quiet "
-                             "--replay /host/recording.log")
-        values = await client.values(200)
-    assert told == f"replayed {len(frames)} frames, 0 of them not fit for this link\n"
-    assert [frame for _, frame in recording.frames] == [parse_log_line(line)[1] for line in log]
-    assert values == [{"count": int.from_bytes(number.to_bytes(4, "big"), "little")} for number in range(200)]
+        with bus.record(len(frames), limit=200) as recording:  # its modules take the guest long
+            told = guest.run(f"/usr/bin/python3 -B /host/{words} /host/recording.log", limit=180)
+        values = await client.values(len(COUNTED))
+    assert told.strip() == said
+    assert [frame for _, frame in recording.frames] == frames
+    assert values == COUNTED
 
 
 # Outbound
