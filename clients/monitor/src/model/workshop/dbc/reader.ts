@@ -156,7 +156,6 @@ class Reader {
     // Comments
 
     #readSignalComment(scanner: Scanner): void {
-        scanner.take(/ SG_/y);
         const { message, name } = this.#readPlace(scanner, NAME);
         const signal = found(message).signal(name);
         this.#beginComment(scanner, (text) => {
@@ -165,7 +164,7 @@ class Reader {
     }
 
     #readMessageComment(scanner: Scanner): void {
-        scanner.take(/ BO_ +/y);
+        scanner.take(BLANK);
         const message = this.#find(scanner.take(NAME)[0]);
         this.#beginComment(scanner, (text) => {
             if (message) message.comment = text;
@@ -174,7 +173,7 @@ class Reader {
 
     /** Nothing is done with it, but its lines are no statements. */
     #readNodeComment(scanner: Scanner): void {
-        const [, name] = scanner.take(/ BU_ +(\w+)/y);
+        const [, name] = scanner.take(/ +(\w+)/y);
         if (this.#nodes.has(name!)) this.#beginComment(scanner, () => undefined);
     }
 
