@@ -156,11 +156,13 @@ class Reader {
     // Comments
 
     #readSignalComment(scanner: Scanner): void {
-        const [, identifier, name] = scanner.take(/ +(\w+) +(\w+) +"/y);
+        const [, identifier, name] = scanner.take(/ +([\p{L}\p{N}_]+) +([\p{L}\p{N}_]+) +"/uy);
         const signal = found(this.#find(identifier!)).signal(name!);
+        const isPlain = /^\w+$/.test(name!); // the tool finds no others here
         this.#beginComment(scanner, (text) => {
-            if (signal) signal.comment = text;
+            if (signal && isPlain) signal.comment = text;
         });
+        if (!isPlain) throw new Malformed();
     }
 
     #readMessageComment(scanner: Scanner): void {
