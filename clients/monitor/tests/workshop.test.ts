@@ -5,7 +5,9 @@ import { describe, expect, test } from "vitest";
 import { project } from "../../js/tests/machine.js";
 import { covering, framesIn, identifierText } from "../src/model/workshop/frames";
 import { candidatesOf, payloadBits, textIn, valueIn, type Candidate } from "../src/model/workshop/selection";
+import { interrupted } from "../src/model/workshop/interrupted";
 import { heat, RECENT, Traffic, type Endpoint } from "../src/model/workshop/traffic";
+import { memoryOf } from "./wire";
 
 /** What the workshop sees of a bus, and how it reads bits; no daemon is needed for that. */
 
@@ -343,3 +345,19 @@ function selections(): { first: number; last: number }[] {
         ),
     );
 }
+
+describe("the record of a workshop that was not left", () => {
+    const mine = { mine: { "@mac": 5, "@cmd": 2, "@format": "s" } };
+    const record = { workshop: JSON.stringify({ address: "ws://plant", schema: mine }) };
+
+    test("is none while its page is there, which says so", () => {
+        const after = (seconds: number) => String(Date.now() - 1000 * seconds);
+        const at = (sign: string) => interrupted(memoryOf({ ...record, "workshop.alive": sign }))?.schema;
+        expect([at(after(60)), at(after(91)), at("")]).toEqual([undefined, mine, mine]);
+    });
+
+    test.each(["", "{", "[]", "null", '{"schema": {}}', '{"address": "a", "schema": []}', '{"address": 5}'])(
+        "is not taken from %j",
+        (text) => expect(interrupted(memoryOf({ workshop: text }))).toBeUndefined(),
+    );
+});
