@@ -113,6 +113,30 @@ test("a workshop is open when the daemon has confirmed both schemas, and not bef
     expect([fate.is, workshop.state]).toEqual(["done", "open"]);
 });
 
+test.each([
+    ["before the schema for all frames goes out", 0, ["{}"]],
+    ["while that is on its way", 1, ["{}", "all frames"]],
+])("a workshop that is left %s puts the former one back behind it", async (_, answers, sent) => {
+    const { workshop, session } = await newWorkshop();
+    daemon.hangs = true;
+    const fate = fateOf(workshop.begin());
+    await pass(100);
+    for (let answer = 0; answer < answers; answer++) {
+        daemon.answer();
+        await pass(100);
+    }
+    expect(workshop.state).toBe("starting");
+    session.lock();
+    await pass(100);
+    expect([daemon.heard, workshop.state]).toEqual([sent, "leaving"]);
+    daemon.answer();
+    await pass(100);
+    expect(daemon.heard).toEqual([...sent, JSON.stringify(mine)]);
+    daemon.answer();
+    await pass(100);
+    expect([fate.is, workshop.state]).toEqual(["done", "left"]);
+});
+
 test("a workshop is left when the daemon has confirmed the former schema, and not before", async () => {
     const { workshop, session } = await newWorkshop();
     void workshop.begin();
