@@ -1,4 +1,4 @@
-import type { WebSocketLike } from "vorbel";
+import { encodeValues, type WebSocketLike } from "vorbel";
 import { afterEach, beforeEach, expect, test, vi } from "vitest";
 import { obstacleTo } from "../src/model/run";
 import { Session } from "../src/model/session";
@@ -149,6 +149,21 @@ test("a workshop is left when the daemon has confirmed the former schema, and no
     daemon.answer();
     await pass(100);
     expect([fates.map(({ is }) => is), workshop.state, session.isLent]).toEqual([["done", "done"], "left", false]);
+});
+
+test("frames that come when the workshop is over are no values of the page", async () => {
+    const { workshop, session } = await newWorkshop();
+    void workshop.begin();
+    await pass(100);
+    void workshop.leave("former");
+    await pass(100);
+    expect(workshop.state).toBe("left");
+    for (const socket of daemon.sockets) {
+        socket.onmessage?.({ data: encodeValues({ "085": { "0": 1 } }) });
+        socket.onmessage?.({ data: encodeValues({ mine: 5 }) });
+    }
+    expect(session.tree.valued.map(({ dotted, reading }) => [dotted, reading?.value])).toEqual([["mine", 5]]);
+    expect(session.foreign).toBeUndefined();
 });
 
 test("a daemon that cannot be reached once more keeps its schema, and the workshop can be tried again", async () => {
