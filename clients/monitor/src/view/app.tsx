@@ -17,6 +17,7 @@ import { WritePanel } from "./write";
 const OrdersPanel = later(() => import("./orders").then((part) => part.OrdersPanel));
 const RunBar = later(() => import("./orders").then((part) => part.RunBar));
 const AlarmsPanel = later(() => import("./limits").then((part) => part.AlarmsPanel));
+const WorkshopPage = later(() => import("./workshop/workshop").then((part) => part.WorkshopPage));
 
 const tabs = ["values", "plots", "log"] as const;
 type Tab = (typeof tabs)[number];
@@ -29,10 +30,18 @@ export function App({ session }: { session: Session }) {
     useSource(shown.status);
     const [tab, setTab] = useState<Tab>("values");
     const [schemaOpen, openSchema] = useState(false);
+    const [workshop, setWorkshop] = useState<"asking" | "open">();
     useEffect(ignoreRepeatedEnter, []);
     const writing = shown.writing;
+    const workshopPage = workshop && (
+        <Boundary key="workshop" part="The workshop">
+            <WorkshopPage session={session} enter={() => setWorkshop("open")} close={() => setWorkshop(undefined)} />
+        </Boundary>
+    );
+    if (workshop === "open") return <>{workshopPage}</>;
     return (
         <>
+            {workshopPage}
             <div class="top">
                 {session.run && (
                     <Boundary part="What goes out by itself">
@@ -41,7 +50,11 @@ export function App({ session }: { session: Session }) {
                 )}
                 {!playback && (
                     <Boundary part="The header">
-                        <Header session={session} openSchema={() => openSchema(true)}>
+                        <Header
+                            session={session}
+                            openSchema={() => openSchema(true)}
+                            openWorkshop={() => setWorkshop("asking")}
+                        >
                             <RecordingTools desk={desk} />
                         </Header>
                         <SchemaNotice session={session} openSchema={() => openSchema(true)} />
