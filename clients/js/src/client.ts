@@ -60,6 +60,11 @@ export type ClientOptions = {
     silentAfter?: number;
 };
 
+export type SetOptions = CheckOptions & {
+    /** False sends the schema whatever is wrong with it. */
+    check?: boolean;
+};
+
 /** Messages one after the other, and how many were lost because they were not taken in time. */
 export type ValueStream = AsyncIterableIterator<Value> & { readonly lost: number };
 
@@ -234,6 +239,21 @@ export class Client {
         });
     }
 
+    /**
+     * Ends the connection as close() does, and resolves when the daemon has handled all that was sent on it before.
+     * Rejects with NotConnectedError when there is none, and with UnconfirmedError when nothing says whether it was
+     * handled, `timeout` milliseconds later at the latest.
+     */
+    async finish(timeout = 10_000): Promise<void> {
+        const socket = this.#state === "connected" ? this.#socket : undefined;
+        const reason = this.#reason;
+        if (socket) this.#socket = undefined; // it is left below
+        this.close();
+        if (!socket) throw new NotConnectedError(`Not connected to ${this.#name} (${reason})`);
+        const visit = new Visit(() => socket);
+        await visit.leave(timeout).catch((error: Error) => this.#doubt(error.message));
+    }
+
     /** Ends the connection, the attempts at one, and all iterations over values. */
     close(): void {
         if (this.#state === "closed") return;
@@ -247,15 +267,50 @@ export class Client {
      * first; a SchemaError lists what is wrong with it, and then nothing is sent. `clear: true` takes one without
      * leaves, which clears the one in force; `check: false` sends whatever it is.
      */
-    setSchema<const S extends Schema>(
+    setSchema<const S extends Schema>(schema: S & SchemaOf<S>, options: SetOptions = {}): void {
+        assertSendable(schema, options);
+        this.#own(schema);
+        if (this.#state === "connected") this.#sendSchema();
+    }
+
+    /**
+     * Sets the daemon's schema as setSchema() does, and resolves when the daemon has handled it. Rejects with
+     * NotConnectedError when nothing was sent, and with UnconfirmedError when no answer came after it was sent, each
+     * `timeout` milliseconds later at the latest. A WebSocket that cannot ping, such as those of browsers, sends it
+     * over a connection of its own, past what is still on its way over the one that is kept.
+     */
+    async deliverSchema<const S extends Schema>(
         schema: S & SchemaOf<S>,
-        { check = true, clear = false }: CheckOptions & { check?: boolean } = {},
-    ): void {
-        if (check) assertSchema(schema, { clear });
-        assertSize(new TextEncoder().encode(JSON.stringify(schema)), "The schema");
+        { timeout = 10_000, ...options }: SetOptions & { timeout?: number } = {},
+    ): Promise<void> {
+        assertSendable(schema, options);
+        if (this.#state !== "connected") this.#refuseSchema(this.#reason);
+        if (!canPing(this.#socket!)) return this.#deliverSchemaByVisit(schema, timeout);
+        this.#own(schema);
+        this.#sendSchema();
+        await this.confirmed(timeout).catch((error: Error) => this.#doubt(error.message));
+    }
+
+    async #deliverSchemaByVisit(schema: Schema, timeout: number): Promise<void> {
+        const visit = this.#newVisit();
+        try {
+            await visit.greeted(timeout).catch((error: Error) => this.#refuseSchema(error.message));
+            this.#own(schema);
+            this.#beginSchema();
+            await visit.deliver(JSON.stringify(schema), timeout).catch((error: Error) => this.#doubt(error.message));
+            this.#beginReadings();
+        } finally {
+            this.#end(visit);
+        }
+    }
+
+    #refuseSchema(reason: string): never {
+        throw new NotConnectedError(`Not connected to ${this.#name} (${reason}): the schema was not sent`);
+    }
+
+    #own(schema: Schema): void {
         this.#ownership.take(schema);
         this.#readings = new LastReadings(schema);
-        if (this.#state === "connected") this.#sendSchema();
     }
 
     /** Leaves the daemon's schema to others: it is not sent again by itself. Values are still checked by it. */
@@ -577,9 +632,20 @@ export class Client {
 
     #sendSchema(): void {
         this.#socket!.send(JSON.stringify(this.schema));
+        this.#beginSchema();
+        this.#beginReadings();
+    }
+
+    /** The schema goes out: what comes may still be of the one before. */
+    #beginSchema(): void {
+        clearTimeout(this.#listening);
         this.#ownership.begin();
+        this.#readings.end();
+    }
+
+    /** Readings count when those of the schema before have all come. */
+    #beginReadings(): void {
         const readings = this.#readings;
-        readings.end();
         if (readings.areNeeded)
             this.#handled().then(
                 () => readings.begin(),
@@ -627,6 +693,11 @@ function now(): number {
 function unprepared(values: ValueMap): Message {
     if (!isMap(values)) throw new TypeError("Only a map of values, named as in the schema, can be written");
     return { values, written: [] };
+}
+
+function assertSendable(schema: Schema, { check = true, clear = false }: SetOptions): void {
+    if (check) assertSchema(schema, { clear });
+    assertSize(new TextEncoder().encode(JSON.stringify(schema)), "The schema");
 }
 
 function assertSize(message: Uint8Array, name: string): void {

@@ -6,6 +6,7 @@ export {
     UnconfirmedError,
     type ClientOptions,
     type DeliverOptions,
+    type SetOptions,
     type State,
     type Undecodable,
     type ValueStream,

@@ -1,5 +1,13 @@
 import { abandon, leave, parseHello, type WebSocketLike } from "./socket.js";
 
+type Step = (socket: WebSocketLike, done: () => void, fail: (reason: string) => void) => void;
+
+const go: Step = (socket, done, fail) => {
+    socket.onmessage = null;
+    socket.onclose = ({ wasClean }) => (wasClean ? done() : fail("the connection broke off"));
+    socket.close();
+};
+
 /**
  * A short connection of its own. Browsers cannot ping, but the daemon greets all its clients whenever one comes, and
  * has its part in closing a connection only after it has handled what came before: coming and going are questions
@@ -25,10 +33,14 @@ export class Visit {
     /** Sends a message and goes; resolves when the daemon has handled it. */
     deliver(message: string | Uint8Array, patience: number): Promise<void> {
         return this.#await(patience, (socket, done, fail) => {
-            socket.onclose = ({ wasClean }) => (wasClean ? done() : fail("the connection broke off"));
             socket.send(message);
-            socket.close();
+            go(socket, done, fail);
         });
+    }
+
+    /** Goes; resolves when the daemon has handled all that was sent. */
+    leave(patience: number): Promise<void> {
+        return this.#await(patience, go);
     }
 
     /** Goes, wherever it stands. */
@@ -39,10 +51,7 @@ export class Visit {
         this.#fail?.("given up");
     }
 
-    #await(
-        patience: number,
-        begin: (socket: WebSocketLike, done: () => void, fail: (reason: string) => void) => void,
-    ): Promise<void> {
+    #await(patience: number, begin: Step): Promise<void> {
         return new Promise((resolve, reject) => {
             const fail = (reason: string) => {
                 this.#fail = undefined;

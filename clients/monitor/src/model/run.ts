@@ -18,6 +18,7 @@ const PATIENCE = 1000;
 /** Why a course cannot go on, or begin; undefined when it can. */
 export function obstacleTo({ kind, steps }: Course, session: Session): string | undefined {
     if (session.locked) return "the page is locked";
+    if (session.isLent) return "the workshop is open";
     if (session.state !== "connected") return `there is no connection: ${session.reason}`;
     if (kind !== "preset" && session.foreign)
         return `another client may have replaced the schema: ${session.foreign.reason}`;

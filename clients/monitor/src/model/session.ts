@@ -10,6 +10,7 @@ import {
     readingOf,
     toUrl,
     withoutPassword,
+    type ClientOptions,
     type Hello,
     type Leaf,
     type Schema,
@@ -37,6 +38,7 @@ import { Source } from "./source";
 import { hexText } from "./text";
 import { Tree, type TreeNode } from "./tree";
 import { ViewKeeper } from "./view";
+import { framesIn } from "./workshop/frames";
 import { messageOf } from "./writing";
 
 /** Texts by name that stay from one visit to the next, as far as they can. */
@@ -62,6 +64,9 @@ export type Surroundings = {
     /** What to connect with, where it is not the browser's own. */
     WebSocket?: WebSocketConstructor;
 };
+
+/** Milliseconds in which frames of a workshop that is over may still come. */
+const LATE = 5000;
 
 /** Values that the form gives on: to keep them as a preset, or to send them again and again. */
 export type Ordering = { purpose?: "keep" | "repeat"; values: Assignment[] };
@@ -107,6 +112,10 @@ export class Session {
     asked: Asked = {};
     /** By what the client says, or by values that came. */
     #foreign: Foreign | undefined;
+    /** Whether a workshop has the daemon's schema: what comes meanwhile is not of the one here, and nothing is sent. */
+    #isLent = false;
+    /** Since when it has not any more. */
+    #returned = -Infinity;
     /** Hears of all that comes, while somebody records it. */
     tap: ((entry: Entry) => void) | undefined;
     /** What gives up values that have not been sent yet. */
@@ -192,8 +201,51 @@ export class Session {
      * the schema that it owns; of one that is only used here, the values tell.
      */
     get foreign(): Foreign | undefined {
+        if (this.#isLent) return undefined;
         if (!this.schema || this.#foreign || this.#client?.ownsSchema) return this.#foreign;
-        return silenceIn(this.tree, this.connectedSince, now());
+        const { connectedSince } = this;
+        return silenceIn(this.tree, connectedSince && Math.max(connectedSince, this.#returned), now());
+    }
+
+    get isLent(): boolean {
+        return this.#isLent;
+    }
+
+    /** Whether the schema here is the last that was sent to the daemon, as far as can be known. */
+    get ownsSchema(): boolean {
+        return this.#client?.ownsSchema ?? false;
+    }
+
+    /** One more connection to the same daemon, which is somebody else's. */
+    newConnection(options: ClientOptions = {}): Client {
+        return new Client(this.address, {
+            longestDelay: 5000,
+            ...(this.#WebSocket && { WebSocket: this.#WebSocket }),
+            ...options,
+        });
+    }
+
+    /** Leaves the daemon's schema to a workshop. Until it is taken back, values stand still, and nothing is sent. */
+    lendSchema(): void {
+        this.#isLent = true;
+        this.#sending.abort();
+        this.#client?.releaseSchema();
+        this.#interrupt("the workshop has the daemon's schema");
+        this.status.changed();
+    }
+
+    /**
+     * Ends that. `owns`: the schema here is the daemon's again, and is sent again when the daemon loses it. `foreign` is
+     * why another may be in force.
+     */
+    takeSchemaBack(owns: boolean, foreign?: Foreign): void {
+        this.#isLent = false;
+        this.#returned = now();
+        if (!this.locked) this.#sending = new AbortController();
+        const schema = this.#client?.schema; // none where it was connected elsewhere meanwhile
+        if (owns && schema && !this.locked) this.#client!.setSchema(schema, { clear: true });
+        this.#foreign = foreign;
+        this.status.changed();
     }
 
     /** From now on nothing can be sent, not even the schema to a restarted daemon. */
@@ -228,7 +280,7 @@ export class Session {
             this.disconnect();
             if (this.#client) this.#forgetReadings();
             this.hello = this.#foreign = undefined;
-            this.#client = this.#newClient(address);
+            this.#client = this.#newClient();
         }
         this.#client.connect();
         this.status.changed();
@@ -242,6 +294,7 @@ export class Session {
     /** Gives a schema to the daemon, or only uses it here to explain the values that come. */
     setSchema(text: string, send: boolean): void {
         const schema = parseJson(text) as Schema;
+        if (this.#isLent) throw new Error("The workshop is open: leave it first");
         if (send && this.locked) throw new Error("The page is locked: nothing was sent");
         if (send) this.#client?.setSchema(schema);
         else this.#client?.releaseSchema();
@@ -298,6 +351,7 @@ export class Session {
         const signals = signal ? [this.#sending.signal, signal] : [this.#sending.signal];
         try {
             if (this.locked) throw new Error("The page is locked: nothing was written");
+            if (this.#isLent) throw new Error("The workshop is open: nothing was written");
             const client = this.#client;
             if (!client) throw new Error("Not connected: nothing was written");
             const message = messageOf(values);
@@ -405,17 +459,15 @@ export class Session {
         if (this.schema) this.#use(this.schema);
     }
 
-    #newClient(address: string): Client {
-        const client = new Client(address, {
-            longestDelay: 5000,
-            ...(this.#WebSocket && { WebSocket: this.#WebSocket }),
-        });
+    #newClient(): Client {
+        const client = this.newConnection();
         client.on("state", (state, reason) => this.#entered(state, reason));
         client.on("hello", (hello) => {
             this.hello = hello;
             this.status.changed();
         });
         client.on("values", (values, arrival) => {
+            if (this.#isOfWorkshop(values, arrival)) return;
             this.tap?.({ time: arrival, values });
             this.#received(values, arrival);
         });
@@ -437,8 +489,7 @@ export class Session {
         const lost = this.state === "connected" && state !== "connected";
         if (lost) {
             this.log.add("connection", state === "closed" ? "Disconnected" : "Connection lost", reason);
-            this.tree.interrupt(now());
-            this.tap?.({ time: now(), disconnected: reason });
+            this.#interrupt(reason);
         }
         if (state === "connected") {
             this.log.add("connection", "Connected", keptAddress(this.#client?.url));
@@ -447,6 +498,17 @@ export class Session {
         this.state = state;
         this.reason = reason;
         this.status.changed();
+    }
+
+    /** No values come for a while. */
+    #interrupt(reason: string): void {
+        this.tree.interrupt(now());
+        this.tap?.({ time: now(), disconnected: reason });
+    }
+
+    /** Whether values are of a workshop's schema and not of the one here. Those of one that is over may come late. */
+    #isOfWorkshop(values: Value, arrival: number): boolean {
+        return this.#isLent || (arrival < this.#returned + LATE && framesIn(values).length > 0);
     }
 
     /** Who sent the last schema owns it; the others say so and leave it. */
