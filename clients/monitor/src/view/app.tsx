@@ -1,5 +1,6 @@
 import { useEffect, useState } from "preact/hooks";
 import type { Session } from "../model/session";
+import { memory } from "../page";
 import { useSource } from "./frame";
 import { Boundary } from "./boundary";
 import { Header } from "./header";
@@ -18,6 +19,7 @@ const OrdersPanel = later(() => import("./orders").then((part) => part.OrdersPan
 const RunBar = later(() => import("./orders").then((part) => part.RunBar));
 const AlarmsPanel = later(() => import("./limits").then((part) => part.AlarmsPanel));
 const WorkshopPage = later(() => import("./workshop/workshop").then((part) => part.WorkshopPage));
+const InterruptedNotice = later(() => import("./workshop/interrupted").then((part) => part.InterruptedNotice));
 
 const tabs = ["values", "plots", "log"] as const;
 type Tab = (typeof tabs)[number];
@@ -35,7 +37,11 @@ export function App({ session }: { session: Session }) {
     const writing = shown.writing;
     const workshopPage = workshop && (
         <Boundary key="workshop" part="The workshop">
-            <WorkshopPage session={session} enter={() => setWorkshop("open")} close={() => setWorkshop(undefined)} />
+            <WorkshopPage
+                session={session}
+                enter={(isOpen) => setWorkshop(isOpen ? "open" : "asking")}
+                close={() => setWorkshop(undefined)}
+            />
         </Boundary>
     );
     if (workshop === "open") return <>{workshopPage}</>;
@@ -59,6 +65,7 @@ export function App({ session }: { session: Session }) {
                         </Header>
                         <SchemaNotice session={session} openSchema={() => openSchema(true)} />
                         <ViewNotice session={session} />
+                        {memory.load("workshop") && <InterruptedNotice session={session} />}
                     </Boundary>
                 )}
                 <Boundary part="The recording">

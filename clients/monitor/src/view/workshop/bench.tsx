@@ -74,33 +74,10 @@ export function Bench({ workshop }: { workshop: Workshop }) {
     const curves = curvesOf(workshop, plotted, endpoint, chosen);
     return (
         <main class="workshop">
-            <div class="column">
-                <Boundary part="What talks">
-                    <Endpoints workshop={workshop} chosen={work.identifier} choose={choose} />
-                </Boundary>
-                <section class="panel schema-panel" aria-labelledby="leaves-title">
-                    <div class="title">
-                        <h2 id="leaves-title">Schema</h2>
-                    </div>
-                    <SchemaTools draft={draft} tell={tell} />
-                    <p class="told" role="status">
-                        {told}
-                    </p>
-                    <Leaves
-                        workshop={workshop}
-                        editing={editing?.path}
-                        latest={latest}
-                        plotted={plotted}
-                        edit={edit}
-                        remove={(path) => {
-                            draft.remove(path);
-                            tell(`${path} is removed.`);
-                        }}
-                        togglePlot={togglePlot}
-                    />
-                </section>
-            </div>
-            <div class="column work">
+            <Boundary part="What talks">
+                <Endpoints workshop={workshop} chosen={work.identifier} choose={choose} />
+            </Boundary>
+            <div class="work">
                 {!endpoint && !editing && (
                     <p class="panel empty">
                         Choose something that talks. Then select the bytes that change when the machine does something.
@@ -118,7 +95,7 @@ export function Bench({ workshop }: { workshop: Workshop }) {
                     </Boundary>
                 )}
                 <div class="pair">
-                    <div class="column">
+                    <div class="readings-column">
                         {isReading && (
                             <Readings
                                 endpoint={endpoint}
@@ -145,6 +122,27 @@ export function Bench({ workshop }: { workshop: Workshop }) {
                     )}
                 </div>
             </div>
+            <section class="panel schema-panel" aria-labelledby="leaves-title">
+                <div class="title">
+                    <h2 id="leaves-title">Schema</h2>
+                </div>
+                <SchemaTools draft={draft} tell={tell} />
+                <p class="told" role="status">
+                    {told}
+                </p>
+                <Leaves
+                    workshop={workshop}
+                    editing={editing?.path}
+                    latest={latest}
+                    plotted={plotted}
+                    edit={edit}
+                    remove={(path) => {
+                        draft.remove(path);
+                        tell(`${path} is removed.`);
+                    }}
+                    togglePlot={togglePlot}
+                />
+            </section>
         </main>
     );
 }

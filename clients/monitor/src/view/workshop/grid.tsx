@@ -37,11 +37,11 @@ export function ByteGrid({ workshop, endpoint, selection, reading, select }: Gri
                 <h2 id="grid-title">
                     {identifierText(identifier)}: node {node}, command {command}
                 </h2>
+                <p class="quiet help" id="grid-help">
+                    Press a byte or a bit, or drag over several. Keys: arrows move, space selects, Shift and arrows
+                    extend.
+                </p>
             </div>
-            <p class="quiet help" id="grid-help">
-                Press a byte or a bit, or drag over several. With keys: arrows move, space selects, Shift with an arrow
-                extends.
-            </p>
             <div
                 ref={grid}
                 class="byte-grid"

@@ -1,6 +1,7 @@
 import { useEffect, useState } from "preact/hooks";
 import type { Session } from "../../model/session";
 import { shown } from "../../model/text";
+import type { Draft } from "../../model/workshop/draft";
 import { Workshop } from "../../model/workshop/workshop";
 import { memory } from "../../page";
 import { Boundary } from "../boundary";
@@ -12,31 +13,36 @@ import "./workshop.css";
 
 type PageProps = {
     session: Session;
-    /** Somebody has agreed: the workshop takes the place of the values. */
-    enter: () => void;
+    /** Hears whether the workshop takes the place of the values. */
+    enter: (isOpen: boolean) => void;
     close: () => void;
 };
 
 /** From an unknown bus to named values. It asks before it does anything, and says what it does as long as it does it. */
 export function WorkshopPage({ session, enter, close }: PageProps) {
     const [workshop] = useState(() => new Workshop(session, memory));
+    const [problem, setProblem] = useState<string>();
     useSource(workshop.status);
     const { state } = workshop;
     useEffect(() => {
         if (state === "left") close();
+        else enter(state !== "asking");
     }, [state]);
+    const attempt = (step: Promise<void>) => {
+        setProblem(undefined);
+        step.catch((error: Error) => {
+            session.log.add("problem", "The workshop", error.message);
+            setProblem(error.message);
+        });
+    };
     if (state === "asking") {
-        const answer = (agreed: boolean) => {
-            if (!agreed) return close();
-            enter();
-            void workshop.begin();
-        };
-        return <OpeningQuestion session={session} workshop={workshop} answer={answer} />;
+        const answer = (agreed: boolean) => (agreed ? attempt(workshop.begin()) : close());
+        return <OpeningQuestion key={problem} session={session} workshop={workshop} problem={problem} answer={answer} />;
     }
     return (
         <>
             <div class="top">
-                <Bar workshop={workshop} />
+                <Bar workshop={workshop} problem={problem} leave={(into) => attempt(workshop.leave(into))} />
             </div>
             <Boundary part="The workshop">
                 <Bench workshop={workshop} />
@@ -45,9 +51,15 @@ export function WorkshopPage({ session, enter, close }: PageProps) {
     );
 }
 
-type QuestionProps = { session: Session; workshop: Workshop; answer: (agreed: boolean) => void };
+type QuestionProps = {
+    session: Session;
+    workshop: Workshop;
+    /** Why it could not be opened before. */
+    problem: string | undefined;
+    answer: (agreed: boolean) => void;
+};
 
-function OpeningQuestion({ session, workshop, answer }: QuestionProps) {
+function OpeningQuestion({ session, workshop, problem, answer }: QuestionProps) {
     useSource(session.status);
     const refusal = refusalOf(session);
     return (
@@ -73,9 +85,9 @@ function OpeningQuestion({ session, workshop, answer }: QuestionProps) {
                     Another client may have replaced the schema of this page. What it sent does not come back.
                 </p>
             )}
-            {refusal !== undefined && (
+            {(refusal ?? problem) !== undefined && (
                 <p class="problem" role="alert">
-                    {refusal}
+                    {refusal ?? shown(problem!)}
                 </p>
             )}
         </Question>
@@ -90,35 +102,54 @@ export function refusalOf({ locked, state, run }: Session): string | undefined {
     return undefined;
 }
 
+type BarProps = { workshop: Workshop; problem: string | undefined; leave: (into: "former" | "draft") => void };
+
 /** Says as long as it lasts that the schema of all clients is another, and ends it. */
-function Bar({ workshop }: { workshop: Workshop }) {
+function Bar({ workshop, problem, leave }: BarProps) {
     useSource(workshop.draft.source);
     const { state, draft, former } = workshop;
-    const isLeaving = state === "leaving";
-    const isWrong = draft.problems().some(({ severity }) => severity === "error");
+    const cannotLeave = state === "leaving" || state === "starting";
+    const isReplaced = state === "replaced";
+    const back = former ? "Leave: former schema back" : "Leave: no schema, as before";
+    const obstacle = obstacleTo(draft);
     return (
         <header class="workshop-bar" aria-label="Workshop">
             <div class="told" role="status">
                 <h1>
-                    <Icon name="workshop" /> Workshop: the daemon's schema is replaced for all clients.
+                    <Icon name="workshop" />{" "}
+                    {isReplaced
+                        ? "Workshop: it gets no frames any more."
+                        : "Workshop: the daemon's schema is replaced for all clients."}
                 </h1>
                 <p class={state === "open" ? "usual" : "unusual"}>{toldOf(workshop)}</p>
             </div>
             <div class="actions">
-                <button disabled={isLeaving} onClick={() => void workshop.leave("former")}>
-                    {former ? "Leave: former schema back" : "Leave: without a schema"}
+                <button disabled={cannotLeave} onClick={() => leave("former")}>
+                    {isReplaced ? "Leave: the other client's stays" : back}
                 </button>
                 <button
                     class="primary"
-                    disabled={isLeaving || isWrong || draft.leaves.length === 0}
-                    title={isWrong ? "The schema has problems, which its list names" : "For this page and all clients"}
-                    onClick={() => void workshop.leave("draft")}
+                    disabled={cannotLeave || obstacle !== undefined}
+                    title={obstacle ?? (isReplaced ? "It is not sent" : "For this page, and for all clients")}
+                    onClick={() => leave("draft")}
                 >
-                    Leave with the new schema
+                    {isReplaced ? "Leave, and use the new schema here" : "Leave with the new schema"}
                 </button>
             </div>
+            {problem !== undefined && (
+                <p class="problem" role="alert">
+                    {shown(problem)}
+                </p>
+            )}
         </header>
     );
+}
+
+/** Why a schema cannot be that of the daemon. */
+function obstacleTo(draft: Draft): string | undefined {
+    if (draft.leaves.length === 0) return "Nothing has a name yet";
+    const isWrong = draft.problems().some(({ severity }) => severity === "error");
+    return isWrong ? "The schema has problems, which are listed above its values" : undefined;
 }
 
 /** What is so at present, and what follows. */
@@ -134,7 +165,7 @@ function toldOf({ state, reason, former }: Workshop): string {
         case "lost":
             return `The connection is lost: ${why}. It is tried again; what has been named is kept.`;
         case "replaced":
-            return `Another client has sent a schema, so that no frames come here any more: ${why}.`;
+            return `Another client has sent a schema, which stays: ${why}.`;
         default:
             return "The schema is on its way.";
     }
