@@ -1,4 +1,4 @@
-import { useEffect, useState } from "preact/hooks";
+import { useEffect, useRef, useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { memory } from "../page";
 import { useSource } from "./frame";
@@ -19,7 +19,7 @@ const OrdersPanel = later(() => import("./orders").then((part) => part.OrdersPan
 const RunBar = later(() => import("./orders").then((part) => part.RunBar));
 const AlarmsPanel = later(() => import("./limits").then((part) => part.AlarmsPanel));
 const WorkshopPage = later(() => import("./workshop/workshop").then((part) => part.WorkshopPage));
-const InterruptedNotice = later(() => import("./workshop/interrupted").then((part) => part.InterruptedNotice));
+const InterruptedNotice = later(() => import("./workshop/notice").then((part) => part.InterruptedNotice));
 
 const tabs = ["values", "plots", "log"] as const;
 type Tab = (typeof tabs)[number];
@@ -34,6 +34,7 @@ export function App({ session }: { session: Session }) {
     const [schemaOpen, openSchema] = useState(false);
     const [workshop, setWorkshop] = useState<"asking" | "open">();
     useEffect(ignoreRepeatedEnter, []);
+    useFocusAfter(workshop === "open");
     const writing = shown.writing;
     const workshopPage = workshop && (
         <Boundary key="workshop" part="The workshop">
@@ -119,6 +120,15 @@ export function App({ session }: { session: Session }) {
             )}
         </>
     );
+}
+
+/** When the workshop is left, the focus goes back to where it came from. */
+function useFocusAfter(isOpen: boolean): void {
+    const wasOpen = useRef(false);
+    useEffect(() => {
+        if (wasOpen.current && !isOpen) document.getElementById("workshop-button")?.focus();
+        wasOpen.current = isOpen;
+    }, [isOpen]);
 }
 
 /** A key that is held is not a wish for more of the same: it would open a form and confirm it. */

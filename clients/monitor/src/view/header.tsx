@@ -57,8 +57,13 @@ export function Header({ session, openSchema, openWorkshop, children }: HeaderPr
                     <Icon name="schema" /> Schema
                 </button>
                 <button
+                    id="workshop-button"
                     aria-disabled={session.locked}
-                    title={session.locked ? "The page is locked: the workshop needs to send a schema" : "Find and name values of an unknown bus"}
+                    title={
+                        session.locked
+                            ? "The page is locked: the workshop needs to send a schema"
+                            : "Find and name values of an unknown bus"
+                    }
                     onClick={openWorkshop}
                 >
                     <Icon name="workshop" /> Workshop

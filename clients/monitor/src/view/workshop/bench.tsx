@@ -1,4 +1,4 @@
-import { useMemo, useState } from "preact/hooks";
+import { useEffect, useMemo, useRef, useState } from "preact/hooks";
 import { dotted, leavesOf, type Leaf } from "vorbel";
 import { candidatesOf, type Candidate, type Leafish, type Selection } from "../../model/workshop/selection";
 import type { Endpoint } from "../../model/workshop/traffic";
@@ -34,6 +34,8 @@ const NO_WORK: Work = { identifier: undefined, selection: undefined, key: undefi
 export function Bench({ workshop }: { workshop: Workshop }) {
     const { draft, traffic } = workshop;
     useSource(draft.source);
+    const main = useRef<HTMLElement>(null);
+    useEffect(() => main.current!.focus(), []); // what had it is gone
     const [work, setWork] = useState(NO_WORK);
     const [plotted, setPlotted] = useState<string[]>([]);
     const [latest, setLatest] = useState<string>();
@@ -73,7 +75,7 @@ export function Bench({ workshop }: { workshop: Workshop }) {
     const isReading = work.selection !== undefined || editing !== undefined;
     const curves = curvesOf(workshop, plotted, endpoint, chosen);
     return (
-        <main class="workshop">
+        <main class="workshop" ref={main} tabIndex={-1} aria-label="Workshop">
             <Boundary part="What talks">
                 <Endpoints workshop={workshop} chosen={work.identifier} choose={choose} />
             </Boundary>
@@ -170,7 +172,8 @@ function curvesOf(
     endpoint: Endpoint | undefined,
     chosen: Candidate | undefined,
 ): Curve[] {
-    const present = endpoint && chosen ? [{ name: chosen.name, identifier: endpoint.identifier, leaf: chosen.leaf }] : [];
+    const present =
+        endpoint && chosen ? [{ name: chosen.name, identifier: endpoint.identifier, leaf: chosen.leaf }] : [];
     const named = plotted.flatMap((path): Curve[] => {
         const leaf = draft.leafAt(path);
         if (!leaf) return [];

@@ -76,7 +76,7 @@ function FrameCount({ workshop: { traffic, values } }: { workshop: Workshop }) {
     const place = useRef<HTMLSpanElement>(null);
     useEffect(() => {
         const draw = () => {
-            place.current!.textContent = `${traffic.frames.toLocaleString("en")} frames`;
+            if (place.current) place.current.textContent = `${traffic.frames.toLocaleString("en")} frames`;
         };
         draw();
         return follow(values, draw, READABLE);
@@ -107,7 +107,10 @@ type RowProps = {
     choose: (identifier: number) => void;
 };
 
-/** What changes in it is painted by usePainting(): there can be many rows, and a frame every millisecond. */
+/**
+ * What changes in it is painted by usePainting(): there can be many rows, and a frame every millisecond. To a screen
+ * reader its name stays the same: what it is at present, the grid of the chosen one tells.
+ */
 function EndpointRow({ endpoint, isChosen, canBeReached, choose }: RowProps) {
     const { identifier, node, command } = endpoint;
     const element = useRef<HTMLDivElement>(null);
@@ -121,16 +124,21 @@ function EndpointRow({ endpoint, isChosen, canBeReached, choose }: RowProps) {
             class="endpoint"
             role="option"
             aria-selected={isChosen}
-            aria-label={`${identifierText(identifier)}, node ${node}, command ${command}`}
             data-identifier={identifier}
             tabIndex={canBeReached ? 0 : -1}
             onClick={() => choose(identifier)}
         >
             <code>{identifierText(identifier)}</code>
-            <span>{node}</span>
-            <span>{command}</span>
-            <span class="number rate" />
-            <span class="bytes">
+            <span>
+                <span class="hidden">node </span>
+                {node}
+            </span>
+            <span>
+                <span class="hidden">command </span>
+                {command}
+            </span>
+            <span class="number rate" aria-hidden="true" />
+            <span class="bytes" aria-hidden="true">
                 {Array.from({ length: BYTES }, (_, byte) => (
                     <span key={byte} class="byte" />
                 ))}

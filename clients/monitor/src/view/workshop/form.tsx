@@ -133,7 +133,9 @@ function Preview({ endpoint, leaf, isWrong }: PreviewProps) {
     present.current = leaf;
     useEffect(() => {
         if (!endpoint || isWrong) return undefined;
-        return repeatedly(100, () => paintText(place.current!, textIn(present.current, endpoint.payload)));
+        return repeatedly(100, () => {
+            if (place.current) paintText(place.current, textIn(present.current, endpoint.payload));
+        });
     }, [endpoint, isWrong]);
     if (isWrong || !endpoint) return null;
     return (

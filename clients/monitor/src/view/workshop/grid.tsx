@@ -1,7 +1,7 @@
 import { useEffect, useRef, useState } from "preact/hooks";
 import { dotted, type Leaf } from "vorbel";
 import { now } from "../../model/clock";
-import { shown } from "../../model/text";
+import { rateText, shown } from "../../model/text";
 import type { Draft } from "../../model/workshop/draft";
 import { BYTES, identifierText } from "../../model/workshop/frames";
 import { payloadBits, type Leafish, type Selection } from "../../model/workshop/selection";
@@ -37,6 +37,9 @@ export function ByteGrid({ workshop, endpoint, selection, reading, select }: Gri
                 <h2 id="grid-title">
                     {identifierText(identifier)}: node {node}, command {command}
                 </h2>
+                <span class="quiet">
+                    {rateText(endpoint.rate(now()))} a second, {[...endpoint.lengths].sort().join(" or ")} bytes
+                </span>
                 <p class="quiet help" id="grid-help">
                     Press a byte or a bit, or drag over several. Keys: arrows move, space selects, Shift and arrows
                     extend.
@@ -105,7 +108,9 @@ function GridCell({ cell, endpoint, isSelected, isCurrent, isRead, isNamed }: Ce
     const { byte, column } = cell;
     const bit = 8 - column;
     const hasChanged = column > 0 && ((endpoint.changedBits[byte]! >> bit) & 1) === 1;
-    const marks = [isSelected && "selected", isRead && "read", hasChanged && "changed", isNamed && "named"].filter(Boolean);
+    const marks = [isSelected && "selected", isRead && "read", hasChanged && "changed", isNamed && "named"].filter(
+        Boolean,
+    );
     return (
         <span
             role="gridcell"
@@ -143,7 +148,8 @@ function rangeText({ low, high }: Endpoint, byte: number): string {
 function namesByBit(draft: Draft, identifier: number): Map<number, Leaf[]> {
     const named = new Map<number, Leaf[]>();
     for (const leaf of draft.leavesAt(identifier)) {
-        for (const bit of payloadBits(draft.leafAt(dotted(leaf.path))!)) named.set(bit, [...(named.get(bit) ?? []), leaf]);
+        for (const bit of payloadBits(draft.leafAt(dotted(leaf.path))!))
+            named.set(bit, [...(named.get(bit) ?? []), leaf]);
     }
     return named;
 }

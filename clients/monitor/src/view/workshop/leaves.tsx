@@ -95,7 +95,7 @@ function usePainting(list: { current: HTMLUListElement | null }, workshop: Works
     useEffect(
         () =>
             repeatedly(250, () => {
-                const places = list.current!.querySelectorAll(".number");
+                const places = list.current?.querySelectorAll(".number") ?? [];
                 for (const [at, leaf] of present.current.entries()) {
                     const place = places[at];
                     const endpoint = workshop.traffic.endpoints.get(identifierOf(leaf));

@@ -94,7 +94,7 @@ function Legend({ workshop, curves }: { workshop: Workshop; curves: Curve[] }) {
     useEffect(
         () =>
             repeatedly(100, () => {
-                const places = list.current!.querySelectorAll(".number");
+                const places = list.current?.querySelectorAll(".number") ?? [];
                 for (const [at, { identifier, leaf }] of present.current.entries()) {
                     const endpoint = workshop.traffic.endpoints.get(identifier);
                     if (places[at]) paintText(places[at], endpoint ? textIn(leaf, endpoint.payload) : "–");

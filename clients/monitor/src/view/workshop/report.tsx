@@ -4,7 +4,13 @@ import type { Outcome } from "../../model/workshop/dbc";
 import type { Draft } from "../../model/workshop/draft";
 
 /** What became of an imported file. */
-export type Report = { name: string; outcomes: Outcome[]; notes: string[]; added: number; renamed: string[] };
+export type Report = {
+    name: string;
+    outcomes: readonly Outcome[];
+    notes: readonly string[];
+    added: number;
+    renamed: string[];
+};
 
 const verdicts = ["exact", "read-only", "not possible"] as const;
 
@@ -15,8 +21,16 @@ export function ImportReport({ report, draft, close }: { report: Report; draft: 
     const { name, outcomes, notes, added, renamed } = report;
     const told = outcomes.filter(({ why }) => why !== "");
     return (
-        <dialog ref={dialog} class="report" onClose={close} aria-labelledby="report-title" aria-describedby="report-sum">
-            <h2 id="report-title">Imported {shown(name)}</h2>
+        <dialog
+            ref={dialog}
+            class="report"
+            onClose={close}
+            aria-labelledby="report-title"
+            aria-describedby="report-sum"
+        >
+            <h2 id="report-title">
+                {added > 0 ? "Imported" : "Nothing was imported from"} {shown(name)}
+            </h2>
             <p id="report-sum" role="status">
                 {sumText(outcomes)} {added} added to the schema.
             </p>
@@ -60,7 +74,9 @@ export function ImportReport({ report, draft, close }: { report: Report; draft: 
 }
 
 /** "12 signals: 10 exact, 1 read-only, 1 not possible." */
-function sumText(outcomes: Outcome[]): string {
-    const counts = verdicts.map((verdict) => `${outcomes.filter((each) => each.verdict === verdict).length} ${verdict}`);
+function sumText(outcomes: readonly Outcome[]): string {
+    const counts = verdicts.map(
+        (verdict) => `${outcomes.filter((each) => each.verdict === verdict).length} ${verdict}`,
+    );
     return `${outcomes.length} ${outcomes.length === 1 ? "signal" : "signals"}: ${counts.join(", ")}.`;
 }

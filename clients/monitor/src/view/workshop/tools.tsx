@@ -25,10 +25,15 @@ export function SchemaTools({ draft, tell }: ToolsProps) {
     };
     const importFile = async (file: File) => {
         const content = new Uint8Array(await file.arrayBuffer());
-        const { importDbc } = await import("../../model/workshop/dbc");
-        const imported = importDbc(content);
-        setReport({ name: file.name, ...imported, ...draft.merge(imported.schema) });
-        tell(`${file.name} is imported.`);
+        const { importDbc, NothingImported } = await import("../../model/workshop/dbc");
+        try {
+            const imported = importDbc(content);
+            setReport({ name: file.name, ...imported, ...draft.merge(imported.schema) });
+            tell(`${file.name} is imported.`);
+        } catch (error) {
+            if (!(error instanceof NothingImported)) throw error;
+            setReport({ name: file.name, outcomes: error.outcomes, notes: error.notes, added: 0, renamed: [] });
+        }
     };
     return (
         <>

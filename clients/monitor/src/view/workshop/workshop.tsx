@@ -37,7 +37,9 @@ export function WorkshopPage({ session, enter, close }: PageProps) {
     };
     if (state === "asking") {
         const answer = (agreed: boolean) => (agreed ? attempt(workshop.begin()) : close());
-        return <OpeningQuestion key={problem} session={session} workshop={workshop} problem={problem} answer={answer} />;
+        return (
+            <OpeningQuestion key={problem} session={session} workshop={workshop} problem={problem} answer={answer} />
+        );
     }
     return (
         <>
