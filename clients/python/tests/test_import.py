@@ -9,12 +9,14 @@ import math
 import os
 import pathlib
 import random
+import re
 import struct
 
 import canmatrix.formats
 import pytest
 
 import vorbel
+from bridges import PROJECT
 from vorbel import checks, importing, matrix
 from vorbel.frames import free_name
 
@@ -23,6 +25,7 @@ FILES = [(OWN / "plant.dbc", None), (OWN / "plant.sym", None), (OWN / "plant.kcd
          (OWN / "plant.kcd", "Cellar")]
 FOREIGN = [(path, None) for path in sorted(pathlib.Path(os.environ["VORBEL_BUSES"]).iterdir())
            if path.suffix in (".dbc", ".kcd", ".sym", ".arxml", ".dbf")] if "VORBEL_BUSES" in os.environ else []
+CASES = json.loads((PROJECT / "clients" / "conformance" / "buses.json").read_text(encoding="utf-8"))["cases"]
 PAYLOADS = 20  # of each message
 ROUNDS = 5
 
@@ -224,6 +227,18 @@ def test_nothing_is_wrong_with_the_schemas(path, bus):
     problems = checks.check(schema)
     assert [str(problem) for problem in problems if problem.code != "overlap"] == []
     assert json.loads(importing.text_of(schema)) == schema
+
+
+@pytest.mark.parametrize("case", CASES, ids=lambda case: case["name"])
+def test_what_all_clients_make_of_a_file(tmp_path, case):
+    text = "".join(f"{line}\n" for line in case["file"])
+    (tmp_path / "test.dbc").write_bytes(text.encode("iso-8859-1" if case.get("latin1") else "utf-8"))
+    schema, outcomes, complaints = imported(tmp_path / "test.dbc")
+    assert json.dumps(schema) == json.dumps(case["schema"])  # which tells 1 from 1.0, and one order from another
+    assert [[each.path, each.verdict, *filter(None, [each.why])] for each in outcomes] == case["outcomes"]
+    if "lines" in case:
+        numbers = re.findall(r"^line (\d+) is not understood: ", "\n".join(complaints), re.M)
+        assert [int(number) for number in numbers] == case["lines"]
 
 
 def test_each_signal_that_is_not_exact_is_told_why():

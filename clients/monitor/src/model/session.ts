@@ -234,16 +234,19 @@ export class Session {
         this.status.changed();
     }
 
-    /**
-     * Ends that. `owns`: the schema here is the daemon's again, and is sent again when the daemon loses it. `foreign` is
-     * why another may be in force.
-     */
-    takeSchemaBack(owns: boolean, foreign?: Foreign): void {
+    /** Ends that. `owns`: the schema here is the daemon's again, and is sent again when the daemon loses it. */
+    takeSchemaBack(owns: boolean): void {
         this.#isLent = false;
         this.#returned = now();
         if (!this.locked) this.#sending = new AbortController();
         const schema = this.#client?.schema; // none where it was connected elsewhere meanwhile
         if (owns && schema && !this.locked) this.#client!.setSchema(schema, { clear: true });
+        this.#foreign = undefined;
+        this.status.changed();
+    }
+
+    /** Another schema than the one here is in force, or may be. */
+    suspect(foreign: Foreign): void {
         this.#foreign = foreign;
         this.status.changed();
     }

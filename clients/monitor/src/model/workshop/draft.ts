@@ -84,7 +84,7 @@ export class Draft {
         if (complaint) return complaint;
         const schema = this.#with(names, leaf, before);
         const problem = firstError(schema, this.#schema);
-        if (problem) return `${capital(describeProblem(problem))}.`;
+        if (problem) return `${describeProblem(problem)}.`;
         const what =
             former === undefined ? `Add ${path}` : former === path ? `Change ${path}` : `Rename ${former} to ${path}`;
         this.#become(schema, what);
@@ -184,10 +184,6 @@ function firstError(schema: Schema, before: Schema): Problem | undefined {
         checkSchema(each, { clear: true }).filter(({ severity }) => severity === "error");
     const known = new Set(errorsOf(before).map(describeProblem));
     return errorsOf(schema).find((each) => !known.has(describeProblem(each)));
-}
-
-function capital(text: string): string {
-    return text.charAt(0).toUpperCase() + text.slice(1);
 }
 
 /** The schema of a text. Throws an error that says in a sentence what is wrong with it. */

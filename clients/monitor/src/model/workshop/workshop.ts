@@ -211,13 +211,16 @@ export class Workshop {
     /** The page goes on with a schema: as its owner if it was that before, or sends one of its own. */
     #return(into: "former" | "draft", problem: string | undefined): void {
         const { session } = this;
-        const unsure = problem === undefined ? undefined : { certain: false, reason: problem };
-        session.takeSchemaBack(
-            !this.#replaced && this.#wasOwned,
-            this.#replaced ?? (this.#wasOwned ? undefined : unsure),
-        );
-        if (problem !== undefined) session.log.add("problem", "Nothing says that the schema was put back", problem);
+        this.#takeBack();
         if (into === "draft") session.setSchema(this.draft.text, !this.#replaced);
+        if (this.#replaced) session.suspect(this.#replaced);
+        if (problem === undefined) return;
+        session.log.add("problem", "Nothing says that the schema was put back", problem);
+        if (!session.ownsSchema) session.suspect({ certain: false, reason: problem });
+    }
+
+    #takeBack(): void {
+        this.session.takeSchemaBack(this.#wasOwned && !this.#replaced);
     }
 
     /** The page goes, and nothing can be waited for: the next visit can put the schema back if this does not. */
@@ -226,7 +229,7 @@ export class Workshop {
         endLife(this.memory);
         if (!this.#replaced) this.#client!.setSchema(this.former ?? {}, { check: false, clear: true });
         this.#client!.close();
-        this.session.takeSchemaBack(!this.#replaced && this.#wasOwned, this.#replaced);
+        this.#takeBack();
         this.#enter("left", "the page was closed");
     }
 

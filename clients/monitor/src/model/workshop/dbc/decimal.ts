@@ -24,8 +24,8 @@ export class Decimal {
         return new Decimal(sign === "-", BigInt(whole + fraction), Number(power) - fraction.length);
     }
 
-    static of(whole: number | bigint): Decimal {
-        return Decimal.#signed(BigInt(whole), 0);
+    static of(whole: bigint): Decimal {
+        return Decimal.#signed(whole, 0);
     }
 
     static #signed(number: bigint, exponent: number): Decimal {

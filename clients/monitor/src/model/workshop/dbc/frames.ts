@@ -74,8 +74,8 @@ function rawRange({ size, isSigned, isFloat }: Signal): Decimal[] {
 
 /** The numbers of so many bits. */
 export function wholeRange(size: number, isSigned: boolean): Decimal[] {
-    const all = 2 ** size;
-    return (isSigned ? [-all / 2, all / 2 - 1] : [0, all - 1]).map((raw) => Decimal.of(raw));
+    const all = 1n << BigInt(size);
+    return (isSigned ? [-all / 2n, all / 2n - 1n] : [0n, all - 1n]).map((raw) => Decimal.of(raw));
 }
 
 /** The name, or one like it that neither object has, and that no option of a leaf can have. */

@@ -479,7 +479,7 @@ function lowestOf(signal: Signal, { skip, width }: Window): number {
 
 // What it means
 
-const ONE = Decimal.of(1);
+const ONE = Decimal.of(1n);
 
 function meaningOf(signal: Signal): Schema {
     const { least, largest } = boundsOf(signal);

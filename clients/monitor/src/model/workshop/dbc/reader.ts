@@ -15,7 +15,6 @@ import {
     DIGITS,
     lastClosingQuote,
     Malformed,
-    NAME,
     prefixedOf,
     Scanner,
     stripped,
@@ -27,9 +26,8 @@ export type Read = { messages: Message[]; notes: string[] };
 
 export function readDbc(content: Uint8Array): Read {
     const reader = new Reader();
-    decoded(content)
-        .split("\n")
-        .forEach((line, at) => reader.read(stripped(line), at + 1));
+    for (const line of decoded(content).split("\n")) reader.read(stripped(line));
+    reader.end();
     return { messages: reader.messages(), notes: reader.notes };
 }
 
@@ -40,8 +38,8 @@ const NUMBER_BITS = 29;
 const EXTENDED = 1n << 31n;
 const LARGEST_STANDARD = 0x7ff;
 
-/** A comment of several lines, and where it goes. */
-type Comment = { readonly lines: string[]; readonly take: (text: string) => void };
+/** A comment of several lines, the number of the first, and where it goes. */
+type Comment = { readonly number: number; readonly lines: string[]; readonly take: (text: string) => void };
 
 class Reader {
     readonly notes: string[] = [];
@@ -53,6 +51,8 @@ class Reader {
     /** The one that was last spoken of, in which signals are. */
     #message: MessageDraft | undefined;
     #comment: Comment | undefined;
+    /** Of the line. */
+    #number = 0;
 
     readonly #statements: readonly (readonly [beginning: string, read: (scanner: Scanner) => void])[] = [
         ["BO_ ", (scanner) => this.#readMessage(scanner)],
@@ -68,7 +68,8 @@ class Reader {
         ["SG_MUL_VAL_ ", (scanner) => this.#readSelection(scanner)],
     ];
 
-    read(line: string, number: number): void {
+    read(line: string): void {
+        this.#number++;
         if (line === "") return;
         if (this.#comment) {
             this.#continueComment(this.#comment, line);
@@ -83,8 +84,12 @@ class Reader {
             read(scanner);
         } catch (error) {
             if (!(error instanceof Malformed)) throw error;
-            this.notes.push(`line ${number} is not understood: ${line.slice(0, SHOWN)}`);
+            this.notes.push(`line ${this.#number} is not understood: ${line.slice(0, SHOWN)}`);
         }
+    }
+
+    end(): void {
+        if (this.#comment) this.notes.push(`the comment that begins in line ${this.#comment.number} does not end`);
     }
 
     messages(): Message[] {
@@ -108,21 +113,16 @@ class Reader {
 
     #readSignal(scanner: Scanner): void {
         scanner.take(BLANK);
-        const draft = this.#plainSignal(scanner) ?? markedSignal(scanner);
+        const draft = plainSignal(scanner) ?? markedSignal(scanner);
         if (!this.#message) throw new Malformed();
         this.#message.add(draft);
     }
 
-    #plainSignal(scanner: Scanner): Draft | undefined {
-        const found = scanner.tryTake(PLAIN);
-        return found && signalOf(found[1]!, found.slice(2), unitOf(scanner), {});
-    }
-
     #readType(scanner: Scanner): void {
-        const { message, name } = this.#readPlace(scanner);
-        scanner.take(/\s*:/y);
+        const [, identifier, name] = scanner.take(/ +([\p{L}\p{N}_]+) +([\p{L}\p{N}_]+)\s*:/uy);
         scanner.body();
-        if (message) found(message.signal(name)).isFloat = true;
+        const message = this.#find(identifier!);
+        if (message) found(message.signal(name!)).isFloat = true;
     }
 
     #readSelection(scanner: Scanner): void {
@@ -156,16 +156,18 @@ class Reader {
     // Comments
 
     #readSignalComment(scanner: Scanner): void {
-        const { message, name } = this.#readPlace(scanner, NAME);
-        const signal = found(message).signal(name);
+        const [, identifier, name] = scanner.take(/ +([\p{L}\p{N}_]+) +([\p{L}\p{N}_]+) +"/uy);
+        const signal = found(this.#find(identifier!)).signal(name!);
+        const isPlain = /^\w+$/.test(name!); // the tool finds no others here
         this.#beginComment(scanner, (text) => {
-            if (signal) signal.comment = text;
+            if (signal && isPlain) signal.comment = text;
         });
+        if (!isPlain) throw new Malformed();
     }
 
     #readMessageComment(scanner: Scanner): void {
-        scanner.take(BLANK);
-        const message = this.#find(scanner.take(NAME)[0]);
+        const [, identifier] = scanner.take(/ +(\w+) +"/y);
+        const message = this.#find(identifier!);
         this.#beginComment(scanner, (text) => {
             if (message) message.comment = text;
         });
@@ -173,7 +175,7 @@ class Reader {
 
     /** Nothing is done with it, but its lines are no statements. */
     #readNodeComment(scanner: Scanner): void {
-        const [, name] = scanner.take(/ +(\w+)/y);
+        const [, name] = scanner.take(/ +(\w+) +"/y);
         if (this.#nodes.has(name!)) this.#beginComment(scanner, () => undefined);
     }
 
@@ -184,9 +186,8 @@ class Reader {
     }
 
     #beginComment(scanner: Scanner, take: (text: string) => void): void {
-        scanner.take(/ +"/y);
         const end = lastClosingQuote(scanner.text, scanner.at);
-        if (end < 0) this.#comment = { lines: [unescaped(scanner.rest)], take };
+        if (end < 0) this.#comment = { number: this.#number, lines: [unescaped(scanner.rest)], take };
         else take(unescaped(scanner.upTo(end)));
     }
 
@@ -227,15 +228,7 @@ class Reader {
 
     // Which message
 
-    /** An identifier and a name. */
-    #readPlace(scanner: Scanner, word = WORD): { message: MessageDraft | undefined; name: string } {
-        scanner.take(BLANK);
-        const identifier = scanner.take(word)[0];
-        scanner.take(BLANK);
-        const name = scanner.take(word)[0];
-        return { message: this.#find(identifier), name };
-    }
-
+    /** Those that are spoken of later are in it as well, whatever it is. */
     #find(identifier: string): MessageDraft | undefined {
         this.#message = this.#look(identifier);
         return this.#message;
@@ -249,21 +242,26 @@ class Reader {
 // Signals
 
 const NUMBER = "([0-9.+\\-eE]+)";
-const bits = "(\\d+)\\|(\\d+)@(\\d+)([+|\\-])";
-const PLAIN = new RegExp(`(\\w+) *: *${bits} *\\(${NUMBER}, *${NUMBER}\\) *\\[${NUMBER}\\|${NUMBER}\\] +"`, "y");
-const MARKED = new RegExp(`: *${bits} *\\(${NUMBER},${NUMBER}\\) *\\[${NUMBER}\\|${NUMBER}\\] +"`, "y");
+const BITS = "(\\d+)\\|(\\d+)@(\\d+)([+|\\-])";
+const PLAIN = new RegExp(`(\\w+) *: *${BITS} *\\(${NUMBER}, *${NUMBER}\\) *\\[${NUMBER}\\|${NUMBER}\\] +"`, "y");
+const MARKED = new RegExp(`: *${BITS} *\\(${NUMBER},${NUMBER}\\) *\\[${NUMBER}\\|${NUMBER}\\] +"`, "y");
+
+function plainSignal(scanner: Scanner): Draft | undefined {
+    const [, name, ...numbers] = scanner.tryTake(PLAIN) ?? [];
+    return name === undefined ? undefined : signalOf(name, numbers, unitOf(scanner), {});
+}
 
 /** One that is a multiplexer or is selected by one, by a mark behind its name. */
 function markedSignal(scanner: Scanner): Draft {
     const [, name] = scanner.take(/([^ ]+) +/y);
-    const mark = scanner.upTo(scanner.text.indexOf(":", scanner.at)).trimEnd();
+    const mark = scanner.upTo(scanner.text.indexOf(":", scanner.at + 1)).trimEnd();
     const [, ...numbers] = scanner.take(MARKED);
     return signalOf(name!, numbers, unitOf(scanner), marksOf(mark));
 }
 
 type Marks = { isMultiplexer?: boolean; selected?: number };
 
-/** Of "M", "m0" and "m0M". */
+/** Of "M", "m0" and "m0M". The character before a number can be any. */
 function marksOf(mark: string): Marks {
     if (mark === "M") return { isMultiplexer: true };
     const isMultiplexer = mark.endsWith("M");

@@ -149,6 +149,5 @@ export class Scanner {
 
 /** A name or a number. */
 export const WORD = /[\p{L}\p{N}_]+/uy;
-export const NAME = /\w+/y;
 export const DIGITS = /\d+/y;
 export const BLANK = / +/y;

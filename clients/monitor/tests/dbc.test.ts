@@ -1,0 +1,277 @@
+import { readFileSync } from "node:fs";
+import { resolve } from "node:path";
+import { fileURLToPath } from "node:url";
+import { checkSchema, leavesOf, Meant, type Schema } from "vorbel";
+import { describe, expect, test } from "vitest";
+import { importDbc, NothingImported, type Imported, type Outcome } from "../src/model/workshop/dbc";
+
+const clients = resolve(fileURLToPath(import.meta.url), "../../..");
+
+type Case = {
+    name: string;
+    file: string[];
+    latin1?: boolean;
+    schema: Schema;
+    outcomes: [path: string, verdict: string, why?: string][];
+    lines?: number[];
+};
+const { cases } = JSON.parse(readFileSync(`${clients}/conformance/buses.json`, "utf8")) as { cases: Case[] };
+
+function textOf({ file }: Case): string {
+    return file.map((line) => `${line}\n`).join("");
+}
+
+/** What comes of a file; a schema without leaves if nothing does. */
+function imported(content: Uint8Array): Imported {
+    try {
+        return importDbc(content);
+    } catch (error) {
+        if (!(error instanceof NothingImported)) throw error;
+        expect(error.message).toBe("no signal of it can be imported");
+        return { schema: {}, outcomes: [...error.outcomes], notes: [...error.notes] };
+    }
+}
+
+function ofText(...lines: string[]): Imported {
+    return imported(Buffer.from(lines.join("\n")));
+}
+
+function briefly({ path, verdict, why }: Outcome): string[] {
+    return why ? [path, verdict, why] : [path, verdict];
+}
+
+function linesIn(notes: string[]): number[] {
+    return notes.flatMap((note) => /^line (\d+) is not understood: /.exec(note)?.slice(1).map(Number) ?? []);
+}
+
+describe("as the terminal tool imports it:", () => {
+    test.each(cases)("$name", (each) => {
+        const { schema, outcomes, notes } = imported(Buffer.from(textOf(each), each.latin1 ? "latin1" : "utf8"));
+        expect(JSON.stringify(schema, null, 1)).toBe(JSON.stringify(each.schema, null, 1)); // in this order
+        expect(outcomes.map(briefly)).toEqual(each.outcomes);
+        if (each.lines) expect(linesIn(notes)).toEqual(each.lines);
+        expect(checkSchema(schema).filter(({ isError }) => isError)).toEqual([]);
+    });
+});
+
+test("frames mean what the file says", () => {
+    const { schema } = ofText(
+        "BO_ 133 DRIVE: 8 ECU",
+        ' SG_ Speed : 7|16@0- (0.25,10) [0|0] "rpm" ECU',
+        ' SG_ Gear : 21|3@1+ (1,0) [0|0] "" ECU',
+        'VAL_ 133 Gear 5 "reverse";',
+    );
+    const [gear, , speed] = leavesOf(schema)
+        .sort((one, other) => other.skip - one.skip || 1)
+        .slice(1);
+    const leaves = Object.fromEntries(leavesOf(schema).map((leaf) => [leaf.path.join("."), leaf]));
+    expect(Object.keys(leaves)).toEqual(["DRIVE.Gear", "DRIVE.Speed", "DRIVE.last byte"]);
+    expect(gear ?? speed).toBeDefined();
+    // The daemon reads ff f0 as 0xf0ff, and the third byte b4 as it is.
+    expect(new Meant(0xf0ff, leaves["DRIVE.Speed"]!)).toMatchObject({ value: 6, unit: "rpm" });
+    expect(new Meant(0xb4, leaves["DRIVE.Gear"]!)).toMatchObject({ value: 5, label: "reverse" });
+});
+
+describe("what is noted:", () => {
+    const message = ["BO_ 133 M: 1 ECU", ' SG_ A : 0|8@1+ (1,0) [0|0] "" ECU'];
+
+    test("lines that are not understood, cut where they are long", () => {
+        const { notes } = ofText(...message, "BO_ wrong", "", `SG_ ${"x".repeat(200)}`);
+        expect(notes).toEqual([
+            "line 3 is not understood: BO_ wrong",
+            `line 5 is not understood: SG_ ${"x".repeat(116)}`,
+        ]);
+    });
+
+    test("the right lines also behind labels", () => {
+        const { notes } = ofText(...message, 'VAL_ 133 A 0 "a" 1 "b";', 'VAL_ 133 A x "c";', "VAL_ 133 A");
+        expect(linesIn(notes)).toEqual([4, 5]);
+    });
+
+    test("a comment that does not end", () => {
+        const { notes } = ofText(...message, 'CM_ SG_ 133 A "begins', "goes on");
+        expect(notes).toEqual(["the comment that begins in line 3 does not end"]);
+    });
+
+    test("messages without signals", () => {
+        expect(ofText(...message, "BO_ 1 E: 1 X").notes).toEqual(["1 message without signals left out"]);
+        expect(ofText(...message, "BO_ 1 E: 1 X", "BO_ 2 F: 1 X").notes).toEqual([
+            "2 messages without signals left out",
+        ]);
+    });
+
+    test("nothing where all is understood", () => {
+        const lines = ['VERSION ""', "NS_ :", "BS_:", "BU_: ECU", ...message, 'VAL_TABLE_ T 0 "a" ;', 'BA_ "B" "C";'];
+        expect(ofText(...lines).notes).toEqual([]);
+    });
+});
+
+describe("files that nobody wants:", () => {
+    const signal = (name: string, factor = "1", bits = "0|8") => ` SG_ ${name} : ${bits}@1+ (${factor},0) [0|1] "" E`;
+
+    test("nothing of it can be imported", () => {
+        const content = Buffer.from('BO_ 1 EMPTY: 8 E\nBO_ x\nBO_ 2 M: 8 E\n SG_ A : 0|64@1+ (1,0) [0|0] "" E');
+        expect(() => importDbc(content)).toThrow(
+            expect.objectContaining({
+                message: "no signal of it can be imported",
+                outcomes: [{ path: "M.A", verdict: "not possible", why: "it has 64 bits, a value has at most 32" }],
+                notes: ["line 2 is not understood: BO_ x", "1 message without signals left out"],
+            }),
+        );
+    });
+
+    test("more signals in a message than can be held against each other", () => {
+        const names = Array.from({ length: 4097 }, (_, at) => `S${at}`);
+        const content = (count: number) => ["BO_ 1 M: 1 E", ...names.slice(0, count).map((name) => signal(name))];
+        expect(ofText(...content(4096)).outcomes.at(-1)).toEqual({ path: "M.S4095", verdict: "exact", why: "" });
+        expect(ofText(...content(4097)).outcomes.at(-1)).toEqual({
+            path: "M.S4096",
+            verdict: "not possible",
+            why: "its message has 4097 signals, and at most 4096 are read",
+        });
+    });
+
+    test("numbers of any size", () => {
+        const factors = ["1e999999999999999", "1e-999999999999999", "1e1000000", "9".repeat(1000)];
+        const wrong = ["9".repeat(1001), "1e9999999999999999", "e", ".", "+-1", "1.2.3"];
+        const signals = [...factors, ...wrong].map((factor, at) => signal(`S${at}`, factor));
+        const { outcomes, notes } = ofText("BO_ 1 M: 1 E", ...signals, signal("Far", "1", `${"9".repeat(20)}|8`));
+        expect(outcomes.map(({ why }) => why)).toEqual([
+            "its values are beyond all numbers",
+            "without its bounds, any to 1, within which it never is".replace(/.*/, ""),
+            "its values are beyond all numbers",
+            "its values are beyond all numbers",
+        ]);
+        expect(linesIn(notes)).toEqual([6, 7, 8, 9, 10, 11, 12]);
+    });
+
+    test("a path that is deeper than schemas are read", () => {
+        const deep = (levels: number) => [
+            ...["BO_ 1 M: 1 E", signal("A"), 'BA_DEF_ SG_ "VorbelPath" STRING ;'],
+            `BA_ "VorbelPath" SG_ 1 A "${Array(levels).fill("a").join(".")}";`,
+        ];
+        expect(ofText(...deep(500)).outcomes[0]!.path).toBe(Array(500).fill("a").join("."));
+        expect(ofText(...deep(501)).outcomes[0]!.path).toBe("M.A");
+    });
+});
+
+// Chance
+
+/** Numbers of 32 bits that are the same at each run. */
+function chanceOf(seed: number): (below: number) => number {
+    let state = seed;
+    return (below) => {
+        state = (Math.imul(state, 1664525) + 1013904223) >>> 0;
+        return Math.floor((state / 2 ** 32) * below);
+    };
+}
+
+const PIECES = [
+    '"',
+    ";",
+    ":",
+    "|",
+    " ",
+    "\n",
+    "@",
+    "\\",
+    "-",
+    ".",
+    "M",
+    "m1",
+    "9",
+    "é",
+    "BO_ ",
+    " SG_ ",
+    "\0",
+    "\u2028",
+];
+
+/** The text with something else in some places, or with lines that are elsewhere, twice or not there. */
+function mutated(text: string, chance: (below: number) => number): string {
+    for (let left = 1 + chance(8); left > 0; left--) {
+        const lines = text.split("\n");
+        const [at, from, to] = [chance(text.length), chance(lines.length), chance(lines.length)];
+        const kind = chance(5);
+        if (kind === 0) text = text.slice(0, at) + PIECES[chance(PIECES.length)] + text.slice(at);
+        if (kind === 1) text = text.slice(0, at) + PIECES[chance(PIECES.length)] + text.slice(at + 1);
+        if (kind === 2) text = text.slice(0, at) + text.slice(at + chance(20));
+        if (kind === 3) text = lines.toSpliced(from, 0, lines[to]!).join("\n");
+        if (kind === 4) text = lines.toSpliced(from, 1).toSpliced(to, 0, lines[from]!).join("\n");
+    }
+    return text;
+}
+
+test("whatever stands in a file, a schema without errors comes of it, or the one error", () => {
+    const chance = chanceOf(20261123);
+    const texts = [...cases.map(textOf), cases.map(textOf).join("")];
+    let schemas = 0;
+    for (let round = 0; round < 6000; round++) {
+        const text = mutated(texts[chance(texts.length)]!, chance);
+        const content = Buffer.from(text, chance(4) === 0 ? "latin1" : "utf8");
+        const { schema, outcomes } = imported(content);
+        expect(
+            checkSchema(schema).filter(({ isError }) => isError),
+            text,
+        ).toEqual([]);
+        expect(leavesOf(schema).length, text).toBeGreaterThanOrEqual(
+            outcomes.filter(({ verdict }) => verdict !== "not possible").length,
+        );
+        if (leavesOf(schema).length > 0) schemas++;
+    }
+    expect(schemas).toBeGreaterThan(3000);
+});
+
+// Time
+
+const HEAD = "BO_ 1 M: 8 E\n";
+const plain = (name: string) => ` SG_ ${name} : 0|8@1+ (1,0) [0|0] "" E\n`;
+const LONG: [name: string, content: (size: number) => string][] = [
+    ["one line of nothing", (size) => "x".repeat(size)],
+    ["lines of nothing", (size) => "x\n".repeat(size / 2)],
+    ["empty lines", (size) => "\n".repeat(size)],
+    ...["BO_ ", "SG_ ", "CM_ SG_ ", "CM_ BO_ ", "VAL_ ", "BA_ ", "BA_DEF_ ", "SIG_VALTYPE_ ", "SG_MUL_VAL_ "].flatMap(
+        (word): typeof LONG => [
+            [`${word}and blanks`, (size) => `${HEAD}${word}1 A ${" ".repeat(size)}`],
+            [`${word}and letters`, (size) => `${HEAD}${word}${"A".repeat(size)}`],
+            [`${word}and quotes`, (size) => `${HEAD}${word}1 A ${'" '.repeat(size / 2)}`],
+            [`${word}and colons`, (size) => `${HEAD}${word}1 A ${" :".repeat(size / 2)}`],
+            [`${word}and semicolons`, (size) => `${HEAD}${word}1 A "${" ;".repeat(size / 2)}`],
+            [`${word}and digits`, (size) => `${HEAD}${word}${"1".repeat(size)}`],
+            [`${word}again and again`, (size) => `${HEAD}${`${word}\n`.repeat(size / word.length)}`],
+        ],
+    ),
+    ["a comment", (size) => `${HEAD}${plain("A")}CM_ SG_ 1 A "${" a ;\n".repeat(size / 5)}";`],
+    ["comments that begin", (size) => `${HEAD}${'CM_ BO_ 1 "\n'.repeat(size / 12)}`],
+    ["messages of one name", (size) => `${HEAD}${plain("A")}`.repeat(size / 50)],
+    ["messages of one name that are not possible", (size) => `BO_ 1 M: 0 E\n${plain("A")}`.repeat(size / 50)],
+    ["signals of one name", (size) => HEAD + plain("A").repeat(size / 40)],
+    ["labels of one text", (size) => `${HEAD}${plain("A")}VAL_ 1 A ${numbered(size / 10, (at) => `${at} "a"`)};`],
+    ["ranges", (size) => `${HEAD}${plain("A")}SG_MUL_VAL_ 1 A A ${"1-1,".repeat(size / 4)}1-1;`],
+    ["a path", (size) => `${HEAD}${plain("A")}BA_ "VorbelPath" SG_ 1 A "${"a.".repeat(size / 2)}";`],
+    ["words of an attribute", (size) => `BA_DEF_ BO_ "VFrameFormat" ENUM ${'"a",'.repeat(size / 4)};`],
+];
+
+function numbered(count: number, text: (at: number) => string): string {
+    return Array.from({ length: count }, (_, at) => text(at)).join(" ");
+}
+
+/** The least of some times, which what else goes on does not make shorter. */
+function secondsOf(content: Uint8Array): number {
+    const times = Array.from({ length: 3 }, () => {
+        const begin = performance.now();
+        imported(content);
+        return performance.now() - begin;
+    });
+    return Math.min(...times) / 1000;
+}
+
+describe("eight times the size takes not much more than eight times as long:", () => {
+    const SIZE = 1 << 17;
+
+    test.each(LONG)("%s", (_, content) => {
+        const [short, long] = [SIZE, 8 * SIZE].map((size) => secondsOf(Buffer.from(content(size))));
+        // Quadratic would be 64. What is over in no time says nothing.
+        expect(long! / Math.max(short!, 0.005)).toBeLessThan(30);
+    });
+});
