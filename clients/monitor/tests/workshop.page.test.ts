@@ -348,6 +348,25 @@ test("opens a schema file, refuses one that is wrong, and saves what was made", 
     await page.getByText("Nothing has a name yet.").waitFor();
 });
 
+test("takes schemas and DBC files that are dropped", async () => {
+    await openWorkshop();
+    const drop = async (name: string, text: string) => {
+        const dataTransfer = await page.evaluateHandle(
+            ([name, text]) => {
+                const transfer = new DataTransfer();
+                transfer.items.add(new File([text!], name!));
+                return transfer;
+            },
+            [name, text],
+        );
+        await page.locator("main").dispatchEvent("drop", { dataTransfer });
+    };
+    await drop("a.json", '{"dropped": {"@mac": 5, "@cmd": 2, "@format": "C"}}');
+    await expect.poll(told).toBe("a.json is open.");
+    await drop("PLANT.DBC", readFileSync(PLANT, "utf8"));
+    await page.getByRole("heading", { name: "Imported PLANT.DBC" }).waitFor();
+});
+
 test("imports a DBC file, tells what became of its signals, and takes it back", async () => {
     await openWorkshop();
     await choose("DBC file", "plant.dbc", readFileSync(PLANT));
@@ -462,6 +481,7 @@ test.each([
     await page.locator("main").evaluate((main) => main.scrollTo(0, 0));
     if (colorScheme === "light") await shoot(width === 360 ? "phone-workshop" : "workshop");
     expect(await state(), "a reading").toEqual([[], 0]);
+    if (width === 360) expect(await tooSmallForFingers()).toEqual([]);
     await field("Scale").fill("none");
     expect(await state(), "a wrong scale").toEqual([[], 0]);
     await field("Scale").fill("");
@@ -479,6 +499,17 @@ test.each([
     expect(await state(), "another's schema").toEqual([[], 0]);
 });
 
+/** What can be pressed and is smaller than a finger. */
+function tooSmallForFingers(): Promise<string[]> {
+    return page.locator("button:visible, [role=option], [data-cell], .reading").evaluateAll((elements) =>
+        elements.flatMap((element) => {
+            const { width, height } = element.getBoundingClientRect();
+            const isBit = element.matches(".bit"); // eight of them have to stand side by side
+            return height < 42 || (width < 42 && !isBit) ? [`${element.textContent}: ${width} × ${height}`] : [];
+        }),
+    );
+}
+
 test("follows 200 endpoints with 1,000 frames a second", async () => {
     await machine.stop();
     const busy = new Machine();
@@ -490,7 +521,7 @@ test("follows 200 endpoints with 1,000 frames a second", async () => {
     await page.getByRole("option").first().click();
     const { frames, pictures, seconds } = await page.evaluate(async () => {
         const count = () =>
-            Number(/[\d,]+/.exec(document.querySelector(".endpoints .quiet")!.textContent!)![0].replaceAll(",", ""));
+            Number(/[\d,]+/.exec(document.querySelector(".endpoints .quiet")!.textContent)![0].replaceAll(",", ""));
         let pictures = 0;
         const draw = () => requestAnimationFrame(() => (pictures++, draw()));
         draw();

@@ -1,6 +1,7 @@
 import { useEffect, useMemo, useRef, useState } from "preact/hooks";
 import { dotted, leavesOf, type Leaf } from "vorbel";
 import { candidatesOf, type Candidate, type Leafish, type Selection } from "../../model/workshop/selection";
+import type { Draft } from "../../model/workshop/draft";
 import type { Endpoint } from "../../model/workshop/traffic";
 import type { Workshop } from "../../model/workshop/workshop";
 import { Boundary } from "../boundary";
@@ -12,7 +13,7 @@ import { Leaves } from "./leaves";
 import { identifierOf, selectionOf } from "./places";
 import { LivePlot, type Curve } from "./plot";
 import { Readings } from "./readings";
-import { SchemaTools, useUndoKeys } from "./tools";
+import { SchemaTools, useFiles, useUndoKeys } from "./tools";
 
 /** The way to read a leaf that is in the schema as it is there. */
 const PRESENT = "present";
@@ -41,6 +42,8 @@ export function Bench({ workshop }: { workshop: Workshop }) {
     const [latest, setLatest] = useState<string>();
     const [told, tell] = useState("");
     useUndoKeys(draft, tell);
+    useEffect(() => askBeforeLeaving(draft), [draft]);
+    const files = useFiles(draft, tell);
     const editing = work.editing && draft.leafAt(work.editing.path) ? work.editing : undefined;
     const endpoint = work.identifier === undefined ? undefined : traffic.endpoints.get(work.identifier);
     const length = Math.max(0, ...(endpoint?.lengths ?? []));
@@ -75,7 +78,18 @@ export function Bench({ workshop }: { workshop: Workshop }) {
     const isReading = work.selection !== undefined || editing !== undefined;
     const curves = curvesOf(workshop, plotted, endpoint, chosen);
     return (
-        <main class="workshop" ref={main} tabIndex={-1} aria-label="Workshop">
+        <main
+            class="workshop"
+            ref={main}
+            tabIndex={-1}
+            aria-label="Workshop"
+            onDragOver={(event) => event.preventDefault()}
+            onDrop={(event) => {
+                event.preventDefault();
+                const file = event.dataTransfer?.files[0];
+                if (file) files.take(file);
+            }}
+        >
             <Boundary part="What talks">
                 <Endpoints workshop={workshop} chosen={work.identifier} choose={choose} />
             </Boundary>
@@ -128,7 +142,7 @@ export function Bench({ workshop }: { workshop: Workshop }) {
                 <div class="title">
                     <h2 id="leaves-title">Schema</h2>
                 </div>
-                <SchemaTools draft={draft} tell={tell} />
+                <SchemaTools draft={draft} files={files} tell={tell} />
                 <p class="told" role="status">
                     {told}
                 </p>
@@ -147,6 +161,13 @@ export function Bench({ workshop }: { workshop: Workshop }) {
             </section>
         </main>
     );
+}
+
+/** What was made is lost with the page. */
+function askBeforeLeaving(draft: Draft): () => void {
+    const ask = (event: Event) => draft.canUndo !== undefined && event.preventDefault();
+    window.addEventListener("beforeunload", ask);
+    return () => window.removeEventListener("beforeunload", ask);
 }
 
 function presentOf(editing: Editing | undefined): Candidate[] {

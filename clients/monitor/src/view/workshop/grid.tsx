@@ -41,8 +41,7 @@ export function ByteGrid({ workshop, endpoint, selection, reading, select }: Gri
                     {rateText(endpoint.rate(now()))} a second, {[...endpoint.lengths].sort().join(" or ")} bytes
                 </span>
                 <p class="quiet help" id="grid-help">
-                    Press a byte or a bit, or drag over several. Keys: arrows move, space selects, Shift and arrows
-                    extend.
+                    Press or drag over bytes or bits. Keys: arrows, space, Shift and arrows.
                 </p>
             </div>
             <div

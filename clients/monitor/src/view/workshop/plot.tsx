@@ -13,6 +13,7 @@ import { lineColor } from "../lines";
 import { useUPlot } from "../uplot";
 import { courseOf } from "./course";
 import { paintText } from "./paint";
+import { memberText } from "./texts";
 
 /** Seconds in sight. */
 const SPAN = 10;
@@ -83,7 +84,7 @@ function optionsOf(curves: Curve[]): uPlot.Options {
 }
 
 function unitOf(leaf: Leafish): string {
-    return shown(String(leaf["unit"] ?? ""));
+    return shown(memberText(leaf, "unit"));
 }
 
 /** Which curve is what, and what it is at present. */

@@ -8,9 +8,18 @@ export const NO_TEXTS: Texts = { name: "", title: "", unit: "", scale: "", offse
 
 const MOST_DECIMALS = 15;
 
+/** The members that are typed. */
+const TYPED: ReadonlySet<string> = new Set(["title", "unit", "scale", "offset", "decimals"]);
+
+/** A member as it can be typed; empty where there is none, or one of another type. */
+export function memberText(leaf: Leafish, member: string): string {
+    const value = leaf[member];
+    return typeof value === "string" || typeof value === "number" ? String(value) : "";
+}
+
 /** What there is to be changed of a leaf that is in the schema. */
 export function textsOf(path: string, leaf: Leafish): Texts {
-    const text = (member: string) => String(leaf[member] ?? "");
+    const text = (member: string) => memberText(leaf, member);
     return {
         name: path,
         title: text("title"),
@@ -37,7 +46,7 @@ export function isWrong(problems: Partial<Record<FieldName, string>>): boolean {
 
 /** A leaf as it is read, with what was typed; what is empty is not in it. */
 export function leafOf(reading: Leafish, { title, unit, scale, offset, decimals }: Texts): Leafish {
-    const { title: _, unit: __, scale: ___, offset: ____, decimals: _____, ...bare } = reading;
+    const bare = Object.entries(reading).filter(([name]) => !TYPED.has(name));
     const number = (text: string) => (text.trim() === "" || !isNumber(text) ? undefined : Number(text));
     const members = {
         title: title.trim() || undefined,
@@ -46,7 +55,8 @@ export function leafOf(reading: Leafish, { title, unit, scale, offset, decimals 
         offset: number(offset),
         decimals: isCount(decimals) ? number(decimals) : undefined,
     };
-    return { ...bare, ...Object.fromEntries(Object.entries(members).filter(([, value]) => value !== undefined)) };
+    const typed = Object.entries(members).filter(([, value]) => value !== undefined);
+    return Object.fromEntries([...bare, ...typed]);
 }
 
 function isNumber(text: string): boolean {

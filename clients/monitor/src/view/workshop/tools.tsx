@@ -8,33 +8,50 @@ import { useSource } from "../frame";
 import { Icon } from "../icons";
 import { ImportReport, type Report } from "./report";
 
-type ToolsProps = { draft: Draft; tell: (what: string) => void };
+/** Files that are taken into the draft, and what became of the last one. */
+export type Files = {
+    open: (file: File) => void;
+    importDbc: (file: File) => void;
+    /** What the name says that it is. */
+    take: (file: File) => void;
+    problem: string | undefined;
+    report: Report | undefined;
+    closeReport: () => void;
+};
 
-/** Steps back and forth, files, and what is wrong with the schema. */
-export function SchemaTools({ draft, tell }: ToolsProps) {
-    useSource(draft.source);
+export function useFiles(draft: Draft, tell: (what: string) => void): Files {
     const [problem, setProblem] = useState<string>();
     const [report, setReport] = useState<Report>();
-    const attempt = (act: () => Promise<void>) => {
+    const attempt = (act: (file: File) => Promise<void>) => (file: File) => {
         setProblem(undefined);
-        act().catch((error: Error) => setProblem(error.message));
+        act(file).catch((error: Error) => setProblem(`${file.name}: ${error.message}`));
     };
-    const open = async (file: File) => {
+    const open = attempt(async (file) => {
         draft.load(await file.text());
         tell(`${file.name} is open.`);
-    };
-    const importFile = async (file: File) => {
+    });
+    const importDbc = attempt(async (file) => {
         const content = new Uint8Array(await file.arrayBuffer());
-        const { importDbc, NothingImported } = await import("../../model/workshop/dbc");
+        const dbc = await import("../../model/workshop/dbc");
         try {
-            const imported = importDbc(content);
+            const imported = dbc.importDbc(content);
             setReport({ name: file.name, ...imported, ...draft.merge(imported.schema) });
             tell(`${file.name} is imported.`);
         } catch (error) {
-            if (!(error instanceof NothingImported)) throw error;
+            if (!(error instanceof dbc.NothingImported)) throw error;
             setReport({ name: file.name, outcomes: error.outcomes, notes: error.notes, added: 0, renamed: [] });
         }
-    };
+    });
+    const take = (file: File) => (/\.dbc$/i.test(file.name) ? importDbc : open)(file);
+    return { open, importDbc, take, problem, report, closeReport: () => setReport(undefined) };
+}
+
+type ToolsProps = { draft: Draft; files: Files; tell: (what: string) => void };
+
+/** Steps back and forth, files, and what is wrong with the schema. */
+export function SchemaTools({ draft, files, tell }: ToolsProps) {
+    useSource(draft.source);
+    const { problem, report } = files;
     return (
         <>
             <div class="actions schema-tools">
@@ -56,19 +73,14 @@ export function SchemaTools({ draft, tell }: ToolsProps) {
                     label="Open schema file…"
                     name="Schema file"
                     accept=".json,application/json"
-                    take={(file) => attempt(() => open(file))}
+                    take={files.open}
                 >
                     Open…
                 </FileButton>
                 <button title="Save as file" onClick={() => save(draft)}>
                     Save as file
                 </button>
-                <FileButton
-                    label="Import DBC…"
-                    name="DBC file"
-                    accept=".dbc"
-                    take={(file) => attempt(() => importFile(file))}
-                >
+                <FileButton label="Import DBC…" name="DBC file" accept=".dbc" take={files.importDbc}>
                     Import DBC…
                 </FileButton>
             </div>
@@ -78,7 +90,7 @@ export function SchemaTools({ draft, tell }: ToolsProps) {
                 </p>
             )}
             <Problems draft={draft} />
-            {report && <ImportReport report={report} draft={draft} close={() => setReport(undefined)} />}
+            {report && <ImportReport report={report} draft={draft} close={files.closeReport} />}
         </>
     );
 }
