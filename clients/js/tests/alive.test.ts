@@ -4,9 +4,11 @@ import { WebSocket } from "ws";
 import {
     Client,
     NotConnectedError,
+    SchemaError,
     UnconfirmedError,
     WriteError,
     type ClientOptions,
+    type Schema,
     type WebSocketConstructor,
 } from "../src/index.js";
 import { Network } from "./link.js";
@@ -117,6 +119,89 @@ describe.each(kinds)("with a WebSocket %s", (_, WebSocket) => {
         await Promise.all(deliveries);
         await until(() => machine.heard.length === 3, "three frames", 1);
         expect(machine.heard).toEqual(["mac 5 cmd 3: 01 00", "mac 5 cmd 3: 02 00", "mac 5 cmd 3: 03 00"]);
+    });
+
+    test("a schema that is delivered is in force, and belongs to who delivered it", async () => {
+        const client = await ofMachine(WebSocket);
+        const speed = { "@mac": 5, "@cmd": 2, "@format": "s" };
+        const other = newClient(WebSocket);
+        await other.ready();
+        await other.deliverSchema({ other: speed });
+        expect(other.ownsSchema).toBe(true);
+        const seen = newClient(WebSocket); // on its connection nothing of before is on its way
+        await seen.ready();
+        expect(Object.keys((await seen.values().next()).value as object)).toEqual(["other"]);
+        await until(() => !client.ownsSchema, "the former owner to notice", 3);
+    });
+
+    test("a schema that is delivered can be written by", async () => {
+        const client = await ofMachine(WebSocket);
+        await client.deliverSchema({ low: { "@mac": 5, "@cmd": 2, "@format": "s", bits: [0, 4] } });
+        await client.values().next();
+        await until(() => {
+            try {
+                client.set("low", 5);
+                return true;
+            } catch {
+                return false; // none of its readings has come yet
+            }
+        }, "a reading");
+    });
+
+    test("a schema with errors, or without a connection, is not delivered", async () => {
+        const client = await ofMachine(WebSocket);
+        await expect(client.deliverSchema({ a: { "@mac": 70, "@format": "C" } } as Schema)).rejects.toThrow(
+            SchemaError,
+        );
+        await expect(client.deliverSchema({})).rejects.toThrow(SchemaError);
+        expect(client.schema).toBe(machineSchema);
+        client.close();
+        await expect(client.deliverSchema(machineSchema)).rejects.toThrow(/closed here.*: the schema was not sent$/);
+        expect(client.ownsSchema).toBe(true);
+    });
+
+    test("a schema without an answer after it may be in force", async () => {
+        let isCutting = false;
+        class Cutting extends (WebSocket as any) {
+            send(data: unknown) {
+                super.send(data);
+                if (isCutting) network.cut();
+            }
+        }
+        const client = await ofMachine(Cutting as unknown as WebSocketConstructor);
+        isCutting = true;
+        await expect(client.deliverSchema(machineSchema)).rejects.toThrow(UnconfirmedError);
+    });
+
+    test("a schema over a network that stalls is not waited for for ever", async () => {
+        const client = await ofMachine(WebSocket, { lostAfter: 600_000 });
+        network.stall();
+        await expect(client.deliverSchema(machineSchema, { timeout: 200 })).rejects.toThrow("no answer in time");
+    });
+
+    test("a client that finishes leaves when all that it sent was handled", async () => {
+        const client = await ofMachine(WebSocket);
+        for (let setpoint = 1; setpoint <= 5; setpoint++) client.set("motor.setpoint", setpoint);
+        const ended = client.values().next();
+        const finish = client.finish();
+        expect(client.state).toBe("closed");
+        await finish;
+        await until(() => machine.heard.length === 5, "five frames", 1);
+        expect((await ended).done).toBe(true);
+        await expect(client.finish()).rejects.toThrow(/^Not connected to .*closed here/);
+    });
+
+    test("a client that finishes says when nothing tells whether all was handled", async () => {
+        const client = await ofMachine(WebSocket);
+        network.stall();
+        await expect(client.finish(200)).rejects.toThrow(UnconfirmedError);
+        const other = newClient(WebSocket, { lostAfter: 600_000 });
+        network.resume();
+        await other.ready();
+        network.stall();
+        const finish = expect(other.finish()).rejects.toThrow("the connection broke off");
+        network.cut();
+        await finish;
     });
 
     test("what cannot be delivered at once is never delivered", async () => {

@@ -28,8 +28,10 @@ afterEach(() => machine.stop());
 /** What schema went out, and by which connection: the page's is 1. */
 type Sent = [connection: number, schema: string];
 
+type Kind = "pinging" | "browser";
+
 /** Sockets as Node has them, or as browsers do, which cannot ping; and the schemas that they send. */
-function sockets(kind: "pinging" | "browser") {
+function sockets(kind: Kind) {
     const sent: Sent[] = [];
     let count = 0;
     class Counting extends WebSocket {
@@ -51,8 +53,10 @@ function nameOf(schema: object): string {
     return names.length === 2048 ? "all frames" : names.join(" ") || "none";
 }
 
+type Options = { kind?: Kind; address?: string; memory?: ReturnType<typeof memoryOf> };
+
 /** A page, connected. */
-async function newPage({ kind = "browser", address = ADDRESS, memory = memoryOf() } = {}) {
+async function newPage({ kind = "browser", address = ADDRESS, memory = memoryOf() }: Options = {}) {
     const { WebSocket, sent } = sockets(kind);
     const session = new Session({
         home: address,
@@ -77,7 +81,7 @@ function workshopOf(page: { session: Session; memory: ReturnType<typeof memoryOf
 }
 
 /** The page of the test's schema, sent to the daemon by it, and its workshop. */
-async function newWorkshop(options: Parameters<typeof newPage>[0] = {}) {
+async function newWorkshop(options: Options = {}) {
     const page = await newPage(options);
     page.session.setSchema(JSON.stringify(mine), true);
     await until(() => page.session.tree.find(["mine"])?.series !== undefined, "a value");
@@ -119,7 +123,7 @@ async function restartDaemon(...ends: { state: string }[]): Promise<void> {
     await machine.startDaemon();
 }
 
-describe.each(["browser", "pinging"] as const)("a workshop over %s sockets", (kind) => {
+describe.each<Kind>(["browser", "pinging"])("a workshop over %s sockets", (kind) => {
     test("sends nothing before somebody has agreed, and then the schema for all frames behind an empty one", async () => {
         const { workshop, states, sent } = await newWorkshop({ kind });
         await sleep(300);
@@ -242,6 +246,23 @@ describe("while a workshop is open", () => {
         expect(session.ownsSchema).toBe(false);
         expect(sent.at(-1)![1]).toBe("mine");
         expect(sent.filter(([, schema]) => schema === "mine").length).toBe(2);
+    });
+
+    test("a connection that was only lost finds all as it was", async () => {
+        const network = await Network.open();
+        onTestFinished(() => network.close());
+        const { workshop, states, sent } = await newWorkshop({ address: network.address });
+        await workshop.begin();
+        await until(() => workshop.traffic.frames > 5, "frames");
+        const before = sent.length;
+        network.cut();
+        await until(() => workshop.state === "lost", "the loss");
+        await until(() => workshop.state === "open", "the connection");
+        expect(states).toEqual(["starting", "open", "lost", "open"]);
+        expect(workshop.reason).toBe("the daemon still sends the bytes of all frames");
+        expect(sent.length).toBe(before);
+        await workshop.leave("former");
+        expect(await comes()).toEqual(["mine"]);
     });
 
     test("another client's schema ends it, and stays on leaving", async () => {
@@ -374,6 +395,22 @@ describe("a workshop that was not left", () => {
         expect(interrupted(memory)).toBeUndefined();
         expect(await comes()).toEqual(["mine"]);
         expect(session.ownsSchema).toBe(true);
+    });
+
+    test("leaves nothing where values of the former schema come", async () => {
+        const memory = memoryOf({ ...record(mine), schema: JSON.stringify(mine) });
+        const { session } = await newPage({ memory });
+        expect(interrupted(memory, session)?.schema).toEqual(mine);
+        (await newClient()).setSchema(theirs);
+        await until(() => session.tree.find(["theirs"]) !== undefined, "a value");
+        expect(interrupted(memory, session)?.schema).toEqual(mine);
+        (await newClient()).setSchema(mine);
+        await until(() => session.tree.find(["mine"])?.series !== undefined, "a value");
+        expect(interrupted(memory, session)?.schema).toEqual(mine); // another one's values came as well
+        const visit = await newPage({ memory });
+        await until(() => visit.session.tree.find(["mine"])?.series !== undefined, "a value");
+        expect(interrupted(memory, visit.session)).toBeUndefined();
+        expect(interrupted(memory)).toBeUndefined();
     });
 
     test("may have had another schema than the page has now, which stays as it is", async () => {

@@ -36,10 +36,30 @@ export function forget(memory: Memory): void {
     memory.save(RECORD, "");
 }
 
-/** What a workshop that ended without leaving has left; undefined where none did, or where it goes on in another page. */
-export function interrupted(memory: Memory): Interrupted | undefined {
+/**
+ * What a workshop that ended without leaving has left; undefined where none did, or where it goes on in another page.
+ * Once a session has values of the former schema, that is in force again, and nothing is left.
+ */
+export function interrupted(memory: Memory, session?: Session): Interrupted | undefined {
     const isThere = Date.now() - Number(memory.load(SIGN) || -Infinity) < GONE;
-    return isThere ? undefined : recordIn(memory.load(RECORD) ?? "");
+    const left = isThere ? undefined : recordIn(memory.load(RECORD) ?? "");
+    if (!left || !session || !isBack(left, session)) return left;
+    forget(memory);
+    return undefined;
+}
+
+function isBack({ address, schema }: Interrupted, session: Session): boolean {
+    if (!isAt(address, session) || !session.schema || session.foreign) return false;
+    return isSame(session.schema, schema) && session.tree.valued.some(({ leaf }) => leaf);
+}
+
+/** Whether a session is connected to the daemon of an address without a password. */
+function isAt(address: string, session: Session): boolean {
+    return session.state === "connected" && isSameDaemon(address, withoutPassword(session.address));
+}
+
+function isSame(one: Schema, other: Schema | undefined): boolean {
+    return JSON.stringify(one) === JSON.stringify(other);
 }
 
 function recordIn(text: string): Interrupted | undefined {
@@ -62,7 +82,7 @@ export async function putBack(session: Session, memory: Memory): Promise<void> {
     const left = interrupted(memory);
     if (!left) return;
     if (session.locked) throw new Error("The page is locked: nothing was sent");
-    if (session.state !== "connected" || !isSameDaemon(left.address, withoutPassword(session.address))) {
+    if (!isAt(left.address, session)) {
         throw new Error(`Not connected to ${left.address}, where the workshop was: nothing was sent`);
     }
     await giveTo(session, left.schema ?? {});
@@ -80,9 +100,7 @@ async function giveTo(session: Session, schema: Schema): Promise<void> {
         client.close();
     }
     session.takeSchemaBack(false);
-    if (session.schema && JSON.stringify(session.schema) === JSON.stringify(schema)) {
-        session.setSchema(session.schemaText, true);
-    }
+    if (session.schema && isSame(session.schema, schema)) session.setSchema(session.schemaText, true);
 }
 
 /** Milliseconds until the daemon has to be found, and to confirm a schema. */

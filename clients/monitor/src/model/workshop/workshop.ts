@@ -36,7 +36,7 @@ export class Workshop {
     #state: WorkshopState = "asking";
     #reason = "";
     /** Whether the page's own connection owned the former schema. */
-    readonly #wasOwned: boolean;
+    #wasOwned = false;
     readonly #address: string;
     #client: Client | undefined;
     /** That another client has sent a schema. */
@@ -49,7 +49,6 @@ export class Workshop {
         readonly memory: Memory,
     ) {
         this.former = session.schema;
-        this.#wasOwned = session.ownsSchema;
         this.#address = session.address;
         this.draft = new Draft(session.schema);
     }
@@ -113,6 +112,7 @@ export class Workshop {
 
     async #replaceSchema(client: Client): Promise<void> {
         remember(this.memory, { address: this.#address, schema: this.former });
+        this.#wasOwned = this.session.ownsSchema;
         this.session.lendSchema();
         this.#watch(client);
         try {
