@@ -336,6 +336,20 @@ test("undoes and does again, by buttons and keys", async () => {
     expect(await leafNames()).toHaveLength(2);
 });
 
+test("asks before what was made is lost", async () => {
+    await openWorkshop();
+    await endpoint("085 node 5 command 2").click();
+    await cell(0).click();
+    await field("Name").fill("one");
+    await field("Name").press("Enter");
+    await button("Leave: no schema, as before").click();
+    await page.getByRole("dialog").getByRole("button", { name: "Stay" }).click();
+    await expect.poll(leafNames).toHaveLength(1);
+    await button("Leave: no schema, as before").click();
+    await button("Leave without it").click();
+    await page.getByText("No values yet").waitFor();
+});
+
 test("opens a schema file, refuses one that is wrong, and saves what was made", async () => {
     await openWorkshop();
     await choose("Schema file", "a.json", JSON.stringify(machineSchema));

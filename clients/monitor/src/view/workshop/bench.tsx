@@ -1,7 +1,7 @@
 import { useEffect, useMemo, useRef, useState } from "preact/hooks";
 import { dotted, leavesOf, type Leaf } from "vorbel";
-import { candidatesOf, type Candidate, type Leafish, type Selection } from "../../model/workshop/selection";
 import type { Draft } from "../../model/workshop/draft";
+import { candidatesOf, type Candidate, type Leafish, type Selection } from "../../model/workshop/selection";
 import type { Endpoint } from "../../model/workshop/traffic";
 import type { Workshop } from "../../model/workshop/workshop";
 import { Boundary } from "../boundary";
@@ -44,7 +44,7 @@ export function Bench({ workshop }: { workshop: Workshop }) {
     useUndoKeys(draft, tell);
     useEffect(() => askBeforeLeaving(draft), [draft]);
     const files = useFiles(draft, tell);
-    const editing = work.editing && draft.leafAt(work.editing.path) ? work.editing : undefined;
+    const editing = stillThere(draft, work.editing);
     const endpoint = work.identifier === undefined ? undefined : traffic.endpoints.get(work.identifier);
     const length = Math.max(0, ...(endpoint?.lengths ?? []));
     const candidates = useMemo(
@@ -168,6 +168,11 @@ function askBeforeLeaving(draft: Draft): () => void {
     const ask = (event: Event) => draft.canUndo !== undefined && event.preventDefault();
     window.addEventListener("beforeunload", ask);
     return () => window.removeEventListener("beforeunload", ask);
+}
+
+/** Undone, or opened anew, it is another one. */
+function stillThere(draft: Draft, editing: Editing | undefined): Editing | undefined {
+    return editing && draft.leafAt(editing.path) === editing.leaf ? editing : undefined;
 }
 
 function presentOf(editing: Editing | undefined): Candidate[] {

@@ -29,7 +29,8 @@ export function LeafForm({ draft, endpoint, reading, former, done, cancel }: For
         shownFor.current = former;
         setTexts(former === undefined ? NO_TEXTS : textsOf(former, reading));
         setRefusal(undefined);
-        nameInput.current!.focus();
+        const isLost = document.activeElement === document.body; // what had it is gone with the change
+        if (former !== undefined || isLost) nameInput.current!.focus();
     }, [former]);
     const problems = problemsOf(texts);
     const leaf = leafOf(reading, texts);

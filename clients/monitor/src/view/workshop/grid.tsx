@@ -1,4 +1,4 @@
-import { useEffect, useRef, useState } from "preact/hooks";
+import { useEffect, useMemo, useRef, useState } from "preact/hooks";
 import { dotted, type Leaf } from "vorbel";
 import { now } from "../../model/clock";
 import { rateText, shown } from "../../model/text";
@@ -24,12 +24,12 @@ type GridProps = {
 export function ByteGrid({ workshop, endpoint, selection, reading, select }: GridProps) {
     const { identifier, node, command } = endpoint;
     useSource(workshop.values, 250);
-    useSource(workshop.draft.source);
     const rows = Math.min(BYTES, Math.max(1, ...endpoint.lengths));
     const grid = useRef<HTMLDivElement>(null);
     const handling = useSelecting(grid, identifier, rows, select);
     usePainting(grid, endpoint, rows);
-    const named = namesByBit(workshop.draft, identifier);
+    const { draft } = workshop;
+    const named = useMemo(() => namesByBit(draft, identifier), [draft.schema, identifier]);
     const read = new Set(reading ? payloadBits(reading) : []);
     return (
         <section class="panel bytes-panel" aria-labelledby="grid-title">

@@ -106,7 +106,7 @@ function Legend({ workshop, curves }: { workshop: Workshop; curves: Curve[] }) {
     return (
         <ul ref={list} class="legend" aria-labelledby="live-title">
             {curves.map(({ name, identifier }, at) => (
-                <li key={name}>
+                <li key={`${at} ${name}`}>
                     <span class="swatch" style={{ "--line": lineColor(at) }} />
                     <span class="name">
                         <span>{shown(name)}</span>

@@ -60,7 +60,8 @@ export function leafOf(reading: Leafish, { title, unit, scale, offset, decimals 
 }
 
 function isNumber(text: string): boolean {
-    return text.trim() === "" || /^[-+]?(\d+\.?\d*|\.\d+)(e[-+]?\d+)?$/i.test(text.trim());
+    const isWritten = /^[-+]?(\d+\.?\d*|\.\d+)(e[-+]?\d+)?$/i.test(text.trim());
+    return text.trim() === "" || (isWritten && Number.isFinite(Number(text)));
 }
 
 function isCount(text: string): boolean {

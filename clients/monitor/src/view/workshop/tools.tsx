@@ -1,4 +1,4 @@
-import { useEffect, useState } from "preact/hooks";
+import { useEffect, useMemo, useState } from "preact/hooks";
 import { dotted } from "vorbel";
 import { shown } from "../../model/text";
 import type { Draft } from "../../model/workshop/draft";
@@ -137,7 +137,7 @@ const SHOWN = 20;
 
 /** What is wrong or doubtful in the schema. */
 function Problems({ draft }: { draft: Draft }) {
-    const problems = draft.problems();
+    const problems = useMemo(() => draft.problems(), [draft.schema]);
     if (problems.length === 0) return null;
     return (
         <ul class="problems" aria-label="Problems of the schema" tabIndex={0}>

@@ -1,4 +1,4 @@
-import { useEffect, useState } from "preact/hooks";
+import { useEffect, useMemo, useState } from "preact/hooks";
 import type { Session } from "../../model/session";
 import { shown } from "../../model/text";
 import type { Draft } from "../../model/workshop/draft";
@@ -110,10 +110,11 @@ type BarProps = { workshop: Workshop; problem: string | undefined; leave: (into:
 function Bar({ workshop, problem, leave }: BarProps) {
     useSource(workshop.draft.source);
     const { state, draft, former } = workshop;
+    const [isAsking, setAsking] = useState(false);
     const cannotLeave = state === "leaving" || state === "starting";
     const isReplaced = state === "replaced";
     const back = former ? "Leave: former schema back" : "Leave: no schema, as before";
-    const obstacle = obstacleTo(draft);
+    const obstacle = useMemo(() => obstacleTo(draft), [draft.schema]);
     return (
         <header class="workshop-bar" aria-label="Workshop">
             <div class="told" role="status">
@@ -126,7 +127,10 @@ function Bar({ workshop, problem, leave }: BarProps) {
                 <p class={state === "open" ? "usual" : "unusual"}>{toldOf(workshop)}</p>
             </div>
             <div class="actions">
-                <button disabled={cannotLeave} onClick={() => leave("former")}>
+                <button
+                    disabled={cannotLeave}
+                    onClick={() => (draft.canUndo === undefined ? leave("former") : setAsking(true))}
+                >
                     {isReplaced ? "Leave: the other client's stays" : back}
                 </button>
                 <button
@@ -142,6 +146,19 @@ function Bar({ workshop, problem, leave }: BarProps) {
                 <p class="problem" role="alert">
                     {shown(problem)}
                 </p>
+            )}
+            {isAsking && (
+                <Question
+                    title="Leave without what was made?"
+                    yes="Leave without it"
+                    no="Stay"
+                    answer={(agreed) => {
+                        setAsking(false);
+                        if (agreed) leave("former");
+                    }}
+                >
+                    <p>What was changed in the schema here is lost with the workshop, unless it is saved as a file.</p>
+                </Question>
             )}
         </header>
     );
