@@ -50,7 +50,7 @@ describe("as the terminal tool imports it:", () => {
         expect(JSON.stringify(schema, null, 1)).toBe(JSON.stringify(each.schema, null, 1)); // in this order
         expect(outcomes.map(briefly)).toEqual(each.outcomes);
         if (each.lines) expect(linesIn(notes)).toEqual(each.lines);
-        expect(checkSchema(schema).filter(({ isError }) => isError)).toEqual([]);
+        expect(checkSchema(schema, { clear: true }).filter(({ severity }) => severity === "error")).toEqual([]);
     });
 });
 
@@ -61,15 +61,11 @@ test("frames mean what the file says", () => {
         ' SG_ Gear : 21|3@1+ (1,0) [0|0] "" ECU',
         'VAL_ 133 Gear 5 "reverse";',
     );
-    const [gear, , speed] = leavesOf(schema)
-        .sort((one, other) => other.skip - one.skip || 1)
-        .slice(1);
     const leaves = Object.fromEntries(leavesOf(schema).map((leaf) => [leaf.path.join("."), leaf]));
     expect(Object.keys(leaves)).toEqual(["DRIVE.Gear", "DRIVE.Speed", "DRIVE.last byte"]);
-    expect(gear ?? speed).toBeDefined();
     // The daemon reads ff f0 as 0xf0ff, and the third byte b4 as it is.
-    expect(new Meant(0xf0ff, leaves["DRIVE.Speed"]!)).toMatchObject({ value: 6, unit: "rpm" });
-    expect(new Meant(0xb4, leaves["DRIVE.Gear"]!)).toMatchObject({ value: 5, label: "reverse" });
+    expect(new Meant(0xf0ff, leaves["DRIVE.Speed"])).toMatchObject({ value: 6, unit: "rpm" });
+    expect(new Meant(0xb4, leaves["DRIVE.Gear"])).toMatchObject({ value: 5, label: "reverse" });
 });
 
 describe("what is noted:", () => {
@@ -121,13 +117,13 @@ describe("files that nobody wants:", () => {
     });
 
     test("more signals in a message than can be held against each other", () => {
-        const names = Array.from({ length: 4097 }, (_, at) => `S${at}`);
+        const names = Array.from({ length: 2049 }, (_, at) => `S${at}`);
         const content = (count: number) => ["BO_ 1 M: 1 E", ...names.slice(0, count).map((name) => signal(name))];
-        expect(ofText(...content(4096)).outcomes.at(-1)).toEqual({ path: "M.S4095", verdict: "exact", why: "" });
-        expect(ofText(...content(4097)).outcomes.at(-1)).toEqual({
-            path: "M.S4096",
+        expect(ofText(...content(2048)).outcomes.at(-1)).toEqual({ path: "M.S2047", verdict: "exact", why: "" });
+        expect(ofText(...content(2049)).outcomes.at(-1)).toEqual({
+            path: "M.S2048",
             verdict: "not possible",
-            why: "its message has 4097 signals, and at most 4096 are read",
+            why: "its message has 2049 signals, and at most 2048 are read",
         });
     });
 
@@ -138,7 +134,7 @@ describe("files that nobody wants:", () => {
         const { outcomes, notes } = ofText("BO_ 1 M: 1 E", ...signals, signal("Far", "1", `${"9".repeat(20)}|8`));
         expect(outcomes.map(({ why }) => why)).toEqual([
             "its values are beyond all numbers",
-            "without its bounds, any to 1, within which it never is".replace(/.*/, ""),
+            "its factor is 0",
             "its values are beyond all numbers",
             "its values are beyond all numbers",
         ]);
@@ -206,12 +202,12 @@ test("whatever stands in a file, a schema without errors comes of it, or the one
     const chance = chanceOf(20261123);
     const texts = [...cases.map(textOf), cases.map(textOf).join("")];
     let schemas = 0;
-    for (let round = 0; round < 6000; round++) {
+    for (let round = 0; round < 3000; round++) {
         const text = mutated(texts[chance(texts.length)]!, chance);
         const content = Buffer.from(text, chance(4) === 0 ? "latin1" : "utf8");
         const { schema, outcomes } = imported(content);
         expect(
-            checkSchema(schema).filter(({ isError }) => isError),
+            checkSchema(schema, { clear: true }).filter(({ severity }) => severity === "error"),
             text,
         ).toEqual([]);
         expect(leavesOf(schema).length, text).toBeGreaterThanOrEqual(
@@ -219,7 +215,7 @@ test("whatever stands in a file, a schema without errors comes of it, or the one
         );
         if (leavesOf(schema).length > 0) schemas++;
     }
-    expect(schemas).toBeGreaterThan(3000);
+    expect(schemas).toBeGreaterThan(1500);
 });
 
 // Time
@@ -232,7 +228,7 @@ const LONG: [name: string, content: (size: number) => string][] = [
     ["empty lines", (size) => "\n".repeat(size)],
     ...["BO_ ", "SG_ ", "CM_ SG_ ", "CM_ BO_ ", "VAL_ ", "BA_ ", "BA_DEF_ ", "SIG_VALTYPE_ ", "SG_MUL_VAL_ "].flatMap(
         (word): typeof LONG => [
-            [`${word}and blanks`, (size) => `${HEAD}${word}1 A ${" ".repeat(size)}`],
+            [`${word}and blanks`, (size) => `${HEAD}${word}1 A ${" ".repeat(size)}x`],
             [`${word}and letters`, (size) => `${HEAD}${word}${"A".repeat(size)}`],
             [`${word}and quotes`, (size) => `${HEAD}${word}1 A ${'" '.repeat(size / 2)}`],
             [`${word}and colons`, (size) => `${HEAD}${word}1 A ${" :".repeat(size / 2)}`],
@@ -247,27 +243,39 @@ const LONG: [name: string, content: (size: number) => string][] = [
     ["messages of one name that are not possible", (size) => `BO_ 1 M: 0 E\n${plain("A")}`.repeat(size / 50)],
     ["signals of one name", (size) => HEAD + plain("A").repeat(size / 40)],
     ["labels of one text", (size) => `${HEAD}${plain("A")}VAL_ 1 A ${numbered(size / 10, (at) => `${at} "a"`)};`],
+    ["multiplexers one below the other", (size) => chain().repeat(size / (1 << 15))],
+    ["three bytes beside whole ones", (size) => `${HEAD}${THREE}${plain("A").repeat(400)}`.repeat(size / (1 << 15))],
     ["ranges", (size) => `${HEAD}${plain("A")}SG_MUL_VAL_ 1 A A ${"1-1,".repeat(size / 4)}1-1;`],
     ["a path", (size) => `${HEAD}${plain("A")}BA_ "VorbelPath" SG_ 1 A "${"a.".repeat(size / 2)}";`],
     ["words of an attribute", (size) => `BA_DEF_ BO_ "VFrameFormat" ENUM ${'"a",'.repeat(size / 4)};`],
 ];
 
+const THREE = ' SG_ B : 8|24@1+ (1,0) [0|0] "" E\n'.repeat(400);
+
+/** Of some 32 kB. */
+function chain(): string {
+    const names = Array.from({ length: 480 }, (_, at) => `S${at}`);
+    const signals = names.map((name) => ` SG_ ${name} m1M : 0|8@1+ (1,0) [0|0] "" E\n`);
+    const choices = names.map((name, at) => `SG_MUL_VAL_ 1 ${name} S${at - 1} 1-1;\n`);
+    return [HEAD, ...signals, ...choices].join("");
+}
+
 function numbered(count: number, text: (at: number) => string): string {
     return Array.from({ length: count }, (_, at) => text(at)).join(" ");
 }
 
-/** The least of some times, which what else goes on does not make shorter. */
+/** The least of some times of the processor, which what else goes on does not make shorter. */
 function secondsOf(content: Uint8Array): number {
     const times = Array.from({ length: 3 }, () => {
-        const begin = performance.now();
+        const begin = process.cpuUsage();
         imported(content);
-        return performance.now() - begin;
+        return process.cpuUsage(begin).user;
     });
-    return Math.min(...times) / 1000;
+    return Math.min(...times) / 1e6;
 }
 
 describe("eight times the size takes not much more than eight times as long:", () => {
-    const SIZE = 1 << 17;
+    const SIZE = 1 << 15;
 
     test.each(LONG)("%s", (_, content) => {
         const [short, long] = [SIZE, 8 * SIZE].map((size) => secondsOf(Buffer.from(content(size))));

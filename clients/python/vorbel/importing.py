@@ -334,7 +334,7 @@ def _kind_refusal(signal: Signal) -> str:
         return f"it has {signal.size} bits, a value has at most {LARGEST}"
     if signal.is_float and (signal.size != LARGEST or signal.start % 8):
         return "it is a floating-point number, which needs four whole bytes"
-    if signal.scale == 0:
+    if float(signal.scale) == 0:
         return "its factor is 0"
     if any(math.isinf(float(number)) for number in signal.value_range):
         return "its values are beyond all numbers"
@@ -438,7 +438,9 @@ def _labels(labels: Mapping[int, str]) -> dict[int, str]:
     """A text that stands for several raw numbers is told apart by these, as a label has to be for writing."""
     found: dict[int, str] = {}
     for raw, text in sorted(labels.items()):
-        found[raw] = f"{text} ({raw})" if text in found.values() else text
+        while text in found.values():
+            text = f"{text} ({raw})"
+        found[raw] = text
     return found
 
 

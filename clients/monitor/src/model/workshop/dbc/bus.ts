@@ -12,8 +12,8 @@ const LONG_SIGNAL = "SystemSignalLongSymbol";
 const FRAME_FORMAT = "VFrameFormat";
 /** Where a schema had a signal, if elsewhere than under the names of the message and its own. */
 const PATH = "VorbelPath";
-/** Signals of a message, each of which is held against all others: two for each bit of those with 256 kinds of frames. */
-const MOST_SIGNALS = 4096;
+/** Signals of a message, each of which is held against all others: eight for each of 256 kinds of frames. */
+const MOST_SIGNALS = 2048;
 
 /** An attribute's kind, and the words that its numbers stand for. */
 export type Definition = { readonly type: "STRING" | "ENUM" | ""; readonly words: readonly string[] };
@@ -74,8 +74,8 @@ export function finished(draft: MessageDraft, ofMessages: Definitions, ofSignals
     const name = draft.attributes.get(LONG_MESSAGE)?.slice(1, -1) ?? draft.name;
     const isFd = attributeOf(draft.attributes, FRAME_FORMAT, ofMessages).includes("_FD");
     const refusal = refusalOf(draft, name, isFd);
-    const multiplexers = draft.signals.filter((signal) => signal.isMultiplexer);
-    const signals = draft.signals.map((signal) => finishedSignal(signal, refusal ? [] : multiplexers, ofSignals));
+    const multiplexers = draft.signals.filter((signal) => signal.isMultiplexer && !refusal).map(nameOf);
+    const signals = draft.signals.map((signal) => finishedSignal(signal, multiplexers, ofSignals));
     return { name, identifier: draft.identifier.number, size: draft.size, signals, comment: draft.comment, refusal };
 }
 
@@ -83,12 +83,12 @@ function refusalOf({ identifier, size, signals }: MessageDraft, name: string, is
     if (name === NO_MESSAGE) return "it is in no message";
     if (identifier.isExtended) return "its identifier has 29 bits, and the daemon knows those of 11";
     if (isFd || size > CLASSIC_BYTES) return "it is in a message of CAN FD";
-    if (signals.length > MOST_SIGNALS)
-        return `its message has ${signals.length} signals, and at most ${MOST_SIGNALS} are read`;
+    const count = signals.length;
+    if (count > MOST_SIGNALS) return `its message has ${count} signals, and at most ${MOST_SIGNALS} are read`;
     return "";
 }
 
-function finishedSignal(draft: Draft, multiplexers: readonly Draft[], definitions: Definitions): Signal {
+function finishedSignal(draft: Draft, multiplexers: readonly string[], definitions: Definitions): Signal {
     const { start, size, isLittleEndian, isFloat, scale, offset, unit, comment, labels } = draft;
     return {
         name: nameOf(draft),
@@ -117,20 +117,19 @@ function boundsOf({ least, largest, ...draft }: Draft): Pick<Signal, "least" | "
     };
 }
 
-function choiceOf(draft: Draft, multiplexers: readonly Draft[]): Choice | undefined {
+function choiceOf(draft: Draft, multiplexers: readonly string[]): Choice | undefined {
     const { selected } = draft;
     const marked: Range[] = selected === undefined ? [] : [[selected, selected]];
     const ranges = draft.ranges.length > 0 ? draft.ranges : marked;
     if (ranges.length === 0) return undefined;
     if (draft.selector) return { selector: longName(draft.selector, multiplexers), ranges };
-    const others = multiplexers.filter((each) => each !== draft);
-    return { selector: others.length === 1 ? nameOf(others[0]!) : "", ranges };
+    const others = multiplexers.toSpliced(draft.isMultiplexer ? multiplexers.indexOf(nameOf(draft)) : Infinity, 1);
+    return { selector: others.length === 1 ? others[0]! : "", ranges };
 }
 
 /** That of the multiplexer whose name in the file had to be cut to this one. */
-function longName(name: string, multiplexers: readonly Draft[]): string {
-    const names = multiplexers.map(nameOf);
-    return names.includes(name) ? name : (names.find((long) => long.startsWith(name)) ?? name);
+function longName(name: string, multiplexers: readonly string[]): string {
+    return multiplexers.includes(name) ? name : (multiplexers.find((long) => long.startsWith(name)) ?? name);
 }
 
 /** An attribute's text: of a string what is in the quotes, of a number that stands for a word this word. */

@@ -47,6 +47,8 @@ class Group {
     readonly #places: Path[];
     readonly #refusals: ReadonlyMap<number, string>;
     readonly #windows = new Map<number, Window>();
+    /** Those that are whole readings. */
+    readonly #whole = new Set<number>();
     readonly #locked = new Map<number, string>();
     readonly #leaves: ReadonlyMap<number, Schema>;
 
@@ -56,8 +58,9 @@ class Group {
         this.#name = message.name && freeName(message.name, schema);
         this.#places = this.#findPlaces(schema);
         this.#refusals = refusalsOf(message, this.#byName);
+        const whole = message.signals.filter(isWhole);
         message.signals.forEach((signal, at) => {
-            if (!this.#refusals.has(at)) this.#windows.set(at, windowOf(signal, message));
+            if (!this.#refusals.has(at)) this.#setWindow(at, windowOf(signal, message.size, whole));
         });
         this.#findLocked();
         this.#leaves = new Map(Array.from(this.#windows.keys(), (at) => [at, this.#leaf(at)]));
@@ -112,6 +115,12 @@ class Group {
         });
     }
 
+    #setWindow(at: number, window: Window): void {
+        this.#windows.set(at, window);
+        if (this.#message.signals[at]!.size === 8 * window.width) this.#whole.add(at);
+        else this.#whole.delete(at);
+    }
+
     #place(): Schema {
         return { "@mac": this.#message.identifier & 63, "@cmd": this.#message.identifier >> 6 };
     }
@@ -160,7 +169,7 @@ class Group {
     #lock(at: number): string {
         const [signal, window] = [this.#message.signals[at]!, this.#windows.get(at)!];
         const extra = window.width === 4 ? bytesOf(window).filter((byte) => !touches(signal, byte)) : [];
-        for (const other of this.#whole(extra, at)) {
+        for (const other of this.#wholeOf(extra, at)) {
             if (!this.#widen(other, signal)) {
                 return `it is read together with a byte of ${this.#message.signals[other]!.name}`;
             }
@@ -169,16 +178,14 @@ class Group {
     }
 
     /** The signals that are whole readings of some of these bytes, and may be in frames with the one at `but`. */
-    #whole(bytes: readonly number[], but: number): number[] {
-        if (bytes.length === 0) return [];
+    *#wholeOf(bytes: readonly number[], but: number): Generator<number> {
         const { signals } = this.#message;
-        const found: number[] = [];
-        for (const [at, window] of this.#windows) {
+        if (bytes.length === 0) return;
+        for (const at of this.#whole) {
             const signal = signals[at]!;
-            if (at === but || signal.size !== 8 * window.width || areApart(signal, signals[but]!)) continue;
-            if (bytes.some((byte) => touches(signal, byte))) found.push(at);
+            if (at === but || !bytes.some((byte) => touches(signal, byte))) continue;
+            if (!areApart(signal, signals[but]!)) yield at;
         }
-        return found;
     }
 
     /**
@@ -190,8 +197,8 @@ class Group {
         const width = 2 * this.#windows.get(at)!.width;
         const skip = towards.start > signal.start ? firstByte(signal) : lastByte(signal) + 1 - width;
         const wide = { skip, width };
-        if (width > 4 || this.#whole(bytesOf(wide), at).length > 0) return false;
-        this.#windows.set(at, wide);
+        if (width > 4 || !this.#wholeOf(bytesOf(wide), at).next().done) return false;
+        this.#setWindow(at, wide);
         return true;
     }
 
@@ -359,7 +366,8 @@ function refusalsOf(message: Message, byName: ReadonlyMap<string, number>): Map<
         });
     };
     refuse((signal) => message.refusal || kindRefusal(signal) || placeRefusal(signal, message));
-    refuse((signal, refused) => choiceRefusal(signal, signals, byName, refused));
+    const circles = new Circles(signals, byName);
+    refuse((signal, refused) => choiceRefusal(signal, byName, refused, circles));
     const selected = selectedBy(signals, byName);
     for (const refused of refusals.keys()) {
         for (const at of selected.get(refused) ?? []) {
@@ -375,7 +383,7 @@ function kindRefusal(signal: Signal): string {
     if (signal.isFloat && (signal.size !== LARGEST || signal.start % 8 > 0)) {
         return "it is a floating-point number, which needs four whole bytes";
     }
-    if (signal.scale.isZero) return "its factor is 0";
+    if (signal.scale.toNumber() === 0) return "its factor is 0";
     if (valueRange(signal).some((end) => !Number.isFinite(end.toNumber()))) return "its values are beyond all numbers";
     return "";
 }
@@ -392,9 +400,9 @@ function placeRefusal(signal: Signal, { size }: Message): string {
 
 function choiceRefusal(
     signal: Signal,
-    signals: readonly Signal[],
     byName: ReadonlyMap<string, number>,
     refused: ReadonlyMap<number, string>,
+    circles: Circles,
 ): string {
     const { choice } = signal;
     if (!choice) return "";
@@ -404,7 +412,7 @@ function choiceRefusal(
     if (onlyOf(choice) === undefined) {
         return `it is in frames with several values of ${choice.selector}, a leaf in those with one`;
     }
-    if (isInACircle(signal, signals, byName)) return "whether it is in a frame depends on itself";
+    if (circles.has(signal)) return "whether it is in a frame depends on itself";
     return "";
 }
 
@@ -412,14 +420,30 @@ function selectorRefusal({ selector }: Choice): string {
     return `it is in some frames only, which ${selector} tells, and that is not possible`;
 }
 
-function isInACircle(signal: Signal, signals: readonly Signal[], byName: ReadonlyMap<string, number>): boolean {
-    const asked = new Set<string>();
-    let at: Signal | undefined = signal;
-    while (at?.choice && !asked.has(at.name)) {
-        asked.add(at.name);
-        at = signals.at(byName.get(at.choice.selector) ?? -1);
+/** Where the selectors of selectors lead back to where one has been. */
+class Circles {
+    /** Of those that other signals can be selected by, which are the first of their names: what is known of them. */
+    readonly #known = new Map<Signal, boolean>();
+
+    constructor(
+        readonly signals: readonly Signal[],
+        readonly byName: ReadonlyMap<string, number>,
+    ) {}
+
+    has(signal: Signal): boolean {
+        const known = this.signals[this.byName.get(signal.name)!] === signal ? this.#known : new Map<Signal, boolean>();
+        const asked = new Set<string>();
+        const way: Signal[] = [];
+        let at: Signal | undefined = signal;
+        while (at?.choice && !asked.has(at.name) && !known.has(at)) {
+            asked.add(at.name);
+            way.push(at);
+            at = this.signals.at(this.byName.get(at.choice.selector) ?? -1);
+        }
+        const found = (at && known.get(at)) ?? at?.choice !== undefined;
+        for (const each of way) known.set(each, found);
+        return found;
     }
-    return at?.choice !== undefined;
 }
 
 // The bytes and bits
@@ -436,15 +460,14 @@ function bytesOf({ skip, width }: Window): number[] {
  * The bytes to read: those that the signal touches. With three, there is a fourth: the one before, with which the frame
  * need not be longer, unless another signal has that for itself and not the one behind.
  */
-function windowOf(signal: Signal, { signals, size }: Message): Window {
+function windowOf(signal: Signal, size: number, whole: readonly Signal[]): Window {
     const first = firstByte(signal);
     const touched = lastByte(signal) - first + 1;
     const width = WIDTHS[touched]!;
     if (touched === width) return { skip: first, width };
-    const whole = signals.filter((each) => isWhole(each) && !areApart(each, signal));
     const isOthers = (begin: number) => {
         const extra = begin < first ? begin : begin + 3;
-        return whole.some((each) => touches(each, extra));
+        return whole.some((each) => touches(each, extra) && !areApart(each, signal));
     };
     const begins = [first - 1, first].filter((begin) => begin >= 0 && begin <= size - width);
     return { skip: begins.find((begin) => !isOthers(begin)) ?? begins[0]!, width };
@@ -504,7 +527,8 @@ function labelsOf(labels: ReadonlyMap<bigint, string>): Map<bigint, string> {
     const found = new Map<bigint, string>();
     const texts = new Set<string>();
     for (const [raw, text] of Array.from(labels).sort(([one], [other]) => (one < other ? -1 : 1))) {
-        const label = texts.has(text) ? `${text} (${raw})` : text;
+        let label = text;
+        while (texts.has(label)) label += ` (${raw})`;
         found.set(raw, label);
         texts.add(label);
     }
