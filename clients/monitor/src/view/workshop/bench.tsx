@@ -102,6 +102,7 @@ export function Bench({ workshop }: { workshop: Workshop }) {
                 {endpoint && (
                     <Boundary part="The bytes">
                         <ByteGrid
+                            key={endpoint.identifier}
                             workshop={workshop}
                             endpoint={endpoint}
                             selection={work.selection}

@@ -169,10 +169,6 @@ function useSelecting(
     /** Where the selection began; undefined after the cursor was moved alone. */
     const anchor = useRef<Cell | undefined>(undefined);
     const isDragging = useRef(false);
-    useEffect(() => {
-        anchor.current = undefined;
-        setCursor({ byte: 0, column: 0 });
-    }, [identifier]);
     const extendTo = (cell: Cell) => {
         anchor.current ??= cell;
         select(between(identifier, anchor.current, cell));
