@@ -1,4 +1,4 @@
-import type { WebSocketLike } from "vorbel";
+import { encodeValues, type WebSocketLike } from "vorbel";
 import { afterEach, beforeEach, expect, test, vi } from "vitest";
 import { obstacleTo } from "../src/model/run";
 import { Session } from "../src/model/session";
@@ -113,6 +113,30 @@ test("a workshop is open when the daemon has confirmed both schemas, and not bef
     expect([fate.is, workshop.state]).toEqual(["done", "open"]);
 });
 
+test.each([
+    ["before the schema for all frames goes out", 0, ["{}"]],
+    ["while that is on its way", 1, ["{}", "all frames"]],
+])("a workshop that is left %s puts the former one back behind it", async (_, answers, sent) => {
+    const { workshop, session } = await newWorkshop();
+    daemon.hangs = true;
+    const fate = fateOf(workshop.begin());
+    await pass(100);
+    for (let answer = 0; answer < answers; answer++) {
+        daemon.answer();
+        await pass(100);
+    }
+    expect(workshop.state).toBe("starting");
+    session.lock();
+    await pass(100);
+    expect([daemon.heard, workshop.state]).toEqual([sent, "leaving"]);
+    daemon.answer();
+    await pass(100);
+    expect(daemon.heard).toEqual([...sent, JSON.stringify(mine)]);
+    daemon.answer();
+    await pass(100);
+    expect([fate.is, workshop.state]).toEqual(["done", "left"]);
+});
+
 test("a workshop is left when the daemon has confirmed the former schema, and not before", async () => {
     const { workshop, session } = await newWorkshop();
     void workshop.begin();
@@ -125,6 +149,21 @@ test("a workshop is left when the daemon has confirmed the former schema, and no
     daemon.answer();
     await pass(100);
     expect([fates.map(({ is }) => is), workshop.state, session.isLent]).toEqual([["done", "done"], "left", false]);
+});
+
+test("frames that come when the workshop is over are no values of the page", async () => {
+    const { workshop, session } = await newWorkshop();
+    void workshop.begin();
+    await pass(100);
+    void workshop.leave("former");
+    await pass(100);
+    expect(workshop.state).toBe("left");
+    for (const socket of daemon.sockets) {
+        socket.onmessage?.({ data: encodeValues({ "085": { "0": 1 } }) });
+        socket.onmessage?.({ data: encodeValues({ mine: 5 }) });
+    }
+    expect(session.tree.valued.map(({ dotted, reading }) => [dotted, reading?.value])).toEqual([["mine", 5]]);
+    expect(session.foreign).toBeUndefined();
 });
 
 test("a daemon that cannot be reached once more keeps its schema, and the workshop can be tried again", async () => {

@@ -292,7 +292,7 @@ class Merging {
         if (this.#moved.length === 0 || node === present) return node;
         const members = Object.entries(node).map(([name, member]) => {
             const before = isObject(present) && Object.hasOwn(present, name) ? present[name] : undefined;
-            return [name, isObject(member) && member !== before ? this.#relinkedMember(name, member, before) : member];
+            return [name, isObject(member) ? this.#relinkedMember(name, member, before) : member];
         });
         return Object.fromEntries(members);
     }

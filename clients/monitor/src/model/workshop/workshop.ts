@@ -41,6 +41,8 @@ export class Workshop {
     #client: Client | undefined;
     /** That another client has sent a schema. */
     #replaced: Foreign | undefined;
+    /** The schema for all frames on its way, which has to arrive before another one can follow. */
+    #delivery: Promise<void> | undefined;
     #leaving: Promise<void> | undefined;
     #unwatch = () => {};
 
@@ -116,14 +118,22 @@ export class Workshop {
         this.session.lendSchema();
         this.#watch(client);
         try {
-            await client.deliverSchema({}, { clear: true, timeout: PATIENCE }); // none of its values comes behind the next
-            await client.deliverSchema(covering(), { check: false, timeout: PATIENCE });
+            await (this.#delivery = this.#deliver(client));
         } catch (error) {
             this.#leaving ??= this.#end("former");
             await this.#leaving;
             throw error;
         }
         if (this.#state === "starting") this.#enter("open", "the daemon sends the bytes of all frames");
+    }
+
+    async #deliver(client: Client): Promise<void> {
+        await client.deliverSchema({}, { clear: true, timeout: PATIENCE }); // none of its values comes behind the next
+        if (this.#state === "starting") await this.#deliverCovering(client);
+    }
+
+    #deliverCovering(client: Client): Promise<void> {
+        return client.deliverSchema(covering(), { check: false, timeout: PATIENCE });
     }
 
     #watch(client: Client): void {
@@ -171,7 +181,7 @@ export class Workshop {
     /** Browsers are told that something was handled only by the end of a connection that was made for it. */
     async #confirm(): Promise<void> {
         try {
-            await this.#client!.deliverSchema(covering(), { check: false, timeout: PATIENCE });
+            await (this.#delivery = this.#deliverCovering(this.#client!));
         } catch {
             return; // the connection tells what follows
         }
@@ -187,6 +197,7 @@ export class Workshop {
     async #end(into: "former" | "draft"): Promise<void> {
         this.#unwatch();
         this.#enter("leaving", "the schema is being put back");
+        await this.#delivery?.catch(() => {}); // whoever waits for it hears of that
         const problem = this.#replaced
             ? undefined
             : await this.#give(into === "draft" ? this.draft.schema : this.former);
