@@ -267,6 +267,7 @@ test("says at the field what is wrong, and changes, renames and removes what is 
     await field("Name").press("Enter");
     await page.getByText("There is a value battery.charge already: choose another name.").waitFor();
 
+    await button("Plot battery.charge").click();
     await button("Change battery.charge").click();
     await page.getByRole("heading", { name: "Change battery.charge" }).waitFor();
     expect(await reading("as it is in the schema").isChecked()).toBe(true);
@@ -275,6 +276,7 @@ test("says at the field what is wrong, and changes, renames and removes what is 
     await field("Unit").fill("%");
     await button("Change it").click();
     await expect.poll(told).toBe("battery.level is changed.");
+    await expect.poll(() => page.locator(".live .name").allInnerTexts()).toContain("battery.level");
     expect(JSON.parse(await saved())).toEqual({
         battery: { level: { "@mac": 9, "@cmd": 2, "@format": "C", "@skip": 0, unit: "%", scale: 0.5, decimals: 1 } },
     });
@@ -291,6 +293,10 @@ test("a value that is changed can be read from other bits, and keeps what else i
     await drag(cell(0), cell(1));
     await reading("signed, high byte first").check();
     await button("Change it").click();
+    await button("Change a").click();
+    await button("Undo").click(); // what was changed is not there any more
+    await page.getByRole("heading", { name: "Name it" }).waitFor();
+    await button("Redo").click();
     expect(JSON.parse(await saved())).toEqual({
         a: {
             "@mac": 5,
@@ -341,6 +347,10 @@ test("asks before what was made is lost", async () => {
     await cell(0).click();
     await field("Name").fill("one");
     await field("Name").press("Enter");
+    const asked = page.waitForEvent("dialog");
+    page.reload().catch(() => undefined); // it does not come to that
+    expect((await asked).type()).toBe("beforeunload");
+    await (await asked).dismiss();
     await button("Leave: no schema, as before").click();
     await page.getByRole("dialog").getByRole("button", { name: "Stay" }).click();
     await expect.poll(leafNames).toHaveLength(1);
