@@ -232,6 +232,11 @@ test("selects bits by dragging and by Shift and a click", async () => {
     expect(await selected()).toBe("Selected: byte 0 bit 3 to 7, 5 bits");
     await cell(1, 7).click({ modifiers: ["Shift"] });
     expect(await selected()).toBe("Selected: byte 0 bit 3 to byte 1 bit 1, 7 bits");
+    const read = () =>
+        page.locator(".read").evaluateAll((bits) => bits.map((bit) => (bit as HTMLElement).dataset["cell"]));
+    expect(await read()).toEqual(["0 1", "0 2", "0 3", "0 4", "0 5", "1 7", "1 8"]);
+    await reading("unsigned, high byte first").check(); // the low bits of the first byte, the high ones of the last
+    await expect.poll(read).toEqual(["0 4", "0 5", "0 6", "0 7", "0 8", "1 1", "1 2"]);
     await cell(4, 8).click();
     expect(await selected()).toBe("Selected: byte 4 bit 0, 1 bit");
     await expect.poll(() => page.locator(".reading .name").allInnerTexts()).toEqual(["flag"]);
