@@ -3,6 +3,7 @@ import { mkdtempSync, readFileSync, rmSync, writeFileSync } from "node:fs";
 import { connect } from "node:net";
 import { tmpdir } from "node:os";
 import { join, resolve } from "node:path";
+import type { Readable } from "node:stream";
 import { setTimeout as sleep } from "node:timers/promises";
 import { fileURLToPath } from "node:url";
 import type { Schema } from "../src/index.js";
@@ -33,6 +34,8 @@ export class Machine {
     #daemon: ChildProcess | undefined;
     /** What the daemon put on the bus: "mac 5 cmd 3: b0 04". */
     readonly heard: string[] = [];
+    /** The beginnings of the lines in which the daemon says which schemas it has received. */
+    readonly schemas: string[] = [];
 
     constructor(readonly link: Link = "serialport") {}
 
@@ -54,6 +57,9 @@ export class Machine {
             VORBEL_DEVICE_TYPE: "demo machine",
             VORBEL_DEVICE_ID: "A7",
             ...environment,
+        });
+        eachLine(this.#daemon.stderr!, (line) => {
+            if (line.includes("Received schema:")) this.schemas.push(line.slice(0, 300));
         });
         await listening();
     }
@@ -92,12 +98,8 @@ export class Machine {
 
     #startBus(...options: string[]): void {
         const bus = this.#spawn(python, this.#bus(...options), this.#environment);
-        let text = "";
-        bus.stdout!.setEncoding("utf8").on("data", (piece: string) => {
-            const lines = (text + piece).split("\n");
-            text = lines.pop()!;
-            for (const line of lines)
-                if (line.startsWith("bus heard ")) this.heard.push(line.slice("bus heard ".length));
+        eachLine(bus.stdout!, (line) => {
+            if (line.startsWith("bus heard ")) this.heard.push(line.slice("bus heard ".length));
         });
     }
 
@@ -113,6 +115,15 @@ export class Machine {
         child.on("exit", () => this.#running.delete(child));
         return child;
     }
+}
+
+function eachLine(stream: Readable, take: (line: string) => void): void {
+    let text = "";
+    stream.setEncoding("utf8").on("data", (piece: string) => {
+        const lines = (text + piece).split("\n");
+        text = lines.pop()!;
+        lines.forEach(take);
+    });
 }
 
 async function end(child: ChildProcess | undefined): Promise<void> {

@@ -1,5 +1,6 @@
-import { useEffect, useState } from "preact/hooks";
+import { useEffect, useRef, useState } from "preact/hooks";
 import type { Session } from "../model/session";
+import { memory } from "../page";
 import { useSource } from "./frame";
 import { Boundary } from "./boundary";
 import { Header } from "./header";
@@ -17,6 +18,8 @@ import { WritePanel } from "./write";
 const OrdersPanel = later(() => import("./orders").then((part) => part.OrdersPanel));
 const RunBar = later(() => import("./orders").then((part) => part.RunBar));
 const AlarmsPanel = later(() => import("./limits").then((part) => part.AlarmsPanel));
+const WorkshopPage = later(() => import("./workshop/workshop").then((part) => part.WorkshopPage));
+const InterruptedNotice = later(() => import("./workshop/notice").then((part) => part.InterruptedNotice));
 
 const tabs = ["values", "plots", "log"] as const;
 type Tab = (typeof tabs)[number];
@@ -29,10 +32,23 @@ export function App({ session }: { session: Session }) {
     useSource(shown.status);
     const [tab, setTab] = useState<Tab>("values");
     const [schemaOpen, openSchema] = useState(false);
+    const [workshop, setWorkshop] = useState<"asking" | "open">();
     useEffect(ignoreRepeatedEnter, []);
+    useFocusAfter(workshop === "open");
     const writing = shown.writing;
+    const workshopPage = workshop && (
+        <Boundary key="workshop" part="The workshop">
+            <WorkshopPage
+                session={session}
+                enter={(isOpen) => setWorkshop(isOpen ? "open" : "asking")}
+                close={() => setWorkshop(undefined)}
+            />
+        </Boundary>
+    );
+    if (workshop === "open") return <>{workshopPage}</>;
     return (
         <>
+            {workshopPage}
             <div class="top">
                 {session.run && (
                     <Boundary part="What goes out by itself">
@@ -41,11 +57,16 @@ export function App({ session }: { session: Session }) {
                 )}
                 {!playback && (
                     <Boundary part="The header">
-                        <Header session={session} openSchema={() => openSchema(true)}>
+                        <Header
+                            session={session}
+                            openSchema={() => openSchema(true)}
+                            openWorkshop={() => setWorkshop("asking")}
+                        >
                             <RecordingTools desk={desk} />
                         </Header>
                         <SchemaNotice session={session} openSchema={() => openSchema(true)} />
                         <ViewNotice session={session} />
+                        {memory.load("workshop") && <InterruptedNotice session={session} />}
                     </Boundary>
                 )}
                 <Boundary part="The recording">
@@ -99,6 +120,15 @@ export function App({ session }: { session: Session }) {
             )}
         </>
     );
+}
+
+/** When the workshop is left, the focus goes back to where it came from. */
+function useFocusAfter(isOpen: boolean): void {
+    const wasOpen = useRef(false);
+    useEffect(() => {
+        if (wasOpen.current && !isOpen) document.getElementById("workshop-button")?.focus();
+        wasOpen.current = isOpen;
+    }, [isOpen]);
 }
 
 /** A key that is held is not a wish for more of the same: it would open a form and confirm it. */

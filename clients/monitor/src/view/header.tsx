@@ -18,10 +18,15 @@ const stateWords = {
     closed: "Disconnected",
 };
 
-type HeaderProps = { session: Session; openSchema: () => void; children: ComponentChildren };
+type HeaderProps = {
+    session: Session;
+    openSchema: () => void;
+    openWorkshop: () => void;
+    children: ComponentChildren;
+};
 
 /** The connection; its children are further tools. */
-export function Header({ session, openSchema, children }: HeaderProps) {
+export function Header({ session, openSchema, openWorkshop, children }: HeaderProps) {
     const { state, hello, reason, undecodable } = session;
     return (
         <header>
@@ -50,6 +55,18 @@ export function Header({ session, openSchema, children }: HeaderProps) {
                 <LockButton session={session} />
                 <button onClick={openSchema}>
                     <Icon name="schema" /> Schema
+                </button>
+                <button
+                    id="workshop-button"
+                    aria-disabled={session.locked}
+                    title={
+                        session.locked
+                            ? "The page is locked: the workshop needs to send a schema"
+                            : "Find and name values of an unknown bus"
+                    }
+                    onClick={openWorkshop}
+                >
+                    <Icon name="workshop" /> Workshop
                 </button>
                 <LinkButton session={session} />
                 <button

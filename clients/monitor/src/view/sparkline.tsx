@@ -12,10 +12,18 @@ export function Sparkline({ series, holds }: { series: Series; holds: boolean })
 }
 
 function draw(canvas: HTMLCanvasElement, series: Series, holds: boolean): void {
+    const style = { holds, isFlag: series.isFlag, stroke: color(series.waveform ? "--wave" : "--accent") };
+    drawPoints(canvas, pointsOf(series).filter(Number.isFinite), style);
+}
+
+type Style = { holds?: boolean; isFlag?: boolean; stroke?: string };
+
+/** Draws finite numbers as a curve over the width of a canvas. */
+export function drawPoints(canvas: HTMLCanvasElement, points: number[], style: Style = {}): void {
+    const { holds = false, isFlag = false, stroke = color("--accent") } = style;
     const { context, width, height } = contextOf(canvas);
-    const points = pointsOf(series).filter(Number.isFinite);
     if (points.length < 2) return;
-    const [least, most] = rangeOf(points, series.isFlag);
+    const [least, most] = rangeOf(points, isFlag);
     const x = (at: number) => 1 + (at * (width - 2)) / (points.length - 1);
     const y = (value: number) => height - 3 - ((value - least) / (most - least)) * (height - 6);
     context.beginPath();
@@ -23,7 +31,7 @@ function draw(canvas: HTMLCanvasElement, series: Series, holds: boolean): void {
         if (holds && at > 0) context.lineTo(x(at), y(points[at - 1]!));
         context.lineTo(x(at), y(value));
     }
-    context.strokeStyle = color(series.waveform ? "--wave" : "--accent");
+    context.strokeStyle = stroke;
     context.lineWidth = 1.4;
     context.lineJoin = "round";
     context.stroke();

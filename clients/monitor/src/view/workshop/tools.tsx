@@ -1,0 +1,156 @@
+import { useEffect, useMemo, useState } from "preact/hooks";
+import { dotted } from "vorbel";
+import { shown } from "../../model/text";
+import type { Draft } from "../../model/workshop/draft";
+import { download } from "../download";
+import { FileButton } from "../filebutton";
+import { useSource } from "../frame";
+import { Icon } from "../icons";
+import { ImportReport, type Report } from "./report";
+
+/** Files that are taken into the draft, and what became of the last one. */
+export type Files = {
+    open: (file: File) => void;
+    importDbc: (file: File) => void;
+    /** What the name says that it is. */
+    take: (file: File) => void;
+    problem: string | undefined;
+    report: Report | undefined;
+    closeReport: () => void;
+};
+
+export function useFiles(draft: Draft, tell: (what: string) => void): Files {
+    const [problem, setProblem] = useState<string>();
+    const [report, setReport] = useState<Report>();
+    const attempt = (act: (file: File) => Promise<void>) => (file: File) => {
+        setProblem(undefined);
+        act(file).catch((error: Error) => setProblem(`${file.name}: ${error.message}`));
+    };
+    const open = attempt(async (file) => {
+        draft.load(await file.text());
+        tell(`${file.name} is open.`);
+    });
+    const importDbc = attempt(async (file) => {
+        const content = new Uint8Array(await file.arrayBuffer());
+        const dbc = await import("../../model/workshop/dbc");
+        try {
+            const imported = dbc.importDbc(content);
+            setReport({ name: file.name, ...imported, ...draft.merge(imported.schema) });
+            tell(`${file.name} is imported.`);
+        } catch (error) {
+            if (!(error instanceof dbc.NothingImported)) throw error;
+            setReport({ name: file.name, outcomes: error.outcomes, notes: error.notes, added: 0, renamed: [] });
+        }
+    });
+    const take = (file: File) => (/\.dbc$/i.test(file.name) ? importDbc : open)(file);
+    return { open, importDbc, take, problem, report, closeReport: () => setReport(undefined) };
+}
+
+type ToolsProps = { draft: Draft; files: Files; tell: (what: string) => void };
+
+/** Steps back and forth, files, and what is wrong with the schema. */
+export function SchemaTools({ draft, files, tell }: ToolsProps) {
+    useSource(draft.source);
+    const { problem, report } = files;
+    return (
+        <>
+            <div class="actions schema-tools">
+                <button
+                    disabled={draft.canUndo === undefined}
+                    title={titleOf("Undo", draft.canUndo, "Ctrl+Z")}
+                    onClick={() => undo(draft, tell)}
+                >
+                    <Icon name="undo" /> Undo
+                </button>
+                <button
+                    disabled={draft.canRedo === undefined}
+                    title={titleOf("Redo", draft.canRedo, "Ctrl+Shift+Z")}
+                    onClick={() => redo(draft, tell)}
+                >
+                    <Icon name="redo" /> Redo
+                </button>
+                <FileButton
+                    label="Open schema file…"
+                    name="Schema file"
+                    accept=".json,application/json"
+                    take={files.open}
+                >
+                    Open…
+                </FileButton>
+                <button title="Save as file" onClick={() => save(draft)}>
+                    Save as file
+                </button>
+                <FileButton label="Import DBC…" name="DBC file" accept=".dbc" take={files.importDbc}>
+                    Import DBC…
+                </FileButton>
+            </div>
+            {problem !== undefined && (
+                <p class="problem told" role="alert">
+                    {shown(problem)}
+                </p>
+            )}
+            <Problems draft={draft} />
+            {report && <ImportReport report={report} draft={draft} close={files.closeReport} />}
+        </>
+    );
+}
+
+function titleOf(what: string, step: string | undefined, keys: string): string {
+    return step === undefined ? `Nothing to ${what.toLowerCase()}` : `${what}: ${shown(step)} (${keys})`;
+}
+
+function undo(draft: Draft, tell: (what: string) => void): void {
+    const step = draft.canUndo;
+    if (step === undefined) return;
+    draft.undo();
+    tell(`Undone: ${step}`);
+}
+
+function redo(draft: Draft, tell: (what: string) => void): void {
+    const step = draft.canRedo;
+    if (step === undefined) return;
+    draft.redo();
+    tell(`Done again: ${step}`);
+}
+
+function save(draft: Draft): void {
+    download(new Blob([`${draft.text}\n`], { type: "application/json" }), "vorbel.schema.json");
+}
+
+/** Ctrl+Z and Ctrl+Shift+Z, save where they are for a text that is being typed. */
+export function useUndoKeys(draft: Draft, tell: (what: string) => void): void {
+    useEffect(() => {
+        const take = (event: KeyboardEvent) => {
+            const { target, ctrlKey, metaKey, shiftKey } = event;
+            const isTyping = target instanceof HTMLInputElement && target.type !== "radio" && target.value !== "";
+            if (event.key.toLowerCase() !== "z" || !(ctrlKey || metaKey) || isTyping || event.altKey) return;
+            event.preventDefault();
+            (shiftKey ? redo : undo)(draft, tell);
+        };
+        window.addEventListener("keydown", take);
+        return () => window.removeEventListener("keydown", take);
+    }, [draft]);
+}
+
+/** More are told by their number. */
+const SHOWN = 20;
+
+/** What is wrong or doubtful in the schema. */
+function Problems({ draft }: { draft: Draft }) {
+    const problems = useMemo(() => draft.problems(), [draft.schema]);
+    if (problems.length === 0) return null;
+    return (
+        <ul class="problems" aria-label="Problems of the schema" tabIndex={0}>
+            {problems.slice(0, SHOWN).map(({ severity, path, message }) => (
+                <li key={`${path.join("/")} ${message}`} class={severity}>
+                    <Icon name="problem" />
+                    <span>
+                        <span class="hidden">{severity}: </span>
+                        <code>{shown(dotted(path)) || "document"}</code> {shown(message)}
+                    </span>
+                </li>
+            ))}
+            {problems.length > SHOWN && <li>… and {problems.length - SHOWN} more.</li>}
+        </ul>
+    );
+}
