@@ -5,6 +5,7 @@
 #include <MQTTAsync.h>
 #include <QCoreApplication>
 #include <QDebug>
+#include <QTextCodec>
 
 #include <malloc.h>
 
@@ -41,6 +42,15 @@ void s_preferPlainEventLoop()
     }
 }
 
+// Log lines are in English and in UTF-8, whatever the machine's language is; its tables, and ICU's, would
+// take a quarter of a megabyte.
+void s_speakPlainly()
+{
+    constexpr int utf8 = 106; // by IANA's numbers of character sets
+    qputenv("LC_ALL", "C");
+    QTextCodec::setCodecForLocale(QTextCodec::codecForMib(utf8));
+}
+
 // Batches are large, and several copies of each come and go. Between smaller things they would leave gaps
 // that the C library keeps; so each large one is asked of the kernel and given back. And three threads need
 // no heaps of their own.
@@ -66,6 +76,7 @@ int main(int count, char *words[])
     Gateway::Supervisor::blockSignals();
     s_preferPlainEventLoop();
     s_keepHeapSmall();
+    s_speakPlainly();
     MQTTAsync_init_options once =
         MQTTAsync_init_options_initializer; // OpenSSL begins by itself, when it is used
     MQTTAsync_global_init(&once);

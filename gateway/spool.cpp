@@ -165,8 +165,11 @@ Spool::Spool(const QString &quickFolder, const QString &lastingFolder)
 
 void Spool::load(const QString &folder, bool isQuick)
 {
-    for (const QFileInfo &file : QDir(folder).entryInfoList({"*-*"}, QDir::Files)) {
+    for (const QFileInfo &file : QDir(folder).entryInfoList(QDir::Files)) {
         const std::string key = file.fileName().toStdString();
+        if (key.find('-') == std::string::npos) {
+            continue; // another's
+        }
         if (key.find('.') != std::string::npos) {
             QFile::remove(file.filePath()); // half written when the process ended
             continue;

@@ -52,6 +52,14 @@ def test_the_file_that_is_installed_has_no_errors(run):
     assert code == 0
 
 
+@pytest.mark.parametrize("locale", ["C", "C.UTF-8", "xx_XX", ""])
+def test_what_it_says_does_not_depend_on_the_locale(tmp_path, locale):
+    environment = {**gateway_environment(tmp_path, tmp_path / "state"), "LC_ALL": locale, "LANG": locale}
+    said = subprocess.run([PROGRAM, "--check", tmp_path / "größe.ini"], env=environment, stderr=subprocess.PIPE,
+                          timeout=PATIENCE).stderr.decode()
+    assert "größe.ini" in said and "No such file or directory" in said
+
+
 def test_every_default_that_the_file_shows_is_a_setting(check):
     code, said = check(re.sub(r"(?m)^;(\w+ = .+)$", r"\1", re.sub(r"(?m)^;users = .*$", "", INSTALLED.read_text())))
     assert code == 0, said

@@ -404,7 +404,9 @@ void TestClientConformance::everyCodeIsDocumented()
 void TestClientConformance::everyCaseIsRun_data()
 {
     QTest::addColumn<QString>("file");
-    for (const QString &file : QDir(VORBEL_CONFORMANCE).entryList({"*.json"})) {
+    QStringList files = QDir(VORBEL_CONFORMANCE).entryList({"*.json"});
+    files.removeOne("buses.json"); // which is for those that import descriptions of buses
+    for (const QString &file : qAsConst(files)) {
         QTest::newRow(qPrintable(file)) << file.section('.', 0, 0);
     }
 }

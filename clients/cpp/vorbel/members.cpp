@@ -3,7 +3,6 @@
 #include "vorbel/memberkinds_p.h"
 
 #include <QJsonArray>
-#include <QRegularExpression>
 
 #include <algorithm>
 
@@ -34,10 +33,20 @@ bool s_areLimits(const QJsonValue &value)
            });
 }
 
+// A whole number as JSON writes it. A regular expression would take half a megabyte for it.
+bool s_isNumeral(const QString &name)
+{
+    const QStringRef digits = name.midRef(name.startsWith('-') ? 1 : 0);
+    const auto isDigit = [](QChar character) {
+        return character >= '0' && character <= '9';
+    };
+    return name == QLatin1String("0") || (!digits.isEmpty() && digits.front() != '0' &&
+                                          std::all_of(digits.cbegin(), digits.cend(), isDigit));
+}
+
 bool s_isLabel(const QString &name, const QJsonValue &text)
 {
-    static const QRegularExpression wholeNumber(QStringLiteral("^(0|-?[1-9][0-9]*)\\z"));
-    return text.isString() && wholeNumber.match(name).hasMatch();
+    return text.isString() && s_isNumeral(name);
 }
 
 bool s_areLabels(const QJsonValue &value)
