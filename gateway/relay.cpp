@@ -1,8 +1,8 @@
 #include "gateway/relay.h"
 
 #include "gateway/homeassistant.h"
-#include "gateway/plainjson.h"
 #include "gateway/savedfile.h"
+#include "gateway/status.h"
 #include "vorbel/paths.h"
 #include "vorbel/wire.h"
 
@@ -31,8 +31,6 @@ constexpr qint64 megabyte = 1'000'000;
 
 // What is given up at a time beyond what has to be, so that it does not have to be soon again.
 constexpr int givenUpShare = 10;
-
-constexpr char offline[] = R"({"online":false})";
 
 qint64 s_now()
 {
@@ -100,7 +98,7 @@ void Relay::stop()
     m_daemon.close();
     if (m_broker) {
         m_broker->listener.close();
-        m_broker->publisher.publish(m_broker->topics.status(), offline, true);
+        m_broker->publisher.publish(m_broker->topics.status(), offlineText, true);
         m_broker->publisher.close();
     }
     m_spool.settle(true);
@@ -246,7 +244,7 @@ void Relay::makeBroker(const QString &id)
     const QString clientId = m_settings.broker.clientId.isEmpty() ? m_settings.topics.prefix + '-' + id
                                                                   : m_settings.broker.clientId;
     m_broker = std::make_unique<Broker>(m_settings, id, clientId, &m_spool);
-    m_broker->publisher.setWill(m_broker->topics.status(), offline);
+    m_broker->publisher.setWill(m_broker->topics.status(), offlineText);
     connect(&m_broker->publisher, &Session::connected, this, &Relay::publishState);
     connect(&m_broker->publisher, &Session::disconnected, this, [this] { m_latest.end(); });
     connect(&m_broker->listener, &Session::connected, this, &Relay::listen);
@@ -271,13 +269,9 @@ void Relay::publishState()
 
 QByteArray Relay::status() const
 {
-    if (m_since == 0) {
-        return offline;
-    }
-    return "{\"online\":true,\"type\":" + plainJson(m_daemon.deviceType()) +
-           ",\"id\":" + plainJson(m_daemon.deviceId().isEmpty() ? QVariant() : m_daemon.deviceId()) +
-           ",\"since\":" + plainJson(m_since) + ",\"boot\":" + plainJson(m_run.boot()) +
-           ",\"lost\":" + plainJson(m_run.lost()) + '}';
+    return m_since == 0 ? offlineText
+                        : statusText({m_daemon.deviceType(), m_daemon.deviceId(), m_since, m_run.boot(),
+                                      m_run.lost()});
 }
 
 // What says how it is now does not wait for a broker that comes back later; publishState() says it then.
