@@ -1,9 +1,16 @@
-"""What becomes of the installed package: upgraded, switched off, removed, purged."""
+"""What becomes of the installed package: upgraded, from a repository, too, switched off, removed, purged."""
 
+import os
+import pathlib
+import re
 import shutil
 import subprocess
 
+import documents
 import pytest
+
+PROJECT = pathlib.Path(__file__).parents[2]
+PAGE = PROJECT / "docs" / "fleet.md"
 
 
 @pytest.fixture
@@ -19,6 +26,38 @@ def newer(guest, packages, tmp_path):
                    capture_output=True)
     shutil.copy(tmp_path / "newer.deb", guest.share / "newer.deb")
     return "/host/newer.deb"
+
+
+@pytest.fixture
+def repository(guest, newer, tmp_path):
+    """Of a newer version, in the guest, and the commands with which a board is told of it."""
+    keys, published, dist = tmp_path / "keys", guest.share / "repository", tmp_path / "dist"
+    keys.mkdir(mode=0o700)
+    dist.mkdir()
+    shutil.copy(tmp_path / "newer.deb", dist / "vorbel_999_arm64.deb")
+    environment = {**os.environ, "GNUPGHOME": str(keys)}
+    subprocess.run(["gpg", "--batch", "--passphrase", "", "--quick-generate-key", "plant", "ed25519", "sign", "never"],
+                   check=True, env=environment, capture_output=True)
+    subprocess.run([PROJECT / "scripts/lib/repository", dist, published, "plant"], check=True, env=environment,
+                   capture_output=True)
+    path = "/etc/apt/sources.list.d/vorbel.sources"
+    sources = re.sub(r"(?m)^URIs: .*", "URIs: file:/host/repository", documents.Blocks(PAGE)[path])
+    (guest.share / "sources").write_text(sources)
+    yield f"cd /host/repository\n{documents.commands(PAGE, 'install -m 644')}cp /host/sources {path}\n"
+    guest.run(f"rm -rf {path} /etc/apt/keyrings/vorbel.gpg /host/repository /var/lib/apt/lists/*")
+
+
+def test_a_board_takes_the_next_version_from_the_repository(guest, service, deb, repository):
+    service.configure(VORBEL_SOURCE="none")
+    settings = guest.run("cat /etc/default/vorbel")
+    first = service.pid()
+    guest.run(repository)
+    guest.run("apt-get -qq update && apt-get -qq -y -o Dpkg::Options::=--force-confold upgrade", limit=240)
+    assert guest.run("dpkg-query -W -f '${Version} ${Status}' vorbel") == "999 install ok installed"
+    assert guest.run("cat /etc/default/vorbel") == settings
+    assert guest.run("systemctl is-active vorbel").strip() == "active"
+    assert service.pid() != first
+    guest.run(f"dpkg -i --force-confold {deb}", limit=120)
 
 
 def test_its_life_from_upgrade_to_purge(guest, service, deb, newer):
