@@ -1,20 +1,17 @@
 """The brokers' configurations in examples/gateway, as they stand there: who may read and write what."""
 
-import contextlib
 import json
 import os
 import pathlib
-import queue
 import re
 import shutil
 import socket
 import ssl
 import subprocess
-import time
 
 import documents
-import paho.mqtt.client as mqtt
 import pytest
+from brokerclients import Client, hashed, run, running, trust
 
 PROJECT = pathlib.Path(__file__).parents[2]
 EXAMPLES, PAGE = PROJECT / "examples" / "gateway", PROJECT / "docs" / "gateway.md"
@@ -29,10 +26,6 @@ MARK = f"{BOARD}/done"
 REFUSED = (4, 5)  # bad user name or password, not authorized
 
 
-def run(*words):
-    subprocess.run([str(word) for word in words], check=True, capture_output=True)
-
-
 @pytest.fixture(scope="module")
 def authority(tmp_path_factory):
     """The folder of an authority, made as the page says: ca.pem, and what it has signed."""
@@ -42,67 +35,6 @@ def authority(tmp_path_factory):
     for ending in ("pem", "key"):
         (folder / f"localhost.{ending}").rename(folder / f"broker.{ending}")
     return folder
-
-
-@contextlib.contextmanager
-def running(ports, *command):
-    """A broker, once it listens."""
-    process = subprocess.Popen([str(word) for word in command])
-    try:
-        for port in ports:
-            wait_for(port, process)
-        yield
-    finally:
-        process.terminate()
-        process.wait(10)
-
-
-def wait_for(port, process):
-    deadline = time.monotonic() + 30
-    while True:
-        with socket.socket() as probe:
-            if probe.connect_ex(("127.0.0.1", port)) == 0:
-                return
-        assert process.poll() is None and time.monotonic() < deadline, f"nobody listens on port {port}"
-        time.sleep(0.05)
-
-
-class Client:
-    """A foreign MQTT client with a name and a password, or with a certificate."""
-
-    def __init__(self, authority, port, user, password=None, certificate=None):
-        self.received, self.answers = queue.Queue(), queue.Queue()
-        self.client = mqtt.Client(client_id=f"of-{user}")
-        if password:
-            self.client.username_pw_set(user, password)
-        trust = ssl.create_default_context(cafile=authority / "ca.pem")
-        if certificate:
-            trust.load_cert_chain(authority / f"{certificate}.pem", authority / f"{certificate}.key")
-        self.client.tls_set_context(trust)
-        self.client.on_connect = lambda client, data, flags, code: self.answers.put(code)
-        self.client.on_subscribe = lambda client, data, number, granted: self.answers.put(granted[0])
-        self.client.on_publish = lambda client, data, number: self.answers.put(number)
-        self.client.on_message = lambda client, data, message: self.received.put((message.topic, message.payload))
-        self.client.connect("localhost", port)
-        self.client.loop_start()
-        self.code = self.answers.get(timeout=10)
-
-    def subscribe(self, topic, qos=1):
-        """What the broker grants."""
-        self.client.subscribe(topic, qos)
-        return self.answers.get(timeout=10)
-
-    def publish(self, topic, payload="1", qos=1, retain=False):
-        """Returns when the broker has it; that it then passes it on is another matter."""
-        self.client.publish(topic, payload, qos, retain)
-        self.answers.get(timeout=10)
-
-    def receive(self):
-        return self.received.get(timeout=10)
-
-    def stop(self):
-        self.client.disconnect()
-        self.client.loop_stop()
 
 
 class Broker:
@@ -116,7 +48,7 @@ class Broker:
         return self.stranger(user, PASSWORDS[user])
 
     def stranger(self, user, password):
-        return self.kept(Client(self.authority, self.port, user, password))
+        return self.kept(Client(self.port, user, password, trust(self.authority / "ca.pem")))
 
     def kept(self, client):
         self.clients.append(client)
@@ -143,7 +75,8 @@ def mosquitto(authority, tmp_path):
     (tmp_path / "mosquitto.conf").write_text(
         f"user root\npersistence true\npersistence_location {tmp_path}/\ninclude_dir {tmp_path}/conf.d\n")
     with running((8883, 8884), "mosquitto", "-c", tmp_path / "mosquitto.conf"):
-        certified = Client(authority, 8883, GATEWAY, certificate=GATEWAY)
+        certified = Client(8883, GATEWAY, context=trust(
+            authority / "ca.pem", authority / f"{GATEWAY}.pem", authority / f"{GATEWAY}.key"))
         yield from stopping(Broker(authority, 8884, "certificate = certificate\nkey = key\n", certified))
 
 
@@ -159,12 +92,6 @@ def nats(authority, tmp_path):
     (tmp_path / "nats-server.conf").write_text(config)
     with running((8883,), "nats-server", "-c", tmp_path / "nats-server.conf"):
         yield from stopping(Broker(authority, 8883, f"version = 3.1.1\nuser = {GATEWAY}\npassword_file = password\n"))
-
-
-def hashed(password):
-    """As mkpasswd -m bcrypt does it, with less work."""
-    return subprocess.run(["perl", "-e", "print crypt($ARGV[0], $ARGV[1])", password, "$2b$04$" + 22 * "a"],
-                          check=True, capture_output=True, text=True).stdout
 
 
 def stopping(broker):
@@ -284,10 +211,10 @@ def test_who_is_not_known_does_not_get_in(broker, user, password):
 
 
 def test_where_gateways_log_in_nobody_does_without_a_certificate(mosquitto):
-    trust = ssl.create_default_context(cafile=mosquitto.authority / "ca.pem")
+    context = trust(mosquitto.authority / "ca.pem")
     with socket.create_connection(("localhost", 8883), timeout=10) as plain:
         with pytest.raises(ssl.SSLError, match="CERTIFICATE_REQUIRED"):
-            trust.wrap_socket(plain, server_hostname="localhost").recv(1)
+            context.wrap_socket(plain, server_hostname="localhost").recv(1)
 
 
 @pytest.fixture

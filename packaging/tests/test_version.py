@@ -22,6 +22,7 @@ COPIES = {
     "docs/deployment.md": rf"(?:vorbel|gateway|client-dev)_{NUMBER}_",
     "docs/gateway.md": rf"(?:vorbel|gateway)_{NUMBER}_",
     "packaging/changelog": rf"\Avorbel \({NUMBER}\) ",
+    "packaging/vorbel-authority.1": rf'\A\.TH .* "vorbel {NUMBER}"',
     "packaging/vorbel-cli.1": rf'\A\.TH .* "vorbel {NUMBER}"',
     "packaging/vorbel-gateway.8": rf'\A\.TH .* "vorbel {NUMBER}"',
     "packaging/vorbel.8": rf'\A\.TH .* "vorbel {NUMBER}"',

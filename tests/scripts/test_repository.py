@@ -21,7 +21,8 @@ def run(*words, **options):
 
 def make_key(home, name):
     home.mkdir(mode=0o700)
-    run("gpg", "--homedir", home, "--batch", "--passphrase", "", "--quick-generate-key", name, "ed25519", "sign", "never")
+    run("gpg", "--homedir", home, "--batch", "--passphrase", "", "--quick-generate-key", name, "ed25519", "sign",
+        "never")
 
 
 def make_package(folder, version, name="vorbel", architecture="arm64"):
@@ -74,8 +75,8 @@ class Board:
         """Whether it did so, and what it said. It verifies what it has, however it came."""
         options = (f"Dir={self.root}", "APT::Architecture=arm64", "APT::Architectures=arm64", "APT::Sandbox::User=root",
                    f"Dir::State::status={self.root}/var/lib/dpkg/status", "Acquire::Languages=none")
-        done = subprocess.run(["apt-get", *(f"-o{option}" for option in options), *words], capture_output=True, text=True,
-                              cwd=self.root, env={"PATH": os.environ["PATH"], "LC_ALL": "C"})
+        done = subprocess.run(["apt-get", *(f"-o{option}" for option in options), *words], capture_output=True,
+                              text=True, cwd=self.root, env={"PATH": os.environ["PATH"], "LC_ALL": "C"})
         return done.returncode == 0, done.stdout + done.stderr
 
     def update(self):

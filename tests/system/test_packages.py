@@ -145,8 +145,9 @@ def test_the_environment_file_is_the_administrators(package):
 
 def test_the_gateway_is_a_package_of_its_own(gateway_package):
     examples = {f"examples/{path.name}" for path in (PROJECT / "examples/gateway").iterdir()}
+    examples |= {f"examples/fleet/{path.name}" for path in (PROJECT / "examples/fleet").iterdir()}
     documents = {f"/usr/share/doc/vorbel-gateway/{name}"
-                 for name in {"gateway.md", "copyright", "changelog.gz"} | examples}
+                 for name in {"gateway.md", "fleet.md", "copyright", "changelog.gz"} | examples}
     assert examples
     assert files(gateway_package) == GATEWAYS_FILES | documents
 
@@ -178,7 +179,9 @@ def test_the_python_client_is_the_module_the_tool_and_their_documents(python_pac
     documents = {f"/usr/share/doc/python3-vorbel/{name}"
                  for name in ("README.md", "unknown-bus.md", "copyright", "changelog.gz")}
     assert modules
-    assert files(python_package) == modules | documents | {"/usr/bin/vorbel-cli", "/usr/share/man/man1/vorbel-cli.1.gz"}
+    programs = {path for name in ("vorbel-cli", "vorbel-authority")
+                for path in (f"/usr/bin/{name}", f"/usr/share/man/man1/{name}.1.gz")}
+    assert files(python_package) == modules | documents | programs
 
 
 def test_the_python_client_depends_on_what_it_imports(python_package):
