@@ -161,7 +161,8 @@ def test_the_list_has_who_is_valid_and_until_when(folder):
     assert [name for name, _ in rows] == ["press7", "press8"]
     for name, day in rows:
         end = said_of(folder.issued(name), "-enddate").split("=")[1].strip()
-        end = subprocess.run(["date", "-u", "-d", end, "+%F"], capture_output=True, text=True, check=True).stdout.strip()
+        end = subprocess.run(["date", "-u", "-d", end, "+%F"], capture_output=True, text=True,
+                             check=True).stdout.strip()
         assert day == end
 
 
