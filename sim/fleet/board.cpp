@@ -6,6 +6,7 @@
 
 #include <QDateTime>
 
+#include <algorithm>
 #include <utility>
 
 namespace SimulatedFleet
@@ -24,6 +25,14 @@ QString s_id(int number)
     return "board" + QString::number(number + 1);
 }
 
+// The boards of a cluster do not all begin with the same of its servers.
+Gateway::Settings s_settings(Gateway::Settings settings, int number)
+{
+    QStringList &urls = settings.broker.urls;
+    std::rotate(urls.begin(), urls.begin() + number % urls.size(), urls.end());
+    return settings;
+}
+
 qint64 s_boot()
 {
     return QDateTime::currentSecsSinceEpoch();
@@ -36,7 +45,8 @@ Board::Board(const Fleet &fleet, int number)
       m_number(number),
       m_boot(s_boot()),
       m_topics(fleet.settings.topics.prefix, s_id(number)),
-      m_session(fleet.settings, fleet.settings.topics.prefix + '-' + s_id(number), nullptr),
+      m_session(s_settings(fleet.settings, number), fleet.settings.topics.prefix + '-' + s_id(number),
+                nullptr),
       m_batches(m_boot, fleet.settings.values.interval, fleet.settings.values.bytes,
                 [this](const QByteArray &batch) { publishBatch(batch); }),
       m_latest(fleet.settings.now.interval,
