@@ -1,0 +1,189 @@
+"""What is known of one board, and what its messages become."""
+
+import hashlib
+import json
+from collections.abc import Collection, Mapping
+from dataclasses import dataclass, field
+from typing import Optional
+
+from ..schema import Leaf
+from . import batches
+from .batches import Batch, Refused
+from .lines import head
+from .runs import Arrival, Order, Runs
+from .tree import Explained, Intervals, Lines, Tree
+
+BOOTS_LIMIT = 8  # of a board that are remembered
+NO_SCHEMA = ""  # the key of the schema that nobody knows
+
+
+@dataclass
+class Boot:
+    """One run of a board's gateway."""
+
+    schema: str  # the key of the one that its values have
+    runs: Runs = field(default_factory=Runs)
+    intervals: Intervals = field(default_factory=Intervals)
+
+
+@dataclass
+class Written:
+    """What became of a batch."""
+
+    boot: int
+    number: int
+    lines: Lines
+    arrival: Arrival
+    values: int = 0
+    overwritten: int = 0
+
+
+class Schemas:
+    """The schemas of all boards by their keys, which tell one from another."""
+
+    def __init__(self, texts: Mapping[str, bytes]) -> None:
+        self.texts = dict(texts)
+        self._explained = {NO_SCHEMA: Explained(None)}
+
+    def add(self, text: bytes) -> str:
+        """The key of a schema; raises Refused for what is none."""
+        if len(text) > batches.BATCH_LIMIT:
+            raise Refused("larger than 4 MiB")
+        schema = batches.parse_json(text)
+        if schema is None:
+            return NO_SCHEMA
+        if not isinstance(schema, dict):
+            raise Refused("no object of JSON")
+        key = hashlib.sha256(text).hexdigest()
+        try:
+            self._explained[key] = Explained(schema)
+        except (TypeError, ValueError, ArithmeticError) as error:
+            raise Refused(str(error)) from None
+        self.texts[key] = text
+        return key
+
+    def of(self, key: str) -> Explained:
+        if key not in self._explained:
+            self._explained[key] = Explained(json.loads(self.texts[key]))
+        return self._explained[key]
+
+    def keep(self, used: Collection[str]) -> None:
+        """Forgets the others."""
+        self.texts = {key: text for key, text in self.texts.items() if key in used}
+        self._explained = {key: each for key, each in self._explained.items() if key in used or key == NO_SCHEMA}
+
+
+class Board:
+    """A board's schemas, which of its batches have been taken, and when its arrays came."""
+
+    def __init__(self, name: str, schemas: Schemas, saved: str = "{}") -> None:
+        self.name = name
+        self._schemas = schemas
+        state = json.loads(saved)
+        self._newest: str = state.get("newest", NO_SCHEMA)
+        self._running: Optional[int] = state.get("running")
+        self._before: Optional[str] = state.get("before")
+        self._boots = {int(boot): Boot(each["schema"], Runs(each["runs"]), Intervals(each["arrays"]))
+                       for boot, each in state.get("boots", {}).items()}
+        self._trees: dict[str, Tree] = {}
+
+    def saved(self) -> str:
+        boots = {boot: {"schema": each.schema, "runs": each.runs.runs, "arrays": each.intervals.last}
+                 for boot, each in self._boots.items()}
+        return json.dumps({"newest": self._newest, "running": self._running, "before": self._before, "boots": boots})
+
+    def used_schemas(self) -> set[str]:
+        return {self._newest, self._before or self._newest, *(boot.schema for boot in self._boots.values())}
+
+    # What it says
+
+    def hear_status(self, payload: bytes) -> None:
+        """A gateway that is there says which boot this is; one that is not says none. Raises Refused."""
+        status = batches.parse_json(payload) if payload else {}
+        boot = status.get("boot") if isinstance(status, dict) and status.get("online") is True else None
+        self._running = boot if type(boot) is int else None
+        self._change_schema()
+
+    def hear_schema(self, payload: bytes) -> None:
+        """It counts from here on for the boot that runs: what an earlier one had spooled has the schema that was.
+        Raises Refused."""
+        self._newest = self._schemas.add(payload or b"null")
+        self._change_schema()
+
+    def _change_schema(self) -> None:
+        boot = None if self._running is None else self._boots.get(self._running)
+        if boot is not None and boot.schema != self._newest:
+            self._before = boot.schema
+            boot.schema = self._newest
+            boot.intervals.forget()
+
+    def take(self, payload: bytes) -> Written:
+        """The lines of a batch. Raises Refused for one of which nothing can be taken."""
+        batch = batches.parse(payload)
+        boot = self._boot(batch.boot)
+        lines = Lines()
+        if batch.number in boot.runs:
+            return Written(batch.boot, batch.number, lines, Arrival(Order.REPEATED))
+        if batch.number != boot.runs.last + 1:
+            boot.intervals.forget()
+        tree = self._tree(boot, batch.boot)
+        try:
+            for time, values in batch.messages:
+                tree.write(lines, time, values, boot.intervals)
+        except RecursionError:
+            raise Refused("nested too deep") from None
+        arrival = boot.runs.take(batch.number, 0 if self._has_predecessor(batch.boot) else batch.number)
+        overwritten = _keep_latest(lines, batch)
+        written = Written(batch.boot, batch.number, lines, arrival, len(lines), overwritten)
+        self._add_marks(lines, batch, arrival)
+        return written
+
+    def _add_marks(self, lines: Lines, batch: Batch, arrival: Arrival) -> None:
+        """The board's own series."""
+        missing = -1 if arrival.order is Order.LATE else arrival.missing
+        gap = f",gap={missing}" if missing else ""
+        if batch.messages:
+            lines.append((f"{head(self.name)}batch={batch.number}{gap}", batch.messages[0][0]))
+
+    # Which schema
+
+    def _boot(self, number: int) -> Boot:
+        """What has an earlier boot than any that was seen, and comes now, has a schema that nobody knows."""
+        if number not in self._boots:
+            is_latest = all(number > known for known in self._boots)
+            self._boots[number] = Boot(self._newest if is_latest else NO_SCHEMA)
+            for forgotten in sorted(self._boots)[:-BOOTS_LIMIT]:
+                del self._boots[forgotten]
+        return self._boots.get(number) or Boot(NO_SCHEMA)
+
+    def _has_predecessor(self, number: int) -> bool:
+        return any(known < number for known in self._boots)
+
+    def _tree(self, boot: Boot, number: int) -> Tree:
+        """Behind a change of the schema, the batch that had begun may have readings of both."""
+        if self._before is not None and number == self._running:
+            before, self._before = self._before, None
+            return Tree(self.name, self._schemas.of(boot.schema),
+                        _different(self._schemas.of(before).leaves, self._schemas.of(boot.schema).leaves))
+        if boot.schema not in self._trees:
+            self._trees = {key: tree for key, tree in self._trees.items() if key in self.used_schemas()}
+            self._trees[boot.schema] = Tree(self.name, self._schemas.of(boot.schema))
+        return self._trees[boot.schema]
+
+
+def _different(before: Mapping[str, Leaf], after: Mapping[str, Leaf]) -> set[str]:
+    """The paths whose readings mean something else."""
+    return {path for path, leaf in after.items() if before.get(path) != leaf}
+
+
+def _keep_latest(lines: Lines, batch: Batch) -> int:
+    """Of two values of a path in one millisecond, the later one stays; returns how many did not."""
+    times = [time for time, _ in batch.messages]
+    if all(earlier < later for earlier, later in zip(times, times[1:])):
+        return 0
+    kept: dict[tuple[str, int], tuple[str, int]] = {}
+    for text, time in lines:
+        kept[text[:text.rindex(" ")], time] = text, time
+    count = len(lines) - len(kept)
+    lines[:] = kept.values()
+    return count
