@@ -168,7 +168,7 @@ class Database(Process):
         return {tuple(sorted(each["metric"].items())): float(each["value"][1]) for each in answer["data"]["result"]}
 
     def series(self, name="vorbel_value"):
-        """{(board, path): [(ms, value), ...]} of all that is there, as it is there: nothing is merged here."""
+        """{(board, path): [(ms, value), ...]} of all that is there."""
         self.get("/internal/force_flush")
         found = collections.defaultdict(list)
         text = self.get("/api/v1/export", **{"match[]": f'{{__name__="{name}"}}', "start": "0"})
@@ -187,8 +187,8 @@ class History(Process):
         self.state = self.folder / "state"
         self.state.mkdir()
         self.settings = {
-            "broker": {"url": f"mqtt://127.0.0.1:{broker.port}", "version": "3.1.1" if isinstance(broker, Nats) else "5",
-                       **sections.get("broker", {})},
+            "broker": {"url": f"mqtt://127.0.0.1:{broker.port}",
+                       "version": "3.1.1" if isinstance(broker, Nats) else "5", **sections.get("broker", {})},
             "database": {"url": f"{database.url}/write", **sections.get("database", {})},
             "topics": sections.get("topics", {})}
 

@@ -2,9 +2,10 @@
 
 import hashlib
 import json
+import time
 from collections.abc import Collection, Mapping
 from dataclasses import dataclass, field
-from typing import Optional
+from typing import NamedTuple, Optional
 
 from ..schema import Leaf
 from . import batches
@@ -14,6 +15,8 @@ from .runs import Arrival, Order, Runs
 from .tree import Explained, Intervals, Lines, Tree
 
 BOOTS_LIMIT = 8  # of a board that are remembered
+HOLES_LIMIT = 64
+GRACE = 10.0  # seconds for what is missing to come after all
 NO_SCHEMA = ""  # the key of the schema that nobody knows
 
 
@@ -24,6 +27,19 @@ class Boot:
     schema: str  # the key of the one that its values have
     runs: Runs = field(default_factory=Runs)
     intervals: Intervals = field(default_factory=Intervals)
+    before: str = NO_SCHEMA  # the schema that it had, and up to which batch there may be readings of that
+    boundary: int = -1
+
+
+@dataclass
+class Hole:
+    """Batches that have not come, though a later one has."""
+
+    boot: int
+    first: int
+    last: int
+    time: int  # of the later one
+    since: float  # when that came
 
 
 @dataclass
@@ -36,6 +52,15 @@ class Written:
     arrival: Arrival
     values: int = 0
     overwritten: int = 0
+
+
+class Gap(NamedTuple):
+    """Batches that are missing for good, as it seems."""
+
+    missing: int
+    boot: int
+    following: int  # the number of the batch behind them
+    line: tuple[str, int]
 
 
 class Schemas:
@@ -82,18 +107,22 @@ class Board:
         state = json.loads(saved)
         self._newest: str = state.get("newest", NO_SCHEMA)
         self._running: Optional[int] = state.get("running")
-        self._before: Optional[str] = state.get("before")
-        self._boots = {int(boot): Boot(each["schema"], Runs(each["runs"]), Intervals(each["arrays"]))
+        self._boots = {int(boot): Boot(each["schema"], Runs(each["runs"]), Intervals(each["arrays"]), each["before"],
+                                       each["boundary"])
                        for boot, each in state.get("boots", {}).items()}
+        self._holes = [Hole(boot, first, last, when, time.monotonic())
+                       for boot, first, last, when in state.get("holes", ())]
         self._trees: dict[str, Tree] = {}
 
     def saved(self) -> str:
-        boots = {boot: {"schema": each.schema, "runs": each.runs.runs, "arrays": each.intervals.last}
-                 for boot, each in self._boots.items()}
-        return json.dumps({"newest": self._newest, "running": self._running, "before": self._before, "boots": boots})
+        boots = {boot: {"schema": each.schema, "runs": each.runs.runs, "arrays": each.intervals.last,
+                        "before": each.before, "boundary": each.boundary} for boot, each in self._boots.items()}
+        holes = [(hole.boot, hole.first, hole.last, hole.time) for hole in self._holes]
+        return json.dumps({"newest": self._newest, "running": self._running, "boots": boots, "holes": holes})
 
     def used_schemas(self) -> set[str]:
-        return {self._newest, self._before or self._newest, *(boot.schema for boot in self._boots.values())}
+        boots = self._boots.values()
+        return {self._newest, *(boot.schema for boot in boots), *(boot.before for boot in boots)}
 
     # What it says
 
@@ -113,7 +142,7 @@ class Board:
     def _change_schema(self) -> None:
         boot = None if self._running is None else self._boots.get(self._running)
         if boot is not None and boot.schema != self._newest:
-            self._before = boot.schema
+            boot.before, boot.boundary = boot.schema, boot.runs.last + 1
             boot.schema = self._newest
             boot.intervals.forget()
 
@@ -126,24 +155,40 @@ class Board:
             return Written(batch.boot, batch.number, lines, Arrival(Order.REPEATED))
         if batch.number != boot.runs.last + 1:
             boot.intervals.forget()
-        tree = self._tree(boot, batch.boot)
+        tree = self._tree(boot, batch.number)
         try:
-            for time, values in batch.messages:
-                tree.write(lines, time, values, boot.intervals)
+            for when, values in batch.messages:
+                tree.write(lines, when, values, boot.intervals)
         except RecursionError:
             raise Refused("nested too deep") from None
         arrival = boot.runs.take(batch.number, 0 if self._has_predecessor(batch.boot) else batch.number)
         overwritten = _keep_latest(lines, batch)
         written = Written(batch.boot, batch.number, lines, arrival, len(lines), overwritten)
-        self._add_marks(lines, batch, arrival)
+        begin = batch.messages[0][0] if batch.messages else 0
+        if arrival.missing:
+            self._holes.append(Hole(batch.boot, batch.number - arrival.missing, batch.number - 1, begin,
+                                    time.monotonic()))
+            del self._holes[:-HOLES_LIMIT]
+        if batch.messages:
+            lines.append((f"{head(self.name)}batch={batch.number}", begin))
         return written
 
-    def _add_marks(self, lines: Lines, batch: Batch, arrival: Arrival) -> None:
-        """The board's own series."""
-        missing = -1 if arrival.order is Order.LATE else arrival.missing
-        gap = f",gap={missing}" if missing else ""
-        if batch.messages:
-            lines.append((f"{head(self.name)}batch={batch.number}{gap}", batch.messages[0][0]))
+    @property
+    def has_holes(self) -> bool:
+        return bool(self._holes)
+
+    def gaps(self, now: float) -> list[Gap]:
+        """What has not come within GRACE, though brokers may send in another order what they send again."""
+        overdue = [hole for hole in self._holes if now - hole.since >= GRACE]
+        self._holes = [hole for hole in self._holes if now - hole.since < GRACE]
+        found = []
+        for hole in overdue:
+            boot = self._boots.get(hole.boot)
+            missing = boot.runs.missing(hole.first, hole.last) if boot else 0
+            if missing:
+                line = f"{head(self.name)}gap={missing}", hole.time
+                found.append(Gap(missing, hole.boot, hole.last + 1, line))
+        return found
 
     # Which schema
 
@@ -161,10 +206,9 @@ class Board:
 
     def _tree(self, boot: Boot, number: int) -> Tree:
         """Behind a change of the schema, the batch that had begun may have readings of both."""
-        if self._before is not None and number == self._running:
-            before, self._before = self._before, None
+        if number <= boot.boundary:
             return Tree(self.name, self._schemas.of(boot.schema),
-                        _different(self._schemas.of(before).leaves, self._schemas.of(boot.schema).leaves))
+                        _different(self._schemas.of(boot.before).leaves, self._schemas.of(boot.schema).leaves))
         if boot.schema not in self._trees:
             self._trees = {key: tree for key, tree in self._trees.items() if key in self.used_schemas()}
             self._trees[boot.schema] = Tree(self.name, self._schemas.of(boot.schema))
@@ -178,12 +222,12 @@ def _different(before: Mapping[str, Leaf], after: Mapping[str, Leaf]) -> set[str
 
 def _keep_latest(lines: Lines, batch: Batch) -> int:
     """Of two values of a path in one millisecond, the later one stays; returns how many did not."""
-    times = [time for time, _ in batch.messages]
+    times = [when for when, _ in batch.messages]
     if all(earlier < later for earlier, later in zip(times, times[1:])):
         return 0
     kept: dict[tuple[str, int], tuple[str, int]] = {}
-    for text, time in lines:
-        kept[text[:text.rindex(" ")], time] = text, time
+    for text, when in lines:
+        kept[text[:text.rindex(" ")], when] = text, when
     count = len(lines) - len(kept)
     lines[:] = kept.values()
     return count

@@ -33,6 +33,11 @@ class Runs:
     def __contains__(self, number: int) -> bool:
         return any(first <= number <= last for first, last in self.runs)
 
+    def missing(self, first: int, last: int) -> int:
+        """How many from the first to the last were not taken."""
+        taken = sum(max(0, min(last, end) - max(first, begin) + 1) for begin, end in self.runs)
+        return last - first + 1 - taken
+
     def take(self, number: int, expected: int = 0) -> Arrival:
         """`expected` is the number that the first one should have."""
         if number in self:

@@ -49,7 +49,8 @@ class Service:
         self._inbox = inbox
         self._schemas = Schemas(state.schemas())
         self._boards = {name: Board(name, self._schemas, saved) for name, saved in state.boards().items()}
-        self._touched: set[str] = set()
+        self._touched: set[str] = set()  # boards whose state is not saved
+        self._holed = {name for name, board in self._boards.items() if board.has_holes}
         self._has_new_schema = False
         self.counts = Counts()
         self._counted = float("-inf")
@@ -71,10 +72,8 @@ class Service:
             self.beat = time.monotonic()
             messages = self._inbox.take(ROUND, IDLE)
             self._remember_subscription(session.subscribed)
-            if messages and self._settle(messages):
+            if self._settle(messages):
                 session.acknowledge([message for message in messages if message.mid])
-            elif not messages and self._is_suspect:
-                self._attempt(b"")
 
     def _remember_subscription(self, subscribed: Optional[str]) -> None:
         if subscribed != self._subscribed and subscribed is not None:
@@ -86,12 +85,28 @@ class Service:
     def _settle(self, messages: Sequence[Message]) -> bool:
         """Whether the database has all that these messages say, and the state says so."""
         lines = [line for message in messages for line in self._convert(message)]
+        lines += self._gaps()
         lines += self._own_lines(bool(lines))
+        if not lines and self._is_suspect:
+            self._attempt(b"")
         text = self._write(lines) if lines else b""
         if text is None:
             return False
-        self._commit(text)
+        if self._touched:
+            self._commit(text)
         return True
+
+    def _gaps(self) -> list[Line]:
+        lines = []
+        now = time.monotonic()
+        for name in [name for name in self._holed if self._boards[name].has_holes]:
+            for gap in self._boards[name].gaps(now):
+                self.counts.missing += gap.missing
+                log.warning(f"{name}: {gap.missing} batches are missing before {gap.following} of boot {gap.boot}")
+                lines.append(gap.line)
+                self._touched.add(name)
+        self._holed = {name for name in self._holed if self._boards[name].has_holes}
+        return lines
 
     def _commit(self, text: bytes) -> None:
         if self._has_new_schema:
@@ -239,10 +254,5 @@ class Service:
                         "are too many; those are left out")
         if arrival.order is Order.REPEATED:
             counts.repeated += 1
-        elif arrival.order is Order.LATE:
-            counts.missing -= 1
-            log.info(f"{board}: a batch that was missing has come, {written.number} of boot {written.boot}")
         elif arrival.missing:
-            counts.missing += arrival.missing
-            log.warning(f"{board}: {arrival.missing} batches are missing before {written.number} of boot "
-                        f"{written.boot}")
+            self._holed.add(board)
