@@ -11,7 +11,7 @@ from ..schema import Leaf
 from . import batches
 from .batches import Batch, Refused
 from .lines import head
-from .runs import Arrival, Order, Runs
+from .runs import Runs
 from .tree import Explained, Intervals, Lines, Tree
 
 BOOTS_LIMIT = 8  # of a board that are remembered
@@ -42,16 +42,13 @@ class Hole:
     since: float  # when that came
 
 
-@dataclass
-class Written:
+class Written(NamedTuple):
     """What became of a batch."""
 
-    boot: int
-    number: int
     lines: Lines
-    arrival: Arrival
     values: int = 0
     overwritten: int = 0
+    is_repeated: bool = False
 
 
 class Gap(NamedTuple):
@@ -152,7 +149,7 @@ class Board:
         boot = self._boot(batch.boot)
         lines = Lines()
         if batch.number in boot.runs:
-            return Written(batch.boot, batch.number, lines, Arrival(Order.REPEATED))
+            return Written(lines, is_repeated=True)
         if batch.number != boot.runs.last + 1:
             boot.intervals.forget()
         tree = self._tree(boot, batch.number)
@@ -161,17 +158,20 @@ class Board:
                 tree.write(lines, when, values, boot.intervals)
         except RecursionError:
             raise Refused("nested too deep") from None
-        arrival = boot.runs.take(batch.number, 0 if self._has_predecessor(batch.boot) else batch.number)
-        overwritten = _keep_latest(lines, batch)
-        written = Written(batch.boot, batch.number, lines, arrival, len(lines), overwritten)
+        values, overwritten = len(lines), _keep_latest(lines, batch)
         begin = batch.messages[0][0] if batch.messages else 0
-        if arrival.missing:
-            self._holes.append(Hole(batch.boot, batch.number - arrival.missing, batch.number - 1, begin,
-                                    time.monotonic()))
-            del self._holes[:-HOLES_LIMIT]
+        self._note_missing(boot, batch, begin)
         if batch.messages:
             lines.append((f"{head(self.name)}batch={batch.number}", begin))
-        return written
+        return Written(lines, values, overwritten)
+
+    def _note_missing(self, boot: Boot, batch: Batch, begin: int) -> None:
+        """Of the first boot that is heard of, nobody knows where it began."""
+        is_first = all(known >= batch.boot for known in self._boots)
+        missing = boot.runs.take(batch.number, batch.number if is_first else 0)
+        if missing:
+            self._holes.append(Hole(batch.boot, batch.number - missing, batch.number - 1, begin, time.monotonic()))
+            del self._holes[:-HOLES_LIMIT]
 
     @property
     def has_holes(self) -> bool:
@@ -200,9 +200,6 @@ class Board:
             for forgotten in sorted(self._boots)[:-BOOTS_LIMIT]:
                 del self._boots[forgotten]
         return self._boots.get(number) or Boot(NO_SCHEMA)
-
-    def _has_predecessor(self, number: int) -> bool:
-        return any(known < number for known in self._boots)
 
     def _tree(self, boot: Boot, number: int) -> Tree:
         """Behind a change of the schema, the batch that had begun may have readings of both."""

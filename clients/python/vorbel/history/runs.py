@@ -1,28 +1,14 @@
 """Which batches of a boot have been taken."""
 
-from enum import Enum
-from typing import NamedTuple
+from typing import Optional
 
 RUNS_LIMIT = 64
-
-
-class Order(Enum):
-    """How a batch comes."""
-
-    NEXT = "next"  # right behind the last one, or after a gap
-    REPEATED = "repeated"  # it was there before
-    LATE = "late"  # it fills a gap
-
-
-class Arrival(NamedTuple):
-    order: Order
-    missing: int = 0  # how many batches before it are
 
 
 class Runs:
     """The numbers that were taken, as runs without a gap, in their order."""
 
-    def __init__(self, runs: "list[list[int]] | None" = None) -> None:
+    def __init__(self, runs: Optional[list[list[int]]] = None) -> None:
         self.runs = runs or []
 
     @property
@@ -38,25 +24,19 @@ class Runs:
         taken = sum(max(0, min(last, end) - max(first, begin) + 1) for begin, end in self.runs)
         return last - first + 1 - taken
 
-    def take(self, number: int, expected: int = 0) -> Arrival:
-        """`expected` is the number that the first one should have."""
-        if number in self:
-            return Arrival(Order.REPEATED)
-        following = self.last + 1 if self.runs else min(expected, number)
+    def take(self, number: int, expected: int) -> int:
+        """Takes one that is not there. Returns how many are missing between the one that was the last, or before the
+        one that is `expected` to be the first, and this one."""
+        following = self.last + 1 if self.runs else expected
         self._add(number)
-        if number < following:
-            return Arrival(Order.LATE)
-        return Arrival(Order.NEXT, number - following)
+        return max(0, number - following)
 
     def _add(self, number: int) -> None:
         """The oldest runs are forgotten: what comes of them again is written again, which does no harm."""
-        if self.runs and self.runs[-1][1] + 1 == number:
-            self.runs[-1][1] = number
-            return
         merged: list[list[int]] = []
-        for first, last in sorted([*self.runs, [number, number]]):
-            if merged and merged[-1][1] + 1 == first:
-                merged[-1][1] = last
+        for run in sorted([*self.runs, [number, number]]):
+            if merged and merged[-1][1] + 1 == run[0]:
+                merged[-1][1] = run[1]
             else:
-                merged.append([first, last])
+                merged.append(run)
         self.runs = merged[-RUNS_LIMIT:]

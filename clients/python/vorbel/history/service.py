@@ -11,12 +11,11 @@ from .board import Board, Schemas, Written
 from .database import Away, Database, Poison, join
 from .inbox import Inbox, Message
 from .lines import MEASUREMENT, is_name
-from .runs import Order
 from .session import Session
 from .state import State
 from .topics import Topics
 
-ROUND = 4 * 1024 * 1024  # bytes of messages that are written at a time
+ROUND = 1024 * 1024  # bytes of messages that are written at a time
 IDLE = 1.0  # seconds
 PAUSE_LEAST, PAUSE_MOST = 0.1, 5.0  # seconds between attempts to write
 BOARDS_LIMIT = 10_000
@@ -239,20 +238,19 @@ class Service:
             self._has_new_schema = True
             return []
         written = board.take(payload)
-        self._count(board.name, written)
+        self._count(board, written)
         return written.lines
 
-    def _count(self, board: str, written: Written) -> None:
-        counts, arrival = self.counts, written.arrival
+    def _count(self, board: Board, written: Written) -> None:
+        counts, unfit = self.counts, written.lines.unfit
         counts.batches += 1
+        counts.repeated += written.is_repeated
         counts.values += written.values
         counts.overwritten += written.overwritten
-        counts.unfit += written.lines.unfit
-        if written.lines.unfit and board not in self._unfit:
-            self._unfit.add(board)
-            log.warning(f"{board}: {written.lines.unfit} values are no numbers, have no name that can be written, or "
-                        "are too many; those are left out")
-        if arrival.order is Order.REPEATED:
-            counts.repeated += 1
-        elif arrival.missing:
-            self._holed.add(board)
+        counts.unfit += unfit
+        if unfit and board.name not in self._unfit:
+            self._unfit.add(board.name)
+            log.warning(f"{board.name}: {unfit} values of a batch are no numbers, or have a name that cannot be "
+                        "written, or are too many; such values are left out")
+        if board.has_holes:
+            self._holed.add(board.name)
