@@ -182,15 +182,14 @@ class Database(Process):
 class History(Process):
     """Its log lines begin with their priority: "<6>..."."""
 
-    def __init__(self, folder, broker, database, **sections):
+    def __init__(self, folder, broker, database):
         super().__init__(folder, "history")
         self.state = self.folder / "state"
         self.state.mkdir()
         self.settings = {
             "broker": {"url": f"mqtt://127.0.0.1:{broker.port}",
-                       "version": "3.1.1" if isinstance(broker, Nats) else "5", **sections.get("broker", {})},
-            "database": {"url": f"{database.url}/write", **sections.get("database", {})},
-            "topics": sections.get("topics", {})}
+                       "version": "3.1.1" if isinstance(broker, Nats) else "5"},
+            "database": {"url": f"{database.url}/write"}, "topics": {}}
 
     def command(self):
         file = self.folder / "history.ini"

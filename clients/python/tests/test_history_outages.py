@@ -14,13 +14,13 @@ BROKERS = {"mosquitto": Mosquitto, "nats": Nats}
 class Plant:
     """A broker, a database, the history, and boards that publish all the time."""
 
-    def __init__(self, folder, broker, **sections):
+    def __init__(self, folder, broker):
         self.broker = broker(folder).start()
         self.database = Database(folder).start()
         self.boards = [Board(self.broker.port, f"press{number}") for number in (1, 2, 3)]
         for board in self.boards:
             board.settle()
-        self.history = History(folder, self.broker, self.database, **sections).start()
+        self.history = History(folder, self.broker, self.database).start()
         wait_until(self.is_subscribed, "the subscription")
         self._clock = milliseconds() - 3_600_000
         self._is_ending = threading.Event()
@@ -67,8 +67,8 @@ class Plant:
 
     def close(self):
         self._is_ending.set()
-        for each in (*self.boards, ):
-            each.close()
+        for board in self.boards:
+            board.close()
         for process in (self.history, self.database, self.broker):
             process.end()
 

@@ -15,7 +15,11 @@ POISON = (400, 413, 422)  # of these, the lines are to blame, and not the way to
 
 
 class Away(Exception):
-    """The database has not taken anything, and why. `is_new` says that it had taken what came before."""
+    """The database has not taken anything, and why. `may_have_ended` says that it may have been killed."""
+
+    def __init__(self, reason: str, may_have_ended: bool = True) -> None:
+        super().__init__(reason)
+        self.may_have_ended = may_have_ended
 
 
 class Poison(Exception):
@@ -54,7 +58,7 @@ class Database:
         if 200 <= answer.status < 300:
             return
         reason = f"{answer.status} {answer.reason}: {_first_line(text)}"
-        raise Poison(reason) if answer.status in POISON else Away(reason)
+        raise Poison(reason) if answer.status in POISON else Away(reason, answer.status >= 500)
 
     def close(self) -> None:
         if self._connection is not None:

@@ -58,6 +58,7 @@ class Service:
         self._trouble = log.Trouble()
         self._subscribed = state.mark(SUBSCRIBED)
         self._is_suspect = True  # the database may have lost what it had taken last
+        self._has_failed = False
         self.beat = time.monotonic()
         self._stopping = threading.Event()
 
@@ -149,10 +150,12 @@ class Service:
             if text:
                 text = self._post(text, lines)
         except Away as away:
-            if self._is_suspect:  # not at once: a connection that was idle may have been closed
+            self._is_suspect = self._is_suspect or away.may_have_ended
+            if self._has_failed:  # not at once: a connection that was idle may have been closed
                 self._trouble.tell(f"database: {away}; trying again")
-            self._is_suspect = True
+            self._has_failed = True
             return None
+        self._has_failed = False
         if self._trouble.over():
             log.info("database: it takes values again")
         return text
@@ -181,7 +184,7 @@ class Service:
         try:
             self._database.write(join([self._own_line()]))
         except Poison:
-            raise Away(str(poison)) from None
+            raise Away(str(poison), may_have_ended=False) from None
 
     def _without_poison(self, lines: Sequence[Line], poison: Poison) -> list[Line]:
         """Writes halves of halves, until nothing is left but what is refused."""
