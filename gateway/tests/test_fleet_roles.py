@@ -230,8 +230,7 @@ def test_nobody_says_what_only_a_board_says(broker, topic):
 
 def test_the_history_reads_values_and_writes_nothing(broker):
     history, seven = broker.board("history"), broker.board("press7")
-    for topic in ("values", "schema", "status"):
-        assert history.subscribe(f"vorbel/+/{topic}") == 1
+    assert history.subscribe("vorbel/+/+") == 1
     assert seven.subscribe("vorbel/press7/set/+/#") == 1
     for topic in ("vorbel/press7/values", "vorbel/press7/set/history/a", "vorbel/press7/schema/set"):
         history.publish(topic, "forged")

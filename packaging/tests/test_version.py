@@ -25,6 +25,7 @@ COPIES = {
     "packaging/vorbel-authority.1": rf'\A\.TH .* "vorbel {NUMBER}"',
     "packaging/vorbel-cli.1": rf'\A\.TH .* "vorbel {NUMBER}"',
     "packaging/vorbel-gateway.8": rf'\A\.TH .* "vorbel {NUMBER}"',
+    "packaging/vorbel-history.8": rf'\A\.TH .* "vorbel {NUMBER}"',
     "packaging/vorbel.8": rf'\A\.TH .* "vorbel {NUMBER}"',
     "tests/system/test_upgrade_and_removal.py": rf'"Version: {NUMBER}"',
 }

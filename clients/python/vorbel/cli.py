@@ -22,6 +22,7 @@ from .discover import discover
 from .dump import INTERFACE, default_log, dump
 from .errors import SchemaError, VorbelError, WriteError, suggestion
 from .exporting import export_file
+from .history.past import add_arguments as add_history_arguments, history
 from .importing import import_file
 from .once import Observation, check_paths, parse_assignment, parse_expectation, report
 from .plot import plot as plot_to_file, plot_recordings
@@ -260,11 +261,12 @@ async def _watch_once(options: Options) -> int:
 
 
 class _Parser(argparse.ArgumentParser):
-    """Proposes the nearest for a command that does not exist, and takes any number below 0 for a value."""
+    """Proposes the nearest for a command that does not exist, and takes any number or time below 0 for a
+    value."""
 
     def __init__(self, **options: Any) -> None:
         super().__init__(**options)
-        self._negative_number_matcher = re.compile(r"-\d*\.?\d+([eE][-+]?\d+)?$")
+        self._negative_number_matcher = re.compile(r"-\d*\.?\d+([eE][-+]?\d+|[smhdw])?$")
 
     def _check_value(self, action: argparse.Action, value: Any) -> None:
         if action.choices is not None and value not in action.choices:
@@ -338,6 +340,8 @@ def _parser() -> argparse.ArgumentParser:
     command.add_argument("--from", dest="recordings", action="append", metavar="RECORDING",
                          help="draw what was recorded instead; once for each file, in their order. No daemon is "
                               "needed; --schema is not sent, but counts instead of the recording's own")
+
+    add_history_arguments(add("history", history, "print or draw what the history has of a value", connects=False))
 
     _add_discover(add("discover", discover_fields, "show the bytes of every frame, and write a schema to begin with",
                       connects=False))

@@ -148,11 +148,12 @@ class Meanings:
     def _counting(self, readings: Mapping[str, Any]) -> Iterator[tuple[str, Meant]]:
         for path, reading in readings.items():
             leaf = self.leaves.get(path)
-            if leaf is None or self._counts(leaf, readings):
+            if leaf is None or self.counts(leaf, readings):
                 yield path, Meant(reading, leaf)
 
-    def _counts(self, leaf: Leaf, readings: Mapping[str, Any]) -> bool:
-        """What the selector depends on in turn is asked as well; one that is in a circle never counts."""
+    def counts(self, leaf: Leaf, readings: Mapping[str, Any]) -> bool:
+        """Whether a leaf says anything in a message with these readings, by their paths. What the selector depends on
+        in turn is asked as well; one that is in a circle never counts."""
         asked: set[str] = set()
         while leaf.meaning.when:
             selector = leaf.meaning.when
