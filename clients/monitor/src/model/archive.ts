@@ -10,6 +10,8 @@ import type { TreeNode } from "./tree";
 const CALM = 250;
 /** Milliseconds between two questions for the same value, at least. */
 const PAUSE = 1000;
+/** After it did not answer, it is left alone for so long. */
+const REST = 60_000;
 /** What is asked for in one go, in points of one series. */
 const MOST_POINTS = 4000;
 /** Characters of an answer that are looked at. */
@@ -31,6 +33,7 @@ export class Archive extends Source {
     readonly #asked = new WeakMap<Series, number>();
     #wanted = new Map<TreeNode, Piece>();
     #timer: ReturnType<typeof setTimeout> | undefined;
+    #restsUntil = -Infinity;
 
     constructor(
         /** Where "/api/v1/query_range" is. */
@@ -43,6 +46,7 @@ export class Archive extends Source {
 
     /** A plot shows values between two times in so many pixels. */
     want(nodes: readonly TreeNode[], from: number, to: number, columns: number): void {
+        if (now() < this.#restsUntil) return;
         const step = stepOf((to - from) / columns);
         for (const node of nodes) {
             const { series } = node;
@@ -70,7 +74,7 @@ export class Archive extends Source {
         for (const [node, piece] of wanted) {
             const labels = this.labelsOf(node);
             const series = node.series;
-            if (!labels || !series || time - (this.#asked.get(series) ?? -Infinity) < PAUSE) continue;
+            if (!labels || !series || now() < this.#restsUntil || time - (this.#asked.get(series) ?? -Infinity) < PAUSE) continue;
             this.#asked.set(series, time);
             await this.#fetch(series, series.holds(node.leaf), labels, piece);
         }
@@ -89,6 +93,7 @@ export class Archive extends Source {
             this.problem = undefined;
         } catch (error) {
             this.problem = (error as Error).message;
+            this.#restsUntil = now() + REST;
         }
         this.changed();
     }
@@ -111,12 +116,22 @@ export function queryOf(which: string, { board, path }: Labels, step: number): s
     return `${which}_over_time(vorbel_value{board=${JSON.stringify(board)},path=${JSON.stringify(path)}}[${step}s])`;
 }
 
+type Answer = { status?: unknown; error?: unknown; data?: { result?: { values?: unknown }[] } };
+
+function answerIn(text: string): Answer {
+    try {
+        return (JSON.parse(text) ?? {}) as Answer;
+    } catch {
+        throw new Error("the history service answers with something else");
+    }
+}
+
 type Point = [time: number, value: number];
 
 /** The points of an answer to query_range, of its only series. Throws what is wrong with it. */
 export function pointsIn(text: string): Point[] {
     if (text.length > LONGEST) throw new Error("the history service answers with more than 16 MiB");
-    const { status, data, error } = JSON.parse(text);
+    const { status, data, error } = answerIn(text);
     if (status !== "success") throw new Error(`the history service answers: ${String(error ?? status)}`);
     const values: unknown = data?.result?.[0]?.values ?? [];
     if (!Array.isArray(values)) throw new Error("the history service answers with something else");
@@ -154,8 +169,9 @@ export function joined(
 }
 
 async function getText(url: string): Promise<string> {
-    const response = await fetch(url);
-    const text = await response.text();
+    const response = await fetch(url).catch(() => undefined);
+    if (!response) throw new Error("no history service answers");
+    if (response.status === 404) throw new Error("there is no history service");
     if (!response.ok) throw new Error(`the history service answers ${response.status}`);
-    return text;
+    return response.text();
 }

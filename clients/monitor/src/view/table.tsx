@@ -181,7 +181,7 @@ function Grid({ session, rows, searching }: GridProps) {
                 role="treegrid"
                 aria-label="Values. Arrow keys move and fold, P plots, C copies, Enter sets."
                 aria-rowcount={rows.length + 1}
-                aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
+                aria-activedescendant={activeIndex >= first && activeIndex < last ? active!.id : undefined}
                 tabIndex={0}
                 style={{ "--row-height": `${rowHeight}px`, ...columnStyle(columns) }}
                 onKeyDown={press}

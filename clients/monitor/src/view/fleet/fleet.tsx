@@ -124,6 +124,7 @@ function Boards({ fleet, history, leave }: BoardsProps) {
         const close = () => {
             plots.release(fleet.sessionOf(open.level));
             setOpen(undefined);
+            setTimeout(() => document.getElementById("boards-grid")?.focus());
         };
         return <BoardPage key={open.level} board={open} fleet={fleet} archive={archive} close={close} />;
     }
@@ -134,7 +135,7 @@ function Boards({ fleet, history, leave }: BoardsProps) {
                     <FleetHeader fleet={fleet} leave={leave} />
                 </Boundary>
             </div>
-            <main class="fleet" data-tab={tab}>
+            <main class={`fleet${plots.plots.nodes.length > 0 ? "" : " alone"}`} data-tab={tab}>
                 <Boundary part="The table of boards">
                     <BoardGrid fleet={fleet} plots={plots} open={setOpen} />
                 </Boundary>

@@ -14,6 +14,8 @@ const PAUSE = 100;
 const SPARE_ROWS = 4;
 /** The height of rows in pixels; the style sheet hears of it as --row-height. */
 const ROW = 38;
+/** What each chosen value takes of a row's width. */
+const TRACK = "minmax(7.75rem, 1fr) ";
 /** Paths that are offered to choose from. */
 const MOST_OFFERED = 2000;
 
@@ -143,6 +145,7 @@ function Grid({ fleet, plots, open, rows }: GridProps & { rows: Board[] }) {
         else return;
         event.preventDefault();
     };
+    const count = fleet.columns.length;
     const first = Math.max(0, Math.floor(view.top / ROW) - SPARE_ROWS);
     const last = Math.min(rows.length, Math.ceil((view.top + view.height) / ROW) + SPARE_ROWS);
     return (
@@ -153,9 +156,9 @@ function Grid({ fleet, plots, open, rows }: GridProps & { rows: Board[] }) {
             role="grid"
             aria-label="Boards. Arrow keys move, Enter opens."
             aria-rowcount={rows.length + 1}
-            aria-activedescendant={activeIndex >= 0 ? idOf(active!) : undefined}
+            aria-activedescendant={activeIndex >= first && activeIndex < last ? idOf(active!) : undefined}
             tabIndex={0}
-            style={{ "--row-height": `${ROW}px`, "--more": String(fleet.columns.length) }}
+            style={{ "--row-height": `${ROW}px`, "--more": String(count), "--tracks": TRACK.repeat(count) }}
             onKeyDown={press}
             onScroll={(event) => setView({ ...view, top: event.currentTarget.scrollTop })}
         >
