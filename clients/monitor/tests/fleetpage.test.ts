@@ -143,7 +143,7 @@ describe.each(brokers)("at %s", (name, make) => {
         expect(machine.heard.at(-1)).toBe("mac 5 cmd 3: b0 04");
         await shownValue(page, "motor.setpoint").getByText(/^Done at [\d:]+: 1200 \(raw 1200\)$/).waitFor();
         await page.getByLabel("motor.setpoint", { exact: true }).fill("7000");
-        await page.getByText("must lie between -6000 and 6000").waitFor();
+        await page.getByText("takes at least -6000 and at most 6000, not 7000").waitFor();
         await startSetting(page, "battery.charge", "50");
         await page.locator(".write").getByText("may not write").waitFor();
         await page.getByRole("button", { name: "All boards" }).click();

@@ -179,7 +179,10 @@ export class Fleet extends Source {
         const boards = [...this.boards.values()].filter(fits);
         const keyed = boards.map((board) => ({ board, key: sortValue(board, key) }));
         const direction = descending ? -1 : 1;
-        keyed.sort((one, other) => compared(one.key, other.key, direction) || byName(one.board.id, other.board.id));
+        const byId = key === "name" ? direction : 1;
+        keyed.sort(
+            (one, other) => compared(one.key, other.key, direction) || byId * byName(one.board.id, other.board.id),
+        );
         return keyed.map(({ board }) => board);
     }
 
