@@ -1,5 +1,6 @@
 import { render } from "preact";
 import "uplot/dist/uPlot.min.css";
+import { dotted } from "vorbel";
 import { wallClock } from "./model/clock";
 import { Session } from "./model/session";
 import { keepOffline, memory, surroundings } from "./page";
@@ -29,6 +30,7 @@ function startSession(): Session {
     const session = new Session(surroundings());
     const unwatch = session.status.watch(watchLimits);
     watchLimits();
+    if (query.has("history")) void useHistory(session);
     return session;
 
     /** Loads what watches over limits as soon as there are some. */
@@ -40,4 +42,14 @@ function startSession(): Session {
             (error: Error) => session.log.add("problem", "Limits cannot be watched", error.message),
         );
     }
+}
+
+/** The past of what is drawn, where the page's address says that there is one: of the board that the daemon is. */
+async function useHistory(session: Session): Promise<void> {
+    const { Archive, historyUrl } = await import("./model/archive");
+    session.archive = new Archive(historyUrl(query.get("history")), ({ path }) => {
+        const board = session.hello?.id;
+        return board ? { board, path: dotted(path) } : undefined;
+    });
+    session.view.changed();
 }

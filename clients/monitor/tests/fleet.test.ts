@@ -396,7 +396,12 @@ describe("a board", () => {
     test("of a clock that is ahead, or goes back, nothing comes from the future or before what was there", () => {
         const session = open();
         const at = () => session.tree.find(["motor", "speed"])!.series!.time;
-        port.send("vorbel/press7/values", { boot: 1, n: 0, t: Date.now() + 3_600_000, v: [[0, { motor: { speed: 1 } }]] });
+        port.send("vorbel/press7/values", {
+            boot: 1,
+            n: 0,
+            t: Date.now() + 3_600_000,
+            v: [[0, { motor: { speed: 1 } }]],
+        });
         expect(at()).toBeLessThanOrEqual(now());
         const before = at();
         port.send("vorbel/press7/values", { boot: 1, n: 1, t: 0, v: [[0, { motor: { speed: 2 } }]] });
@@ -484,7 +489,9 @@ describe("a board", () => {
         expect(memory.load("locked")).toBe("yes");
         session.unlock();
         port.send("vorbel/press7/status", { online: false });
-        await expect(session.write(new Map([[setpoint!, 1]]))).rejects.toThrow("Nothing was written: the board is offline");
+        await expect(session.write(new Map([[setpoint!, 1]]))).rejects.toThrow(
+            "Nothing was written: the board is offline",
+        );
         expect(port.published).toEqual([]);
     });
 

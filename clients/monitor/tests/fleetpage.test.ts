@@ -116,8 +116,14 @@ describe.each(brokers)("at %s", (name, make) => {
         await page.getByText("2 boards, 2 online").waitFor();
         await showValue(page, "motor.speed");
         await showValue(page, "battery.charge");
-        await boardRow(page, "press7").locator('[data-path="motor.speed"]').getByText(/^\d+ rpm$/).waitFor();
-        await boardRow(page, "press8").locator('[data-path="battery.charge"]').getByText(/^\d+\.\d %$/).waitFor();
+        await boardRow(page, "press7")
+            .locator('[data-path="motor.speed"]')
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
+        await boardRow(page, "press8")
+            .locator('[data-path="battery.charge"]')
+            .getByText(/^\d+\.\d %$/)
+            .waitFor();
         const names = () => page.locator(".row .name").allTextContents();
         expect(await names()).toEqual(["press7", "press8"]);
         await page.getByRole("columnheader", { name: "Board" }).getByRole("button").click();
@@ -126,7 +132,10 @@ describe.each(brokers)("at %s", (name, make) => {
         await expect.poll(names).toEqual(["press7"]);
         await page.reload();
         await logIn(page, "observer");
-        await boardRow(page, "press8").locator('[data-path="motor.speed"]').getByText(/^\d+ rpm$/).waitFor();
+        await boardRow(page, "press8")
+            .locator('[data-path="motor.speed"]')
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         expect(await names(), "is remembered").toEqual(["press8", "press7"]);
         await page.getByRole("button", { name: "Show motor.speed no longer" }).click();
         await page.getByRole("columnheader", { name: "motor.speed" }).waitFor({ state: "detached" });
@@ -135,13 +144,17 @@ describe.each(brokers)("at %s", (name, make) => {
     test("a board opens as a daemon's view does, and takes values", async () => {
         const page = await enter("operator");
         await openBoard(page, "press7");
-        await shownValue(page, "motor.speed").getByText(/^\d+ rpm$/).waitFor();
+        await shownValue(page, "motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await page.getByRole("button", { name: "Plot motor.speed" }).click();
         await page.locator(".plots canvas").waitFor();
         await startSetting(page, "motor.setpoint", "1200");
         await page.getByText("Done: 1200 (raw 1200)").waitFor();
         expect(machine.heard.at(-1)).toBe("mac 5 cmd 3: b0 04");
-        await shownValue(page, "motor.setpoint").getByText(/^Done at [\d:]+: 1200 \(raw 1200\)$/).waitFor();
+        await shownValue(page, "motor.setpoint")
+            .getByText(/^Done at [\d:]+: 1200 \(raw 1200\)$/)
+            .waitFor();
         await page.getByLabel("motor.setpoint", { exact: true }).fill("7000");
         await page.getByText("takes at least -6000 and at most 6000, not 7000").waitFor();
         await startSetting(page, "battery.charge", "50");
@@ -153,11 +166,15 @@ describe.each(brokers)("at %s", (name, make) => {
     test("what others write is told beside the value", async () => {
         const [one, other] = [await enter("operator"), await enter("observer")];
         await openBoard(other, "press8");
-        await shownValue(other, "motor.speed").getByText(/^\d+ rpm$/).waitFor();
+        await shownValue(other, "motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await openBoard(one, "press8");
         await startSetting(one, "motor.setpoint", "900");
         await one.getByText("Done: 900 (raw 900)").waitFor();
-        await shownValue(other, "motor.setpoint").getByText(/: operator: 900 \(raw 900\)$/).waitFor();
+        await shownValue(other, "motor.setpoint")
+            .getByText(/: operator: 900 \(raw 900\)$/)
+            .waitFor();
     });
 
     test("values of several boards are drawn in one plot", async () => {
@@ -211,7 +228,9 @@ describe.each(brokers)("at %s", (name, make) => {
             expect(await faults(page), `all boards, ${colorScheme}`).toEqual([]);
         }
         await openBoard(page, "press7");
-        await shownValue(page, "motor.speed").getByText(/^\d+ rpm$/).waitFor();
+        await shownValue(page, "motor.speed")
+            .getByText(/^\d+ rpm$/)
+            .waitFor();
         await startSetting(page, "motor.setpoint", "1200");
         await page.getByText("Done: 1200").waitFor();
         expect(await faults(page), "one board").toEqual([]);
@@ -240,17 +259,23 @@ describe.each(brokers)("at %s", (name, make) => {
         test("what the broker of MQTT 5 refuses is read-only from then on, with the reason", async () => {
             const page = await enter("observer");
             await openBoard(page, "press7");
-            await shownValue(page, "motor.speed").getByText(/^\d+ rpm$/).waitFor();
+            await shownValue(page, "motor.speed")
+                .getByText(/^\d+ rpm$/)
+                .waitFor();
             await startSetting(page, "motor.setpoint", "1300");
             await page.getByRole("button", { name: "Why motor.setpoint cannot be set" }).waitFor();
-            await page.getByText("the broker does not let this user write it (Publish error: Not authorized)").waitFor();
+            await page
+                .getByText("the broker does not let this user write it (Publish error: Not authorized)")
+                .waitFor();
             expect(machine.heard).not.toContain("mac 5 cmd 3: 14 05");
         });
     } else {
         test("what the broker of MQTT 3.1.1 drops without a word is told as unanswered", async () => {
             const page = await enter("observer");
             await openBoard(page, "press7");
-            await shownValue(page, "motor.speed").getByText(/^\d+ rpm$/).waitFor();
+            await shownValue(page, "motor.speed")
+                .getByText(/^\d+ rpm$/)
+                .waitFor();
             await startSetting(page, "motor.setpoint", "1300");
             await page.locator(".write").getByText("Nothing says whether it was done").waitFor();
             expect(machine.heard).not.toContain("mac 5 cmd 3: 14 05");

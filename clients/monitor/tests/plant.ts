@@ -87,6 +87,11 @@ export abstract class BrokerProgram extends Program {
 const BOARDS = ["press7", "press8"];
 
 export class Mosquitto extends BrokerProgram {
+    /** To one that is open, everybody may do everything. */
+    constructor(readonly rights: "roles" | "open" = "roles") {
+        super();
+    }
+
     get url(): string {
         return `ws://127.0.0.1:${this.webPort}/mqtt`;
     }
@@ -109,12 +114,13 @@ export class Mosquitto extends BrokerProgram {
         writeFileSync(join(this.folder, "acl"), rules.map((line) => `${line}\n`).join(""), { mode: 0o600 });
         const lines = [
             `user ${process.env["USER"] ?? "root"}`,
-            "allow_anonymous false",
-            `acl_file ${join(this.folder, "acl")}`,
-            `password_file ${passwords}`,
+            ...(this.rights === "open"
+                ? ["allow_anonymous true"]
+                : ["allow_anonymous false", `acl_file ${join(this.folder, "acl")}`, `password_file ${passwords}`]),
             `listener ${this.port} 127.0.0.1`,
             `listener ${this.webPort} 127.0.0.1`,
             "protocol websockets",
+            "max_queued_messages 100000",
             "log_dest stderr",
         ];
         const file = join(this.folder, "mosquitto.conf");

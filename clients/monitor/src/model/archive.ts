@@ -74,7 +74,8 @@ export class Archive extends Source {
         for (const [node, piece] of wanted) {
             const labels = this.labelsOf(node);
             const series = node.series;
-            if (!labels || !series || now() < this.#restsUntil || time - (this.#asked.get(series) ?? -Infinity) < PAUSE) continue;
+            if (!labels || !series || now() < this.#restsUntil || time - (this.#asked.get(series) ?? -Infinity) < PAUSE)
+                continue;
             this.#asked.set(series, time);
             await this.#fetch(series, series.holds(node.leaf), labels, piece);
         }
@@ -104,6 +105,11 @@ export class Archive extends Source {
         const times = { start: seconds(from), end: seconds(to), step: `${step}s`, latency_offset: "1ms", nocache: "1" };
         return `${this.url.replace(/\/+$/, "")}/api/v1/query_range?${new URLSearchParams({ query, ...times })}`;
     }
+}
+
+/** Where the past is asked for: below the page's own server, unless somebody names another place. */
+export function historyUrl(asked: string | null): string {
+    return new URL(asked || "./history", window.location.href).href;
 }
 
 /** The smallest step that is no shorter than some milliseconds, in seconds. */

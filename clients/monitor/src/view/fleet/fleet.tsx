@@ -1,6 +1,6 @@
 import { useEffect, useMemo, useState } from "preact/hooks";
 import { dotted } from "vorbel";
-import { Archive } from "../../model/archive";
+import { Archive, historyUrl } from "../../model/archive";
 import type { BoardSession } from "../../model/fleet/board";
 import { Broker } from "../../model/fleet/broker";
 import { Fleet, MOST_BOARDS, type Board } from "../../model/fleet/fleet";
@@ -48,7 +48,7 @@ export function FleetPage({ query }: { query: Query }) {
         if (known) start(known);
     }, []);
     if (fleet && broker.state !== "refused") {
-        return <Boards key={fleet.prefix} fleet={fleet} history={historyUrl(query)} leave={leave} />;
+        return <Boards key={fleet.prefix} fleet={fleet} history={historyUrl(query.get("history"))} leave={leave} />;
     }
     return (
         <>
@@ -77,11 +77,6 @@ function firstEntry(query: Query): Entry {
     } catch {
         return { url: asked, prefix, user: "", password: "" };
     }
-}
-
-/** Where the past is asked for: below the page's own server, unless the address names another place. */
-function historyUrl(query: Query): string {
-    return new URL(query.get("history") || "./history", window.location.href).href;
 }
 
 function Title() {
