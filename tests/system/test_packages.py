@@ -25,10 +25,11 @@ GATEWAYS_FILES = {"/usr/bin/vorbel-gateway", "/lib/systemd/system/vorbel-gateway
 MONITOR_BEGIN = {"icon.svg", "icon-192.png", "manifest.json", "assets/index-*.js", "assets/index-*.css",
                  "assets/receiver-*.js"}
 SCRIPTS_LATER = ("thread-*", "uplot-*", "spectrum-*", "columncells-*", "linkdialog-*", "limits-*", "orders-*",
-                 "recording-*", "workshop-*", "interrupted-*", "notice-*")
-STYLES_LATER = ("limits-*", "orders-*", "recording-*", "workshop-*")
+                 "recording-*", "workshop-*", "interrupted-*", "notice-*", "fleet-*", "archive-*")
+STYLES_LATER = ("limits-*", "orders-*", "recording-*", "workshop-*", "fleet-*")
 MONITOR_LATER = {*(f"assets/{name}.js" for name in SCRIPTS_LATER), *(f"assets/{name}.css" for name in STYLES_LATER)}
-MONITOR = MONITOR_BEGIN | MONITOR_LATER | {"index.html", "icon-512.png", "sw.js", "assets/mcap-*.js", "assets/dbc-*.js"}
+MONITOR = MONITOR_BEGIN | MONITOR_LATER | {"index.html", "icon-512.png", "sw.js", "assets/mcap-*.js", "assets/dbc-*.js",
+                                           "assets/mqtt-*.js"}
 DOCUMENTS = {"deployment.md", "performance.md", "protocol.md", "wiring.md", "copyright", "changelog.gz",
              "examples/machine.schema.json"}
 

@@ -1,5 +1,5 @@
 import { mkdtempSync, readFileSync, rmSync } from "node:fs";
-import { createServer, type Server } from "node:http";
+import { createServer, type Server, type ServerResponse } from "node:http";
 import type { AddressInfo } from "node:net";
 import { tmpdir } from "node:os";
 import { extname, join, resolve } from "node:path";
@@ -17,9 +17,17 @@ export const types: Record<string, string> = {
     ".json": "application/json",
 };
 
-/** Serves the built page, with the machine's schema beside it, on a port of 127.0.0.1. */
-export async function serve(): Promise<{ server: Server; url: string }> {
+/**
+ * Serves the built page, with the machine's schema beside it, on a port of 127.0.0.1. What is asked for below the
+ * paths of `others` comes from those servers, without that path.
+ */
+export async function serve(others: Record<string, string> = {}): Promise<{ server: Server; url: string }> {
     const server = createServer((request, response) => {
+        const other = Object.keys(others).find((path) => request.url!.startsWith(path));
+        if (other !== undefined) {
+            void passOn(`${others[other]}/${request.url!.slice(other.length)}`, response);
+            return;
+        }
         const path = new URL(request.url!, "http://here").pathname;
         const file = path === "/" ? "/index.html" : path;
         try {
@@ -31,6 +39,12 @@ export async function serve(): Promise<{ server: Server; url: string }> {
     });
     await new Promise<void>((listening) => server.listen(0, "127.0.0.1", listening));
     return { server, url: `http://127.0.0.1:${(server.address() as AddressInfo).port}/` };
+}
+
+async function passOn(url: string, response: ServerResponse): Promise<void> {
+    const answer = await fetch(url).catch(() => undefined);
+    response.writeHead(answer?.status ?? 502, { "content-type": "application/json" });
+    response.end(answer ? Buffer.from(await answer.arrayBuffer()) : "");
 }
 
 /** How Chromium runs here, also where there is no display and no other network. */

@@ -30,7 +30,7 @@ test("what it needs to show values is small; what plots and checks need comes wh
     expect(names()).toEqual(expect.arrayContaining(["index.html", "assets/index.js", "assets/receiver.js"]));
     expect(
         names().filter((name) =>
-            /uplot|thread|spectrum|columncells|linkdialog|limits|orders|recording|mcap|workshop|interrupted|notice|dbc/.test(
+            /uplot|thread|spectrum|columncells|linkdialog|limits|orders|recording|mcap|workshop|interrupted|notice|dbc|fleet|mqtt|archive/.test(
                 name,
             ),
         ),

@@ -4,7 +4,10 @@ import type { History } from "./history";
  * What is to be drawn. One that `holds` keeps each reading until the next, as does a value that comes only when it
  * changes; others go straight from reading to reading.
  */
-export type Curve = { history: History; holds: boolean };
+export type Curve = { history: Readings; holds: boolean };
+
+/** What is asked of a history here. */
+export type Readings = Pick<History, "length" | "timeAt" | "valueAt" | "indexAt">;
 
 /**
  * Histories as lines over common times: of each of `columns` equal stretches between two times, the least and
@@ -35,7 +38,7 @@ function timeOf({ first, width }: Grid, slot: number): number {
     return (first + slot / 2) * width;
 }
 
-function straightLine(history: History, grid: Grid): Line {
+function straightLine(history: Readings, grid: Grid): Line {
     const line: Line = new Array(2 * grid.count).fill(undefined);
     const last = line.length - 1;
     const begin = history.indexAt(timeOf(grid, 0));
@@ -59,7 +62,7 @@ function straightLine(history: History, grid: Grid): Line {
     return line;
 }
 
-function heldLine(history: History, grid: Grid, present: number): Line {
+function heldLine(history: Readings, grid: Grid, present: number): Line {
     const line: Line = new Array(2 * grid.count).fill(undefined);
     const begin = history.indexAt(timeOf(grid, 0));
     let held = finite(begin > 0 ? history.valueAt(begin - 1) : NaN);
@@ -110,7 +113,7 @@ function columnOf(time: number, { first, width }: Grid): number {
 }
 
 /** What lies at a time on the straight line between the reading before an index and the one there. */
-function between(history: History, index: number, time: number): number | undefined {
+function between(history: Readings, index: number, time: number): number | undefined {
     if (index === 0 || index >= history.length) return undefined;
     const [earlier, later] = [history.timeAt(index - 1), history.timeAt(index)];
     const [from, to] = [history.valueAt(index - 1), history.valueAt(index)];

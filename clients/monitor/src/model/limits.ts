@@ -12,7 +12,7 @@ export type Side = "low" | "high";
 /** The schema may name two of limits; what was set here is an alarm. */
 export type Level = "warn" | "alarm";
 /** What a value is beyond. */
-type Mark = { level: Level; side: Side };
+export type Mark = { level: Level; side: Side };
 
 export type Alarm = {
     id: string;
@@ -284,6 +284,13 @@ function extentOf(value: Value): Extent | undefined {
 function numberOf(value: Value): number {
     const isNumber = typeof value === "number" || typeof value === "bigint" || typeof value === "boolean";
     return isNumber ? Number(value) : NaN;
+}
+
+/** What a value is beyond by its leaf; undefined while it is within all limits. */
+export function markOf(leaf: Leaf, value: Value): Mark | undefined {
+    const bands = bandsOf(leaf);
+    const extent = bands.length > 0 ? extentOf(value) : undefined;
+    return extent && beyondOf(bands, extent);
 }
 
 /** What was typed as a limit: undefined for none, a text for what is wrong. */

@@ -1,3 +1,4 @@
+import { Continued } from "./continued";
 import type { Curve } from "./decimate";
 import type { TreeNode } from "./tree";
 
@@ -10,7 +11,8 @@ export type Shape = (typeof SHAPES)[number];
 
 /** What is drawn of a value that is no array. */
 export function curveOf({ series, leaf }: TreeNode): Curve {
-    return { history: series!.history, holds: series!.holds(leaf) };
+    const { before, history } = series!;
+    return { history: before ? new Continued(before, history) : history, holds: series!.holds(leaf) };
 }
 
 /** As what a value can be drawn, the usual first. What holds until it changes has no frequencies. */

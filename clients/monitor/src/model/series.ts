@@ -30,6 +30,8 @@ export class Series {
     changed = -Infinity;
     readonly rate = new Rate();
     readonly history = new History(KEPT);
+    /** Those of before the page was there, as far as somebody has fetched them. */
+    before: History | undefined;
     /** Since the last reading there may have been others that did not come. */
     interrupted = false;
     /** While somebody wants them. */

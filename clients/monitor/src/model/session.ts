@@ -8,19 +8,24 @@ import {
     parseJson,
     parseSchema,
     readingOf,
+    readOnlyReason,
     toUrl,
     withoutPassword,
     type ClientOptions,
+    type DeliverOptions,
     type Hello,
     type Leaf,
     type Schema,
     type SchemaEvent,
+    type SetOptions,
     type State,
     type Value,
+    type ValueMap,
     type WebSocketConstructor,
     type Written,
 } from "vorbel";
 import type { Assignment } from "./course";
+import type { Archive } from "./archive";
 import type { Guard } from "./limits";
 import { isSameDaemon, keptAddress, type Asked } from "./link";
 import { now } from "./clock";
@@ -65,6 +70,19 @@ export type Surroundings = {
     WebSocket?: WebSocketConstructor;
 };
 
+/** What a session hears values from, and sends schemas and values to: the client of a daemon, or what stands for it. */
+export type Connection = {
+    readonly url: string;
+    readonly schema: Schema | undefined;
+    readonly ownsSchema: boolean;
+    readonly on: Client["on"];
+    connect(): unknown;
+    close(): void;
+    setSchema(schema: Schema, options?: SetOptions): void;
+    releaseSchema(): void;
+    deliver(message: ValueMap, options: DeliverOptions): Promise<Written[]>;
+};
+
 /** Milliseconds in which frames of a workshop that is over may still come. */
 const LATE = 5000;
 
@@ -102,6 +120,8 @@ export class Session {
     run: Run | undefined;
     /** What watches over values with limits; undefined while none has any. */
     guard: Guard | undefined;
+    /** What knows readings of before the page was there; undefined where there is none. */
+    archive: Archive | undefined;
     /** Whether the list of alarms is open. */
     showsAlarms = false;
     /** Nothing can be sent. */
@@ -120,16 +140,17 @@ export class Session {
     tap: ((entry: Entry) => void) | undefined;
     /** What gives up values that have not been sent yet. */
     #sending = new AbortController();
-    #client: Client | undefined;
+    #client: Connection | undefined;
 
     /** What went out from here, in all visits. */
     readonly sent: SentLog;
 
-    readonly #memory: Memory;
+    /** What the page remembers of it. */
+    readonly memory: Memory;
     readonly #WebSocket: WebSocketConstructor | undefined;
 
     constructor({ home, query, memory, read, forgetLink = () => {}, WebSocket }: Surroundings) {
-        this.#memory = memory;
+        this.memory = memory;
         this.sent = new SentLog(memory);
         this.#WebSocket = WebSocket;
         this.address = keptAddress(memory.load("address")) ?? home;
@@ -156,6 +177,16 @@ export class Session {
     /** Whether what is shown is a recording. */
     get isPast(): boolean {
         return false;
+    }
+
+    /** Whether schemas can be sent from here, or used only here. */
+    get takesSchemas(): boolean {
+        return true;
+    }
+
+    /** Why a value cannot be written; undefined when it can. */
+    refusalOf({ leaf }: TreeNode): string | undefined {
+        return leaf ? readOnlyReason(leaf) : "the schema used here does not have it";
     }
 
     /** The time of what is shown: the present, but for recordings. */
@@ -254,7 +285,7 @@ export class Session {
     /** From now on nothing can be sent, not even the schema to a restarted daemon. */
     lock(): void {
         this.locked = true;
-        this.#memory.save("locked", "yes");
+        this.memory.save("locked", "yes");
         this.#sending.abort();
         this.#client?.releaseSchema();
         this.log.add("connection", "Locked", "nothing can be sent from here");
@@ -263,7 +294,7 @@ export class Session {
 
     unlock(): void {
         this.locked = false;
-        this.#memory.save("locked", "");
+        this.memory.save("locked", "");
         this.#sending = new AbortController();
         this.log.add("connection", "Unlocked", "values and schemas can be sent from here");
         this.status.changed();
@@ -278,14 +309,14 @@ export class Session {
             return (error as Error).message;
         }
         this.address = address;
-        this.#memory.save("address", withoutPassword(address));
+        this.memory.save("address", withoutPassword(address));
         if (this.#client?.url !== url) {
             this.disconnect();
             if (this.#client) this.#forgetReadings();
             this.hello = this.#foreign = undefined;
-            this.#client = this.#newClient();
+            this.listenTo(this.newConnection());
         }
-        this.#client.connect();
+        this.#client!.connect();
         this.status.changed();
         return undefined;
     }
@@ -303,7 +334,7 @@ export class Session {
         else this.#client?.releaseSchema();
         this.#foreign = undefined;
         this.schemaText = text;
-        this.#memory.save("schema", text);
+        this.memory.save("schema", text);
         this.#use(schema);
         const leaves = `${leavesOf(schema).length} leaves`;
         if (!send) this.log.add("schema", `Schema of ${leaves} used here`, "not sent to the daemon");
@@ -462,8 +493,9 @@ export class Session {
         if (this.schema) this.#use(this.schema);
     }
 
-    #newClient(): Client {
-        const client = this.newConnection();
+    /** From now on values come from there. */
+    protected listenTo(client: Connection): void {
+        this.#client = client;
         client.on("state", (state, reason) => this.#entered(state, reason));
         client.on("hello", (hello) => {
             this.hello = hello;
@@ -485,7 +517,6 @@ export class Session {
             );
             this.status.changed();
         });
-        return client;
     }
 
     #entered(state: State, reason: string): void {

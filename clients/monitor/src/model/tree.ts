@@ -17,6 +17,9 @@ const byName = new Intl.Collator("en", { numeric: true }).compare;
 
 let nodes = 0;
 
+/** What became of a write, in words, and when that was told. */
+export type Answer = { ok: boolean; text: string; time: number };
+
 /** A name of the schema or of a message, with what is known of it. */
 export class TreeNode {
     /** Tells nodes apart in the page, where names may hold whatever identifiers may not. */
@@ -29,6 +32,8 @@ export class TreeNode {
     leaf: Leaf | undefined;
     /** What was last written from here. */
     sent: Value | undefined;
+    /** What a gateway has last answered to a write. */
+    answer: Answer | undefined;
     collapsed = false;
     /** Stands above all others. */
     pinned = false;
@@ -266,6 +271,7 @@ function find(from: TreeNode, path: Path): TreeNode | undefined {
 function copyReadings(from: TreeNode | undefined, to: TreeNode): void {
     to.series = from?.series;
     to.sent = from?.sent;
+    to.answer = from?.answer;
     to.pinned = from?.pinned ?? false;
     for (const child of from?.children.values() ?? []) {
         if (child.leaf) continue;

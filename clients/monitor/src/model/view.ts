@@ -28,6 +28,8 @@ const USUAL: Settings = { columns: [], search: "", changing: false, span: 60, ow
 const EMPTY: View = { ...USUAL, folds: [], pins: [], plots: [] };
 
 const VERSION = 1;
+/** What plots show at most, in seconds: a month, where there is an archive. */
+export const LONGEST_SPAN = 31 * 86_400;
 /** Of a view in a link, in characters: servers and mail cut off what is much longer. */
 export const LONGEST_LINK = 6000;
 
@@ -78,7 +80,7 @@ const CHECKS: Record<keyof View, (value: unknown) => boolean> = {
     columns: isListOf(isOneOf(COLUMNS)),
     search: isText,
     changing: isBoolean,
-    span: (value) => typeof value === "number" && value >= 1 && value <= 3600,
+    span: (value) => typeof value === "number" && value >= 1 && value <= LONGEST_SPAN,
     ownScales: isBoolean,
     folds: isListOf(isText),
     pins: isListOf(isText),

@@ -1,9 +1,10 @@
+import type { ComponentType } from "preact";
 import { useEffect, useRef, useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { memory } from "../page";
 import { useSource } from "./frame";
 import { Boundary } from "./boundary";
-import { Header } from "./header";
+import { Header, type HeaderProps } from "./header";
 import { Icon } from "./icons";
 import { later } from "./later";
 import { ViewNotice } from "./link";
@@ -13,7 +14,7 @@ import { PlotPanel } from "./plots";
 import { RecordingTools, useDesk } from "./recordings";
 import { SchemaDialog } from "./schema";
 import { ValueTable } from "./table";
-import { WritePanel } from "./write";
+import { WritePanel, type WriteProps } from "./write";
 
 const OrdersPanel = later(() => import("./orders").then((part) => part.OrdersPanel));
 const RunBar = later(() => import("./orders").then((part) => part.RunBar));
@@ -24,7 +25,13 @@ const InterruptedNotice = later(() => import("./workshop/notice").then((part) =>
 const tabs = ["values", "plots", "log"] as const;
 type Tab = (typeof tabs)[number];
 
-export function App({ session }: { session: Session }) {
+/** What differs with where the values come from. */
+export type Parts = { Header: ComponentType<HeaderProps>; WritePanel: ComponentType<WriteProps> };
+
+/** The parts for a daemon. */
+const usual: Parts = { Header, WritePanel };
+
+export function App({ session, parts = usual }: { session: Session; parts?: Parts }) {
     const desk = useDesk(session);
     const playback = desk.recordings?.playback;
     const shown = playback ?? session;
@@ -57,16 +64,16 @@ export function App({ session }: { session: Session }) {
                 )}
                 {!playback && (
                     <Boundary part="The header">
-                        <Header
+                        <parts.Header
                             session={session}
                             openSchema={() => openSchema(true)}
                             openWorkshop={() => setWorkshop("asking")}
                         >
                             <RecordingTools desk={desk} />
-                        </Header>
+                        </parts.Header>
                         <SchemaNotice session={session} openSchema={() => openSchema(true)} />
                         <ViewNotice session={session} />
-                        {memory.load("workshop") && <InterruptedNotice session={session} />}
+                        {session.takesSchemas && memory.load("workshop") && <InterruptedNotice session={session} />}
                     </Boundary>
                 )}
                 <Boundary part="The recording">
@@ -80,7 +87,7 @@ export function App({ session }: { session: Session }) {
                 <div class="side">
                     {writing && (
                         <Boundary key={writing.id} part="The form">
-                            <WritePanel session={shown} node={writing} />
+                            <parts.WritePanel session={shown} node={writing} />
                         </Boundary>
                     )}
                     {!playback && session.showsAlarms && (

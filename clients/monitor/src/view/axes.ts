@@ -1,6 +1,6 @@
 import type uPlot from "uplot";
 import { wallClock } from "../model/clock";
-import { clockText, numberText, shown } from "../model/text";
+import { clockText, numberText, shown, stampText } from "../model/text";
 import type { TreeNode } from "../model/tree";
 import { color } from "./canvas";
 
@@ -16,10 +16,11 @@ export function axis(options: uPlot.Axis): uPlot.Axis {
     };
 }
 
-/** Seconds between two labels of a time axis, from a hundredth of a millisecond to a day. */
+/** Seconds between two labels of a time axis, from a hundredth of a millisecond to ten days. */
 const TIME_STEPS = [
     ...[-5, -4, -3, -2, -1].flatMap((power) => [1, 2, 5].map((digit) => Number(`${digit}e${power}`))),
     ...[1, 2, 5, 10, 15, 30, 60, 120, 300, 600, 900, 1800, 3600, 7200, 14_400, 28_800, 86_400],
+    ...[2, 5, 10].map((days) => days * 86_400),
 ];
 
 /** Times of day with as many decimals as tell one label from the next. Times are in seconds since 1970. */
@@ -27,10 +28,22 @@ export function timeAxis(): uPlot.Axis {
     return axis({
         size: 34,
         incrs: TIME_STEPS,
-        space: (_, __, from, to) => 70 + 8 * decimalsOf((to - from) / 8),
+        space: (_, __, from, to) => (to - from > DAY ? 110 : 70 + 8 * decimalsOf((to - from) / 8)),
         splits: (_, __, from, to, step) => timeSplits(from, to, step),
-        values: (_, seconds, __, ___, step) => seconds.map((second) => clockText(second * 1000, decimalsOf(step))),
+        values: ({ scales }, seconds, __, ___, step) => {
+            const { min, max } = scales["x"]!;
+            const isLong = max! - min! > DAY;
+            return seconds.map((second) => (isLong ? dayText(second) : clockText(second * 1000, decimalsOf(step))));
+        },
     });
+}
+
+/** In seconds. */
+const DAY = 86_400;
+
+/** "11-22 13:04" */
+function dayText(second: number): string {
+    return stampText(wallClock.at(second * 1000)).slice(5, 16);
 }
 
 /** Multiples of a step on the wall's clock. */

@@ -9,16 +9,16 @@ import { later } from "./later";
 import { LinkButton } from "./link";
 import { LockButton } from "./lock";
 
-const AlarmsButton = later(() => import("./limits").then((part) => part.AlarmsButton));
+export const AlarmsButton = later(() => import("./limits").then((part) => part.AlarmsButton));
 
-const stateWords = {
+export const stateWords = {
     connected: "Connected",
     connecting: "Connecting",
     waiting: "Not connected",
     closed: "Disconnected",
 };
 
-type HeaderProps = {
+export type HeaderProps = {
     session: Session;
     openSchema: () => void;
     openWorkshop: () => void;
@@ -69,6 +69,9 @@ export function Header({ session, openSchema, openWorkshop, children }: HeaderPr
                     <Icon name="workshop" /> Workshop
                 </button>
                 <LinkButton session={session} />
+                <a class="button square" href="./?fleet" aria-label="Fleet" title="All boards of a broker">
+                    <Icon name="fleet" />
+                </a>
                 <button
                     class="square"
                     aria-label="Presets and sequences"
@@ -84,7 +87,7 @@ export function Header({ session, openSchema, openWorkshop, children }: HeaderPr
     );
 }
 
-function Device({ type, id }: { type: string; id?: string | undefined }) {
+export function Device({ type, id }: { type: string; id?: string | undefined }) {
     return (
         <span class="device">
             <span class="quiet">to</span> {shown(type) || "a device without a type"}
@@ -153,7 +156,7 @@ function useTheme(theme: string): void {
     }, [theme]);
 }
 
-function ThemeButton() {
+export function ThemeButton() {
     const [theme, setTheme] = useState(() => memory.load("theme") ?? "auto");
     useTheme(theme);
     useLayoutEffect(() => memory.save("theme", theme), [theme]);

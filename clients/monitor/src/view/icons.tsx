@@ -5,6 +5,7 @@ const shapes = {
     columns: "M4 5h16v14H4zM10 5v14M15 5v14",
     link: "M10 14a4 4 0 0 0 6 0l3-3a4 4 0 0 0-6-6l-1 1M14 10a4 4 0 0 0-6 0l-3 3a4 4 0 0 0 6 6l1-1",
     workshop: "M4 4h6v6H4zM14 4h6v6h-6zM4 14h6v6H4zM14 17h6M17 14v6",
+    fleet: "M4 5h7v5H4zM13 5h7v5h-7zM4 14h7v5H4zM13 14h7v5h-7z",
     undo: "M9 5L4 10l5 5M4 10h10a5 5 0 0 1 0 10h-3",
     redo: "M15 5l5 5-5 5M20 10H10a5 5 0 0 0 0 10h3",
     reset: "M5 12a7 7 0 1 0 2.5-5.4M5 4v4h4",

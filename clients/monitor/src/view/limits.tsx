@@ -4,7 +4,6 @@ import { bandsOf, Guard, levelOf, parseLimits, type Alarm, type Limits } from ".
 import type { Session } from "../model/session";
 import { amountText, shown, stampText, unitText, valueText } from "../model/text";
 import type { TreeNode } from "../model/tree";
-import { memory } from "../page";
 import { useSource } from "./frame";
 import { Icon } from "./icons";
 import "./limits.css";
@@ -14,7 +13,7 @@ import { canNotify, isNotifying, notify, setNotifying } from "./notify";
 /** What watches over the values of a page; there is one. */
 export function guardOf(session: Session): Guard {
     if (session.guard) return session.guard;
-    const guard = new Guard(session, memory, (alarm) => {
+    const guard = new Guard(session, session.memory, (alarm) => {
         const { what, extreme, limit } = alarmTexts(session, alarm);
         session.log.add("problem", `${what}: ${extreme}`, `limit ${limit}`);
         void notify(session, alarm, alarmTexts(session, alarm));

@@ -1,5 +1,7 @@
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
+import { shown as shownText } from "../model/text";
+import { LONGEST_SPAN } from "../model/view";
 import { useSource } from "./frame";
 import { Icon } from "./icons";
 import { Readings } from "./legend";
@@ -13,11 +15,21 @@ const SPANS: [number, string][] = [
     [300, "5 min"],
     [900, "15 min"],
 ];
+/** Where there is an archive. */
+const LONG_SPANS: [number, string][] = [
+    [3600, "1 h"],
+    [86_400, "1 day"],
+    [604_800, "1 week"],
+];
 
 /** All chosen values over common time; arrays as waveforms, and what is wished as a spectrum. */
 export function PlotPanel({ session }: { session: Session }) {
     useSource(session.view);
     const { span, ownScales } = session.view.settings;
+    const { archive } = session;
+    useSource(archive ?? session.view);
+    const longest = archive ? LONGEST_SPAN : 3600;
+    const spans = archive ? [...SPANS, ...LONG_SPANS] : SPANS;
     const setSpan = (span: number) => session.view.set({ span });
     const [frozen, setFrozen] = useState<Window>();
     const [pointer] = useState(() => new Pointer());
@@ -25,11 +37,11 @@ export function PlotPanel({ session }: { session: Session }) {
     const [measuring, setMeasuring] = useState(false);
     const shown = (): Window => frozen ?? latest(session, span);
     const zoom = (factor: number) => {
-        if (!frozen) return setSpan(Math.min(3600, Math.max(1, span * factor)));
+        if (!frozen) return setSpan(Math.min(longest, Math.max(1, span * factor)));
         const [middle, half] = [(frozen.from + frozen.to) / 2, ((frozen.to - frozen.from) / 2) * factor];
         zoomTo({ from: middle - half, to: middle + half });
     };
-    const zoomTo = (window: Window | undefined) => setFrozen(window && bounded(window));
+    const zoomTo = (window: Window | undefined) => setFrozen(window && bounded(window, session.archive ? MONTH : DAY));
     const shift = (share: number) => {
         const { from, to } = shown();
         setFrozen({ from: from + share * (to - from), to: to + share * (to - from) });
@@ -75,10 +87,10 @@ export function PlotPanel({ session }: { session: Session }) {
                                 setFrozen(undefined);
                             }}
                         >
-                            {SPANS.every(([seconds]) => seconds !== span) && (
+                            {spans.every(([seconds]) => seconds !== span) && (
                                 <option value={String(span)}>{spanText(span)}</option>
                             )}
-                            {SPANS.map(([seconds, text]) => (
+                            {spans.map(([seconds, text]) => (
                                 <option key={text} value={String(seconds)}>
                                     {text}
                                 </option>
@@ -103,6 +115,11 @@ export function PlotPanel({ session }: { session: Session }) {
                     </div>
                 )}
             </div>
+            {archive?.problem && session.plots.nodes.length > 0 && (
+                <p class="quiet" role="status">
+                    Only what has come since the page was opened is drawn: {shownText(archive.problem)}.
+                </p>
+            )}
             {session.plots.nodes.length === 0 && (
                 <p class="empty">
                     Choose values with <Icon name="plot" /> in the table: they are drawn here together.
@@ -129,12 +146,17 @@ export function PlotPanel({ session }: { session: Session }) {
     );
 }
 
-/** A window not shorter than times can tell apart, and not longer than a day. */
-function bounded({ from, to }: Window): Window {
-    const [middle, length] = [(from + to) / 2, Math.min(86_400_000, Math.max(1, to - from))];
+const DAY = 86_400_000;
+const MONTH = 31 * DAY;
+
+/** A window not shorter than times can tell apart, and not longer than `most` milliseconds. */
+function bounded({ from, to }: Window, most: number): Window {
+    const [middle, length] = [(from + to) / 2, Math.min(most, Math.max(1, to - from))];
     return { from: middle - length / 2, to: middle + length / 2 };
 }
 
 function spanText(seconds: number): string {
-    return seconds < 60 ? `${Math.round(seconds * 10) / 10} s` : `${Math.round(seconds / 6) / 10} min`;
+    if (seconds < 60) return `${Math.round(seconds * 10) / 10} s`;
+    if (seconds < 5400) return `${Math.round(seconds / 6) / 10} min`;
+    return seconds < 172_800 ? `${Math.round(seconds / 360) / 10} h` : `${Math.round(seconds / 8640) / 10} days`;
 }

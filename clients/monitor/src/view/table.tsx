@@ -1,9 +1,9 @@
 import { useLayoutEffect, useMemo, useRef, useState } from "preact/hooks";
-import { readOnlyReason, type Leaf, type Value } from "vorbel";
+import type { Leaf, Value } from "vorbel";
 import { meantBy } from "../model/meaning";
 import type { Session } from "../model/session";
 import { ageText, clockText, rateText, shown, valueText, wholeText } from "../model/text";
-import type { TreeNode } from "../model/tree";
+import type { Answer, TreeNode } from "../model/tree";
 import { ColumnCells, ColumnHeads, ColumnMenu, columnStyle, heightBelow, scrollSideways } from "./columns";
 import { copyText } from "./copy";
 import { useClock, useSource } from "./frame";
@@ -99,13 +99,17 @@ function Empty({ session, search, since, openSchema }: EmptyProps) {
     return (
         <div class="empty">
             <p>
-                {session.state === "connected"
-                    ? "No values yet. The daemon sends some as soon as a client has given it a schema."
-                    : "Values appear here when a daemon is connected and has a schema."}
+                {!session.takesSchemas
+                    ? "Values appear here when the board publishes them."
+                    : session.state === "connected"
+                      ? "No values yet. The daemon sends some as soon as a client has given it a schema."
+                      : "Values appear here when a daemon is connected and has a schema."}
             </p>
-            <button class="primary" onClick={openSchema}>
-                Open a schema
-            </button>
+            {session.takesSchemas && (
+                <button class="primary" onClick={openSchema}>
+                    Open a schema
+                </button>
+            )}
         </div>
     );
 }
@@ -177,7 +181,7 @@ function Grid({ session, rows, searching }: GridProps) {
                 role="treegrid"
                 aria-label="Values. Arrow keys move and fold, P plots, C copies, Enter sets."
                 aria-rowcount={rows.length + 1}
-                aria-activedescendant={activeIndex >= 0 ? active!.id : undefined}
+                aria-activedescendant={activeIndex >= first && activeIndex < last ? active!.id : undefined}
                 tabIndex={0}
                 style={{ "--row-height": `${rowHeight}px`, ...columnStyle(columns) }}
                 onKeyDown={press}
@@ -378,7 +382,7 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
     const beyond = session.guard?.sideOf(node.path);
     const isWarned = session.guard?.isWarned(node.path) ?? false;
     const mark = beyond ? (isWarned ? " warned" : " beyond") : "";
-    const writable = leaf !== undefined && !readOnlyReason(leaf);
+    const writable = session.refusalOf(node) === undefined;
     const line = session.plots.lineOf(node);
     return (
         <>
@@ -389,6 +393,7 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
                     </b>
                 )}
                 <Shown node={node} />
+                {node.answer && <AnswerMark answer={node.answer} />}
             </div>
             {columns.length > 0 && <ColumnCells columns={columns} node={node} />}
             <div role="gridcell" class="rate number">
@@ -427,6 +432,17 @@ function Cells({ session, node, active }: { session: Session; node: TreeNode; ac
                 )}
             </div>
         </>
+    );
+}
+
+/** What became of the last write. */
+function AnswerMark({ answer: { ok, text, time } }: { answer: Answer }) {
+    const told = `${ok ? "Done" : "Not done"} at ${clockText(time)}: ${text}`;
+    return (
+        <small class={`answer ${ok ? "done" : "problem"}`} title={told}>
+            <span aria-hidden="true">{ok ? " ✓" : " ✗"}</span>
+            <span class="hidden">{told}</span>
+        </small>
     );
 }
 

@@ -107,6 +107,7 @@ export function TimePlot(props: TimePlotProps) {
         const { span, frozen } = present.current;
         const { from, to } = frozen ?? latest(session, span);
         const columns = Math.max(50, Math.round(plot.bbox.width / devicePixelRatio) || plot.width);
+        session.archive?.want(nodes, from, to, columns);
         const { times, lines } = decimate(nodes.map(curveOf), from, to, columns, session.known);
         plot.setData([times.map((time) => time / 1000), ...lines] as uPlot.AlignedData, false);
         plot.setScale("x", { min: from / 1000, max: to / 1000 });
@@ -131,7 +132,7 @@ export function TimePlot(props: TimePlotProps) {
     useEffect(() => {
         if (plot.current) refresh(plot.current);
         if (session.isPast) return follow(session.values, () => plot.current && refresh(plot.current));
-        if (frozen) return undefined;
+        if (frozen) return session.archive && follow(session.archive, () => plot.current && refresh(plot.current));
         // The picture only changes when time has moved on by a pixel.
         const pixel = (span * 1000) / Math.max(300, box.current!.clientWidth);
         return repeatedly(Math.max(16, pixel), () => plot.current && refresh(plot.current));

@@ -1,5 +1,5 @@
 import { useLayoutEffect, useRef, useState } from "preact/hooks";
-import { dotted, FORMATS, readOnlyReason, writableRange, type Leaf } from "vorbel";
+import { dotted, FORMATS, writableRange, type Leaf } from "vorbel";
 import { now } from "../model/clock";
 import { Draft, type Edits } from "../model/draft";
 import type { Session } from "../model/session";
@@ -16,13 +16,15 @@ const LimitsEditor = later(() => import("./limits").then((part) => part.LimitsEd
 /** Readings that change more often cannot be read. */
 const PAUSE = 100;
 
+export type WriteProps = { session: Session; node: TreeNode };
+
 /** Sets one value, and with it the others of its frame. */
-export function WritePanel({ session, node }: { session: Session; node: TreeNode }) {
+export function WritePanel({ session, node }: WriteProps) {
     const close = () => {
         session.startWriting(undefined);
         document.getElementById("values-grid")?.focus();
     };
-    const reason = session.locked ? "the page is locked" : refusalOf(node);
+    const reason = session.locked ? "the page is locked" : session.refusalOf(node);
     return (
         <section
             class="panel write"
@@ -45,14 +47,14 @@ export function WritePanel({ session, node }: { session: Session; node: TreeNode
 }
 
 /** What the schema tells of a leaf. */
-function Words({ leaf }: { leaf: Leaf | undefined }) {
+export function Words({ leaf }: { leaf: Leaf | undefined }) {
     const { title = "", description = "" } = leaf?.meaning ?? {};
     const words = [title, description].filter(Boolean).join(": ");
     return words ? <p class="quiet words">{shown(words)}</p> : null;
 }
 
 /** Limits are fetched when somebody looks for them. */
-function LimitsPart({ session, node }: { session: Session; node: TreeNode }) {
+export function LimitsPart({ session, node }: { session: Session; node: TreeNode }) {
     const [isOpen, open] = useState(() => session.guard !== undefined && session.guard.hasLimits(node.path));
     return (
         <details class="limits" open={isOpen} onToggle={(event) => open(event.currentTarget.open)}>
@@ -62,7 +64,7 @@ function LimitsPart({ session, node }: { session: Session; node: TreeNode }) {
     );
 }
 
-function Refusal({ name, reason }: { name: string; reason: string }) {
+export function Refusal({ name, reason }: { name: string; reason: string }) {
     const text = useRef<HTMLParagraphElement>(null);
     useLayoutEffect(() => text.current?.focus(), []);
     return (
@@ -73,10 +75,6 @@ function Refusal({ name, reason }: { name: string; reason: string }) {
             </span>
         </p>
     );
-}
-
-function refusalOf({ leaf }: TreeNode): string | undefined {
-    return leaf ? readOnlyReason(leaf) : "the schema used here does not have it";
 }
 
 type Outcome = { state: "sending" | "handled" | "failed"; text: string };
@@ -186,7 +184,7 @@ type LeafInputProps = {
     change: (text: string) => void;
 };
 
-function LeafInput({ id, leaf, main, text, isEdited, problem, change }: LeafInputProps) {
+export function LeafInput({ id, leaf, main, text, isEdited, problem, change }: LeafInputProps) {
     const input = useRef<any>(null);
     useLayoutEffect(() => {
         if (!main) return;
