@@ -306,7 +306,7 @@ def test_the_gateway_works_with_the_pages_settings(broker, tmp_path):
     credentials.mkdir()
     for name, file in re.findall(r"^LoadCredential=(\w+):/etc/vorbel/(\S+)$", unit, re.M):
         shutil.copy(broker.authority.issued("press7") / file, credentials / name)
-    settings = documents.commands(PAGE, "[broker]").replace("broker.example.com", "localhost")
+    settings = documents.Blocks(PAGE)["/etc/vorbel/gateway.ini"].replace("broker.example.com", "localhost")
     if isinstance(broker, Nats):
         settings = settings.replace("[topics]", "version = 3.1.1\nuser = press7\npassword_file = password\n\n[topics]")
     (tmp_path / "gateway.ini").write_text(settings)
