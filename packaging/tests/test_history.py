@@ -87,13 +87,14 @@ def test_the_manual_page_is_well_formed():
 
 LINES = [(level, line) for level, cell, _ in documents.tables(PAGE, "The log")
          for line in re.findall(r"`([^`]+)`", cell)]
+CALL = r"\b(log\.\w+|_trouble\.tell|_refusals\.tell|warning)"
 
 
 def formats():
     """Of each line that the sources write: its level, and what every such line looks like."""
     for file in SOURCES.glob("*.py"):
         text = re.sub(r'"\s*\n\s*f?"', "", file.read_text())  # what Python joins
-        for call, line in re.findall(r'\b(log\.\w+|_trouble\.tell|_refusals\.tell|warning)\(f?"((?:[^"\\]|\\.)*)"', text):
+        for call, line in re.findall(CALL + r'\(f?"((?:[^"\\]|\\.)*)"', text):
             level = call.removeprefix("log.") if call.startswith("log.") else "warning"
             yield level, re.compile("(.+)".join(map(re.escape, re.split(r"\{[^}]*\}", line))))
     yield "critical", re.compile(re.escape(re.search(r'return "(python3-paho[^"]*)"',
