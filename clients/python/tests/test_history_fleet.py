@@ -5,6 +5,7 @@ import http.client
 import re
 import shlex
 import subprocess
+import time
 
 import pytest
 
@@ -244,5 +245,20 @@ def test_what_the_service_wrote_is_read_back(tool, tmp_path):
             ["motor.speed", str(number)] for number in range(50)]
     finally:
         board.close()
+        for each in (history, database, broker):
+            each.end()
+
+
+def test_the_session_ends_by_the_command_of_the_page(tmp_path):
+    broker, database = Mosquitto(tmp_path).start(), Database(tmp_path).start()
+    history = History(tmp_path, broker, database).start()
+    try:
+        time.sleep(2)  # the subscription is remembered
+        assert history.stop() == 0
+        words = shlex.split(documents.commands(PAGE, "mosquitto_sub"))
+        subprocess.run([*words, "-p", str(broker.port)], check=True, timeout=30)
+        history.start()
+        wait_until(lambda: "it has forgotten the session" in history.log(), "that line in the log")
+    finally:
         for each in (history, database, broker):
             each.end()
