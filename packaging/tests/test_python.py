@@ -11,7 +11,7 @@ import terminaltool
 
 PROJECT = pathlib.Path(__file__).parents[2]
 COMMANDS = ["watch", "set", "hello", "schema check", "schema import", "schema export", "record", "plot", "discover",
-            "dump", "replay"]
+            "dump", "replay", "history"]
 
 
 @pytest.fixture(scope="module")
@@ -34,8 +34,9 @@ def manual(root):
 def test_the_module_is_complete(root):
     modules = PROJECT / "clients/python/vorbel"
     installed = root / "usr/lib/python3/dist-packages/vorbel"
-    files = {path.name for path in modules.iterdir() if path.suffix in (".py", ".typed")}
-    assert {path.name for path in installed.iterdir()} == files and "py.typed" in files
+    files = {path.relative_to(modules) for path in modules.rglob("*.*") if path.suffix in (".py", ".typed")}
+    assert {path.relative_to(installed) for path in installed.rglob("*") if path.is_file()} == files
+    assert {pathlib.Path("py.typed"), pathlib.Path("history/service.py")} <= files
 
 
 def test_the_installed_tool_runs(root):

@@ -15,7 +15,7 @@ OF_ITS_OWN = ("Description", "Documentation", "After", "Wants", "ExecStart", "En
               "RuntimeDirectoryPreserve", "PrivateDevices", "RestrictAddressFamilies", "TasksMax")
 
 
-@pytest.fixture(params=["vorbel", "vorbel-gateway"])
+@pytest.fixture(params=["vorbel", "vorbel-gateway", "vorbel-history"])
 def unit(request):
     return PACKAGING / f"{request.param}.service"
 
@@ -58,3 +58,11 @@ def test_the_gateway_is_watched_and_keeps_its_folders():
     assert {"Type=notify", "WatchdogSec=30", "Restart=always", "RestartSec=1", "StartLimitIntervalSec=0"} <= gateways
     assert {"StateDirectory=vorbel-gateway", "StateDirectoryMode=0700", "RuntimeDirectory=vorbel-gateway",
             "RuntimeDirectoryMode=0700", "RuntimeDirectoryPreserve=restart"} <= gateways
+
+
+def test_the_history_is_confined_as_the_gateway_is():
+    gateways, histories = set(lines("vorbel-gateway.service")), set(lines("vorbel-history.service"))
+    others = {line for line in gateways ^ histories if line.split("=")[0] not in OF_ITS_OWN}
+    assert {line.split("=")[0] for line in others} == {"Environment", "MemoryMax"}
+    assert {"PrivateDevices=yes", "RestrictAddressFamilies=AF_INET AF_INET6 AF_UNIX", "Type=notify", "WatchdogSec=60",
+            "StateDirectory=vorbel-history", "StateDirectoryMode=0700", "User=vorbel-history"} <= histories

@@ -21,6 +21,9 @@ FILES = {"/usr/bin/vorbel", "/lib/systemd/system/vorbel.service", "/usr/lib/sysu
 GATEWAYS_FILES = {"/usr/bin/vorbel-gateway", "/lib/systemd/system/vorbel-gateway.service",
                   "/usr/lib/sysusers.d/vorbel-gateway.conf", "/etc/vorbel/gateway.ini",
                   "/usr/share/man/man8/vorbel-gateway.8.gz"}
+HISTORYS_FILES = {"/usr/bin/vorbel-history", "/lib/systemd/system/vorbel-history.service",
+                  "/usr/lib/sysusers.d/vorbel-history.conf", "/etc/vorbel/history.ini",
+                  "/usr/share/man/man8/vorbel-history.8.gz"}
 # What the page begins with, what it loads when it is wanted, and what lets it start without its server.
 MONITOR_BEGIN = {"icon.svg", "icon-192.png", "manifest.json", "assets/index-*.js", "assets/index-*.css",
                  "assets/receiver-*.js"}
@@ -78,6 +81,13 @@ def python_package(packages):
     return found
 
 
+@pytest.fixture
+def history_package(packages):
+    (found,) = packages.glob("vorbel-history_*_all.deb")
+    assert field(found, "Architecture") == "all"
+    return found
+
+
 @pytest.fixture(params=["amd64", "arm64"])
 def client_package(request, packages):
     (found,) = packages.glob(f"libvorbel-client-dev_*_{request.param}.deb")
@@ -86,7 +96,8 @@ def client_package(request, packages):
 
 
 @pytest.fixture(params=["vorbel_*_amd64", "vorbel_*_arm64", "vorbel-gateway_*_amd64", "vorbel-gateway_*_arm64",
-                        "python3-vorbel_*_all", "libvorbel-client-dev_*_amd64", "libvorbel-client-dev_*_arm64"])
+                        "python3-vorbel_*_all", "vorbel-history_*_all", "libvorbel-client-dev_*_amd64",
+                        "libvorbel-client-dev_*_arm64"])
 def any_package(request, packages):
     (found,) = packages.glob(f"{request.param}.deb")
     return found
@@ -175,8 +186,9 @@ def test_the_gateway_takes_its_own_settings(packages, tmp_path):
 
 
 def test_the_python_client_is_the_module_the_tool_and_their_documents(python_package):
-    modules = {f"/usr/lib/python3/dist-packages/vorbel/{path.name}"
-               for path in (PROJECT / "clients/python/vorbel").glob("*.*") if path.suffix in (".py", ".typed")}
+    source = PROJECT / "clients/python/vorbel"
+    modules = {f"/usr/lib/python3/dist-packages/vorbel/{path.relative_to(source)}"
+               for path in source.rglob("*.*") if path.suffix in (".py", ".typed")}
     documents = {f"/usr/share/doc/python3-vorbel/{name}"
                  for name in ("README.md", "unknown-bus.md", "copyright", "changelog.gz")}
     assert modules
@@ -191,6 +203,32 @@ def test_the_python_client_depends_on_what_it_imports(python_package):
     assert names == {"Depends": "python3, python3-websockets, python3-msgpack, python3-rich",
                      "Recommends": "python3-matplotlib",
                      "Suggests": "python3-numpy, python3-canmatrix, python3-can"}
+
+
+def test_the_history_is_its_program_and_its_documents(history_package):
+    documents = {f"/usr/share/doc/vorbel-history/{name}" for name in ("fleet.md", "copyright", "changelog.gz")}
+    assert files(history_package) == HISTORYS_FILES | documents
+
+
+def test_the_history_depends_on_the_modules_of_its_own_version(history_package):
+    version = field(history_package, "Version")
+    assert field(history_package, "Depends") == (
+        f"python3 (>= 3.11), python3-vorbel (= {version}), python3-paho-mqtt (>= 1.6), python3-paho-mqtt (<< 2), "
+        "systemd")
+    assert field(history_package, "Recommends") == "victoria-metrics"
+    assert field(history_package, "Suggests") == "mosquitto, ca-certificates"
+
+
+def test_the_historys_settings_are_the_administrators(history_package, python_package, tmp_path):
+    assert dpkg_deb("-I", history_package, "conffiles").split() == ["/etc/vorbel/history.ini"]
+    for package in (history_package, python_package):
+        dpkg_deb("-x", package, tmp_path)
+    settings = tmp_path / "etc/vorbel/history.ini"
+    assert settings.read_text() == (PROJECT / "clients/python/history.ini").read_text()
+    modules = {**os.environ, "PYTHONPATH": str(tmp_path / "usr/lib/python3/dist-packages")}
+    program = ["/usr/bin/python3", tmp_path / "usr/bin/vorbel-history", "--check"]
+    assert subprocess.run([*program, settings], env=modules).returncode == 0
+    assert subprocess.run([*program, tmp_path / "nowhere.ini"], env=modules).returncode == 1
 
 
 def test_the_cpp_client_is_the_libraries_their_headers_and_an_example(client_package):

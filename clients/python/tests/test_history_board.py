@@ -240,6 +240,17 @@ def test_schemas_that_nobody_has_any_more_are_forgotten(board):
     assert list(schemas.texts.values()) == [compact(CHANGED)]
 
 
+def test_all_schemas_together_are_bounded(board):
+    large = {"a": {"@mac": 1, "@cmd": 1, "@format": "C", "description": "x" * (4 * 1024 * 1024 - 1000)}}
+    for number in range(4):
+        board.hear_schema(compact(large | {f"b{number}": {}}))
+        board.hear_schema(compact(large | {f"b{number}": {}}))
+    with pytest.raises(Refused, match="more than 16 MiB of schemas"):
+        board.hear_schema(compact(large | {"c": {}}))
+    board._schemas.keep(board.used_schemas())
+    board.hear_schema(compact(large | {"c": {}}))
+
+
 # Order
 
 

@@ -341,13 +341,12 @@ def _parser() -> argparse.ArgumentParser:
                          help="draw what was recorded instead; once for each file, in their order. No daemon is "
                               "needed; --schema is not sent, but counts instead of the recording's own")
 
-    add_history_arguments(add("history", history, "print or draw what the history has of a value", connects=False))
-
     _add_discover(add("discover", discover_fields, "show the bytes of every frame, and write a schema to begin with",
                       connects=False))
     _add_dump(add("dump", dump_frames, "write every frame as candump does", connects=False))
     add_replay_arguments(add("replay", replay_log, "play a log onto a CAN interface, or a recording to clients",
                              connects=False))
+    add_history_arguments(add("history", history, "print or draw what the history has of a value", connects=False))
     return parser
 
 

@@ -16,7 +16,8 @@ from .tree import Explained, Intervals, Lines, Tree
 
 BOOTS_LIMIT = 8  # of a board that are remembered
 HOLES_LIMIT = 64
-GRACE = 10.0  # seconds for what is missing to come after all
+SCHEMAS_LIMIT = 16 * 1024 * 1024  # bytes of all schemas together; of those that are alike, only one counts
+GRACE = 60.0  # seconds for what is missing to come after all; nats-server sends again after 30
 NO_SCHEMA = ""  # the key of the schema that nobody knows
 
 
@@ -77,6 +78,10 @@ class Schemas:
         if not isinstance(schema, dict):
             raise Refused("no object of JSON")
         key = hashlib.sha256(text).hexdigest()
+        if key in self.texts:
+            return key
+        if sum(map(len, self.texts.values())) + len(text) > SCHEMAS_LIMIT:
+            raise Refused("more than 16 MiB of schemas")
         try:
             self._explained[key] = Explained(schema)
         except (TypeError, ValueError, ArithmeticError) as error:

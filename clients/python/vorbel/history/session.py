@@ -53,7 +53,7 @@ class Session:
         self._nodes = collections.deque(broker.nodes)
         self._client: Optional[Client] = None
         self._connection = 0
-        self._is_connected = False
+        self._is_connected = self._is_refused = False
         self._sheds = False  # no room: what comes is left to come again
         self._waiting: set[int] = set()  # for their acknowledgements
         self._due: collections.deque[Message] = collections.deque()
@@ -148,7 +148,7 @@ class Session:
                     return None  # to hear again what was left
             if client.socket() is None or not self._turn(client):
                 break
-        if not self._is_stopping:
+        if not self._is_stopping and not self._is_refused:
             self._tell("the connection was lost")
 
     def _turn(self, client: Client) -> bool:
@@ -178,7 +178,7 @@ class Session:
             self._client.disconnect()
             self._client.loop_write()
         self._client = None
-        self._is_connected = self._sheds = False
+        self._is_connected = self._is_refused = self._sheds = False
         self._waiting.clear()
         self._connection += 1
         self._inbox.clear()
@@ -197,6 +197,7 @@ class Session:
 
     def _on_connect(self, client: Client, _: Any, flags: dict[str, int], result: Any, *__: Any) -> None:
         if result != 0:
+            self._is_refused = True
             why = str(result) if self._is_version_5 else mqtt.connack_string(result)
             return self._tell(f"{why}{_advice(result, self._is_version_5)}")
         self._is_connected = True
