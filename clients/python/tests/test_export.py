@@ -90,7 +90,7 @@ def signals_of(read, schema):
     found = {(message.identifier, exporting._word([signal.name])): (message, signal)
              for message in read[0] for signal in message.signals}
     return {key: (message.size, message.comment, dataclasses.replace(
-        signal, name="", least=None, largest=None, is_multiplexer=False, path="",
+        signal, name="", least=None, largest=None, path="",
         labels=importing._labels(signal.labels), **place_of(signal)))
         for key, (message, signal) in found.items() if key in known}
 

@@ -14,7 +14,7 @@ export type Verdict = "exact" | "read-only" | "not possible";
 export type Outcome = { path: string; verdict: Verdict; why: string };
 
 const LAST_BYTE = "last byte";
-const LAST_BYTE_TEXT = "No signal is in it. Written as 0 along with the others, it gives the message its full length.";
+export const LAST_BYTE_TEXT = "No signal is in it. Written as 0 along with the others, it gives the message its full length.";
 /** Bits of a reading. */
 const LARGEST = 32;
 /** That a reading can have, by the bytes that its signal touches. */
@@ -299,7 +299,7 @@ function isGroup(member: unknown): member is Schema {
 }
 
 /** The group that all places are in. */
-function commonGroup(places: readonly Path[]): Path {
+export function commonGroup(places: readonly Path[]): Path {
     if (places.length === 0) return [];
     let common = places[0]!.slice(0, -1);
     for (const place of places) {
