@@ -3,7 +3,7 @@ import { resolve } from "node:path";
 import { fileURLToPath } from "node:url";
 import { checkSchema, leavesOf, Meant, type Schema } from "vorbel";
 import { describe, expect, test } from "vitest";
-import { importDbc, NothingImported, type Imported, type Outcome } from "../src/model/workshop/dbc";
+import { exportDbc, importDbc, NothingImported, type ExportOutcome, type Imported, type Outcome } from "../src/model/workshop/dbc";
 
 const clients = resolve(fileURLToPath(import.meta.url), "../../..");
 
@@ -15,9 +15,19 @@ type Case = {
     outcomes: [path: string, verdict: string, why?: string][];
     lines?: number[];
 };
-const { cases } = JSON.parse(readFileSync(`${clients}/conformance/buses.json`, "utf8")) as { cases: Case[] };
+type ExportCase = {
+    name: string;
+    schema: Schema;
+    file: string[];
+    latin1?: boolean;
+    outcomes: [path: string, verdict: string, why?: string][];
+};
+const { cases, exports } = JSON.parse(readFileSync(`${clients}/conformance/buses.json`, "utf8")) as {
+    cases: Case[];
+    exports: ExportCase[];
+};
 
-function textOf({ file }: Case): string {
+function textOf({ file }: Case | ExportCase): string {
     return file.map((line) => `${line}\n`).join("");
 }
 
@@ -36,7 +46,7 @@ function ofText(...lines: string[]): Imported {
     return imported(Buffer.from(lines.join("\n")));
 }
 
-function briefly({ path, verdict, why }: Outcome): string[] {
+function briefly({ path, verdict, why }: Outcome | ExportOutcome): string[] {
     return why ? [path, verdict, why] : [path, verdict];
 }
 
@@ -51,6 +61,16 @@ describe("as the terminal tool imports it:", () => {
         expect(outcomes.map(briefly)).toEqual(each.outcomes);
         if (each.lines) expect(linesIn(notes)).toEqual(each.lines);
         expect(checkSchema(schema, { clear: true }).filter(({ severity }) => severity === "error")).toEqual([]);
+    });
+});
+
+describe("as the terminal tool exports it:", () => {
+    test.each(exports)("$name", (each) => {
+        const { content, messages, outcomes } = exportDbc(each.schema);
+        const encoding = each.latin1 ? "latin1" : "utf8";
+        expect(Buffer.from(content ?? []).toString(encoding)).toBe(textOf(each));
+        expect(outcomes.map(briefly)).toEqual(each.outcomes);
+        expect(messages).toBe(each.file.filter((line) => line.startsWith("BO_ ")).length);
     });
 });
 

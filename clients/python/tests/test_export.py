@@ -7,11 +7,12 @@ import subprocess
 
 import pytest
 
-from bridges import MACHINE, TOOL
+from bridges import MACHINE, PROJECT, TOOL
 from test_import import FOREIGN, OWN, identity, imported
 from vorbel import checks, dbc, exporting, importing, matrix
 from vorbel.schema import leaves
 
+CASES = json.loads((PROJECT / "clients" / "conformance" / "buses.json").read_text(encoding="utf-8"))["exports"]
 PLACE = {"@mac": 5, "@cmd": 2}
 ALL = {  # as the import writes it
     "motor": {
@@ -60,6 +61,15 @@ def back(content, tmp_path):
     path = tmp_path / "exported.dbc"
     path.write_bytes(content)
     return imported(path)
+
+
+@pytest.mark.parametrize("case", CASES, ids=lambda case: case["name"])
+def test_what_all_clients_make_of_a_schema(case):
+    assert not any(problem.is_error for problem in checks.check(case["schema"]))
+    messages, outcomes = exporting.to_messages(case["schema"])
+    text = "".join(f"{line}\n" for line in case["file"])
+    assert (dbc.content(messages) if messages else b"") == text.encode("iso-8859-1" if case.get("latin1") else "utf-8")
+    assert [[each.path, each.verdict, *filter(None, [each.why])] for each in outcomes] == case["outcomes"]
 
 
 def test_what_the_import_writes_comes_back_as_it_was(tmp_path):

@@ -89,7 +89,8 @@ class _Frame:
     def outcomes(self) -> Iterator[Outcome]:
         for leaf in self._leaves:
             if leaf in self._fillers:
-                yield Outcome(leaf.path, EXACT, "the length of the message")
+                yield (Outcome(leaf.path, EXACT, "the length of the message") if self.message.signals
+                       else Outcome(leaf.path, NOT_POSSIBLE, "no signal is beside it"))
             elif leaf.path in self._refusals:
                 yield Outcome(leaf.path, NOT_POSSIBLE, self._refusals[leaf.path])
             else:
@@ -272,7 +273,7 @@ def _lost(leaf: Leaf) -> Iterator[str]:
 
 
 def _is_sayable(path: str) -> bool:
-    return QUOTE not in path and LINE_BREAK not in path
+    return path != "" and QUOTE not in path and LINE_BREAK not in path
 
 
 def _printable(text: str) -> str:

@@ -98,10 +98,16 @@ class Frame {
         for (const leaf of this.#leaves) {
             const path = dotted(leaf.path);
             const refusal = this.#refusals.get(path);
-            if (isFiller(leaf)) yield { path, verdict: "exact", why: "the length of the message" };
+            if (isFiller(leaf)) yield this.#fillerOutcome(path);
             else if (refusal !== undefined) yield { path, verdict: "not possible", why: refusal };
             else yield outcomeOf(leaf, path);
         }
+    }
+
+    #fillerOutcome(path: string): ExportOutcome {
+        const isThere = this.message.signals.length > 0;
+        if (!isThere) return { path, verdict: "not possible", why: "no signal is beside it" };
+        return { path, verdict: "exact", why: "the length of the message" };
     }
 
     #size(): number {
@@ -317,7 +323,7 @@ const QUOTE = '"';
 const LINE_BREAK = "\n";
 
 function isSayable(path: string): boolean {
-    return !path.includes(QUOTE) && !path.includes(LINE_BREAK);
+    return path !== "" && !path.includes(QUOTE) && !path.includes(LINE_BREAK);
 }
 
 /** Without what ends a text. */
