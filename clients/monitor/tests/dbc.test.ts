@@ -3,7 +3,16 @@ import { resolve } from "node:path";
 import { fileURLToPath } from "node:url";
 import { checkSchema, leavesOf, Meant, type Schema } from "vorbel";
 import { describe, expect, test } from "vitest";
-import { exportDbc, importDbc, NothingImported, type ExportOutcome, type Imported, type Outcome } from "../src/model/workshop/dbc";
+import {
+    exportDbc,
+    importDbc,
+    NothingImported,
+    type ExportOutcome,
+    type Imported,
+    type Outcome,
+} from "../src/model/workshop/dbc";
+import { toSchema } from "../src/model/workshop/dbc/importing";
+import { readDbc } from "../src/model/workshop/dbc/reader";
 
 const clients = resolve(fileURLToPath(import.meta.url), "../../..");
 
@@ -236,6 +245,46 @@ test("whatever stands in a file, a schema without errors comes of it, or the one
         if (leavesOf(schema).length > 0) schemas++;
     }
     expect(schemas).toBeGreaterThan(1500);
+});
+
+// Work
+
+/** How often the members of a message's signals are asked for on the way to a schema. */
+function askedFor(lines: string[]): number {
+    const { messages } = readDbc(Buffer.from(["BO_ 1 M: 8 E", ...lines].join("\n")));
+    let asked = 0;
+    const counting = <T extends object>(object: T) =>
+        new Proxy(object, { get: (target, name) => (asked++, Reflect.get(target, name) as unknown) });
+    const [message] = messages;
+    const { outcomes } = toSchema([{ ...message!, signals: message!.signals.map(counting) }]);
+    expect(outcomes.filter(({ verdict }) => verdict === "not possible")).toEqual([]);
+    return asked;
+}
+
+const bits = (name: string, place: string) => ` SG_ ${name} : ${place}@1+ (1,0) [0|0] "" E`;
+const CROWDED: [name: string, signal: (at: number) => string[]][] = [
+    ["bytes in one place", (at) => [bits(`S${at}`, "0|8")]],
+    ["three bytes beside whole ones", (at) => [bits(`S${at}`, at % 2 ? "8|24" : "0|8")]],
+    ["three bytes beside pairs", (at) => [bits(`S${at}`, at % 2 ? "16|24" : "0|16")]],
+    ["one selector", (at) => [bits(at ? `S${at} m${at}` : "S0 M", at ? (at % 2 ? "8|24" : "0|8") : "56|8")]],
+    [
+        "many selectors",
+        (at) => {
+            if (at === 0) return [bits("S0 M", "56|8")];
+            const selector = at % 2 ? `S${at - 1}` : `S${Math.max(0, at - 2)}`;
+            return [
+                bits(`S${at} m1${at % 2 ? "" : "M"}`, at % 2 ? "8|24" : "0|8"),
+                `SG_MUL_VAL_ 1 S${at} ${selector} 1-1;`,
+            ];
+        },
+    ],
+];
+
+test.each(CROWDED)("each signal is asked as much however many its message has: %s", (_, signal) => {
+    const [few, many] = [256, 2048].map((count) =>
+        askedFor(Array.from({ length: count }, (_, at) => signal(at)).flat()),
+    );
+    expect(many! / few!).toBeLessThan(8.2);
 });
 
 // Time

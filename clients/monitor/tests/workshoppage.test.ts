@@ -487,9 +487,7 @@ test("exports nothing where there is nothing, or only what no DBC file can say, 
     expect(await report.getByRole("status").innerText()).toBe(
         "1 value: 0 exact, 0 incomplete, 1 not possible. 0 messages in the file.",
     );
-    expect(await report.getByRole("listitem").allInnerTexts()).toEqual([
-        'a not possible: a signal has no format "p"',
-    ]);
+    expect(await report.getByRole("listitem").allInnerTexts()).toEqual(['a not possible: a signal has no format "p"']);
     await button("Close").click();
     expect(await told()).toBe("a.json is open.");
     expect(downloads).toEqual([]);

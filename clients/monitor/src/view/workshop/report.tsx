@@ -126,11 +126,7 @@ function reasonsOf(outcomes: readonly (Outcome | ExportOutcome)[]): ComponentChi
 }
 
 /** "12 signals: 10 exact, 1 read-only, 1 not possible." */
-function sumText<V extends string>(
-    outcomes: readonly { verdict: V }[],
-    noun: string,
-    verdicts: readonly V[],
-): string {
+function sumText<V extends string>(outcomes: readonly { verdict: V }[], noun: string, verdicts: readonly V[]): string {
     const counts = verdicts.map(
         (verdict) => `${outcomes.filter((each) => each.verdict === verdict).length} ${verdict}`,
     );

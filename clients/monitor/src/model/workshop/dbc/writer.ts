@@ -87,7 +87,8 @@ class Words {
         if (this.name !== name) yield `BA_ "${LONG_MESSAGE}" BO_ ${identifier} "${name}";`;
         for (const signal of signals) {
             const place = this.#place(signal);
-            if (this.#short.get(signal.name) !== signal.name) yield `BA_ "${LONG_SIGNAL}" SG_ ${place} "${signal.name}";`;
+            if (this.#short.get(signal.name) !== signal.name)
+                yield `BA_ "${LONG_SIGNAL}" SG_ ${place} "${signal.name}";`;
             if (signal.path) yield `BA_ "${PATH}" SG_ ${place} "${signal.path}";`;
         }
     }
