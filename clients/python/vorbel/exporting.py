@@ -61,7 +61,7 @@ def to_messages(schema: Mapping[str, Any]) -> tuple[list[Message], list[Outcome]
 
 
 def _in_order(node: Mapping[str, Any]) -> dict[str, Any]:
-    """With the names that are numbers first, and these in their order: browsers know no other, and make the same file."""
+    """With names that are numbers first and in their order: browsers know no other, and are to make the same file."""
     return {name: _in_order(node[name]) if isinstance(node[name], dict) else node[name]
             for name in sorted(node, key=_rank)}
 
