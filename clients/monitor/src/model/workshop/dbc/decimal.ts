@@ -77,10 +77,9 @@ export class Decimal {
 
     /** With the digits that it needs, and an exponent only if it is no whole number of so many digits. */
     toShortText(longest: number): string {
-        const rounded = this.#rounded();
-        const [digits, zeros] = /^(\d*?)(0*)$/.exec(String(rounded.digits))!.slice(1) as [string, string];
+        const [digits, zeros] = /^(\d*?)(0*)$/.exec(String(this.digits))!.slice(1) as [string, string];
         if (digits === "") return "0";
-        const exponent = rounded.exponent + zeros.length;
+        const exponent = this.exponent + zeros.length;
         const sign = this.isNegative ? "-" : "";
         const isShort = exponent >= 0 && digits.length + exponent <= longest;
         if (isShort) return `${sign}${digits}${"0".repeat(exponent)}`;

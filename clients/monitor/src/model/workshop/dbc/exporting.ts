@@ -19,12 +19,12 @@ export type ExportOutcome = { path: string; verdict: ExportVerdict; why: string 
 export function toMessages(schema: Schema): { messages: Message[]; outcomes: ExportOutcome[] } {
     const byIdentifier = grouped(inOrder(schema), ({ mac, cmd }) => cmd * NODES + mac);
     const names = messageNames(byIdentifier);
-    const tops = new Map<string, Set<number>>();
+    const tops = new Map<string | undefined, Set<number>>();
     for (const [identifier, together] of byIdentifier) {
-        for (const leaf of together) tops.set(topOf(leaf), (tops.get(topOf(leaf)) ?? new Set()).add(identifier));
+        for (const [top] of together.map(({ path }) => path)) tops.set(top, (tops.get(top) ?? new Set()).add(identifier));
     }
     const frames = Array.from(byIdentifier, ([identifier, together]) => {
-        const isBesideOthers = together.some((leaf) => tops.get(topOf(leaf))!.size > 1);
+        const isBesideOthers = together.some(({ path: [top] }) => tops.get(top)!.size > 1);
         return new Frame(identifier, names.get(identifier)!, together, schema, isBesideOthers);
     });
     return {
@@ -49,10 +49,6 @@ function* pathsIn(node: object, path: Path = []): Generator<Path> {
 /** Tells names from one another, an empty one from none as well. */
 function keyOf(names: Path): string {
     return JSON.stringify(names);
-}
-
-function topOf({ path }: Leaf): string {
-    return keyOf(path.slice(0, 1));
 }
 
 /** The objects of each key. */
@@ -139,7 +135,7 @@ class Frame {
         const { meaning } = leaf;
         const name = this.#names.get(path)!;
         const labels = Object.entries(meaning.labels ?? {}).map(([raw, text]) => [BigInt(raw), inLine(text)] as const);
-        const isSaid = leaf.path.length === 2 && leaf.path[0] === message && leaf.path[1] === name;
+        const isSaid = leaf.path[0] === message && leaf.path[1] === name;
         return {
             name,
             ...placeOf(leaf),
@@ -270,8 +266,8 @@ function isSwapped(leaf: Leaf): boolean {
 }
 
 function isSigned(leaf: Leaf): boolean {
-    if (isArranged(leaf)) return Boolean(leaf.meaning.signed) && !isFloat(leaf);
-    return FORMATS[leaf.format]!.signed && !isFloat(leaf) && ownBits(leaf)[1] === 8 * widthOf(leaf);
+    if (isArranged(leaf)) return Boolean(leaf.meaning.signed);
+    return FORMATS[leaf.format]!.signed && ownBits(leaf)[1] === 8 * widthOf(leaf);
 }
 
 function isFloat(leaf: Leaf): boolean {
@@ -280,7 +276,7 @@ function isFloat(leaf: Leaf): boolean {
 
 /** From the bits to the value: a factor divides them, a mask leaves them where they are. */
 function scaleOf(leaf: Leaf): number {
-    const scale = leaf.meaning.scale || 1;
+    const scale = leaf.meaning.scale ?? 1;
     if (leaf.asBool) return scale;
     const masked = isMasked(leaf) ? scale * 2 ** lowestOf(ownMask(leaf)) : scale;
     return isScaled(leaf) ? masked / leaf.factor : masked;
