@@ -11,6 +11,7 @@ import {
     type Imported,
     type Outcome,
 } from "../src/model/workshop/dbc";
+import { Decimal } from "../src/model/workshop/dbc/decimal";
 import { toSchema } from "../src/model/workshop/dbc/importing";
 import { readDbc } from "../src/model/workshop/dbc/reader";
 
@@ -95,6 +96,19 @@ test("frames mean what the file says", () => {
     // The daemon reads ff f0 as 0xf0ff, and the third byte b4 as it is.
     expect(new Meant(0xf0ff, leaves["DRIVE.Speed"])).toMatchObject({ value: 6, unit: "rpm" });
     expect(new Meant(0xb4, leaves["DRIVE.Gear"])).toMatchObject({ value: 5, label: "reverse" });
+});
+
+test.each([
+    ["0", "0"],
+    ["-0e5", "0"],
+    ["0.00", "0"],
+    ["-12.50", "-12.5"],
+    ["100", "100"],
+    ["1e3", "1000"],
+    ["12340", "1.234E+4"],
+    ["1e-7", "1E-7"],
+])("a number has the digits that it needs, here 4 at most without an exponent: %s", (text, short) => {
+    expect(Decimal.parse(text)!.toShortText(4)).toBe(short);
 });
 
 describe("what is noted:", () => {

@@ -21,7 +21,8 @@ export function toMessages(schema: Schema): { messages: Message[]; outcomes: Exp
     const names = messageNames(byIdentifier);
     const tops = new Map<string | undefined, Set<number>>();
     for (const [identifier, together] of byIdentifier) {
-        for (const [top] of together.map(({ path }) => path)) tops.set(top, (tops.get(top) ?? new Set()).add(identifier));
+        for (const [top] of together.map(({ path }) => path))
+            tops.set(top, (tops.get(top) ?? new Set()).add(identifier));
     }
     const frames = Array.from(byIdentifier, ([identifier, together]) => {
         const isBesideOthers = together.some(({ path: [top] }) => tops.get(top)!.size > 1);
