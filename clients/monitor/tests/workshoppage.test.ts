@@ -477,11 +477,14 @@ test("exports nothing where there is nothing, or only what no DBC file can say, 
     const downloads: unknown[] = [];
     page.on("download", (download) => downloads.push(download));
     await button("Export DBC").click();
-    await page.getByRole("alert").getByText("Nothing was exported: nothing has a name yet.").waitFor();
+    await page.getByRole("alert").getByText("Nothing was exported. Nothing has a name yet.").waitFor();
     const packed = { "@mac": 5, "@cmd": 2, "@format": "p", "@fragmentation": true };
     await choose("Schema file", "a.json", JSON.stringify({ a: packed }));
     await expect.poll(told).toBe("a.json is open.");
     expect(await page.getByRole("alert").getByText("Nothing was exported").count()).toBe(0);
+    await choose("Schema file", "b.json", '{"a": {"@mac": 64}}');
+    const refusal = page.getByRole("alert").getByText("Nothing was loaded");
+    await refusal.waitFor();
     await button("Export DBC").click();
     const report = page.getByRole("dialog", { name: "Nothing was exported" });
     expect(await report.getByRole("status").innerText()).toBe(
@@ -489,6 +492,7 @@ test("exports nothing where there is nothing, or only what no DBC file can say, 
     );
     expect(await report.getByRole("listitem").allInnerTexts()).toEqual(['a not possible: a signal has no format "p"']);
     await button("Close").click();
+    expect(await refusal.count()).toBe(0);
     expect(await told()).toBe("a.json is open.");
     expect(downloads).toEqual([]);
 });

@@ -52,7 +52,7 @@ export function useFiles(draft: Draft, tell: (what: string) => void): Files {
                 setReport({ kind: "export", name: DBC_NAME, ...made });
                 if (made.content) tell(`${DBC_NAME} is exported.`);
             },
-            (error: Error) => setProblem(`Nothing was exported: ${error.message}`),
+            (error: Error) => setProblem(`Nothing was exported. ${error.message}.`),
         );
     };
     const take = (file: File) => (/\.dbc$/i.test(file.name) ? importDbc : open)(file);
@@ -63,13 +63,19 @@ const DBC_NAME = "vorbel.dbc";
 
 /** Lets the browser save a DBC file, if there is one. Throws an error that says why there cannot be one. */
 async function exported(draft: Draft): Promise<Exported> {
-    if (draft.leaves.length === 0) throw new Error("nothing has a name yet.");
-    if (draft.problems().some(({ severity }) => severity === "error"))
-        throw new Error("the schema has errors, which are listed here.");
+    const obstacle = obstacleTo(draft);
+    if (obstacle !== undefined) throw new Error(obstacle);
     const dbc = await import("../../model/workshop/dbc");
     const made = dbc.exportDbc(draft.schema);
     if (made.content) download(new Blob([made.content]), DBC_NAME);
     return made;
+}
+
+/** Why a schema cannot be that of the daemon, or of a file. */
+export function obstacleTo(draft: Draft): string | undefined {
+    if (draft.leaves.length === 0) return "Nothing has a name yet";
+    const isWrong = draft.problems().some(({ severity }) => severity === "error");
+    return isWrong ? "The schema has problems, which are listed above its values" : undefined;
 }
 
 type ToolsProps = { draft: Draft; files: Files; tell: (what: string) => void };
