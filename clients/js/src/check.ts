@@ -273,17 +273,26 @@ function* sharedFrameProblems(leaves: Leaf[]): Generator<Problem> {
 
 /** Each leaf that uses bits of one before it is told once. */
 function* overlaps(leaves: Leaf[]): Generator<Problem> {
-    const users = new Map<number, Leaf[]>();
+    const users = new Map<number, Users>();
     for (const leaf of leaves) {
         const bits = payloadBits(leaf);
         let other: Leaf | undefined;
-        for (const bit of bits) other ??= users.get(bit)?.find((user) => !areApart(user, leaf));
+        for (const bit of bits) other ??= userBeside(leaf, users.get(bit));
         if (other) yield overlap(leaf, other, bits);
         for (const bit of bits) {
-            if (!users.has(bit)) users.set(bit, [leaf]);
-            else if (!other) users.get(bit)!.push(leaf);
+            if (!users.has(bit)) users.set(bit, new Map([[leaf.meaning.when?.is, leaf]]));
+            else if (!other) users.get(bit)!.set(leaf.meaning.when?.is, leaf);
         }
     }
+}
+
+/** The leaves that use a bit, all apart: if there are several, the same leaf selects them, by these fields. */
+type Users = Map<number | undefined, Leaf>;
+
+/** The one that may be in a frame with a leaf. */
+function userBeside(leaf: Leaf, users: Users | undefined): Leaf | undefined {
+    const [first] = users?.values() ?? [];
+    return first && areApart(first, leaf) ? users!.get(leaf.meaning.when!.is) : first;
 }
 
 /** Whether no frame has a value of both. */

@@ -23,8 +23,10 @@ export { type SchemaEvent } from "./ownership.js";
 export { dotted, flatten, isMap, namesOf, nest, visit, type Path } from "./paths.js";
 export { describeProblem, SchemaError, WriteError, type Problem, type ProblemCode } from "./problem.js";
 export {
+    bitsOf,
     defineSchema,
     FORMATS,
+    isArranged,
     isScaled,
     leavesOf,
     parseJson,

@@ -184,6 +184,28 @@ describe("doubtful, with the path", () => {
         expect(told({ a: { "@mac": 1, "@format": "s" } })).toEqual([`warning: a: has no "@cmd", which counts as 0`]);
     });
 
+    test("overlaps, asking each leaf as much however many are in its frames", () => {
+        let asked = 0;
+        const whenIs = (is: number) => ({
+            path: "page",
+            get is() {
+                asked++;
+                return is;
+            },
+        });
+        const askedFor = (count: number) => {
+            asked = 0;
+            const place = { "@mac": 5, "@cmd": 2, "@format": "C" };
+            const selected = Array.from({ length: count }, (_, at) => [
+                `v${at}`,
+                { ...place, "@skip": 1, when: whenIs(at) },
+            ]);
+            expect(checkSchema({ page: { ...place, "@skip": 0 }, ...Object.fromEntries(selected) })).toEqual([]);
+            return asked;
+        };
+        expect(askedFor(800) / askedFor(100)).toBeLessThan(8.2);
+    });
+
     test("two writable leaves on overlapping bytes", () => {
         expect(told({ motor: { speed: leaf({ "@skip": 1 }), current: leaf() } })).toEqual([
             "warning: motor.speed: overlaps motor.current at byte 1 of mac 5, cmd 2: written together, one destroys the other",

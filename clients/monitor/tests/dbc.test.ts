@@ -2,8 +2,18 @@ import { readFileSync } from "node:fs";
 import { resolve } from "node:path";
 import { fileURLToPath } from "node:url";
 import { checkSchema, leavesOf, Meant, type Schema } from "vorbel";
-import { describe, expect, test } from "vitest";
-import { importDbc, NothingImported, type Imported, type Outcome } from "../src/model/workshop/dbc";
+import { describe, expect, onTestFinished, test, vi } from "vitest";
+import {
+    exportDbc,
+    importDbc,
+    NothingImported,
+    type ExportOutcome,
+    type Imported,
+    type Outcome,
+} from "../src/model/workshop/dbc";
+import { Decimal } from "../src/model/workshop/dbc/decimal";
+import { toSchema } from "../src/model/workshop/dbc/importing";
+import { readDbc } from "../src/model/workshop/dbc/reader";
 
 const clients = resolve(fileURLToPath(import.meta.url), "../../..");
 
@@ -15,9 +25,19 @@ type Case = {
     outcomes: [path: string, verdict: string, why?: string][];
     lines?: number[];
 };
-const { cases } = JSON.parse(readFileSync(`${clients}/conformance/buses.json`, "utf8")) as { cases: Case[] };
+type ExportCase = {
+    name: string;
+    schema: Schema;
+    file: string[];
+    latin1?: boolean;
+    outcomes: [path: string, verdict: string, why?: string][];
+};
+const { cases, exports } = JSON.parse(readFileSync(`${clients}/conformance/buses.json`, "utf8")) as {
+    cases: Case[];
+    exports: ExportCase[];
+};
 
-function textOf({ file }: Case): string {
+function textOf({ file }: Case | ExportCase): string {
     return file.map((line) => `${line}\n`).join("");
 }
 
@@ -36,7 +56,7 @@ function ofText(...lines: string[]): Imported {
     return imported(Buffer.from(lines.join("\n")));
 }
 
-function briefly({ path, verdict, why }: Outcome): string[] {
+function briefly({ path, verdict, why }: Outcome | ExportOutcome): string[] {
     return why ? [path, verdict, why] : [path, verdict];
 }
 
@@ -54,6 +74,16 @@ describe("as the terminal tool imports it:", () => {
     });
 });
 
+describe("as the terminal tool exports it:", () => {
+    test.each(exports)("$name", (each) => {
+        const { content, messages, outcomes } = exportDbc(each.schema);
+        const encoding = each.latin1 ? "latin1" : "utf8";
+        expect(Buffer.from(content ?? []).toString(encoding)).toBe(textOf(each));
+        expect(outcomes.map(briefly)).toEqual(each.outcomes);
+        expect(messages).toBe(each.file.filter((line) => line.startsWith("BO_ ")).length);
+    });
+});
+
 test("frames mean what the file says", () => {
     const { schema } = ofText(
         "BO_ 133 DRIVE: 8 ECU",
@@ -66,6 +96,19 @@ test("frames mean what the file says", () => {
     // The daemon reads ff f0 as 0xf0ff, and the third byte b4 as it is.
     expect(new Meant(0xf0ff, leaves["DRIVE.Speed"])).toMatchObject({ value: 6, unit: "rpm" });
     expect(new Meant(0xb4, leaves["DRIVE.Gear"])).toMatchObject({ value: 5, label: "reverse" });
+});
+
+test.each([
+    ["0", "0"],
+    ["-0e5", "0"],
+    ["0.00", "0"],
+    ["-12.50", "-12.5"],
+    ["100", "100"],
+    ["1e3", "1000"],
+    ["12340", "1.234E+4"],
+    ["1e-7", "1E-7"],
+])("a number has the digits that it needs, here 4 at most without an exponent: %s", (text, short) => {
+    expect(Decimal.parse(text)!.toShortText(4)).toBe(short);
 });
 
 describe("what is noted:", () => {
@@ -216,6 +259,57 @@ test("whatever stands in a file, a schema without errors comes of it, or the one
         if (leavesOf(schema).length > 0) schemas++;
     }
     expect(schemas).toBeGreaterThan(1500);
+});
+
+// Work
+
+/**
+ * How often the members of a message's signals are asked for on the way to a schema, and how often it is asked which
+ * signals are left.
+ */
+function askedFor(lines: string[]): number {
+    const { messages } = readDbc(Buffer.from(["BO_ 1 M: 8 E", ...lines].join("\n")));
+    let asked = 0;
+    const counting = <T extends object>(object: T) =>
+        new Proxy(object, { get: (target, name) => (asked++, Reflect.get(target, name) as unknown) });
+    const [message] = messages;
+    const has = vi.spyOn(Set.prototype, "has");
+    onTestFinished(() => has.mockRestore());
+    const { outcomes } = toSchema([{ ...message!, signals: message!.signals.map(counting) }]);
+    asked += has.mock.calls.length;
+    has.mockRestore();
+    expect(outcomes.filter(({ verdict }) => verdict === "not possible")).toEqual([]);
+    return asked;
+}
+
+const bits = (name: string, place: string) => ` SG_ ${name} : ${place}@1+ (1,0) [0|0] "" E`;
+const CROWDED: [name: string, signal: (at: number) => string[]][] = [
+    ["bytes in one place", (at) => [bits(`S${at}`, "0|8")]],
+    ["three bytes beside whole ones", (at) => [bits(`S${at}`, at % 2 ? "8|24" : "0|8")]],
+    ["three bytes beside pairs", (at) => [bits(`S${at}`, at % 2 ? "16|24" : "0|16")]],
+    ["one selector", (at) => [bits(at ? `S${at} m${at}` : "S0 M", at ? (at % 2 ? "8|24" : "0|8") : "56|8")]],
+    [
+        "whole ones that are read with three bytes",
+        (at) => {
+            if (at < 2) return [bits(at ? "S1" : "S0 M", at ? "32|8" : "56|8")];
+            return [bits(`S${at} m${at >> 1}`, at % 2 ? "8|24" : "0|8")];
+        },
+    ],
+    [
+        "many selectors",
+        (at) => {
+            if (at === 0) return [bits("S0 M", "56|8")];
+            if (at % 2) return [bits(`S${at} m2`, "8|24"), `SG_MUL_VAL_ 1 S${at} S${at - 1} 2-2;`];
+            return [bits(`S${at} m1M`, "0|8"), `SG_MUL_VAL_ 1 S${at} S${at - 2} 1-1;`];
+        },
+    ],
+];
+
+test.each(CROWDED)("each signal is asked as much however many its message has: %s", (_, signal) => {
+    const [few, many] = [256, 2048].map((count) =>
+        askedFor(Array.from({ length: count }, (_, at) => signal(at)).flat()),
+    );
+    expect(many! / few!).toBeLessThan(8.2);
 });
 
 // Time

@@ -12,7 +12,7 @@ export class Daemon {
     isStalled = false;
     /** Whether connections end without a proper close. */
     breaksOff = false;
-    readonly sockets = new Set<WebSocketLike>();
+    readonly sockets = new Set<Socket>();
     readonly #begun = performance.now();
     #waiting: (() => void)[] = [];
 
@@ -23,7 +23,7 @@ export class Daemon {
 
     /** All connections break off. */
     cut(): void {
-        for (const socket of this.sockets) socket.onclose?.({ code: 1006, reason: "", wasClean: false });
+        for (const socket of this.sockets) socket.end(1006);
     }
 
     hear(values: Uint8Array): void {
@@ -36,23 +36,40 @@ export class Daemon {
     }
 }
 
+/** The end of a connection that a client has, without a network. */
+export abstract class Socket implements WebSocketLike {
+    binaryType = "arraybuffer";
+    readyState = 1;
+    onmessage: WebSocketLike["onmessage"] = null;
+    onclose: WebSocketLike["onclose"] = null;
+    onerror: WebSocketLike["onerror"] = null;
+
+    greet(): void {
+        this.onmessage?.({ data: '{"hello": {"type": "wire"}}' });
+    }
+
+    end(code: number, wasClean = code === 1000): void {
+        this.onclose?.({ code, reason: "", wasClean });
+    }
+
+    abstract send(data: string | Uint8Array): void;
+
+    abstract close(): void;
+}
+
 function socketTo(daemon: Daemon) {
-    return class implements WebSocketLike {
-        binaryType = "arraybuffer";
-        readyState = 1;
-        onmessage: WebSocketLike["onmessage"] = null;
-        onclose: WebSocketLike["onclose"] = null;
-        onerror: WebSocketLike["onerror"] = null;
+    return class extends Socket {
         constructor() {
+            super();
             daemon.sockets.add(this);
-            daemon.say(() => this.onmessage?.({ data: '{"hello": {"type": "wire"}}' }));
+            daemon.say(() => this.greet());
         }
-        send(data: string | Uint8Array) {
+        override send(data: string | Uint8Array) {
             if (typeof data !== "string") daemon.hear(data);
         }
-        close() {
+        override close() {
             daemon.sockets.delete(this);
-            daemon.say(() => this.onclose?.({ code: 1000, reason: "", wasClean: !daemon.breaksOff }));
+            daemon.say(() => this.end(1000, !daemon.breaksOff));
         }
     };
 }

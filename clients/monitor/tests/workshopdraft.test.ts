@@ -127,6 +127,14 @@ describe("a draft", () => {
         expect(draft.set("b", at(1))).toBeUndefined();
         expect(draft.problems().map(({ code }) => code)).toEqual(["member-range"]);
     });
+    test("has the problems of what it is at present", () => {
+        const { draft } = draftOf({ a: at(0) });
+        expect(draft.problems()).toEqual([]);
+        draft.set("b", at(0));
+        expect(draft.problems()).toHaveLength(1);
+        draft.undo();
+        expect(draft.problems()).toEqual([]);
+    });
     test("has no problem where it has nothing", () => expect(draftOf().draft.problems()).toEqual([]));
     test("refuses to lose a leaf that others depend on", () => {
         const { draft } = draftOf({ page: at(0), x: at(1, { when: { path: "page", is: 1 } }) });

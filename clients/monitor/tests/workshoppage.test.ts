@@ -81,6 +81,13 @@ test("leads from an unknown bus to a plotted, named and scaled value by mouse", 
     await field("Scale").fill("0.001");
     await field("Decimals").fill("3");
     await expect.poll(() => page.locator(".naming output").textContent()).toMatch(/^3\.9\d\d V$/);
+    const selection = page.locator(".live li", { hasText: "unsigned, low byte first" });
+    await expect.poll(() => selection.locator(".number").textContent()).toMatch(/^3\.9\d\d V$/);
+    await field("Offset").fill("1");
+    await expect.poll(() => selection.locator(".number").textContent()).toMatch(/^4\.9\d\d V$/);
+    await field("Offset").fill("1,");
+    await expect.poll(() => selection.locator(".number").textContent()).toMatch(/^3\.9\d\d V$/);
+    await field("Offset").fill("");
     await button("Add to the schema").click();
     await expect.poll(told).toBe("battery.first is in the schema.");
     await button("Plot battery.first").click();
@@ -429,6 +436,67 @@ test("imports a DBC file, tells what became of its signals, and takes it back", 
     await button("Close").click();
 });
 
+test("exports a DBC file by keyboard, and tells what it has no words for", async () => {
+    const byte = { "@mac": 5, "@cmd": 2, "@format": "C" };
+    const schema = {
+        motor: {
+            speed: { ...byte, "@skip": 0, unit: "°C", title: "Speed" },
+            größe: { ...byte, "@skip": 1, scale: 0.5 },
+            far: { ...byte, "@skip": 9 },
+        },
+    };
+    await openWorkshop();
+    await choose("Schema file", "a.json", JSON.stringify(schema));
+    await expect.poll(told).toBe("a.json is open.");
+    await button("Export DBC").focus();
+    const [file] = await Promise.all([page.waitForEvent("download"), page.keyboard.press("Enter")]);
+    expect(file.suggestedFilename()).toBe("vorbel.dbc");
+    const report = page.getByRole("dialog", { name: "Exported vorbel.dbc" });
+    expect(await report.getByRole("status").innerText()).toBe(
+        "3 values: 1 exact, 1 incomplete, 1 not possible. 1 message in the file.",
+    );
+    expect(await report.getByRole("listitem").allInnerTexts()).toEqual([
+        'motor.speed incomplete: without "title"',
+        "motor.far not possible: it is beyond 8 bytes",
+    ]);
+    const lines = readFileSync(await file.path(), "latin1").split("\n");
+    expect(lines.filter((line) => /^(BO_| SG_|BA_) /.test(line))).toEqual([
+        "BO_ 133 motor: 2 Vector__XXX",
+        ' SG_ speed : 0|8@1+ (1,0) [0|0] "°C" Vector__XXX',
+        ' SG_ gr__e : 8|8@1+ (0.5,0) [0|0] "" Vector__XXX',
+        'BA_ "VorbelPath" SG_ 133 gr__e "motor.größe";',
+    ]);
+    await page.keyboard.press("Escape");
+    await expect.poll(() => report.count()).toBe(0);
+    expect(await button("Export DBC").evaluate((element) => element === document.activeElement)).toBe(true);
+    expect(await told()).toBe("vorbel.dbc is exported.");
+});
+
+test("exports nothing where there is nothing, or only what no DBC file can say, and tells why", async () => {
+    await openWorkshop();
+    const downloads: unknown[] = [];
+    page.on("download", (download) => downloads.push(download));
+    await button("Export DBC").click();
+    await page.getByRole("alert").getByText("Nothing was exported. Nothing has a name yet.").waitFor();
+    const packed = { "@mac": 5, "@cmd": 2, "@format": "p", "@fragmentation": true };
+    await choose("Schema file", "a.json", JSON.stringify({ a: packed }));
+    await expect.poll(told).toBe("a.json is open.");
+    expect(await page.getByRole("alert").getByText("Nothing was exported").count()).toBe(0);
+    await choose("Schema file", "b.json", '{"a": {"@mac": 64}}');
+    const refusal = page.getByRole("alert").getByText("Nothing was loaded");
+    await refusal.waitFor();
+    await button("Export DBC").click();
+    const report = page.getByRole("dialog", { name: "Nothing was exported" });
+    expect(await report.getByRole("status").innerText()).toBe(
+        "1 value: 0 exact, 0 incomplete, 1 not possible. 0 messages in the file.",
+    );
+    expect(await report.getByRole("listitem").allInnerTexts()).toEqual(['a not possible: a signal has no format "p"']);
+    await button("Close").click();
+    expect(await refusal.count()).toBe(0);
+    expect(await told()).toBe("a.json is open.");
+    expect(downloads).toEqual([]);
+});
+
 test("tells when another client sends a schema, which stays", async () => {
     await sendSchema();
     await openWorkshop();
@@ -521,6 +589,10 @@ test.each([
     await choose("DBC file", "plant.dbc", readFileSync(PLANT));
     await page.getByRole("heading", { name: "Imported plant.dbc" }).waitFor();
     expect(await state(), "a report").toEqual([[], 0]);
+    await button("Close").click();
+    await button("Export DBC").click();
+    await page.getByRole("heading", { name: "Exported vorbel.dbc" }).waitFor();
+    expect(await state(), "a report of an export").toEqual([[], 0]);
     await button("Close").click();
     await sendFromElsewhere({ other: { "@mac": 5, "@cmd": 2, "@format": "S" } });
     await bar().getByText("Another client has sent a schema").waitFor();

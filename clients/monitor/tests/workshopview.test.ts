@@ -61,6 +61,11 @@ describe("the form", () => {
         });
     });
 
+    test("leaves out what is wrong", () => {
+        const texts = { ...NO_TEXTS, unit: "V", scale: "0", offset: "1,", decimals: "16" };
+        expect(leafOf(reading, texts)).toEqual({ ...reading, unit: "V" });
+    });
+
     test("begins with what a leaf has", () => {
         const leaf = { ...reading, title: "T", unit: "A", scale: 0.01, offset: -40, decimals: 0 };
         const texts = textsOf("motor.current", leaf);

@@ -1,10 +1,10 @@
-import { encodeValues, type WebSocketLike } from "vorbel";
+import { encodeValues } from "vorbel";
 import { afterEach, beforeEach, expect, test, vi } from "vitest";
 import { obstacleTo } from "../src/model/run";
 import { Session } from "../src/model/session";
 import { interrupted } from "../src/model/workshop/interrupted";
 import { Workshop } from "../src/model/workshop/workshop";
-import { memoryOf } from "./wire";
+import { memoryOf, Socket } from "./wire";
 
 /** What a workshop does when it cannot be opened, by the clock of the test and with a daemon that does as it is told. */
 
@@ -19,7 +19,7 @@ class Daemon {
     readonly leaving: Socket[] = [];
 
     greetAll(): void {
-        for (const socket of this.sockets) socket.onmessage?.({ data: '{"hello": {"type": "wire"}}' });
+        for (const socket of this.sockets) socket.greet();
     }
 
     /** All connections break off. */
@@ -34,31 +34,27 @@ class Daemon {
 
 let daemon: Daemon;
 
-class Socket implements WebSocketLike {
-    binaryType = "arraybuffer";
-    readyState = 1;
-    onmessage: WebSocketLike["onmessage"] = null;
-    onclose: WebSocketLike["onclose"] = null;
-    onerror: WebSocketLike["onerror"] = null;
+class Connection extends Socket {
     constructor() {
+        super();
         setTimeout(() => (daemon.refuses ? this.end(1006) : this.#come()), 1);
     }
     #come() {
         daemon.sockets.add(this);
         daemon.greetAll();
     }
-    send(data: string | Uint8Array) {
+    override send(data: string | Uint8Array) {
         const schema = JSON.parse(data as string) as object;
         daemon.heard.push(Object.keys(schema).length === 2048 ? "all frames" : JSON.stringify(schema));
     }
-    close() {
+    override close() {
         daemon.sockets.delete(this);
         if (daemon.hangs) daemon.leaving.push(this);
         else setTimeout(() => this.end(1000), 1);
     }
-    end(code: number) {
+    override end(code: number) {
         daemon.sockets.delete(this);
-        this.onclose?.({ code, reason: "", wasClean: code === 1000 });
+        super.end(code);
     }
 }
 
@@ -81,7 +77,7 @@ async function newWorkshop() {
         query: { get: () => null },
         memory,
         read: () => Promise.reject(new Error("none")),
-        WebSocket: Socket,
+        WebSocket: Connection,
     });
     await pass(10);
     session.setSchema(JSON.stringify(mine), true);

@@ -7,11 +7,12 @@ import subprocess
 
 import pytest
 
-from bridges import MACHINE, TOOL
+from bridges import MACHINE, PROJECT, TOOL
 from test_import import FOREIGN, OWN, identity, imported
 from vorbel import checks, dbc, exporting, importing, matrix
 from vorbel.schema import leaves
 
+CASES = json.loads((PROJECT / "clients" / "conformance" / "buses.json").read_text(encoding="utf-8"))["exports"]
 PLACE = {"@mac": 5, "@cmd": 2}
 ALL = {  # as the import writes it
     "motor": {
@@ -62,6 +63,15 @@ def back(content, tmp_path):
     return imported(path)
 
 
+@pytest.mark.parametrize("case", CASES, ids=lambda case: case["name"])
+def test_what_all_clients_make_of_a_schema(case):
+    assert not any(problem.is_error for problem in checks.check(case["schema"]))
+    messages, outcomes = exporting.to_messages(case["schema"])
+    text = "".join(f"{line}\n" for line in case["file"])
+    assert (dbc.content(messages) if messages else b"") == text.encode("iso-8859-1" if case.get("latin1") else "utf-8")
+    assert [[each.path, each.verdict, *filter(None, [each.why])] for each in outcomes] == case["outcomes"]
+
+
 def test_what_the_import_writes_comes_back_as_it_was(tmp_path):
     assert not any(problem.is_error for problem in checks.check(ALL))
     content, verdicts = exported(ALL)
@@ -90,7 +100,7 @@ def signals_of(read, schema):
     found = {(message.identifier, exporting._word([signal.name])): (message, signal)
              for message in read[0] for signal in message.signals}
     return {key: (message.size, message.comment, dataclasses.replace(
-        signal, name="", least=None, largest=None, is_multiplexer=False, path="",
+        signal, name="", least=None, largest=None, path="",
         labels=importing._labels(signal.labels), **place_of(signal)))
         for key, (message, signal) in found.items() if key in known}
 

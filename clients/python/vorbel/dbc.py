@@ -1,5 +1,6 @@
 """Messages as a DBC file."""
 
+import re
 from collections.abc import Collection, Iterable, Iterator
 from decimal import Decimal
 
@@ -17,7 +18,7 @@ def content(messages: Iterable[Message]) -> bytes:
     try:
         return text.encode("iso-8859-1")
     except UnicodeEncodeError:
-        return text.encode()
+        return re.sub("[\ud800-\udfff]", "\ufffd", text).encode()  # halves of letters, which JSON may have
 
 
 def _lines(messages: list[Message]) -> Iterator[str]:
@@ -51,16 +52,16 @@ class _Words:
     def __init__(self, message: Message, name: str) -> None:
         self._message = message
         self._name = name
+        self._multiplexers = {signal.choice.selector for signal in message.signals if signal.choice}
         # Programs find a multiplexer by its name, and not all of them by that in the attribute.
-        kept = [signal.name for signal in message.signals if signal.is_multiplexer]
-        self._short = _short([signal.name for signal in message.signals], kept)
+        self._short = _short([signal.name for signal in message.signals], self._multiplexers)
 
     def definition(self) -> Iterator[str]:
         yield f"BO_ {self._message.identifier} {self._name}: {self._message.size} {NOBODY}"
         for signal in self._message.signals:
             order, sign = int(signal.is_little_endian), "-" if signal.is_signed or signal.is_float else "+"
             scale, offset, least, largest = map(_text, (signal.scale, signal.offset, *_bounds(signal)))
-            yield (f" SG_ {self._short[signal.name]}{_selected(signal)} : {_start(signal)}|{signal.size}@{order}{sign}"
+            yield (f" SG_ {self._short[signal.name]}{self._mark(signal)} : {_start(signal)}|{signal.size}@{order}{sign}"
                    f" ({scale},{offset}) [{least}|{largest}] \"{signal.unit}\" {NOBODY}")
         yield ""
 
@@ -93,24 +94,23 @@ class _Words:
 
     def selections(self) -> Iterator[str]:
         """Needed where there is more than one multiplexer."""
-        if sum(signal.is_multiplexer for signal in self._message.signals) < 2:
+        if len(self._multiplexers) < 2:
             return
         for signal in self._message.signals:
             if signal.choice:
                 ranges = ", ".join(f"{low}-{high}" for low, high in signal.choice.ranges)
                 yield f"SG_MUL_VAL_ {self._name_of(signal)} {self._short[signal.choice.selector]} {ranges};"
 
+    def _mark(self, signal: Signal) -> str:
+        chosen = f"m{signal.choice.ranges[0][0]}" if signal.choice else ""
+        mark = chosen + ("M" if signal.name in self._multiplexers else "")
+        return f" {mark}" if mark else ""
+
     def _place(self, signal: Signal) -> str:
         return f"SG_ {self._name_of(signal)}"
 
     def _name_of(self, signal: Signal) -> str:
         return f"{self._message.identifier} {self._short[signal.name]}"
-
-
-def _selected(signal: Signal) -> str:
-    chosen = f"m{signal.choice.ranges[0][0]}" if signal.choice else ""
-    mark = chosen + ("M" if signal.is_multiplexer else "")
-    return f" {mark}" if mark else ""
 
 
 def _start(signal: Signal) -> int:

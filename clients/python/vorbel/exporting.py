@@ -4,6 +4,7 @@ The leaves of a node's command become the signals of a message. What becomes of 
 """
 
 import collections
+import math
 import re
 from collections.abc import Iterable, Iterator, Mapping
 from decimal import Decimal
@@ -22,7 +23,9 @@ from .terminal import counted
 INCOMPLETE = "incomplete"
 NODES = 64
 NO_LIMITS = (None, None)
+LARGEST_INDEX = 2**32 - 1  # of arrays in browsers, which is beyond them
 QUOTE = '"'  # ends a text in DBC
+LINE_BREAK = "\n"
 
 
 def export_file(schema: Mapping[str, Any], path: str, replace: bool, tell: Callable[[str], None]) -> None:
@@ -46,7 +49,7 @@ def export_file(schema: Mapping[str, Any], path: str, replace: bool, tell: Calla
 def to_messages(schema: Mapping[str, Any]) -> tuple[list[Message], list[Outcome]]:
     """The messages for a schema in which nothing is wrong."""
     by_endpoint: dict[tuple[int, int], list[Leaf]] = {}
-    for leaf in leaves(schema).values():
+    for leaf in leaves(_in_order(schema)).values():
         by_endpoint.setdefault(leaf.endpoint, []).append(leaf)
     names = _message_names(by_endpoint)
     tops = collections.Counter(top for together in by_endpoint.values()
@@ -55,6 +58,17 @@ def to_messages(schema: Mapping[str, Any]) -> tuple[list[Message], list[Outcome]
             for endpoint, together in by_endpoint.items()]
     messages = [frame.message for frame in made if frame.message.signals]
     return messages, [outcome for frame in made for outcome in frame.outcomes()]
+
+
+def _in_order(node: Mapping[str, Any]) -> dict[str, Any]:
+    """With names that are numbers first and in their order: browsers know no other, and are to make the same file."""
+    return {name: _in_order(node[name]) if isinstance(node[name], dict) else node[name]
+            for name in sorted(node, key=_rank)}
+
+
+def _rank(name: str) -> float:
+    is_number = re.fullmatch("0|[1-9][0-9]{0,9}", name) and int(name) < LARGEST_INDEX
+    return int(name) if is_number else LARGEST_INDEX
 
 
 class _Frame:
@@ -75,7 +89,8 @@ class _Frame:
     def outcomes(self) -> Iterator[Outcome]:
         for leaf in self._leaves:
             if leaf in self._fillers:
-                yield Outcome(leaf.path, EXACT, "the length of the message")
+                yield (Outcome(leaf.path, EXACT, "the length of the message") if self.message.signals
+                       else Outcome(leaf.path, NOT_POSSIBLE, "no signal is beside it"))
             elif leaf.path in self._refusals:
                 yield Outcome(leaf.path, NOT_POSSIBLE, self._refusals[leaf.path])
             else:
@@ -103,17 +118,15 @@ class _Frame:
         return Signal(
             name=name, start=start, size=size, is_little_endian=not _is_swapped(leaf), is_signed=_is_signed(leaf),
             is_float=_is_float(leaf), scale=_scale(leaf), offset=_decimal(meaning.offset),
-            least=_bound(meaning.least), largest=_bound(meaning.largest), unit=_printable(meaning.unit),
+            least=_bound(meaning.least), largest=_bound(meaning.largest), unit=_in_line(meaning.unit),
             comment=_printable(meaning.description),
-            labels={raw: _printable(label) for raw, label in meaning.labels.items()},
-            is_multiplexer=any(other.meaning.when and other.meaning.when.path == leaf.path for other in self._leaves
-                               if other not in self._fillers),
+            labels={raw: _in_line(label) for raw, label in sorted(meaning.labels.items())},
             choice=self._choice(leaf), path=self._path(leaf, message, name))
 
     def _path(self, leaf: Leaf, message: str, name: str) -> str:
         """Where the names of message and signal do not say it, or others of the group are in another message."""
         is_said = leaf.names == (message, name) and not self._needs_paths
-        return "" if is_said or QUOTE in leaf.path else leaf.path
+        return "" if is_said or not _is_sayable(leaf.path) else leaf.path
 
     def _choice(self, leaf: Leaf) -> Optional[Choice]:
         when = leaf.meaning.when
@@ -180,6 +193,8 @@ def _refusal(leaf: Leaf) -> str:
         return '"@mask" and fields of bits together'
     if _is_masked(leaf) and not re.fullmatch("0b1+0*", bin(_mask(leaf))):
         return 'the bits of its "@mask" are not side by side'
+    if _scale(leaf) == 0 or not math.isfinite(_scale(leaf)):
+        return "its scale is too large or too small a number"
     return ""
 
 
@@ -225,15 +240,15 @@ def _is_float(leaf: Leaf) -> bool:
 
 def _scale(leaf: Leaf) -> Decimal:
     """From the bits to the value: a factor divides them, a mask leaves them where they are."""
-    scale = leaf.meaning.scale
+    scale = float(leaf.meaning.scale)
     if _is_masked(leaf) and not leaf.as_bool:
         scale *= 1 << _lowest_of(_mask(leaf))
     return _decimal(scale / leaf.factor if leaf.is_scaled and not leaf.as_bool else scale)
 
 
 def _decimal(number: float) -> Decimal:
-    """With the digits that stand in the schema."""
-    return Decimal(repr(number)).normalize() if isinstance(number, float) else Decimal(number)
+    """With the digits that stand in the schema, of those that a number of double precision has."""
+    return Decimal(repr(float(number))).normalize()
 
 
 def _bound(bound: Optional[float]) -> Optional[Decimal]:
@@ -250,12 +265,22 @@ def _lost(leaf: Leaf) -> Iterator[str]:
         '"alarm"': meaning.alarm != NO_LIMITS, '"readonly"': meaning.readonly, '"initial"': meaning.initial,
         '"@observe"': leaf.observe, '"@flushSize"': leaf.flush_size, '"@asBool"': leaf.as_bool and _bits(leaf)[1] > 1,
         '"@fragmentation"': leaf.fragmentation, "bounds": (meaning.least, meaning.largest) == (0, 0),
-        "its path": QUOTE in leaf.path,
+        "its path": not _is_sayable(leaf.path),
         "quotation marks and backslashes": any(_printable(text) != text for text in (
-            meaning.unit, meaning.description, *meaning.labels.values()))}
+            meaning.unit, meaning.description, *meaning.labels.values())),
+        "line breaks": any(LINE_BREAK in text for text in (meaning.unit, *meaning.labels.values()))}
     return (name for name, is_lost in has.items() if is_lost)
+
+
+def _is_sayable(path: str) -> bool:
+    return path != "" and QUOTE not in path and LINE_BREAK not in path
 
 
 def _printable(text: str) -> str:
     """Without what ends a text in DBC."""
-    return text.replace('"', "'").replace("\\", "/")
+    return text.replace(QUOTE, "'").replace("\\", "/")
+
+
+def _in_line(text: str) -> str:
+    """Without what ends a statement in DBC as well: only comments have several lines."""
+    return _printable(text).replace(LINE_BREAK, " ")

@@ -44,7 +44,6 @@ class Signal:
     unit: str = ""
     comment: str = ""
     labels: Mapping[int, str] = field(default_factory=dict)
-    is_multiplexer: bool = False
     choice: Optional[Choice] = None
     path: str = ""  # of its leaf, where this is not under the names of the message and its own
 

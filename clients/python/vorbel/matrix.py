@@ -150,8 +150,7 @@ def _signal(signal: Any, choice: Optional[Choice]) -> Signal:
         scale=Decimal(signal.factor), offset=Decimal(signal.offset), least=least, largest=largest,
         unit=signal.unit or "", comment=signal.comment or "",
         labels={int(raw): str(text) for raw, text in signal.values.items()},
-        is_multiplexer=bool(signal.is_multiplexer), choice=choice,
-        path=signal.attributes.get(PATH) or "")
+        choice=choice, path=signal.attributes.get(PATH) or "")
 
 
 def _bounds(signal: Any) -> tuple[Optional[Decimal], Optional[Decimal]]:

@@ -1,12 +1,11 @@
 import { useLayoutEffect, useRef, useState } from "preact/hooks";
-import { dotted } from "vorbel";
 import type { Checked } from "../check/checker";
 import type { Session } from "../model/session";
-import { shown } from "../model/text";
 import { useCheck } from "./check";
 import { download } from "./download";
 import { FileButton } from "./filebutton";
 import { Icon } from "./icons";
+import { ProblemItems } from "./problems";
 
 /** More problems than this are told by their number. */
 const SHOWN = 100;
@@ -105,16 +104,7 @@ function Problems({ text, problems: found, isFinished }: Checked & { isFinished:
             {text.trim() !== "" && problems.length === 0 && <p class="fine">No problems found.</p>}
             {problems.length > 0 && (
                 <ul>
-                    {problems.slice(0, SHOWN).map(({ severity, path, message }) => (
-                        <li key={`${path.join("/")} ${message}`} class={severity}>
-                            <Icon name="problem" />
-                            <span>
-                                <span class="hidden">{severity}: </span>
-                                <code>{shown(dotted(path)) || "document"}</code> {shown(message)}
-                            </span>
-                        </li>
-                    ))}
-                    {problems.length > SHOWN && <li>… and {problems.length - SHOWN} more.</li>}
+                    <ProblemItems problems={problems} most={SHOWN} />
                 </ul>
             )}
         </div>

@@ -31,6 +31,8 @@ export class Draft {
     #schema: Schema;
     #done: Step[] = [];
     #undone: Step[] = [];
+    /** What was found, and in which schema. */
+    #checked: { schema: Schema; problems: Problem[] } | undefined;
 
     constructor(schema: Schema = {}) {
         this.#schema = schema;
@@ -61,7 +63,10 @@ export class Draft {
 
     /** What is wrong or doubtful. That there is nothing yet is neither. */
     problems(): Problem[] {
-        return checkSchema(this.#schema, { clear: true });
+        if (this.#checked?.schema !== this.#schema) {
+            this.#checked = { schema: this.#schema, problems: checkSchema(this.#schema, { clear: true }) };
+        }
+        return this.#checked.problems;
     }
 
     /** What would be undone, and what done again, for people; undefined where there is nothing. */

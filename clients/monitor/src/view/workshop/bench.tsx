@@ -2,7 +2,6 @@ import { useEffect, useMemo, useRef, useState } from "preact/hooks";
 import { dotted, leavesOf, type Leaf } from "vorbel";
 import type { Draft } from "../../model/workshop/draft";
 import { candidatesOf, type Candidate, type Leafish, type Selection } from "../../model/workshop/selection";
-import type { Endpoint } from "../../model/workshop/traffic";
 import type { Workshop } from "../../model/workshop/workshop";
 import { Boundary } from "../boundary";
 import { useSource } from "../frame";
@@ -13,6 +12,7 @@ import { Leaves } from "./leaves";
 import { identifierOf, selectionOf } from "./places";
 import { LivePlot, type Curve } from "./plot";
 import { Readings } from "./readings";
+import { leafOf, NO_TEXTS } from "./texts";
 import { SchemaTools, useFiles, useUndoKeys } from "./tools";
 
 /** The way to read a leaf that is in the schema as it is there. */
@@ -38,6 +38,7 @@ export function Bench({ workshop }: { workshop: Workshop }) {
     const main = useRef<HTMLElement>(null);
     useEffect(() => main.current!.focus(), []); // what had it is gone
     const [work, setWork] = useState(NO_WORK);
+    const [texts, setTexts] = useState(NO_TEXTS);
     const [plotted, setPlotted] = useState<string[]>([]);
     const [latest, setLatest] = useState<string>();
     const [told, tell] = useState("");
@@ -52,6 +53,7 @@ export function Bench({ workshop }: { workshop: Workshop }) {
         [work.selection, editing, length],
     );
     const chosen = candidates.find(({ key }) => key === work.key) ?? candidates[0];
+    const reading = chosen && withMembersOf(editing, chosen.leaf);
 
     const choose = (identifier: number) => setWork({ ...NO_WORK, identifier });
     const select = (selection: Selection) =>
@@ -76,7 +78,11 @@ export function Bench({ workshop }: { workshop: Workshop }) {
         setWork({ ...work, editing: undefined, key: work.key === PRESENT ? undefined : work.key });
     };
     const isReading = work.selection !== undefined || editing !== undefined;
-    const curves = curvesOf(workshop, plotted, endpoint, chosen);
+    const present: Curve[] =
+        endpoint && reading
+            ? [{ name: chosen.name, identifier: endpoint.identifier, leaf: leafOf(reading, texts) }]
+            : [];
+    const curves = [...present, ...namedCurves(draft, plotted)];
     return (
         <main
             class="workshop"
@@ -127,12 +133,14 @@ export function Bench({ workshop }: { workshop: Workshop }) {
                             </Boundary>
                         )}
                     </div>
-                    {isReading && chosen && (
+                    {isReading && reading && (
                         <LeafForm
                             draft={draft}
                             endpoint={endpoint}
-                            reading={withMembersOf(editing, chosen.leaf)}
+                            reading={reading}
                             former={editing?.path}
+                            texts={texts}
+                            setTexts={setTexts}
                             done={done}
                             cancel={() => setWork({ ...work, editing: undefined, key: undefined })}
                         />
@@ -193,18 +201,9 @@ function withMembersOf(editing: Editing | undefined, reading: Leafish): Leafish 
     return { ...Object.fromEntries(kept), ...reading };
 }
 
-function curvesOf(
-    { draft }: Workshop,
-    plotted: readonly string[],
-    endpoint: Endpoint | undefined,
-    chosen: Candidate | undefined,
-): Curve[] {
-    const present =
-        endpoint && chosen ? [{ name: chosen.name, identifier: endpoint.identifier, leaf: chosen.leaf }] : [];
-    const named = plotted.flatMap((path): Curve[] => {
+function namedCurves(draft: Draft, plotted: readonly string[]): Curve[] {
+    return plotted.flatMap((path): Curve[] => {
         const leaf = draft.leafAt(path);
-        if (!leaf) return [];
-        return [{ name: path, identifier: identifierOf(leavesOf(leaf)[0]!), leaf }];
+        return leaf ? [{ name: path, identifier: identifierOf(leavesOf(leaf)[0]!), leaf }] : [];
     });
-    return [...present, ...named];
 }

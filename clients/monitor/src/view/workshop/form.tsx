@@ -5,7 +5,7 @@ import { textIn, type Leafish } from "../../model/workshop/selection";
 import type { Endpoint } from "../../model/workshop/traffic";
 import { repeatedly } from "../frame";
 import { paintText } from "./paint";
-import { isWrong, leafOf, NO_TEXTS, problemsOf, textsOf, type FieldName } from "./texts";
+import { isWrong, leafOf, NO_TEXTS, problemsOf, textsOf, type FieldName, type Texts } from "./texts";
 
 type FormProps = {
     draft: Draft;
@@ -14,13 +14,15 @@ type FormProps = {
     reading: Leafish;
     /** The path of the leaf of the draft that is changed; undefined for a new one. */
     former: string | undefined;
+    /** What is typed, which others show as well. */
+    texts: Texts;
+    setTexts: (texts: Texts) => void;
     done: (path: string) => void;
     cancel: () => void;
 };
 
 /** Names what is read, and says what its numbers mean. */
-export function LeafForm({ draft, endpoint, reading, former, done, cancel }: FormProps) {
-    const [texts, setTexts] = useState(NO_TEXTS);
+export function LeafForm({ draft, endpoint, reading, former, texts, setTexts, done, cancel }: FormProps) {
     const [refusal, setRefusal] = useState<string>();
     const nameInput = useRef<HTMLInputElement>(null);
     const shownFor = useRef<string | undefined>(undefined);

@@ -38,6 +38,7 @@ function Canvas({ workshop, curves }: { workshop: Workshop; curves: Curve[] }) {
     const present = useRef(curves);
     present.current = curves;
     const refresh = (plot: uPlot) => {
+        if (plot.series.length !== present.current.length + 1) return; // it is about to be made anew, for other curves
         const to = now();
         const from = to - 1000 * SPAN;
         plot.setData(dataOf(workshop, present.current, from), false);

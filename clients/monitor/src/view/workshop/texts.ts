@@ -44,17 +44,19 @@ export function isWrong(problems: Partial<Record<FieldName, string>>): boolean {
     return Object.keys(problems).length > 0;
 }
 
-/** A leaf as it is read, with what was typed; what is empty is not in it. */
-export function leafOf(reading: Leafish, { title, unit, scale, offset, decimals }: Texts): Leafish {
-    const bare = Object.entries(reading).filter(([name]) => !TYPED.has(name));
-    const number = (text: string) => (text.trim() === "" || !isNumber(text) ? undefined : Number(text));
+/** A leaf as it is read, with what was typed; what is empty or wrong is not in it. */
+export function leafOf(reading: Leafish, texts: Texts): Leafish {
+    const problems = problemsOf(texts);
+    const number = (name: "scale" | "offset" | "decimals") =>
+        problems[name] === undefined && texts[name].trim() !== "" ? Number(texts[name]) : undefined;
     const members = {
-        title: title.trim() || undefined,
-        unit: unit.trim() || undefined,
-        scale: number(scale),
-        offset: number(offset),
-        decimals: isCount(decimals) ? number(decimals) : undefined,
+        title: texts.title.trim() || undefined,
+        unit: texts.unit.trim() || undefined,
+        scale: number("scale"),
+        offset: number("offset"),
+        decimals: number("decimals"),
     };
+    const bare = Object.entries(reading).filter(([name]) => !TYPED.has(name));
     const typed = Object.entries(members).filter(([, value]) => value !== undefined);
     return Object.fromEntries([...bare, ...typed]);
 }

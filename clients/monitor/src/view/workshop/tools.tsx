@@ -1,17 +1,19 @@
 import { useEffect, useMemo, useState } from "preact/hooks";
-import { dotted } from "vorbel";
 import { shown } from "../../model/text";
+import type { Exported } from "../../model/workshop/dbc";
 import type { Draft } from "../../model/workshop/draft";
 import { download } from "../download";
 import { FileButton } from "../filebutton";
 import { useSource } from "../frame";
 import { Icon } from "../icons";
-import { ImportReport, type Report } from "./report";
+import { ProblemItems } from "../problems";
+import { FileReport, type Report } from "./report";
 
-/** Files that are taken into the draft, and what became of the last one. */
+/** Files that are taken into the draft or made of it, and what became of the last one. */
 export type Files = {
     open: (file: File) => void;
     importDbc: (file: File) => void;
+    exportDbc: () => void;
     /** What the name says that it is. */
     take: (file: File) => void;
     problem: string | undefined;
@@ -35,15 +37,45 @@ export function useFiles(draft: Draft, tell: (what: string) => void): Files {
         const dbc = await import("../../model/workshop/dbc");
         try {
             const imported = dbc.importDbc(content);
-            setReport({ name: file.name, ...imported, ...draft.merge(imported.schema) });
+            setReport({ kind: "import", name: file.name, ...imported, ...draft.merge(imported.schema) });
             tell(`${file.name} is imported.`);
         } catch (error) {
             if (!(error instanceof dbc.NothingImported)) throw error;
-            setReport({ name: file.name, outcomes: error.outcomes, notes: error.notes, added: 0, renamed: [] });
+            const { outcomes, notes } = error;
+            setReport({ kind: "import", name: file.name, outcomes, notes, added: 0, renamed: [] });
         }
     });
+    const exportDbc = () => {
+        setProblem(undefined);
+        exported(draft).then(
+            (made) => {
+                setReport({ kind: "export", name: DBC_NAME, ...made });
+                if (made.content) tell(`${DBC_NAME} is exported.`);
+            },
+            (error: Error) => setProblem(`Nothing was exported. ${error.message}.`),
+        );
+    };
     const take = (file: File) => (/\.dbc$/i.test(file.name) ? importDbc : open)(file);
-    return { open, importDbc, take, problem, report, closeReport: () => setReport(undefined) };
+    return { open, importDbc, exportDbc, take, problem, report, closeReport: () => setReport(undefined) };
+}
+
+const DBC_NAME = "vorbel.dbc";
+
+/** Lets the browser save a DBC file, if there is one. Throws an error that says why there cannot be one. */
+async function exported(draft: Draft): Promise<Exported> {
+    const obstacle = obstacleTo(draft);
+    if (obstacle !== undefined) throw new Error(obstacle);
+    const dbc = await import("../../model/workshop/dbc");
+    const made = dbc.exportDbc(draft.schema);
+    if (made.content) download(new Blob([made.content]), DBC_NAME);
+    return made;
+}
+
+/** Why a schema cannot be that of the daemon, or of a file. */
+export function obstacleTo(draft: Draft): string | undefined {
+    if (draft.leaves.length === 0) return "Nothing has a name yet";
+    const isWrong = draft.problems().some(({ severity }) => severity === "error");
+    return isWrong ? "The schema has problems, which are listed above its values" : undefined;
 }
 
 type ToolsProps = { draft: Draft; files: Files; tell: (what: string) => void };
@@ -80,6 +112,9 @@ export function SchemaTools({ draft, files, tell }: ToolsProps) {
                 <button title="Save as file" onClick={() => save(draft)}>
                     Save as file
                 </button>
+                <button title="Save as a DBC file" onClick={files.exportDbc}>
+                    Export DBC
+                </button>
                 <FileButton label="Import DBC…" name="DBC file" accept=".dbc" take={files.importDbc}>
                     Import DBC…
                 </FileButton>
@@ -90,7 +125,7 @@ export function SchemaTools({ draft, files, tell }: ToolsProps) {
                 </p>
             )}
             <Problems draft={draft} />
-            {report && <ImportReport report={report} draft={draft} close={files.closeReport} />}
+            {report && <FileReport report={report} draft={draft} close={files.closeReport} />}
         </>
     );
 }
@@ -141,16 +176,7 @@ function Problems({ draft }: { draft: Draft }) {
     if (problems.length === 0) return null;
     return (
         <ul class="problems" aria-label="Problems of the schema" tabIndex={0}>
-            {problems.slice(0, SHOWN).map(({ severity, path, message }) => (
-                <li key={`${path.join("/")} ${message}`} class={severity}>
-                    <Icon name="problem" />
-                    <span>
-                        <span class="hidden">{severity}: </span>
-                        <code>{shown(dotted(path)) || "document"}</code> {shown(message)}
-                    </span>
-                </li>
-            ))}
-            {problems.length > SHOWN && <li>… and {problems.length - SHOWN} more.</li>}
+            <ProblemItems problems={problems} most={SHOWN} />
         </ul>
     );
 }

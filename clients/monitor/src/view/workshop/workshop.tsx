@@ -1,7 +1,6 @@
 import { useEffect, useMemo, useState } from "preact/hooks";
 import type { Session } from "../../model/session";
 import { shown } from "../../model/text";
-import type { Draft } from "../../model/workshop/draft";
 import { Workshop } from "../../model/workshop/workshop";
 import { memory } from "../../page";
 import { Boundary } from "../boundary";
@@ -9,6 +8,7 @@ import { useSource } from "../frame";
 import { Icon } from "../icons";
 import { Question } from "../question";
 import { Bench } from "./bench";
+import { obstacleTo } from "./tools";
 import "./workshop.css";
 
 type PageProps = {
@@ -162,13 +162,6 @@ function Bar({ workshop, problem, leave }: BarProps) {
             )}
         </header>
     );
-}
-
-/** Why a schema cannot be that of the daemon. */
-function obstacleTo(draft: Draft): string | undefined {
-    if (draft.leaves.length === 0) return "Nothing has a name yet";
-    const isWrong = draft.problems().some(({ severity }) => severity === "error");
-    return isWrong ? "The schema has problems, which are listed above its values" : undefined;
 }
 
 /** What is so at present, and what follows. */

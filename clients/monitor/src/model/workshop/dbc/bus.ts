@@ -7,11 +7,12 @@ import { wholeOf } from "./text";
 const CLASSIC_BYTES = 8;
 /** Where signals are kept that are in no message. */
 const NO_MESSAGE = "VECTOR__INDEPENDENT_SIG_MSG";
-const LONG_MESSAGE = "SystemMessageLongSymbol";
-const LONG_SIGNAL = "SystemSignalLongSymbol";
+/** Attributes with the names that are longer than all programs take. */
+export const LONG_MESSAGE = "SystemMessageLongSymbol";
+export const LONG_SIGNAL = "SystemSignalLongSymbol";
 const FRAME_FORMAT = "VFrameFormat";
 /** Where a schema had a signal, if elsewhere than under the names of the message and its own. */
-const PATH = "VorbelPath";
+export const PATH = "VorbelPath";
 /** Signals of a message, each of which is held against all others: eight for each of 256 kinds of frames. */
 const MOST_SIGNALS = 2048;
 

@@ -24,6 +24,11 @@ export class Decimal {
         return new Decimal(sign === "-", BigInt(whole + fraction), Number(power) - fraction.length);
     }
 
+    /** With the digits that tell a finite number of double precision from all others. */
+    static ofNumber(number: number): Decimal {
+        return Decimal.parse(String(number))!;
+    }
+
     static of(whole: bigint): Decimal {
         return Decimal.#signed(whole, 0);
     }
@@ -68,6 +73,17 @@ export class Decimal {
         const place = this.exponent + digits.length - 1;
         if (this.exponent <= 0 && place >= -6) return sign + withPoint(digits, -this.exponent);
         return `${sign}${withPoint(digits, digits.length - 1)}E${place < 0 ? "" : "+"}${place}`;
+    }
+
+    /** With the digits that it needs, and an exponent only if it is no whole number of so many digits. */
+    toShortText(longest: number): string {
+        const [digits, zeros] = /^(\d*?)(0*)$/.exec(String(this.digits))!.slice(1) as [string, string];
+        if (digits === "") return "0";
+        const exponent = this.exponent + zeros.length;
+        const sign = this.isNegative ? "-" : "";
+        const isShort = exponent >= 0 && digits.length + exponent <= longest;
+        if (isShort) return `${sign}${digits}${"0".repeat(exponent)}`;
+        return new Decimal(this.isNegative, BigInt(digits), exponent).toString();
     }
 
     get #sign(): number {

@@ -78,6 +78,13 @@ export function wholeRange(size: number, isSigned: boolean): Decimal[] {
     return (isSigned ? [-all / 2n, all / 2n - 1n] : [0n, all - 1n]).map((raw) => Decimal.of(raw));
 }
 
+/** Names that are taken, whichever they are. */
+export type Taken = Record<string, true>;
+
+export function nothingTaken(): Taken {
+    return Object.create(null) as Taken;
+}
+
 /** The name, or one like it that neither object has, and that no option of a leaf can have. */
 export function freeName(name: string, taken: object, alsoTaken?: object): string {
     const plain = name.startsWith("@") || !name ? `_${name}` : name;

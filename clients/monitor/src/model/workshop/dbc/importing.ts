@@ -14,7 +14,8 @@ export type Verdict = "exact" | "read-only" | "not possible";
 export type Outcome = { path: string; verdict: Verdict; why: string };
 
 const LAST_BYTE = "last byte";
-const LAST_BYTE_TEXT = "No signal is in it. Written as 0 along with the others, it gives the message its full length.";
+export const LAST_BYTE_TEXT =
+    "No signal is in it. Written as 0 along with the others, it gives the message its full length.";
 /** Bits of a reading. */
 const LARGEST = 32;
 /** That a reading can have, by the bytes that its signal touches. */
@@ -48,9 +49,11 @@ class Group {
     readonly #refusals: ReadonlyMap<number, string>;
     readonly #windows = new Map<number, Window>();
     /** Those that are whole readings. */
-    readonly #whole = new Set<number>();
+    readonly #whole: Owners;
     readonly #locked = new Map<number, string>();
     readonly #leaves: ReadonlyMap<number, Schema>;
+    /** The ends of frames, by what selects them. */
+    readonly #known = new Map<string, number>();
 
     constructor(message: Message, schema: Schema) {
         this.#message = message;
@@ -58,10 +61,11 @@ class Group {
         this.#name = message.name && freeName(message.name, schema);
         this.#places = this.#findPlaces(schema);
         this.#refusals = refusalsOf(message, this.#byName);
-        const whole = message.signals.filter(isWhole);
+        const owners = new Owners(message.signals, (signal) => isWhole(signal));
         message.signals.forEach((signal, at) => {
-            if (!this.#refusals.has(at)) this.#setWindow(at, windowOf(signal, message.size, whole));
+            if (!this.#refusals.has(at)) this.#windows.set(at, windowOf(signal, message.size, owners));
         });
+        this.#whole = new Owners(message.signals, ({ size }, at) => 8 * (this.#windows.get(at)?.width ?? NaN) === size);
         this.#findLocked();
         this.#leaves = new Map(Array.from(this.#windows.keys(), (at) => [at, this.#leaf(at)]));
     }
@@ -115,12 +119,6 @@ class Group {
         });
     }
 
-    #setWindow(at: number, window: Window): void {
-        this.#windows.set(at, window);
-        if (this.#message.signals[at]!.size === 8 * window.width) this.#whole.add(at);
-        else this.#whole.delete(at);
-    }
-
     #place(): Schema {
         return { "@mac": this.#message.identifier & 63, "@cmd": this.#message.identifier >> 6 };
     }
@@ -169,22 +167,12 @@ class Group {
     #lock(at: number): string {
         const [signal, window] = [this.#message.signals[at]!, this.#windows.get(at)!];
         const extra = window.width === 4 ? bytesOf(window).filter((byte) => !touches(signal, byte)) : [];
-        for (const other of this.#wholeOf(extra, at)) {
+        for (;;) {
+            const other = this.#whole.firstOf(extra, signal);
+            if (other === undefined) return "";
             if (!this.#widen(other, signal)) {
                 return `it is read together with a byte of ${this.#message.signals[other]!.name}`;
             }
-        }
-        return "";
-    }
-
-    /** The signals that are whole readings of some of these bytes, and may be in frames with the one at `but`. */
-    *#wholeOf(bytes: readonly number[], but: number): Generator<number> {
-        const { signals } = this.#message;
-        if (bytes.length === 0) return;
-        for (const at of this.#whole) {
-            const signal = signals[at]!;
-            if (at === but || !bytes.some((byte) => touches(signal, byte))) continue;
-            if (!areApart(signal, signals[but]!)) yield at;
         }
     }
 
@@ -197,8 +185,9 @@ class Group {
         const width = 2 * this.#windows.get(at)!.width;
         const skip = towards.start > signal.start ? firstByte(signal) : lastByte(signal) + 1 - width;
         const wide = { skip, width };
-        if (width > 4 || !this.#wholeOf(bytesOf(wide), at).next().done) return false;
-        this.#setWindow(at, wide);
+        if (width > 4 || this.#whole.firstOf(bytesOf(wide), signal, at) !== undefined) return false;
+        this.#windows.set(at, wide);
+        this.#whole.delete(at);
         return true;
     }
 
@@ -208,12 +197,12 @@ class Group {
     *#short(): Generator<Schema | undefined> {
         const ends = this.#ends();
         for (const kind of this.#kinds()) {
-            const end = Math.max(...this.#choicesOf(kind).map((key) => ends.get(key) ?? 0));
+            const end = this.#endWith(kind?.choice, ends);
             if (end > 0 && end < this.#message.size) yield kind && this.#when(kind);
         }
     }
 
-    /** The end of what can be written in all frames, under "", and in those of each kind. */
+    /** The end of what can be written in all frames, under "", and of what each choice adds to them. */
     #ends(): Map<string, number> {
         const ends = new Map<string, number>();
         for (const at of this.#leaves.keys()) {
@@ -224,13 +213,19 @@ class Group {
         return ends;
     }
 
-    /** What selects signals that frames with this one have: it, what selects its selector, and so on to nothing. */
-    #choicesOf(kind: Signal | undefined): string[] {
-        const keys = [""];
-        for (let choice = kind?.choice; choice; choice = this.#message.signals[this.#indexOf(choice)]!.choice) {
-            keys.push(keyOf(choice));
+    /** That of frames with a choice: these have what selects its selector as well, and so on to nothing. */
+    #endWith(choice: Choice | undefined, ends: ReadonlyMap<string, number>): number {
+        const keys: string[] = [];
+        let at = choice;
+        for (; at && !this.#known.has(keyOf(at)); at = this.#message.signals[this.#indexOf(at)]!.choice) {
+            keys.push(keyOf(at));
         }
-        return keys;
+        let end = at ? this.#known.get(keyOf(at))! : (ends.get("") ?? 0);
+        for (const key of keys.reverse()) {
+            end = Math.max(end, ends.get(key) ?? 0);
+            this.#known.set(key, end);
+        }
+        return end;
     }
 
     /** A signal of each kind of frame; no signal stands for the only kind. */
@@ -299,7 +294,7 @@ function isGroup(member: unknown): member is Schema {
 }
 
 /** The group that all places are in. */
-function commonGroup(places: readonly Path[]): Path {
+export function commonGroup(places: readonly Path[]): Path {
     if (places.length === 0) return [];
     let common = places[0]!.slice(0, -1);
     for (const place of places) {
@@ -343,13 +338,99 @@ function isWhole({ start, size }: Signal): boolean {
     return start % 8 === 0 && (size === 8 || size === 16 || size === 32);
 }
 
-/** Whether no frame has both. */
-function areApart({ choice: one }: Signal, { choice: other }: Signal): boolean {
-    return one !== undefined && other !== undefined && one.selector === other.selector && onlyOf(one) !== onlyOf(other);
-}
-
 function touches(signal: Signal, byte: number): boolean {
     return firstByte(signal) <= byte && byte <= lastByte(signal);
+}
+
+/**
+ * Signals that have bytes for themselves. Two of them that are selected by the same signal, by different values, are in
+ * no frame together.
+ */
+class Owners {
+    readonly #left = new Set<number>();
+    /** By byte, and by byte and what selects them. */
+    readonly #lanes = new Map<string, Lane>();
+
+    constructor(signals: readonly Signal[], isOwner: (signal: Signal, at: number) => boolean) {
+        signals.forEach((signal, at) => {
+            if (isOwner(signal, at)) this.#add(signal, at);
+        });
+        for (const lane of this.#lanes.values()) lane.end();
+    }
+
+    delete(at: number): void {
+        this.#left.delete(at);
+    }
+
+    /** The first one, but for one, that has one of the bytes and may be in frames with the signal. */
+    firstOf(bytes: readonly number[], { choice }: Signal, but?: number): number | undefined {
+        let first = Infinity;
+        for (const byte of bytes) {
+            first = Math.min(first, this.#lanes.get(`${byte}`)?.first(but, choice?.selector) ?? Infinity);
+            if (choice) first = Math.min(first, this.#lanes.get(`${byte} ${keyOf(choice)}`)?.first(but) ?? Infinity);
+        }
+        return first === Infinity ? undefined : first;
+    }
+
+    #add(signal: Signal, at: number): void {
+        this.#left.add(at);
+        const { choice } = signal;
+        for (let byte = firstByte(signal); byte <= lastByte(signal); byte++) {
+            this.#lane(`${byte}`).add(at, choice?.selector);
+            if (choice) this.#lane(`${byte} ${keyOf(choice)}`).add(at, choice.selector);
+        }
+    }
+
+    #lane(key: string): Lane {
+        let lane = this.#lanes.get(key);
+        if (!lane) this.#lanes.set(key, (lane = new Lane(this.#left)));
+        return lane;
+    }
+}
+
+/** Signals in their order, each with what selects it, of which some are left: finding the first does not ask all. */
+class Lane {
+    readonly #signals: number[] = [];
+    readonly #selectors: (string | undefined)[] = [];
+    /** Of each place the next one whose signal is selected by another. */
+    readonly #nextOther: number[] = [];
+    /** Of each place whose signal is not left a later one, before which none is. */
+    readonly #next = new Map<number, number>();
+
+    constructor(readonly left: ReadonlySet<number>) {}
+
+    add(signal: number, selector: string | undefined): void {
+        this.#signals.push(signal);
+        this.#selectors.push(selector);
+    }
+
+    /** All are there. */
+    end(): void {
+        for (let place = this.#signals.length - 1; place >= 0; place--) {
+            const isSame = this.#selectors[place] === this.#selectors[place + 1];
+            this.#nextOther[place] = isSame ? (this.#nextOther[place + 1] ?? place + 1) : place + 1;
+        }
+    }
+
+    /** But for one, and for those that a signal selects. */
+    first(but: number | undefined, selector?: string): number | undefined {
+        let place = this.#leftFrom(0);
+        while (place < this.#signals.length) {
+            const isSelected = selector !== undefined && this.#selectors[place] === selector;
+            if (!isSelected && this.#signals[place] !== but) break;
+            place = this.#leftFrom(isSelected ? this.#nextOther[place]! : place + 1);
+        }
+        return this.#signals[place];
+    }
+
+    #leftFrom(begin: number): number {
+        let place = begin;
+        while (place < this.#signals.length && !this.left.has(this.#signals[place]!)) {
+            place = this.#next.get(place) ?? place + 1;
+        }
+        if (place > begin) this.#next.set(begin, place);
+        return place;
+    }
 }
 
 // What is not possible
@@ -460,15 +541,12 @@ function bytesOf({ skip, width }: Window): number[] {
  * The bytes to read: those that the signal touches. With three, there is a fourth: the one before, with which the frame
  * need not be longer, unless another signal has that for itself and not the one behind.
  */
-function windowOf(signal: Signal, size: number, whole: readonly Signal[]): Window {
+function windowOf(signal: Signal, size: number, owners: Owners): Window {
     const first = firstByte(signal);
     const touched = lastByte(signal) - first + 1;
     const width = WIDTHS[touched]!;
     if (touched === width) return { skip: first, width };
-    const isOthers = (begin: number) => {
-        const extra = begin < first ? begin : begin + 3;
-        return whole.some((each) => touches(each, extra) && !areApart(each, signal));
-    };
+    const isOthers = (begin: number) => owners.firstOf([begin < first ? begin : begin + 3], signal) !== undefined;
     const begins = [first - 1, first].filter((begin) => begin >= 0 && begin <= size - width);
     return { skip: begins.find((begin) => !isOthers(begin)) ?? begins[0]!, width };
 }

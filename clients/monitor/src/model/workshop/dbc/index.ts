@@ -1,9 +1,12 @@
-/** Imports DBC files into schemas, with the results of the terminal tool's `schema import`. */
+/** Imports DBC files into schemas, and exports these, as the terminal tool's `schema import` and `schema export` do. */
 
 import type { Schema } from "vorbel";
+import { toMessages, type ExportOutcome } from "./exporting";
 import { toSchema, type Outcome } from "./importing";
 import { readDbc } from "./reader";
+import { dbcOf } from "./writer";
 
+export type { ExportOutcome, ExportVerdict } from "./exporting";
 export type { Outcome, Verdict } from "./importing";
 /**
  * The schema, what became of each signal in it, and beside them what was not understood, with the numbers of lines, and
@@ -29,4 +32,18 @@ export function importDbc(content: Uint8Array): Imported {
     if (empty > 0) notes.push(`${empty} ${empty === 1 ? "message" : "messages"} without signals left out`);
     if (Object.keys(schema).length === 0) throw new NothingImported(outcomes, notes);
     return { schema, outcomes, notes };
+}
+
+/** A file, how many messages it has, and what became of each leaf. Without a message, there is no file. */
+export type Exported = {
+    content: Uint8Array<ArrayBuffer> | undefined;
+    messages: number;
+    outcomes: ExportOutcome[];
+};
+
+/** Of a schema without errors. */
+export function exportDbc(schema: Schema): Exported {
+    const { messages, outcomes } = toMessages(schema);
+    const content = messages.length > 0 ? dbcOf(messages) : undefined;
+    return { content, messages: messages.length, outcomes };
 }
