@@ -145,10 +145,14 @@ describe("an archive", () => {
         node.series = new Series();
         [node.leaf] = leavesOf({ a: { "@mac": 1, "@format": "s" } });
         const labels = { board: "press7", path: "motor.speed" };
-        archive = new Archive("https://page/history/", (each) => (each === node ? labels : undefined), async (url) => {
-            asked.push(new URL(url));
-            return answer(new URL(url));
-        });
+        archive = new Archive(
+            "https://page/history/",
+            (each) => (each === node ? labels : undefined),
+            async (url) => {
+                asked.push(new URL(url));
+                return answer(new URL(url));
+            },
+        );
     });
     afterEach(() => void vi.useRealTimers());
 

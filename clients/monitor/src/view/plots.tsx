@@ -1,3 +1,4 @@
+import type { ComponentChildren } from "preact";
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { shown as shownText } from "../model/text";
@@ -23,7 +24,7 @@ const LONG_SPANS: [number, string][] = [
 ];
 
 /** All chosen values over common time; arrays as waveforms, and what is wished as a spectrum. */
-export function PlotPanel({ session }: { session: Session }) {
+export function PlotPanel({ session, empty }: { session: Session; empty?: ComponentChildren }) {
     useSource(session.view);
     const { span, ownScales } = session.view.settings;
     const { archive } = session;
@@ -122,7 +123,11 @@ export function PlotPanel({ session }: { session: Session }) {
             )}
             {session.plots.nodes.length === 0 && (
                 <p class="empty">
-                    Choose values with <Icon name="plot" /> in the table: they are drawn here together.
+                    {empty ?? (
+                        <>
+                            Choose values with <Icon name="plot" /> in the table: they are drawn here together.
+                        </>
+                    )}
                 </p>
             )}
             {session.plots.all.map((plot) => (

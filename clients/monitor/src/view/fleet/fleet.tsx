@@ -136,7 +136,7 @@ function Boards({ fleet, history, leave }: BoardsProps) {
                 </Boundary>
                 <div class="side">
                     <Boundary part="The plots">
-                        <PlotPanel session={plots} />
+                        <PlotPanel session={plots} empty="Press values of boards: they are drawn here together." />
                     </Boundary>
                 </div>
             </main>
@@ -183,6 +183,11 @@ function FleetHeader({ fleet, leave }: { fleet: Fleet; leave: () => void }) {
                 {alarmed > 0 && <span class="beyond"> ▲ {alarmed} in alarm</span>}
                 {warned > 0 && <span class="warned"> ▲ {warned} with a warning</span>}
             </p>
+            {fleet.unreadable > 0 && (
+                <p class="undecodable" title="Messages of boards that cannot be read">
+                    <Icon name="problem" /> {fleet.unreadable} unreadable
+                </p>
+            )}
             {fleet.isFull && (
                 <p class="problem" role="status">
                     There are more than {MOST_BOARDS} boards: the others are not listed.
