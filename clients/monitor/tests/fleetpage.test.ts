@@ -317,6 +317,7 @@ describe.each(brokers)("at %s", (name, make) => {
         await say(`press8/status`, status(name));
         await boardRow(page, "press8").getByText(name.replace("\u202e", "\\u{202e}")).waitFor();
         await showValue(page, "motor.speed");
+        await boardRow(page, "press8").locator('[data-path="motor.speed"]').getByText("rpm").waitFor();
         await say("press8/now/motor/speed", `[${"1,".repeat(400_000)}1]`);
         await page.getByText("2 unreadable").waitFor();
         expect(await page.title()).toBe("Vorbel monitor");
