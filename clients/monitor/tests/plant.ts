@@ -227,7 +227,7 @@ export class Database extends Program {
     }
 
     async begin(): Promise<void> {
-        this.port = await freePort();
+        this.port ||= await freePort();
         this.start("/usr/bin/victoria-metrics", [
             `-storageDataPath=${join(this.folder, "data")}`,
             `-httpListenAddr=127.0.0.1:${this.port}`,

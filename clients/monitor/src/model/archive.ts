@@ -108,8 +108,8 @@ export class Archive extends Source {
 }
 
 /** Where the past is asked for: below the page's own server, unless somebody names another place. */
-export function historyUrl(asked: string | null): string {
-    return new URL(asked || "./history", window.location.href).href;
+export function historyUrl(asked: string | null, page: string): string {
+    return new URL(asked || "./history", page).href;
 }
 
 /** The smallest step that is no shorter than some milliseconds, in seconds. */

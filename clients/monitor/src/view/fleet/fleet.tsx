@@ -7,7 +7,7 @@ import { Fleet, MOST_BOARDS, type Board } from "../../model/fleet/fleet";
 import { brokerUrl, rememberedLogin, rememberLogin, type Entry } from "../../model/fleet/login";
 import { FleetPlots } from "../../model/fleet/plots";
 import { shown } from "../../model/text";
-import { memory } from "../../page";
+import { memory, pageUrl } from "../../page";
 import { App } from "../app";
 import { Boundary } from "../boundary";
 import { useSource } from "../frame";
@@ -48,7 +48,14 @@ export function FleetPage({ query }: { query: Query }) {
         if (known) start(known);
     }, []);
     if (fleet && broker.state !== "refused") {
-        return <Boards key={fleet.prefix} fleet={fleet} history={historyUrl(query.get("history"))} leave={leave} />;
+        return (
+            <Boards
+                key={fleet.prefix}
+                fleet={fleet}
+                history={historyUrl(query.get("history"), pageUrl())}
+                leave={leave}
+            />
+        );
     }
     return (
         <>
@@ -73,7 +80,7 @@ function firstEntry(query: Query): Entry {
     const prefix = query.get("prefix") || "vorbel";
     const asked = query.get("fleet") ?? "";
     try {
-        return { url: brokerUrl(asked, window.location.href), prefix, user: "", password: "" };
+        return { url: brokerUrl(asked, pageUrl()), prefix, user: "", password: "" };
     } catch {
         return { url: asked, prefix, user: "", password: "" };
     }
