@@ -56,6 +56,15 @@ async function read(name: string): Promise<string> {
     return response.text();
 }
 
+/** What a history service answers. */
+export async function askHistory(url: string): Promise<string> {
+    const response = await fetch(url).catch(() => undefined);
+    if (!response) throw new Error("no history service answers");
+    if (response.status === 404) throw new Error("there is no history service");
+    if (!response.ok) throw new Error(`the history service answers ${response.status}`);
+    return response.text();
+}
+
 /** Lets the page start without its server from now on, where the browser does so: for pages from here or over HTTPS. */
 export function keepOffline(): void {
     const { serviceWorker } = navigator;

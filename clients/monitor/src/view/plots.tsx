@@ -2,7 +2,7 @@ import type { ComponentChildren } from "preact";
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { shown as shownText } from "../model/text";
-import { LONGEST_SPAN } from "../model/view";
+import { LONGEST_SPAN, USUAL_SPAN } from "../model/view";
 import { useSource } from "./frame";
 import { Icon } from "./icons";
 import { Readings } from "./legend";
@@ -116,7 +116,7 @@ export function PlotPanel({ session, empty }: { session: Session; empty?: Compon
                     </div>
                 )}
             </div>
-            {archive?.problem && session.plots.nodes.length > 0 && (
+            {archive?.problem && session.plots.nodes.length > 0 && (frozen || span > USUAL_SPAN) && (
                 <p class="quiet" role="status">
                     Only what has come since the page was opened is drawn: {shownText(archive.problem)}.
                 </p>

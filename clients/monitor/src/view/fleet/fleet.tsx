@@ -7,7 +7,8 @@ import { Fleet, MOST_BOARDS, type Board } from "../../model/fleet/fleet";
 import { brokerUrl, rememberedLogin, rememberLogin, type Entry } from "../../model/fleet/login";
 import { FleetPlots } from "../../model/fleet/plots";
 import { shown } from "../../model/text";
-import { memory, pageUrl } from "../../page";
+import type { TreeNode } from "../../model/tree";
+import { askHistory, memory, pageUrl } from "../../page";
 import { App } from "../app";
 import { Boundary } from "../boundary";
 import { useSource } from "../frame";
@@ -35,7 +36,7 @@ export function FleetPage({ query }: { query: Query }) {
     const start = ({ prefix, ...login }: Entry) => {
         fleet?.end();
         broker.open(login);
-        setFleet(new Fleet(broker, prefix, memory));
+        setFleet(new Fleet(broker, prefix, memory, query.get("locked") !== null));
     };
     const leave = () => {
         rememberLogin(memory, undefined);
@@ -162,7 +163,7 @@ function Boards({ fleet, history, leave }: BoardsProps) {
 
 /** The past of what is drawn, of whichever board. */
 function newArchive(plots: FleetPlots, url: string): Archive {
-    return new Archive(url, (node) => plots.sourceOf(node));
+    return new Archive(url, (node) => plots.sourceOf(node), askHistory);
 }
 
 function FleetHeader({ fleet, leave }: { fleet: Fleet; leave: () => void }) {
@@ -228,7 +229,8 @@ function BoardPage({ board, fleet, archive, close }: BoardPageProps) {
     const session: BoardSession = useMemo(() => fleet.sessionOf(board.level), []);
     const parts = useMemo(() => partsFor(board, close), []);
     useMemo(() => {
-        session.archive = new Archive(archive.url, ({ path }) => ({ board: board.id, path: dotted(path) }));
+        const labelsOf = ({ path }: TreeNode) => ({ board: board.id, path: dotted(path) });
+        session.archive = new Archive(archive.url, labelsOf, askHistory);
         session.connect();
     }, []);
     useGuard(session);
