@@ -3,7 +3,8 @@ import "uplot/dist/uPlot.min.css";
 import { dotted } from "vorbel";
 import { wallClock } from "./model/clock";
 import { Session } from "./model/session";
-import { keepOffline, memory, surroundings } from "./page";
+import type { TreeNode } from "./model/tree";
+import { askHistory, keepOffline, memory, pageUrl, surroundings } from "./page";
 import "./style.css";
 import "./safety.css";
 import "./columns.css";
@@ -47,9 +48,10 @@ function startSession(): Session {
 /** The past of what is drawn, where the page's address says that there is one: of the board that the daemon is. */
 async function useHistory(session: Session): Promise<void> {
     const { Archive, historyUrl } = await import("./model/archive");
-    session.archive = new Archive(historyUrl(query.get("history")), ({ path }) => {
+    const labelsOf = ({ path }: TreeNode) => {
         const board = session.hello?.id;
         return board ? { board, path: dotted(path) } : undefined;
-    });
+    };
+    session.archive = new Archive(historyUrl(query.get("history"), pageUrl()), labelsOf, askHistory);
     session.view.changed();
 }

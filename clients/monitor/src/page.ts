@@ -32,6 +32,12 @@ function forgetLink(): void {
     history.replaceState(history.state, "", url);
 }
 
+/** The page's own address, without the password that it may hold. */
+export function pageUrl(): string {
+    const { origin, pathname } = window.location;
+    return origin + pathname;
+}
+
 /** Where a daemon is to be expected when nobody said: where the page came from. */
 function home(): string {
     const { protocol, hostname, host } = window.location;
@@ -50,12 +56,20 @@ async function read(name: string): Promise<string> {
     return response.text();
 }
 
+/** What a history service answers. */
+export async function askHistory(url: string): Promise<string> {
+    const response = await fetch(url).catch(() => undefined);
+    if (!response) throw new Error("no history service answers");
+    if (response.status === 404) throw new Error("there is no history service");
+    if (!response.ok) throw new Error(`the history service answers ${response.status}`);
+    return response.text();
+}
+
 /** Lets the page start without its server from now on, where the browser does so: for pages from here or over HTTPS. */
 export function keepOffline(): void {
     const { serviceWorker } = navigator;
     if (!import.meta.env.PROD || !serviceWorker) return;
-    const { origin, pathname } = window.location;
-    const worker = new URL("./sw.js", origin + pathname); // without the password that the page's own address may hold
+    const worker = new URL("./sw.js", pageUrl());
     const ignore = () => undefined; // the server is away, or has none; the page is there already
     // The browser has not been asked for the password that the server may want, and connections cannot ask for it.
     if (serviceWorker.controller) fetch(worker, { method: "HEAD", cache: "no-store" }).catch(ignore);

@@ -495,6 +495,15 @@ describe("a board", () => {
         expect(port.published).toEqual([]);
     });
 
+    test("what is locked on one board, or by the page's address, is locked on all", () => {
+        const [one, other] = [open(), fleet.sessionOf("press8")];
+        one.lock();
+        expect(other.locked).toBe(false);
+        other.connect();
+        expect(other.locked).toBe(true);
+        expect(new Fleet(broker, "vorbel", newMemory(), true).sessionOf("press7").locked).toBe(true);
+    });
+
     test("a connection that ends leaves nobody waiting for the broker", async () => {
         const session = open();
         const written = session.write(new Map([[setpoint!, 1200]]));

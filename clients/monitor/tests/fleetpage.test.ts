@@ -78,7 +78,7 @@ describe.each(brokers)("at %s", (name, make) => {
     });
 
     /** The way in, in a tab whose complaints fail the test. */
-    async function newPage(): Promise<Page> {
+    async function newPage(query = `?fleet=${broker.url}`): Promise<Page> {
         const page = await browser.newPage();
         page.setDefaultTimeout(15_000);
         const complaints: string[] = [];
@@ -92,7 +92,7 @@ describe.each(brokers)("at %s", (name, make) => {
             await page.close();
             expect(complaints).toEqual([]);
         });
-        await page.goto(`${url}?fleet=${broker.url}`);
+        await page.goto(url + query);
         return page;
     }
 
@@ -277,8 +277,15 @@ describe.each(brokers)("at %s", (name, make) => {
                 .getByText(/^\d+ rpm$/)
                 .waitFor();
             await startSetting(page, "motor.setpoint", "1300");
-            await page.locator(".write").getByText("Nothing says whether it was done").waitFor();
+            await page.locator(".write").getByText("nothing says whether it was done").waitFor();
             expect(machine.heard).not.toContain("mac 5 cmd 3: 14 05");
+        });
+
+        test("what the broker does not let one read is told", async () => {
+            const page = await enter("stranger");
+            await page.getByText("The broker does not let this user read vorbel/+/schema.").waitFor();
+            await openBoard(page, "press7");
+            await page.getByText("the broker does not let this user read values").first().waitFor();
         });
     }
 
@@ -296,6 +303,33 @@ describe.each(brokers)("at %s", (name, make) => {
         await page.getByLabel("Time span").selectOption("1 h");
         await page.getByRole("button", { name: "Measure" }).click();
         await page.getByRole("row", { name: "press7.motor.speed" }).getByText("5555 rpm").waitFor();
+    });
+
+    test("hostile names and messages do no harm", async () => {
+        const page = await enter("observer");
+        const name = '<img src=x onerror="document.title=1">\u202e';
+        const publisher = await broker.publisher();
+        onTestFinished(async () => void (await publisher.endAsync()));
+        const say = (topic: string, payload: string) => publisher.publishAsync(`vorbel/${topic}`, payload, { qos: 1 });
+        const status = (type: string) => JSON.stringify({ online: true, type, id: null, since: 1, boot: 1, lost: 0 });
+        await say(`press8/status`, "{".repeat(100_000));
+        await page.getByText("1 unreadable").waitFor();
+        await say(`press8/status`, status(name));
+        await boardRow(page, "press8").getByText(name.replace("\u202e", "\\u{202e}")).waitFor();
+        await showValue(page, "motor.speed");
+        await boardRow(page, "press8").locator('[data-path="motor.speed"]').getByText("rpm").waitFor();
+        await say("press8/now/motor/speed", `[${"1,".repeat(400_000)}1]`);
+        await page.getByText("2 unreadable").waitFor();
+        expect(await page.title()).toBe("Vorbel monitor");
+    });
+
+    test("a daemon's own page has the past, too, where its address names the history", async () => {
+        await database.take([`vorbel,board=A7,path=motor.speed value=4444 ${Date.now() - 1_800_000}`]);
+        const page = await newPage("?history&plot=motor.speed");
+        await page.locator(".plots canvas").waitFor();
+        await page.getByLabel("Time span").selectOption("1 h");
+        await page.getByRole("button", { name: "Measure" }).click();
+        await page.getByRole("row", { name: "motor.speed" }).getByText("4444").waitFor();
     });
 
     test("a board that goes is told to be offline, and a broker that comes back is found again", async () => {

@@ -4,6 +4,7 @@ import { createServer, connect as connectTo, type AddressInfo } from "node:net";
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 import { setTimeout as sleep } from "node:timers/promises";
+import mqtt, { type MqttClient } from "mqtt";
 import { build, project } from "../../js/tests/machine.js";
 
 /** What stands between a daemon and the page of a fleet: real brokers, real gateways, a real database. */
@@ -78,6 +79,12 @@ export abstract class BrokerProgram extends Program {
 
     abstract begin(): Promise<void>;
 
+    /** A client that is no gateway, and may say for a board what it likes. */
+    publisher(): Promise<MqttClient> {
+        const login = { username: "press8", password: passwordOf("press8") };
+        return mqtt.connectAsync(`mqtt://127.0.0.1:${this.port}`, { ...login, protocolVersion: 4 });
+    }
+
     protected async choosePorts(): Promise<void> {
         this.port ||= await freePort();
         this.webPort ||= await freePort();
@@ -150,6 +157,8 @@ export class Nats extends BrokerProgram {
             ...BOARDS.map(board),
             person("observer", '{deny: ">"}'),
             person("operator", '["vorbel.*.set.operator.>"]'),
+            `{user: stranger, password: "${passwordOf("stranger")}", permissions: {publish: {deny: ">"}, ` +
+                'subscribe: ["vorbel.*.status", "$MQTT.sub.>"]}}',
         ];
         const text = `
             server_name: plant-1
@@ -218,7 +227,7 @@ export class Database extends Program {
     }
 
     async begin(): Promise<void> {
-        this.port = await freePort();
+        this.port ||= await freePort();
         this.start("/usr/bin/victoria-metrics", [
             `-storageDataPath=${join(this.folder, "data")}`,
             `-httpListenAddr=127.0.0.1:${this.port}`,

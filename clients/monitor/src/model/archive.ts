@@ -32,14 +32,15 @@ export class Archive extends Source {
     readonly #pieces = new WeakMap<Series, Piece>();
     readonly #asked = new WeakMap<Series, number>();
     #wanted = new Map<TreeNode, Piece>();
-    #timer: ReturnType<typeof setTimeout> | undefined;
+    #isWaiting = false;
     #restsUntil = -Infinity;
 
     constructor(
         /** Where "/api/v1/query_range" is. */
         readonly url: string,
         readonly labelsOf: (node: TreeNode) => Labels | undefined,
-        readonly get: (url: string) => Promise<string> = getText,
+        /** The text that a URL has. */
+        readonly get: (url: string) => Promise<string>,
     ) {
         super();
     }
@@ -57,7 +58,9 @@ export class Archive extends Source {
             const margin = (to - from) / 2;
             this.#wanted.set(node, { from: from - margin, to: Math.min(begin, to + margin), step });
         }
-        if (this.#wanted.size > 0) this.#timer ??= setTimeout(() => void this.#ask(), CALM);
+        if (this.#wanted.size === 0 || this.#isWaiting) return;
+        this.#isWaiting = true;
+        setTimeout(() => void this.#ask(), CALM);
     }
 
     #covers(series: Series, from: number, to: number, step: number): boolean {
@@ -67,7 +70,7 @@ export class Archive extends Source {
     }
 
     async #ask(): Promise<void> {
-        this.#timer = undefined;
+        this.#isWaiting = false;
         const wanted = this.#wanted;
         this.#wanted = new Map();
         const time = now();
@@ -84,12 +87,16 @@ export class Archive extends Source {
     async #fetch(series: Series, holds: boolean, labels: Labels, { from, to, step }: Piece): Promise<void> {
         const begin = Math.max(from, to - MOST_POINTS * step * 1000);
         try {
-            const [least, most, last] = await Promise.all(
-                (["min", "max", "last"] as const).map(async (which) =>
-                    pointsIn(await this.get(this.#urlOf(queryOf(which, labels, step), begin, to, step))),
-                ),
-            );
-            series.before = joined({ least: least!, most: most!, last: last! }, step, holds);
+            // One after the other: where nobody answers, one question is enough.
+            const parts = { least: [] as Point[], most: [] as Point[], last: [] as Point[] };
+            for (const [part, which] of [
+                ["least", "min"],
+                ["most", "max"],
+                ["last", "last"],
+            ] as const) {
+                parts[part] = pointsIn(await this.get(this.#urlOf(queryOf(which, labels, step), begin, to, step)));
+            }
+            series.before = joined(parts, step, holds);
             this.#pieces.set(series, { from, to, step });
             this.problem = undefined;
         } catch (error) {
@@ -108,8 +115,8 @@ export class Archive extends Source {
 }
 
 /** Where the past is asked for: below the page's own server, unless somebody names another place. */
-export function historyUrl(asked: string | null): string {
-    return new URL(asked || "./history", window.location.href).href;
+export function historyUrl(asked: string | null, page: string): string {
+    return new URL(asked || "./history", page).href;
 }
 
 /** The smallest step that is no shorter than some milliseconds, in seconds. */
@@ -172,12 +179,4 @@ export function joined(
         if (high !== value || final !== value) history.push(end, final);
     }
     return history;
-}
-
-async function getText(url: string): Promise<string> {
-    const response = await fetch(url).catch(() => undefined);
-    if (!response) throw new Error("no history service answers");
-    if (response.status === 404) throw new Error("there is no history service");
-    if (!response.ok) throw new Error(`the history service answers ${response.status}`);
-    return response.text();
 }

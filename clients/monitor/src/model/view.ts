@@ -24,7 +24,9 @@ type Drawn = { path: string; shape?: Shape };
 /** The same with what stands for values, which are named by their paths. */
 export type View = Settings & { folds: string[]; pins: string[]; plots: Drawn[][] };
 
-const USUAL: Settings = { columns: [], search: "", changing: false, span: 60, ownScales: true };
+/** Seconds that plots show before anybody zooms. */
+export const USUAL_SPAN = 60;
+const USUAL: Settings = { columns: [], search: "", changing: false, span: USUAL_SPAN, ownScales: true };
 const EMPTY: View = { ...USUAL, folds: [], pins: [], plots: [] };
 
 const VERSION = 1;

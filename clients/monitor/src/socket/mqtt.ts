@@ -158,11 +158,11 @@ class Connection {
     #ask(filters: ReadonlyMap<string, 0 | 1>): void {
         if (!this.#isGreeted || filters.size === 0) return;
         const asked: ISubscriptionMap = Object.fromEntries([...filters].map(([filter, qos]) => [filter, { qos }]));
-        this.#client!.subscribe(asked, (error, granted) => {
-            const refused = (granted ?? []).filter(({ qos }) => qos >= 128).map(({ topic }) => topic);
-            // With version 5, a refusal comes as an error that does not say of what.
-            if (error && this.#isGreeted) this.#tell({ unheard: refused.length > 0 ? refused : [...filters.keys()] });
-            else if (refused.length > 0) this.#tell({ unheard: refused });
+        this.#client!.subscribe(asked, (_error, _subscriptions, answer) => {
+            // In the order of the filters; undefined where the connection was lost before.
+            const codes = answer?.granted ?? [];
+            const refused = [...filters.keys()].filter((_, at) => Number(codes[at] ?? 0) >= 128);
+            if (refused.length > 0) this.#tell({ unheard: refused });
         });
     }
 

@@ -1,7 +1,8 @@
+import type { ComponentChildren } from "preact";
 import { useState } from "preact/hooks";
 import type { Session } from "../model/session";
 import { shown as shownText } from "../model/text";
-import { LONGEST_SPAN } from "../model/view";
+import { LONGEST_SPAN, USUAL_SPAN } from "../model/view";
 import { useSource } from "./frame";
 import { Icon } from "./icons";
 import { Readings } from "./legend";
@@ -23,7 +24,7 @@ const LONG_SPANS: [number, string][] = [
 ];
 
 /** All chosen values over common time; arrays as waveforms, and what is wished as a spectrum. */
-export function PlotPanel({ session }: { session: Session }) {
+export function PlotPanel({ session, empty }: { session: Session; empty?: ComponentChildren }) {
     useSource(session.view);
     const { span, ownScales } = session.view.settings;
     const { archive } = session;
@@ -115,14 +116,18 @@ export function PlotPanel({ session }: { session: Session }) {
                     </div>
                 )}
             </div>
-            {archive?.problem && session.plots.nodes.length > 0 && (
+            {archive?.problem && session.plots.nodes.length > 0 && (frozen || span > USUAL_SPAN) && (
                 <p class="quiet" role="status">
                     Only what has come since the page was opened is drawn: {shownText(archive.problem)}.
                 </p>
             )}
             {session.plots.nodes.length === 0 && (
                 <p class="empty">
-                    Choose values with <Icon name="plot" /> in the table: they are drawn here together.
+                    {empty ?? (
+                        <>
+                            Choose values with <Icon name="plot" /> in the table: they are drawn here together.
+                        </>
+                    )}
                 </p>
             )}
             {session.plots.all.map((plot) => (

@@ -67,7 +67,5 @@ export function readingsOf(value: unknown, node: TreeNode | undefined): Value {
 
 function arrayOf(list: unknown[]): Value {
     const isNumbers = list.every((item) => typeof item === "number" || item === null);
-    return isNumbers
-        ? (Float64Array.from(list, (item) => (item as number | null) ?? NaN) as unknown as Value)
-        : (list as Value);
+    return isNumbers ? (Float64Array.from(list, (item) => item ?? NaN) as unknown as Value) : (list as Value);
 }

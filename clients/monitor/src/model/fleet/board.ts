@@ -13,7 +13,7 @@ import {
 import type { BrokerMessage } from "../../socket/brokermessages";
 import { now, wallClock } from "../clock";
 import { Session, type Connection, type Memory } from "../session";
-import { assignmentText, type Sender } from "../sent";
+import { assignmentText } from "../sent";
 import { shown } from "../text";
 import { Series } from "../series";
 import { Tree, type TreeNode } from "../tree";
@@ -185,10 +185,11 @@ export class BoardSession extends Session {
     constructor(
         readonly place: Place,
         memory: Memory,
+        isLocked = false,
     ) {
         super({
             home: "",
-            query: { get: () => null },
+            query: { get: (name) => (name === "locked" && isLocked ? "" : null) },
             memory: memoryOf(place, memory),
             read: () => Promise.reject(new Error("nothing is read")),
         });
@@ -209,8 +210,9 @@ export class BoardSession extends Session {
         });
     }
 
-    /** It has one place. */
+    /** It has one place. What was locked elsewhere on the page is locked here. */
     override connect(): undefined {
+        if (this.memory.load("locked") === "yes") this.locked = true;
         if (#connection in this) this.#connection.connect(); // and not while it is made
         return undefined;
     }
@@ -238,7 +240,7 @@ export class BoardSession extends Session {
     }
 
     /** One value after the other: the gateway completes the frame of each. */
-    override async write(values: ReadonlyMap<Leaf, Value>, _sender?: Sender): Promise<void> {
+    override async write(values: ReadonlyMap<Leaf, Value>): Promise<void> {
         for (const [leaf, value] of values) await this.#writeOne(leaf, value);
     }
 

@@ -90,6 +90,8 @@ export class Fleet extends Source {
         readonly broker: Broker,
         readonly prefix: string,
         memory: Memory,
+        /** Nothing is written until somebody unlocks it. */
+        readonly isLocked = false,
     ) {
         super();
         this.#memory = memory;
@@ -112,7 +114,7 @@ export class Fleet extends Source {
         let session = this.#sessions.get(level);
         if (!session) {
             const place = { broker: this.broker, base: `${this.prefix}/${level}/`, name: nameOf(level) };
-            session = new BoardSession(place, this.#memory);
+            session = new BoardSession(place, this.#memory, this.isLocked);
             this.#sessions.set(level, session);
         }
         return session;

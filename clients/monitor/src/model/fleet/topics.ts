@@ -53,6 +53,6 @@ export function partsOf(prefix: string, topic: string): { level: string; rest: s
 /** What is wrong with a prefix; undefined for one that a gateway may have. */
 export function problemOfPrefix(prefix: string): string | undefined {
     if (prefix === "" || prefix.split("/").includes("")) return "The prefix is names with / between them";
-    if (/[+#\u0000]/.test(prefix)) return "The prefix has no + or #";
+    if (/[+#]/.test(prefix)) return "The prefix has no + or #";
     return undefined;
 }

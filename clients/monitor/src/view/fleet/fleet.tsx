@@ -7,7 +7,8 @@ import { Fleet, MOST_BOARDS, type Board } from "../../model/fleet/fleet";
 import { brokerUrl, rememberedLogin, rememberLogin, type Entry } from "../../model/fleet/login";
 import { FleetPlots } from "../../model/fleet/plots";
 import { shown } from "../../model/text";
-import { memory } from "../../page";
+import type { TreeNode } from "../../model/tree";
+import { askHistory, memory, pageUrl } from "../../page";
 import { App } from "../app";
 import { Boundary } from "../boundary";
 import { useSource } from "../frame";
@@ -35,7 +36,7 @@ export function FleetPage({ query }: { query: Query }) {
     const start = ({ prefix, ...login }: Entry) => {
         fleet?.end();
         broker.open(login);
-        setFleet(new Fleet(broker, prefix, memory));
+        setFleet(new Fleet(broker, prefix, memory, query.get("locked") !== null));
     };
     const leave = () => {
         rememberLogin(memory, undefined);
@@ -48,7 +49,14 @@ export function FleetPage({ query }: { query: Query }) {
         if (known) start(known);
     }, []);
     if (fleet && broker.state !== "refused") {
-        return <Boards key={fleet.prefix} fleet={fleet} history={historyUrl(query.get("history"))} leave={leave} />;
+        return (
+            <Boards
+                key={fleet.prefix}
+                fleet={fleet}
+                history={historyUrl(query.get("history"), pageUrl())}
+                leave={leave}
+            />
+        );
     }
     return (
         <>
@@ -73,7 +81,7 @@ function firstEntry(query: Query): Entry {
     const prefix = query.get("prefix") || "vorbel";
     const asked = query.get("fleet") ?? "";
     try {
-        return { url: brokerUrl(asked, window.location.href), prefix, user: "", password: "" };
+        return { url: brokerUrl(asked, pageUrl()), prefix, user: "", password: "" };
     } catch {
         return { url: asked, prefix, user: "", password: "" };
     }
@@ -136,7 +144,7 @@ function Boards({ fleet, history, leave }: BoardsProps) {
                 </Boundary>
                 <div class="side">
                     <Boundary part="The plots">
-                        <PlotPanel session={plots} />
+                        <PlotPanel session={plots} empty="Press values of boards: they are drawn here together." />
                     </Boundary>
                 </div>
             </main>
@@ -155,7 +163,7 @@ function Boards({ fleet, history, leave }: BoardsProps) {
 
 /** The past of what is drawn, of whichever board. */
 function newArchive(plots: FleetPlots, url: string): Archive {
-    return new Archive(url, (node) => plots.sourceOf(node));
+    return new Archive(url, (node) => plots.sourceOf(node), askHistory);
 }
 
 function FleetHeader({ fleet, leave }: { fleet: Fleet; leave: () => void }) {
@@ -183,6 +191,11 @@ function FleetHeader({ fleet, leave }: { fleet: Fleet; leave: () => void }) {
                 {alarmed > 0 && <span class="beyond"> ▲ {alarmed} in alarm</span>}
                 {warned > 0 && <span class="warned"> ▲ {warned} with a warning</span>}
             </p>
+            {fleet.unreadable > 0 && (
+                <p class="undecodable" title="Messages of boards that cannot be read">
+                    <Icon name="problem" /> {fleet.unreadable} unreadable
+                </p>
+            )}
             {fleet.isFull && (
                 <p class="problem" role="status">
                     There are more than {MOST_BOARDS} boards: the others are not listed.
@@ -216,7 +229,8 @@ function BoardPage({ board, fleet, archive, close }: BoardPageProps) {
     const session: BoardSession = useMemo(() => fleet.sessionOf(board.level), []);
     const parts = useMemo(() => partsFor(board, close), []);
     useMemo(() => {
-        session.archive = new Archive(archive.url, ({ path }) => ({ board: board.id, path: dotted(path) }));
+        const labelsOf = ({ path }: TreeNode) => ({ board: board.id, path: dotted(path) });
+        session.archive = new Archive(archive.url, labelsOf, askHistory);
         session.connect();
     }, []);
     useGuard(session);

@@ -2,6 +2,7 @@ import { useEffect, useRef, useState } from "preact/hooks";
 import { brokerUrl, type Entry } from "../../model/fleet/login";
 import { problemOfPrefix } from "../../model/fleet/topics";
 import { shown } from "../../model/text";
+import { pageUrl } from "../../page";
 
 type LoginProps = {
     first: Entry;
@@ -25,7 +26,7 @@ export function LoginForm({ first, problem, isBusy, enter }: LoginProps) {
     const submit = (event: Event) => {
         event.preventDefault();
         try {
-            const url = brokerUrl(entry.url, window.location.href);
+            const url = brokerUrl(entry.url, pageUrl());
             const prefixProblem = problemOfPrefix(entry.prefix);
             if (prefixProblem) throw new Error(prefixProblem);
             enter({ ...entry, url }, remember);
