@@ -68,7 +68,7 @@ class Broker:
         return self.kept(Client(8883, name, self.secret(identity or name), context))
 
     def person(self, name, password=None):
-        return self.kept(Client(8083, name, password or f"password of {name}"))
+        return self.kept(Client(9001, name, password or f"password of {name}"))
 
     def kept(self, client):
         self.clients.append(client)
@@ -107,7 +107,7 @@ class Mosquitto(Broker):
         """Tells the broker whom the authority has revoked, as the page says."""
         self._stack.close()
         shutil.copy(self.authority.folder / "crl.pem", self.folder)
-        self._stack.enter_context(running((8883, 8884, 8083), "mosquitto", "-c", self.folder / "mosquitto.conf"))
+        self._stack.enter_context(running((8883, 8884, 9001), "mosquitto", "-c", self.folder / "mosquitto.conf"))
 
 
 class Nats(Broker):
@@ -135,7 +135,7 @@ class Nats(Broker):
     def revoked(self):
         self._stack.close()
         (self.folder / "nats" / "users.conf").write_text(self.authority("nats-users", str(self.folder / "people.conf")))
-        self._stack.enter_context(running((8883, 8083), "nats-server", "-c", self.folder / "nats.conf"))
+        self._stack.enter_context(running((8883, 9001), "nats-server", "-c", self.folder / "nats.conf"))
 
 
 @pytest.fixture(params=[Mosquitto, Nats], ids=["mosquitto", "nats"])
