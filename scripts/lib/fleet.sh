@@ -1,6 +1,6 @@
 # The demonstration's fleet: simulated boards, a broker, a database, the history between them, and the page that shows
 # all boards. Sourced by scripts/demo, of which it uses folder, started, once and functions.
-# shellcheck shell=bash disable=SC2034,SC2154
+# shellcheck shell=bash disable=SC2154
 
 boards=10
 week=-7d
@@ -59,8 +59,50 @@ check_week() {
     done
 }
 
+# serve_fleet: the page, and behind its own address the broker and the history, which is all that it may connect to.
+serve_fleet() {
+    local page
+    build_monitor || return 0
+    page=$(free_port 8443)
+    cat >"$folder/nginx.conf" <<END
+pid $folder/nginx.pid;
+error_log stderr;
+daemon off;
+events {}
+http {
+    include /etc/nginx/mime.types;
+    access_log off;
+    client_body_temp_path $folder/nginx-body;
+    proxy_temp_path $folder/nginx-proxy;
+    fastcgi_temp_path $folder/nginx-fastcgi;
+    uwsgi_temp_path $folder/nginx-uwsgi;
+    scgi_temp_path $folder/nginx-scgi;
+    server {
+        listen 127.0.0.1:$page;
+        root $folder/monitor;
+        location = /mqtt {
+            proxy_pass http://127.0.0.1:$sockets/mqtt;
+            proxy_http_version 1.1;
+            proxy_set_header Upgrade \$http_upgrade;
+            proxy_set_header Connection upgrade;
+            proxy_set_header Sec-WebSocket-Protocol \$http_sec_websocket_protocol;
+        }
+        location = /history/api/v1/query_range {
+            proxy_pass http://127.0.0.1:$database/api/v1/query_range;
+        }
+    }
+}
+END
+    chmod a+rx "$folder" # its workers are another user, when root starts it
+    /usr/sbin/nginx -c "$folder/nginx.conf" 2>"$folder/nginx.log" &
+    started+=($!)
+    wait_for "$page" nginx
+    say "All boards on one page (any user's name, and no password): http://127.0.0.1:$page/?fleet"
+}
+
 show_fleet() {
-    need "${build_packages[@]}" "${client_packages[@]}" mosquitto mosquitto-clients victoria-metrics python3-paho-mqtt
+    need "${build_packages[@]}" "${client_packages[@]}" mosquitto mosquitto-clients victoria-metrics python3-paho-mqtt \
+        nginx-light
     build release --target vorbel_sim_fleet
     sockets=$(free_port 9001)
     start_broker "listener $sockets 127.0.0.1" "protocol websockets"
@@ -72,8 +114,7 @@ show_fleet() {
         check_week
         return
     fi
-    monitor=
-    serve_monitor "fleet=ws://127.0.0.1:$sockets&history=http://127.0.0.1:$database"
+    serve_fleet
     say "The past of one value:
   clients/python/vorbel-cli history board1 $read_back --from $week --plot week.png --database http://127.0.0.1:$database
 What a board is told, and does:

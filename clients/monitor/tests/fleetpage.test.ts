@@ -305,6 +305,34 @@ describe.each(brokers)("at %s", (name, make) => {
         await page.getByRole("row", { name: "press7.motor.speed" }).getByText("5555 rpm").waitFor();
     });
 
+    test("a picture of a week is drawn anew when the past has come", async () => {
+        const day = 86_400_000;
+        const lines = Array.from({ length: 1440 }, (_, at) => {
+            return `vorbel,board=press8,path=motor.speed value=${100 * (at % 60)} ${Date.now() - 3 * day - 60_000 * at}`;
+        });
+        await database.take(lines);
+        const page = await enter("observer");
+        await showValue(page, "motor.speed");
+        await page.getByRole("button", { name: "plot motor.speed of press8" }).click();
+        await page.locator(".plots canvas").waitFor();
+        await page.getByLabel("Time span").selectOption("1 week");
+        // Of the middle of the plot: how much of it is drawn in colour.
+        const drawn = () =>
+            page
+                .locator(".plots canvas")
+                .first()
+                .evaluate((canvas: HTMLCanvasElement) => {
+                    const { width, height } = canvas;
+                    const { data } = canvas
+                        .getContext("2d")!
+                        .getImageData(width / 4, height / 4, width / 2, height / 4);
+                    const isColoured = (at: number) => Math.abs(data[at]! - data[at + 2]!) > 60 && data[at + 3]! > 128;
+                    return Array.from({ length: data.length / 4 }, (_, at) => isColoured(4 * at)).filter(Boolean)
+                        .length;
+                });
+        await expect.poll(drawn, { timeout: 15_000 }).toBeGreaterThan(500);
+    });
+
     test("hostile names and messages do no harm", async () => {
         const page = await enter("observer");
         const name = '<img src=x onerror="document.title=1">\u202e';

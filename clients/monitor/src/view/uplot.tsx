@@ -130,12 +130,16 @@ export function TimePlot(props: TimePlotProps) {
     useEffect(() => follow(pointer.marking, () => plot.current?.redraw(false)), [pointer]);
 
     useEffect(() => {
-        if (plot.current) refresh(plot.current);
-        if (session.isPast) return follow(session.values, () => plot.current && refresh(plot.current));
-        if (frozen) return session.archive && follow(session.archive, () => plot.current && refresh(plot.current));
-        // The picture only changes when time has moved on by a pixel.
-        const pixel = (span * 1000) / Math.max(300, box.current!.clientWidth);
-        return repeatedly(Math.max(16, pixel), () => plot.current && refresh(plot.current));
+        const again = () => plot.current && refresh(plot.current);
+        again();
+        if (session.isPast) return follow(session.values, again);
+        const ends = session.archive ? [follow(session.archive, again)] : [];
+        if (!frozen) {
+            // The picture only changes when time has moved on by a pixel.
+            const pixel = (span * 1000) / Math.max(300, box.current!.clientWidth);
+            ends.push(repeatedly(Math.max(16, pixel), again));
+        }
+        return () => ends.forEach((end) => end());
     }, [key, span, frozen, zooms]);
     const zoomOut = () => {
         zoomTo(undefined);
