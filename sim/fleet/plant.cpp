@@ -84,13 +84,14 @@ QJsonObject plantSchema(int axes)
 QVariantMap axisReadings(int axis, int board, double setpoint, qint64 time)
 {
     const double phase = 0.137 * board + 0.071 * axis;
-    const double work = 0.5 + 0.3 * s_wave(time, day, phase) + 0.2 * s_wave(time, 7 * minute, phase);
+    const double slow = 0.5 + 0.35 * s_wave(time, day, phase) + 0.15 * s_wave(time, 7 * day, 3 * phase);
+    const double quick = s_wave(time, 7 * minute, phase);
     const double swing = s_wave(time, minute / 2, phase);
     const QVariantMap readings{
         {"speed", std::round(setpoint + 15 * swing)},
-        {"current", s_rounded(0.4 + 4 * work + 0.2 * swing, 2)},
-        {"temperature", s_rounded(22 + 45 * work + board % 5 + swing, 1)},
-        {"load", std::round(1000 * work)},
+        {"current", s_rounded(0.8 + 3 * slow + 0.5 * quick + 0.2 * swing, 2)},
+        {"temperature", s_rounded(30 + 24 * slow + 3 * (board % 5) + quick, 1)},
+        {"load", std::round(1000 * (0.1 + 0.7 * slow + 0.1 * quick))},
     };
     return {{axisName(axis), readings}};
 }
