@@ -8,6 +8,7 @@ import pathlib
 import signal
 import socket
 import subprocess
+import threading
 import time
 import urllib.error
 import urllib.parse
@@ -218,6 +219,7 @@ class Board:
     def __init__(self, port, name="press7", boot=1790000000, schema=SCHEMA):
         self.name, self.boot, self.number = name, boot, 0
         self.said = {}  # {(path, ms): value}
+        self.number_of = {}  # {(path, ms): the number of its batch}
         self._client = mqtt.Client(client_id=f"gateway-{name}", clean_session=False)
         self._client.max_queued_messages_set(0)
         self._client.max_inflight_messages_set(100)
@@ -252,6 +254,7 @@ class Board:
         for place in range(count):
             value = len(self.said) % 30000
             self.said["motor.speed", begin + place * step] = value
+            self.number_of["motor.speed", begin + place * step] = self.number
             messages.append([place * step, {"motor": {"speed": value}}])
         self.say(messages, begin)
 
@@ -259,6 +262,29 @@ class Board:
         """Returns when the broker has all of it."""
         self._last.wait_for_publish(PATIENCE)
         assert self._last.is_published()
+
+    def close(self):
+        self._client.disconnect()
+        self._client.loop_stop()
+
+
+class Witness:
+    """Another client with a session that lasts: what it has not heard, the broker has lost."""
+
+    def __init__(self, port):
+        self.heard = set()  # (board, number)
+        self._client = mqtt.Client("witness", clean_session=False)
+        self._client.reconnect_delay_set(1, 1)
+        self._client.on_message = self._on_message
+        is_subscribed = threading.Event()
+        self._client.on_subscribe = lambda *_: is_subscribed.set()
+        self._client.connect("127.0.0.1", port)
+        self._client.loop_start()
+        self._client.subscribe("vorbel/+/values", 1)
+        assert is_subscribed.wait(PATIENCE)
+
+    def _on_message(self, _client, _userdata, message):
+        self.heard.add((message.topic.split("/")[1], json.loads(message.payload)["n"]))
 
     def close(self):
         self._client.disconnect()
