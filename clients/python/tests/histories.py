@@ -8,7 +8,6 @@ import pathlib
 import signal
 import socket
 import subprocess
-import threading
 import time
 import urllib.error
 import urllib.parse
@@ -262,29 +261,6 @@ class Board:
         """Returns when the broker has all of it."""
         self._last.wait_for_publish(PATIENCE)
         assert self._last.is_published()
-
-    def close(self):
-        self._client.disconnect()
-        self._client.loop_stop()
-
-
-class Witness:
-    """Another client with a session that lasts: what it has not heard, the broker has lost."""
-
-    def __init__(self, port):
-        self.heard = set()  # (board, number)
-        self._client = mqtt.Client("witness", clean_session=False)
-        self._client.reconnect_delay_set(1, 1)
-        self._client.on_message = self._on_message
-        is_subscribed = threading.Event()
-        self._client.on_subscribe = lambda *_: is_subscribed.set()
-        self._client.connect("127.0.0.1", port)
-        self._client.loop_start()
-        self._client.subscribe("vorbel/+/values", 1)
-        assert is_subscribed.wait(PATIENCE)
-
-    def _on_message(self, _client, _userdata, message):
-        self.heard.add((message.topic.split("/")[1], json.loads(message.payload)["n"]))
 
     def close(self):
         self._client.disconnect()

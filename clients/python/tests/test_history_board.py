@@ -85,7 +85,8 @@ def test_the_longest_name():
 
 def test_what_is_no_number_is_left_out(board):
     written = board.take(b'{"boot":%d,"n":0,"t":%d,"v":[[0,{"motor":{"speed":null,"heat":null,"on":false}}],'
-                         b'[1,{"motor":{"speed":"x"}}],[1,{"motor":{"speed":1e999}}],[2,{"motor":{"speed":1%s}}]]}' % (BOOT, T, b"0" * 400))
+                         b'[1,{"motor":{"speed":"x"}}],'
+                         b'[1,{"motor":{"speed":1e999}}],[2,{"motor":{"speed":1%s}}]]}' % (BOOT, T, b"0" * 400))
     assert lines_of(written)[:-1] == [f"vorbel,board=press7,path=motor.on value=0 {T}"]
     assert written.lines.unfit == 3
 
