@@ -218,6 +218,7 @@ class Board:
     def __init__(self, port, name="press7", boot=1790000000, schema=SCHEMA):
         self.name, self.boot, self.number = name, boot, 0
         self.said = {}  # {(path, ms): value}
+        self.number_of = {}  # {(path, ms): the number of its batch}
         self._client = mqtt.Client(client_id=f"gateway-{name}", clean_session=False)
         self._client.max_queued_messages_set(0)
         self._client.max_inflight_messages_set(100)
@@ -252,6 +253,7 @@ class Board:
         for place in range(count):
             value = len(self.said) % 30000
             self.said["motor.speed", begin + place * step] = value
+            self.number_of["motor.speed", begin + place * step] = self.number
             messages.append([place * step, {"motor": {"speed": value}}])
         self.say(messages, begin)
 

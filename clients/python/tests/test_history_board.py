@@ -79,11 +79,29 @@ def test_names_that_cannot_stand_in_a_line(board, name):
     assert written.lines.unfit == 1 and written.values == 1
 
 
+def test_the_longest_name():
+    assert is_name("x" * 1024)
+
+
 def test_what_is_no_number_is_left_out(board):
-    written = board.take(b'{"boot":%d,"n":0,"t":%d,"v":[[0,{"motor":{"speed":null,"heat":"hot","on":false}}],'
+    written = board.take(b'{"boot":%d,"n":0,"t":%d,"v":[[0,{"motor":{"speed":null,"heat":null,"on":false}}],'
+                         b'[1,{"motor":{"speed":"x"}}],'
                          b'[1,{"motor":{"speed":1e999}}],[2,{"motor":{"speed":1%s}}]]}' % (BOOT, T, b"0" * 400))
     assert lines_of(written)[:-1] == [f"vorbel,board=press7,path=motor.on value=0 {T}"]
     assert written.lines.unfit == 3
+
+
+def test_a_value_that_no_number_can_hold_is_left_out():
+    written = make_board({"a": {"@mac": 1, "@cmd": 1, "@format": "f", "scale": 1e300}}).take(
+        batch(0, [0, {"a": 1e300}], [1, {"a": 1e-290}]))
+    assert lines_of(written)[0] == f"vorbel,board=press7,path=a value=10000000000 {T + 1}"
+    assert (written.values, written.lines.unfit) == (1, 1)
+
+
+def test_a_reading_that_is_no_whole_number_has_no_bits():
+    leaf = {"@mac": 1, "@cmd": 1, "@format": "C", "bits": [1, 2]}
+    written = make_board({"a": leaf}).take(batch(0, [0, {"a": 6}], [1, {"a": 6.0}]))
+    assert [line.split()[1] for line in lines_of(written)[:2]] == ["value=3", "value=6"]
 
 
 def test_a_value_that_is_not_selected_does_not_count():
@@ -204,6 +222,13 @@ def test_the_spool_of_an_earlier_boot_has_the_schema_of_then(board):
     assert lines_of(board.take(heat(0, 1000, BOOT + 5)))[0] == f"vorbel,board=press7,path=motor.heat value=2000 {T}"
 
 
+def test_a_gateway_that_is_not_there_has_no_boot(board):
+    board.take(heat(0, 1000))
+    board.hear_status(compact({"online": False, "boot": BOOT}))
+    board.hear_schema(compact(CHANGED))
+    assert lines_of(board.take(heat(1, 1000)))[0] == f"vorbel,board=press7,path=motor.heat value=60 {T}"
+
+
 def test_a_schema_that_is_told_ahead_of_the_boot_is_that_of_the_next_one(board):
     board.take(heat(0, 1000))
     board.hear_status(compact({"online": False}))
@@ -238,6 +263,8 @@ def test_schemas_that_nobody_has_any_more_are_forgotten(board):
     assert len(schemas.texts) == 2
     schemas.keep(board.used_schemas())
     assert list(schemas.texts.values()) == [compact(CHANGED)]
+    schemas.keep(set())
+    assert schemas.of(boards.NO_SCHEMA).leaves == {}
 
 
 def test_all_schemas_together_are_bounded(board):
@@ -322,6 +349,7 @@ def test_runs_against_a_set():
                 taken.add(number)
             first = chance.randrange(40)
             assert runs.missing(first, 40) == len(set(range(first, 41)) - taken)
+    assert len(runs.runs) < 20  # neighbours are one
     for number in range(0, 4 * RUNS_LIMIT, 2):
         runs.take(number + 100, 0)
     assert len(runs.runs) == RUNS_LIMIT

@@ -57,19 +57,43 @@ class Plant:
     def count(self):
         return sum(map(len, self.database.series().values()))
 
+    def said(self):
+        """{(board, path, ms): value}"""
+        return {(board.name, path, time): value for board in self.boards for (path, time), value in board.said.items()}
+
+    def found(self):
+        """All that is in the database, each as often as it is there."""
+        return [(board, path, time, value) for (board, path), points in self.database.series().items()
+                for time, value in points]
+
     def assert_all_there_once(self):
-        said = {(board.name, path, time): value
-                for board in self.boards for (path, time), value in board.said.items()}
+        said = self.said()
         wait_until(lambda: self.count() >= len(said), f"{len(said)} values; there are {self.count()}")
-        found = [(board, path, time, value) for (board, path), points in self.database.series().items()
-                 for time, value in points]
+        found = self.found()
         assert len(found) == len(said)
         assert {(board, path, time): value for board, path, time, value in found} == said
 
+    def assert_all_there_once_or_told_missing(self):
+        """What the broker itself has lost is as many batches as the history says."""
+        wait_until(lambda: self.lost() == self.told_missing(), "what is missing to come or to be told", 90)
+        found = self.found()
+        there = {(board, path, time): value for board, path, time, value in found}
+        assert len(found) == len(there) and there.items() <= self.said().items()
+
+    def lost(self):
+        """How many of each board's batches are not there."""
+        there = {(board, path, time) for board, path, time, _ in self.found()}
+        return {board.name: len({number for (path, time), number in board.number_of.items()
+                                 if (board.name, path, time) not in there}) for board in self.boards}
+
+    def told_missing(self):
+        gaps = self.database.series("vorbel_gap")
+        return {board.name: sum(count for _, count in gaps.get((board.name, None), ())) for board in self.boards}
+
     def close(self):
         self._is_ending.set()
-        for board in self.boards:
-            board.close()
+        for client in self.boards:
+            client.close()
         for process in (self.history, self.database, self.broker):
             process.end()
 
@@ -151,8 +175,10 @@ def test_the_broker_is_stopped_and_comes_back(plant):
             time.sleep(0.5)
             plant.broker.start()
         plant.wait_written(200)
-    plant.assert_all_there_once()
-    assert not plant.database.series("vorbel_gap")
+    if isinstance(plant.broker, Nats):  # which may lose what it acknowledges while it is stopped
+        plant.assert_all_there_once_or_told_missing()
+    else:
+        plant.assert_all_there_once()
 
 
 def test_the_broker_is_killed_and_comes_back(plant):
@@ -162,7 +188,7 @@ def test_the_broker_is_killed_and_comes_back(plant):
         plant.broker.kill()
         plant.broker.start()
         plant.wait_written(200)
-    plant.assert_all_there_once()
+    plant.assert_all_there_once_or_told_missing()
 
 
 def test_what_is_said_while_the_service_is_away_waits(plant):

@@ -111,11 +111,11 @@ class Service:
     def _commit(self, text: bytes) -> None:
         if self._has_new_schema:
             self._schemas.keep({key for board in self._boards.values() for key in board.used_schemas()})
-            self._state.keep_schemas(self._schemas.texts)
-            self._has_new_schema = False
-        now = time.monotonic()
         boards = {name: self._boards[name].saved() for name in self._touched}
-        self._state.commit(boards, text, now, now - self._rewrite)
+        now = time.monotonic()
+        self._state.commit(boards, self._schemas.texts if self._has_new_schema else None, text, now,
+                           now - self._rewrite)
+        self._has_new_schema = False
         self._touched.clear()
 
     def _own_lines(self, has_others: bool) -> list[Line]:

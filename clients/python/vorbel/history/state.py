@@ -3,7 +3,7 @@ have taken without having it on its disk."""
 
 import sqlite3
 import zlib
-from collections.abc import Collection, Iterator, Mapping
+from collections.abc import Iterator, Mapping
 from typing import Optional
 
 _TABLES = """
@@ -54,11 +54,17 @@ class State:
 
     # Changes
 
-    def commit(self, boards: Mapping[str, str], lines: bytes, now: float, until: float) -> None:
-        """These boards are so, and these lines were written; what was written before `until` is forgotten."""
-        execute = self._file.execute
+    def commit(self, boards: Mapping[str, str], schemas: Optional[Mapping[str, bytes]], lines: bytes, now: float,
+               until: float) -> None:
+        """These boards are so, these are all schemas (None: those that there are), and these lines were written; what
+        was written before `until` is forgotten."""
+        execute, execute_each = self._file.execute, self._file.executemany
         execute("BEGIN")
-        self._file.executemany("INSERT OR REPLACE INTO boards VALUES (?, ?)", boards.items())
+        if schemas is not None:
+            known = [key for (key,) in execute("SELECT key FROM schemas")]
+            execute_each("DELETE FROM schemas WHERE key = ?", [(key,) for key in known if key not in schemas])
+            execute_each("INSERT OR IGNORE INTO schemas VALUES (?, ?)", schemas.items())
+        execute_each("INSERT OR REPLACE INTO boards VALUES (?, ?)", boards.items())
         execute("DELETE FROM recent WHERE time < ?", (until,))
         if lines and until < now:
             execute("INSERT INTO recent (time, lines) VALUES (?, ?)", (now, zlib.compress(lines, _FASTEST)))
@@ -67,12 +73,6 @@ class State:
     def renew_recent(self, now: float) -> None:
         """What was written of late has just been written again."""
         self._file.execute("UPDATE recent SET time = ?", (now,))
-
-    def keep_schemas(self, texts: Mapping[str, bytes]) -> None:
-        """All that there are."""
-        known: Collection[str] = [key for (key,) in self._file.execute("SELECT key FROM schemas")]
-        self._file.executemany("DELETE FROM schemas WHERE key = ?", [(key,) for key in known if key not in texts])
-        self._file.executemany("INSERT OR IGNORE INTO schemas VALUES (?, ?)", texts.items())
 
     def set_mark(self, name: str, value: str) -> None:
         self._file.execute("INSERT OR REPLACE INTO marks VALUES (?, ?)", (name, value))
