@@ -177,6 +177,18 @@ describe("an archive", () => {
         expect(asked).toHaveLength(6);
     });
 
+    test("is asked again for a closer look", async () => {
+        const to = now();
+        archive.want([node], to - 3_600_000, to, 600);
+        await vi.advanceTimersByTimeAsync(2000);
+        archive.want([node], to - 1_800_000, to - 1_200_000, 600);
+        await vi.advanceTimersByTimeAsync(2000);
+        expect(asked.map(({ searchParams }) => searchParams.get("step"))).toEqual([
+            ...new Array(3).fill("10s"),
+            ...new Array(3).fill("1s"),
+        ]);
+    });
+
     test("is not asked for what the page has itself", async () => {
         const to = now();
         node.series!.update(5, to - 60_000);
@@ -189,6 +201,11 @@ describe("an archive", () => {
         let told = 0;
         archive.watch(() => told++);
         answer = () => Promise.reject(new Error("there is no history service"));
+        const others = [1, 2, 3].map(() => Object.assign(new TreeNode(["b"]), { series: new Series() }));
+        const all = new Archive("https://page/history", () => ({ board: "b", path: "p" }), archive.get);
+        all.want(others, now() - 3_600_000, now(), 600);
+        await vi.advanceTimersByTimeAsync(1000);
+        expect(asked.splice(0)).toHaveLength(1);
         const want = () => archive.want([node], now() - 3_600_000, now(), 600);
         for (let at = 0; at < 20; at++) {
             want();

@@ -246,6 +246,34 @@ describe("the boards", () => {
         expect(board!.mark).toBeUndefined();
     });
 
+    test("lose what a column had with the column, and units with the schema", () => {
+        fleet.addColumn("motor.speed");
+        fleet.sortBy({ path: "motor.speed" });
+        port.send("vorbel/press7/status", online, true);
+        port.send("vorbel/press7/schema", PRESS, true);
+        port.send("vorbel/press7/now/motor/speed", 2500, true);
+        const [board] = fleet.rows("");
+        expect(board!.mark!.level).toBe("alarm");
+        port.send("vorbel/press7/schema", "null", true);
+        port.send("vorbel/press7/now/motor/speed", 2501);
+        expect(board!.cells.get("motor.speed")!.text).toBe("2501");
+        fleet.removeColumn("motor.speed");
+        expect([board!.cells.size, fleet.sorting.key]).toEqual([0, "name"]);
+    });
+
+    test("are asked for until the last who wants them is gone, and anew with another login", () => {
+        const leave = [broker.subscribe("a", 0), broker.subscribe("a", 0)];
+        leave[0]!();
+        leave[0]!();
+        expect(port.subscribed).toContain("a");
+        leave[1]!();
+        expect(port.subscribed).not.toContain("a");
+        port.tell({ unheard: ["b"] });
+        expect([...broker.unheard]).toEqual(["b"]);
+        broker.open({ url: "ws://broker/mqtt", user: "engineer", password: "" });
+        expect([...broker.unheard]).toEqual([]);
+    });
+
     test("are sorted by whatever is chosen; those without it come last", () => {
         vi.useFakeTimers();
         fleet.addColumn("motor.speed");
@@ -410,9 +438,11 @@ describe("a board", () => {
 
     test("tells of batches that did not come", () => {
         const session = open();
-        batch(0, { motor: { speed: 1 } });
+        batch(0, { motor: { speed: 1, setpoint: 1 } });
         batch(3, { motor: { speed: 2 } });
         expect(session.missed).toBe(2);
+        const isDoubted = (name: string) => session.tree.find(["motor", name])!.series!.interrupted;
+        expect([isDoubted("speed"), isDoubted("setpoint")]).toEqual([false, true]);
         expect(session.log.entries.some(({ text }) => text === "2 batches of values did not come")).toBe(true);
     });
 
@@ -467,6 +497,35 @@ describe("a board", () => {
         expect(session.refusalOf(node)).toBe(
             "the broker does not let this user write it (Publish error: Not authorized)",
         );
+    });
+
+    test("an answer is that to the oldest write which went out", async () => {
+        const session = open();
+        const first = session.write(new Map([[setpoint!, 1]]));
+        port.tell({ id: 0, outcome: "unsent", reason: "there is no connection with the broker" });
+        await expect(first).rejects.toThrow("Nothing was written: there is no connection with the broker");
+        const second = session.write(new Map([[setpoint!, 1200]]));
+        port.tell({ id: 1, outcome: "taken" });
+        done({});
+        await second;
+    });
+
+    test("not more than eight writes of a value wait", async () => {
+        const session = open();
+        const writes = Array.from({ length: 9 }, () => session.write(new Map([[setpoint!, 1]])));
+        await expect(writes[8]).rejects.toThrow("Too many writes wait for an answer");
+        expect(port.published).toHaveLength(8);
+        for (const { id } of port.published) port.tell({ id, outcome: "refused", reason: "no" });
+        await Promise.allSettled(writes);
+    });
+
+    test("the schema that comes again changes nothing; that of another client is told", () => {
+        const session = open();
+        session.startWriting(session.tree.find(["motor", "setpoint"]));
+        port.send("vorbel/press7/schema", PRESS, true);
+        expect(session.writing).toBe(session.tree.find(["motor", "setpoint"]));
+        port.send("vorbel/press7/schema", "null", true);
+        expect(session.log.entries[0]!.text).toBe("The daemon has another client's schema");
     });
 
     test("where no answer comes, nobody knows", async () => {
@@ -577,6 +636,7 @@ describe("the way in", () => {
         ["", "https://board.example.com/x/?fleet", "wss://board.example.com/mqtt"],
         ["/mqtt", "http://127.0.0.1:8080/", "ws://127.0.0.1:8080/mqtt"],
         ["wss://broker:8884/ws", "https://board.example.com/", "wss://broker:8884/ws"],
+        ["wss://broker/mqtt#there", "https://board.example.com/", "wss://broker/mqtt"],
         ["https://broker/mqtt", "https://board.example.com/", "wss://broker/mqtt"],
     ])("%j on the page %s is %s", (text, page, url) => expect(brokerUrl(text, page)).toBe(url));
 

@@ -210,6 +210,8 @@ describe.each(brokers)("at %s", (name, make) => {
         const page = await newPage();
         await logIn(page, "observer", "wrong");
         await page.getByRole("alert").getByText("the broker refuses this user or password").waitFor();
+        expect(await page.getByLabel("User", { exact: true }).inputValue()).toBe("observer");
+        expect(await page.getByLabel("Password", { exact: true }).inputValue()).toBe("");
         await logIn(page, "observer");
         await boardRow(page, "press7").waitFor();
     });

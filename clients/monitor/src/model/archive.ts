@@ -65,7 +65,7 @@ export class Archive extends Source {
 
     #covers(series: Series, from: number, to: number, step: number): boolean {
         const piece = this.#pieces.get(series);
-        if (!piece || piece.step > step || piece.step * 20 < step) return false;
+        if (!piece || piece.step > step) return false;
         return piece.from <= from && piece.to >= to - 2 * step * 1000;
     }
 

@@ -24,7 +24,7 @@ export class Continued implements Readings {
     }
 
     indexAt(time: number): number {
-        const at = Math.min(this.#count, this.older.indexAt(time));
+        const at = this.older.indexAt(time);
         return at < this.#count ? at : this.#count + this.newer.indexAt(time);
     }
 }

@@ -54,7 +54,7 @@ export class Board {
     get mark(): Mark | undefined {
         let worst: Mark | undefined;
         for (const { mark } of this.cells.values()) {
-            if (mark && (!worst || (mark.level === "alarm" && worst.level === "warn"))) worst = mark;
+            if (mark && (!worst || mark.level === "alarm")) worst = mark;
         }
         return worst;
     }

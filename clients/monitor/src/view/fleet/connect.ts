@@ -9,6 +9,8 @@ export function newPort(): BrokerPort {
         post: (order) => thread.postMessage(order),
         hear: (listener) => {
             thread.onmessage = ({ data }: MessageEvent<BrokerNews>) => listener(data);
+            thread.onerror = ({ message }) =>
+                listener({ state: "waiting", reason: message || "the page's server does not give what connects" });
         },
     };
 }

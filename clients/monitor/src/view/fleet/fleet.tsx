@@ -26,11 +26,12 @@ type Query = { get(name: string): string | null };
 /** The boards of a broker: the way in, then all of them, or one. */
 export function FleetPage({ query }: { query: Query }) {
     const [broker] = useState(() => new Broker(newPort()));
-    const [first] = useState(() => firstEntry(query));
+    const [first, setFirst] = useState(() => firstEntry(query));
     const [fleet, setFleet] = useState<Fleet>();
     useSource(broker);
     const enter = (entry: Entry, remember: boolean) => {
         rememberLogin(memory, remember ? entry : undefined);
+        setFirst({ ...entry, password: "" });
         start(entry);
     };
     const start = ({ prefix, ...login }: Entry) => {
@@ -70,7 +71,7 @@ export function FleetPage({ query }: { query: Query }) {
                 </header>
             </div>
             <main class="entry">
-                <LoginForm first={first} problem={fleet ? broker.reason : ""} isBusy={false} enter={enter} />
+                <LoginForm first={first} problem={fleet ? broker.reason : ""} enter={enter} />
             </main>
         </>
     );

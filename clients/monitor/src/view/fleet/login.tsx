@@ -8,12 +8,11 @@ type LoginProps = {
     first: Entry;
     /** Why one is not in. */
     problem: string;
-    isBusy: boolean;
     enter: (entry: Entry, remember: boolean) => void;
 };
 
 /** Asks how to get in at the broker. Nothing is connected to before somebody agrees. */
-export function LoginForm({ first, problem, isBusy, enter }: LoginProps) {
+export function LoginForm({ first, problem, enter }: LoginProps) {
     const [entry, setEntry] = useState(first);
     const [remember, setRemember] = useState(false);
     const [wrong, setWrong] = useState("");
@@ -62,7 +61,7 @@ export function LoginForm({ first, problem, isBusy, enter }: LoginProps) {
                 Remember user and password on this device, where everybody who uses this browser can read them
             </label>
             <div class="actions">
-                <button type="submit" class="primary" disabled={isBusy}>
+                <button type="submit" class="primary">
                     Connect
                 </button>
             </div>
