@@ -98,7 +98,7 @@ def line(number, value):
 def test_it_runs_from_its_installation_on_and_waits_for_a_broker(history, guest):
     assert guest.run("systemctl is-enabled vorbel-history; systemctl is-active vorbel-history").split() == [
         "enabled", "active"]
-    history.wait_for_log("broker: mqtt://127.0.0.1 ")
+    history.wait_for_log("broker: mqtt://127.0.0.1:1883: Connection refused; trying again")
     assert history.property("NRestarts") == "0"
     owners = guest.run(f"stat -c '%U %G %a' {STATE} /etc/vorbel/history.ini").splitlines()
     assert owners == ["vorbel-history vorbel-history 700", "root root 644"]
