@@ -32,6 +32,7 @@ from plant import Listener, Program, free_port  # noqa: E402
 PATIENCE = 300  # seconds: a cluster is slow to take many clients
 SETTLED = 15  # seconds, after which costs are those of every day
 DRAINED = 10  # seconds without another value, after which none comes
+PER_PROCESS = 1000  # boards
 PROBED = 0.05  # seconds between two looks for a board's newest value
 
 
@@ -134,23 +135,35 @@ class History(Program):
 
 
 class Boards(Program):
-    def __init__(self, build, folder, broker, options):
-        self._log = folder / "boards.log"
+    """Some boards in one process."""
+
+    def __init__(self, build, folder, broker, options, first, count):
+        self._log = folder / f"boards{first}.log"
         urls = ",".join(f"mqtt://127.0.0.1:{port}" for port in broker.ports)
-        super().__init__([build / "sim" / "vorbel_sim_fleet", "--broker", urls, "--boards", options.boards,
+        super().__init__([build / "sim" / "vorbel_sim_fleet", "--broker", urls, "--first", first, "--boards", count,
                           "--version", 5 if isinstance(broker, Mosquitto) else 3, "--values", options.values,
                           "--interval", options.interval, "--now", options.now], self._log)
-        self.wait_until(lambda: self.said()["connected"] == options.boards, "all boards to be connected")
-
-    def said_next(self):
-        """What it says the next time, which is when it counted."""
-        former = self._log.stat().st_size
-        self.wait_until(lambda: self._log.stat().st_size > former, "the boards to say how they are")
-        return self.said()
+        self.wait_until(lambda: self.said()["connected"] == count, "all boards to be connected")
 
     def said(self):
         lines = [line for line in self._log.read_text().splitlines() if line.startswith("{") and line.endswith("}")]
         return json.loads(lines[-1]) if lines else {"connected": 0, "published": 0, "dropped": 0}
+
+
+class Fleet:
+    """All boards. A thousand in a process, whose library looks through all its connections for each message."""
+
+    def __init__(self, build, folder, broker, options):
+        self.programs = [Boards(build, folder, broker, options, first, min(PER_PROCESS, options.boards - first + 1))
+                         for first in range(1, options.boards + 1, PER_PROCESS)]
+
+    def total(self, what):
+        """Of what they published or dropped until a moment ago."""
+        return sum(program.said()[what] for program in self.programs)
+
+    def stop(self):
+        for program in self.programs:
+            program.stop()
 
 
 class Subscriber(threading.Thread):
@@ -229,28 +242,29 @@ def measured(build, options):
         stack.callback(history.stop)
         for number in range(options.subscribers):
             Subscriber(broker.ports[number % len(broker.ports)]).start()
-        boards = Boards(build, folder, broker, options)
-        parts = {"boards": [boards], "broker": broker.programs, "history": [history], "database": [database]}
+        fleet = Fleet(build, folder, broker, options)
+        parts = {"boards": fleet.programs, "broker": broker.programs, "history": [history], "database": [database]}
         time.sleep(SETTLED)
         latency = Latency(broker, database)
         latency.start()
-        published, stored = boards.said_next()["published"], database.count()
+        stored, counted = database.count(), time.monotonic()
+        published = fleet.total("published")
         before = {name: sum(program.cpu() for program in programs) for name, programs in parts.items()}
         started = time.monotonic()
         time.sleep(options.seconds)
-        published, took = boards.said_next()["published"] - published, time.monotonic() - started
+        published, took = fleet.total("published") - published, time.monotonic() - started
         cores = {name: (sum(program.cpu() for program in programs) - before[name]) / took
                  for name, programs in parts.items()}
-        stored = database.count() - stored
+        stored = (database.count() - stored) / (time.monotonic() - counted)
         memories = {name: sum(program.resident() for program in programs) / 1000 for name, programs in parts.items()}
         delays = latency.stop()
-        boards.stop()
-        found, total = wait_until_drained(database), boards.said()
+        fleet.stop()
+        found, published_in_all = wait_until_drained(database), fleet.total("published")
         return {
             "broker": options.broker, "boards": options.boards, "values": options.values,
             "interval": options.interval, "now": options.now, "subscribers": options.subscribers,
-            "published_per_s": published / took, "stored_per_s": stored / took,
-            "published": total["published"], "dropped": total["dropped"], "lost": total["published"] - found,
+            "published_per_s": published / took, "stored_per_s": stored,
+            "published": published_in_all, "dropped": fleet.total("dropped"), "lost": published_in_all - found,
             "cores": cores, "megabytes": memories, "bytes_per_value": database.size() / max(found, 1),
             "latency_p50": statistics.median(delays) if delays else None,
             "latency_p99": delays[int(len(delays) * 0.99)] if delays else None,
@@ -285,7 +299,12 @@ def main():
         found = measured(options.build, options)
     except subprocess.SubprocessError as error:
         sys.exit(str(error))
-    print(json.dumps(found) if options.json else row(found))
+    if options.json:
+        print(json.dumps(found))
+        return
+    print(row(found))
+    if found["lost"] or found["dropped"]:
+        sys.exit("values were lost")
 
 
 if __name__ == "__main__":

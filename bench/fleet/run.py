@@ -28,7 +28,7 @@ GROUPS = {
     "values of each board": [{"values": number} for number in (12, 48)],
     "subscribers to all batches": [{"subscribers": number} for number in (4, 16)],
     "each latest value once a second": [{"boards": 250, "now": NOW}],
-    "more, until something breaks": [{"boards": 2000}, {"boards": 1000, "values": 200}, {"boards": 4000}],
+    "more, until something breaks": [{"boards": 1500}, {"boards": 1000, "values": 200}, {"boards": 2000}],
     "three nats-servers, on the disk": [{"broker": "nats", "boards": number} for number in (250, 500, 1000)],
     "three nats-servers, in memory": [{"broker": "memory", "boards": 1000}],
 }

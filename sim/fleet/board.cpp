@@ -22,7 +22,7 @@ constexpr double usualSpeed = 1200;
 
 QString s_id(int number)
 {
-    return "board" + QString::number(number + 1);
+    return "board" + QString::number(number);
 }
 
 // The boards of a cluster do not all begin with the same of its servers.

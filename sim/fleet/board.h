@@ -43,7 +43,7 @@ class Board : public QObject
     Q_OBJECT
 
 public:
-    // `number` counts from 0; the board's ID is "board1" and so on. `fleet` outlives it.
+    // `number` counts from 1; the board's ID is "board1" and so on. `fleet` outlives it.
     Board(const Fleet &fleet, int number);
 
     void open();

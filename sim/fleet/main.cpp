@@ -37,6 +37,7 @@ constexpr Option options[] = {
     {"prefix", "with what all topics begin", "vorbel"},
     {"version", "of MQTT: 5, or 3 for 3.1.1", "5"},
     {"boards", "how many there are", "10"},
+    {"first", "the number of the first; others are those of another process", "1"},
     {"values", "how many each has; a multiple of four. Each comes once a second", "12"},
     {"interval", "ms that a batch takes", "1000"},
     {"now", "ms until a latest value is published again", "1000"},
@@ -73,11 +74,11 @@ Fleet s_fleetOf(const QCommandLineParser &parser)
     return fleet;
 }
 
-Boards s_boards(const Fleet &fleet, int count)
+Boards s_boards(const Fleet &fleet, int first, int count)
 {
     Boards boards;
     for (int number = 0; number < count; ++number) {
-        boards.push_back(std::make_unique<Board>(fleet, number));
+        boards.push_back(std::make_unique<Board>(fleet, first + number));
         QTimer::singleShot(number * welcomeInterval, boards.back().get(), &Board::open);
     }
     return boards;
@@ -110,7 +111,7 @@ int main(int count, char *words[])
     s_addOptions(parser);
     parser.process(application);
     const Fleet fleet = s_fleetOf(parser);
-    const Boards boards = s_boards(fleet, parser.value("boards").toInt());
+    const Boards boards = s_boards(fleet, parser.value("first").toInt(), parser.value("boards").toInt());
     QTimer report;
     QObject::connect(&report, &QTimer::timeout, &report, [&boards] { s_report(boards); });
     report.start(reportInterval);
