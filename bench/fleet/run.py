@@ -77,6 +77,8 @@ def draw(results, path):
     both[0].set_ylabel("cores")
     both[0].legend()
     figure.savefig(path)
+    # matplotlib leaves blanks at the ends of lines.
+    path.write_text("".join(f"{line.rstrip()}\n" for line in path.read_text().splitlines()))
 
 
 def main():
