@@ -1,0 +1,93 @@
+"""The far end of the chain: what the broker passes on of the gateway's batches, and what the history has of them."""
+
+import collections
+import json
+import queue
+import time
+import urllib.parse
+import urllib.request
+
+import paho.mqtt.client as mqtt
+
+from invariants import Breach, Hearing
+
+BASE = "vorbel/soak/"
+
+
+class BoardEar:
+    """Subscribes to the batches with a session that outlives the broker, and holds them against the bus: one Hearing
+    for each boot of the gateway, since what a killed one had not spooled is nobody's promise."""
+
+    def __init__(self, port):
+        self.hearings, self.breaches = {}, []
+        self.batches = self.repeated = self.missing = 0
+        self.slow = {}  # {value: ms}
+        self.last_heard = 0.0
+        self._next = {}  # {boot: n}
+        self._arrived = queue.SimpleQueue()
+        self._client = mqtt.Client(client_id="soak", clean_session=False)
+        self._client.on_connect = lambda client, *_: client.subscribe(BASE + "values", 1)
+        self._client.on_message = lambda _client, _data, message: self._arrived.put((time.monotonic(), message.payload))
+        self._client.reconnect_delay_set(1, 1)
+        self._client.connect("127.0.0.1", port, keepalive=20)
+        self._client.loop_start()
+
+    def close(self):
+        self._client.disconnect()
+        self._client.loop_stop()
+
+    def take(self, sent):
+        while True:
+            try:
+                at, payload = self._arrived.get_nowait()
+            except queue.Empty:
+                return
+            self._take(at, json.loads(payload), sent)
+
+    def _take(self, at, batch, sent):
+        boot, number = batch["boot"], batch["n"]
+        expected = self._next.get(boot, 0)
+        if number < expected:
+            self.repeated += 1
+            return
+        hearing = self.hearings.setdefault(boot, Hearing(f"board, boot {boot}"))
+        if number > expected:
+            self.missing += number - expected
+            self.breaches.append(Breach(at, "lost", f"broker: batches {expected} to {number - 1} of boot {boot}"))
+            hearing.skip()
+        self._next[boot] = number + 1
+        self.batches += 1
+        self.last_heard = at
+        for since, values in batch["v"]:
+            for leaf, value in values.items():
+                if leaf in sent:
+                    numbers = value if isinstance(value, list) else [value]
+                    hearing.take(at, leaf, runs(numbers), sent[leaf])
+                if leaf == "slow":
+                    self.slow[value] = batch["t"] + since
+
+    @staticmethod
+    def missing_in(stored, passed_on):
+        """What was passed on, {value: ms}, and is not in the database, although it is alone in its millisecond."""
+        by_time = collections.Counter(passed_on.values())
+        return [(at, value) for value, at in sorted(passed_on.items()) if value not in stored and by_time[at] == 1]
+
+
+def runs(numbers):
+    """Numbers as runs without a gap."""
+    found = []
+    for number in numbers:
+        if found and number == found[-1][1] + 1:
+            found[-1][1] = number
+        else:
+            found.append([number, number])
+    return found
+
+
+def ask_database(port):
+    """The values of the slow leaf that the history has."""
+    url = f"http://127.0.0.1:{port}"
+    urllib.request.urlopen(f"{url}/internal/force_flush", timeout=30).read()
+    query = urllib.parse.urlencode({"match[]": '{__name__="vorbel_value",path="slow"}', "start": "0"})
+    with urllib.request.urlopen(f"{url}/api/v1/export?{query}", timeout=60) as answer:
+        return {int(value) for line in answer for value in json.loads(line)["values"]}
