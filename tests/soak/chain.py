@@ -26,23 +26,36 @@ class BoardEar:
         self._next = {}  # {boot: n}
         self._arrived = queue.SimpleQueue()
         self._client = mqtt.Client(client_id="soak", clean_session=False)
-        self._client.on_connect = lambda client, *_: client.subscribe(BASE + "values", 1)
-        self._client.on_message = lambda _client, _data, message: self._arrived.put((time.monotonic(), message.payload))
+        self._client.on_connect = lambda client, *_: client.subscribe([(BASE + "values", 1), (BASE + "done", 1)])
+        self._client.on_message = self._hear
         self._client.reconnect_delay_set(1, 1)
         self._client.connect("127.0.0.1", port, keepalive=20)
         self._client.loop_start()
+
+    def _hear(self, _client, _data, message):
+        self._arrived.put((time.monotonic(), message.topic[len(BASE):], message.payload))
+
+    def write(self, path, value):
+        """One value, as an operator does."""
+        order = {"value": value, "time": int(time.time() * 1000)}
+        self._client.publish(f"{BASE}set/tester/{path}", json.dumps(order), 1)
 
     def close(self):
         self._client.disconnect()
         self._client.loop_stop()
 
-    def take(self, sent):
+    def take(self, sent, confirm):
+        """What has come since. `confirm` is called with the number and the time of each write that was done."""
         while True:
             try:
-                at, payload = self._arrived.get_nowait()
+                at, topic, payload = self._arrived.get_nowait()
             except queue.Empty:
                 return
-            self._take(at, json.loads(payload), sent)
+            said = json.loads(payload)
+            if topic == "values":
+                self._take(at, said, sent)
+            elif said["ok"] and said["path"]:
+                confirm(said["value"], at)
 
     def _take(self, at, batch, sent):
         boot, number = batch["boot"], batch["n"]

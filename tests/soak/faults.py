@@ -92,6 +92,20 @@ def pull_in_mid_record(soak, rng):
     soak.bus.plug()
 
 
+def pull_in_mid_write(soak, rng):
+    soak.bus.unplug(in_mid_write=True)
+    yield
+    soak.bus.plug()
+
+
+def port_fails(soak, rng):
+    """A read error on a port that is still there: the daemon opens it again."""
+    soak.bus.reopens()
+    soak.bus.adapter.fail("read", errno.EINVAL)
+    yield
+    soak.bus.adapter.heal("read")
+
+
 def other_adapter(soak, rng):
     soak.bus.unplug()
     soak.bus.plug(1)
@@ -235,6 +249,8 @@ def other_schema(soak, rng):
 FAULTS = [
     Fault("adapter pulled", ("link",), pull),
     Fault("adapter pulled in mid-record", ("link",), pull_in_mid_record),
+    Fault("adapter pulled in mid-write", ("link",), pull_in_mid_write),
+    Fault("port fails", ("link",), port_fails, 2),
     Fault("other adapter", ("link",), other_adapter, 4),
     Fault("port does not open", ("link",), port_does_not_open),
     Fault("daemon killed", ("daemon",), killed("daemon"), 1),

@@ -146,8 +146,9 @@ class Writer:
     def arrive(self, time, payload):
         self._arrived.append((time, payload))
 
-    def judge(self, stood):
-        """The breaches. `stood(begin, end)`: whether link and schema did all the time."""
+    def judge(self, stood, until):
+        """The breaches, when what arrived until then is known. `stood(begin, end)`: whether link and schema did all the
+        time."""
         breaches, last, numbers = [], 0, set()
         for time, payload in self._arrived:
             number = struct.unpack("<I", payload)[0] if len(payload) == 4 else None
@@ -162,7 +163,8 @@ class Writer:
             last = max(last, number)
         return breaches + [self._breach(time, f"{number} was confirmed and did not arrive")
                            for number, time in self._confirmed.items()
-                           if number not in numbers and stood(self._announced[number] - MARGIN, time + MARGIN)]
+                           if number not in numbers and time + MARGIN < until
+                           and stood(self._announced[number] - MARGIN, time + MARGIN)]
 
     def _breach(self, time, text):
         return Breach(time, "write", f"{self.name}: {text}")

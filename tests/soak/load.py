@@ -5,6 +5,7 @@ nothing is sent: what the bus lost itself would be nobody's loss.
 """
 
 import fcntl
+import select
 import struct
 import termios
 import threading
@@ -80,9 +81,11 @@ class Bus(threading.Thread):
             self._adapter.plug()
             self._expect_opening()
 
-    def unplug(self, in_mid_record=False):
-        """Pulls the adapter. With a record begun on the wire, if so wanted."""
+    def unplug(self, in_mid_record=False, in_mid_write=False):
+        """Pulls the adapter; with a record begun on the wire, or just when something is written to it, if so wanted."""
         with self._lock:
+            if in_mid_write and self._adapter.plugged:
+                select.select([self._adapter], [], [], 0.5)
             if in_mid_record and self._is_up and not self._rest:
                 self._adapter.offer(vek.record(*LEAVES["single"], bytes(4))[:6])
             self.went_down()

@@ -35,6 +35,8 @@ TICK = 0.1
 SAMPLING = 1.0
 PATIENCE = 5.0  # seconds without a value, once nothing disturbs them any more
 BY_BROKER = 15.0  # the same where a broker and its reconnections are between
+ORDERING = 0.5  # seconds between two writes by way of the broker
+SETTLING = 1.0  # seconds within which clients tell what they did
 CALM_BEFORE, CALM_AFTER = 8.0, 8.0
 LATENCY = 1.0  # seconds that 99 of 100 values may take while faults rage elsewhere
 BEHIND_THE_DIP = 3  # numbers behind the beginning of a link that garbage on the line may take with it
@@ -61,6 +63,7 @@ class Soak:
         self._schema_in_force, self._schema_ceased = False, None
         self._last_look = None
         self._skips = 0
+        self._sampled = self._ordered = 0.0
         self._build()
 
     # The chain
@@ -142,7 +145,10 @@ class Soak:
         self.event("no more faults")
         last = self.bus.mark()
         self._go_on(CALM_AFTER)
-        self._judge(last)
+        listened_until = time.monotonic()
+        time.sleep(SETTLING)  # what has arrived was announced, and is told by now
+        self._take_what_was_said()
+        self._judge(last, listened_until)
 
     def _go_on(self, seconds):
         end = time.monotonic() + seconds
@@ -168,6 +174,7 @@ class Soak:
         self._look_at_logs()
         self._take_what_was_said()
         self._take_writes()
+        self._write_by_broker()
         self._look_for_silence()
         self._sample()
 
@@ -253,7 +260,7 @@ class Soak:
                 break
             hearing = self.hearings.setdefault(client, Hearing(client))
             getattr(self, f"_{what}")(hearing, sent, *words)
-        self.board.take(sent)
+        self.board.take(sent, self.writers["gateway"].confirm)
 
     def _heard(self, hearing, sent, leaf, runs, number, arrival):
         hearing.take(arrival, leaf, runs, sent[leaf])
@@ -299,6 +306,14 @@ class Soak:
             self._is_up = self.bus.is_up
             self.stands["up"].change(time.monotonic(), self._is_up)
 
+    def _write_by_broker(self):
+        now, writer = time.monotonic(), self.writers["gateway"]
+        if now - self._ordered >= ORDERING:
+            self._ordered = now
+            number = writer.counts[0] + 1
+            writer.announce(number, now)
+            self.board.write("written_gateway", number)
+
     # Silence
 
     def _look_for_silence(self):
@@ -319,7 +334,7 @@ class Soak:
         return None if None in healed else max(healed)
 
     def _sample(self):
-        if time.monotonic() - getattr(self, "_sampled", 0) >= SAMPLING:
+        if time.monotonic() - self._sampled >= SAMPLING:
             self._sampled = time.monotonic()
             for program in self.programs.values():
                 program.sample()
@@ -331,12 +346,12 @@ class Soak:
 
     # The judgement
 
-    def _judge(self, last):
+    def _judge(self, last, listened_until):
         self._excuse_links()
         for hearing in [*self.hearings.values(), *self.board.hearings.values()]:
             self.breaches += hearing.breaches + hearing.judge(self.excuses)
         for writer in self.writers.values():
-            self.breaches += writer.judge(self._stood)
+            self.breaches += writer.judge(self._stood, listened_until)
         self.breaches += self.board.breaches
         self._judge_flow(last)
         self._judge_growth()
