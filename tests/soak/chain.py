@@ -1,106 +1,57 @@
-"""The far end of the chain: what the broker passes on of the gateway's batches, and what the history has of them."""
+"""The chain that is put to the test: a bus, the programs, the network between two of them, honest clients."""
 
-import collections
 import json
-import queue
-import time
-import urllib.parse
-import urllib.request
 
-import paho.mqtt.client as mqtt
+import harness
+import honest
+import lines
+import load
+import programs
+from board import BoardEar
+from gatewayharness import Relay, free_port
 
-from invariants import Breach, Hearing
-
-BASE = "vorbel/soak/"
-
-
-class BoardEar:
-    """Subscribes to the batches with a session that outlives the broker, and holds them against the bus: one Hearing
-    for each boot of the gateway, since what a killed one had not spooled is nobody's promise."""
-
-    def __init__(self, port):
-        self.hearings, self.breaches = {}, []
-        self.batches = self.repeated = self.missing = 0
-        self.slow = {}  # {value: ms}
-        self.last_heard = 0.0
-        self._next = {}  # {boot: n}
-        self._arrived = queue.SimpleQueue()
-        self._client = mqtt.Client(client_id="soak", clean_session=False)
-        self._client.on_connect = lambda client, *_: client.subscribe([(BASE + "values", 1), (BASE + "done", 1)])
-        self._client.on_message = self._hear
-        self._client.reconnect_delay_set(1, 1)
-        self._client.connect("127.0.0.1", port, keepalive=20)
-        self._client.loop_start()
-
-    def _hear(self, _client, _data, message):
-        self._arrived.put((time.monotonic(), message.topic[len(BASE):], message.payload))
-
-    def write(self, path, value):
-        """One value, as an operator does."""
-        order = {"value": value, "time": int(time.time() * 1000)}
-        self._client.publish(f"{BASE}set/tester/{path}", json.dumps(order), 1)
-
-    def close(self):
-        self._client.disconnect()
-        self._client.loop_stop()
-
-    def take(self, sent, confirm):
-        """What has come since. `confirm` is called with the number and the time of each write that was done."""
-        while True:
-            try:
-                at, topic, payload = self._arrived.get_nowait()
-            except queue.Empty:
-                return
-            said = json.loads(payload)
-            if topic == "values":
-                self._take(at, said, sent)
-            elif said["ok"] and said["path"]:
-                confirm(said["value"], at)
-
-    def _take(self, at, batch, sent):
-        boot, number = batch["boot"], batch["n"]
-        expected = self._next.get(boot, 0)
-        if number < expected:
-            self.repeated += 1
-            return
-        hearing = self.hearings.setdefault(boot, Hearing(f"board, boot {boot}"))
-        if number > expected:
-            self.missing += number - expected
-            self.breaches.append(Breach(at, "lost", f"broker: batches {expected} to {number - 1} of boot {boot}"))
-            hearing.skip()
-        self._next[boot] = number + 1
-        self.batches += 1
-        self.last_heard = at
-        for since, values in batch["v"]:
-            for leaf, value in values.items():
-                if leaf in sent:
-                    numbers = value if isinstance(value, list) else [value]
-                    hearing.take(at, leaf, runs(numbers), sent[leaf])
-                if leaf == "slow":
-                    self.slow[value] = batch["t"] + since
-
-    @staticmethod
-    def missing_in(stored, passed_on):
-        """What was passed on, {value: ms}, and is not in the database, although it is alone in its millisecond."""
-        by_time = collections.Counter(passed_on.values())
-        return [(at, value) for value, at in sorted(passed_on.items()) if value not in stored and by_time[at] == 1]
+LINKS = {"serialport": lines.AdapterLine, "socketcan": lines.CanLine}
+CHAIN = ("daemon", "broker", "gateway", "history", "database")
 
 
-def runs(numbers):
-    """Numbers as runs without a gap."""
-    found = []
-    for number in numbers:
-        if found and number == found[-1][1] + 1:
-            found[-1][1] = number
-        else:
-            found.append([number, number])
-    return found
+class Chain:
+    """`said` is called with what honest clients say."""
 
+    def __init__(self, folder, link, rate, clients, said):
+        self._said = said
+        self.bus = load.Bus(LINKS[link](folder / "bus"), rate)
+        (folder / "schema.json").write_text(json.dumps(load.SCHEMA))
+        self._broker_port, self.database_port = free_port(), free_port()
+        self.relay = Relay(self._broker_port)
+        self.programs = {
+            "daemon": programs.daemon(folder, self.bus.line.env()),
+            "broker": programs.broker(folder, self._broker_port),
+            "database": programs.database(folder, self.database_port),
+            "history": programs.history(folder, self._broker_port, self.database_port),
+            "gateway": programs.gateway(folder, self.relay.port, folder / "schema.json"),
+        }
+        for name, command in honest.commands(harness.BUILD, harness.URI, clients).items():
+            self.programs[name] = programs.Program(name, folder, command, output=self._listen)
+        self.board = None
 
-def ask_database(port):
-    """The values of the slow leaf that the history has."""
-    url = f"http://127.0.0.1:{port}"
-    urllib.request.urlopen(f"{url}/internal/force_flush", timeout=30).read()
-    query = urllib.parse.urlencode({"match[]": '{__name__="vorbel_value",path="slow"}', "start": "0"})
-    with urllib.request.urlopen(f"{url}/api/v1/export?{query}", timeout=60) as answer:
-        return {int(value) for line in answer for value in json.loads(line)["values"]}
+    def _listen(self, stream):
+        honest.Ear(stream, self._said)
+
+    def begin(self):
+        self.bus.plug()
+        for name, port in (("daemon", harness.PORT), ("broker", self._broker_port), ("database", self.database_port)):
+            self.programs[name].start()
+            programs.wait_answering(port)
+        self.board = BoardEar(self._broker_port)
+        for name in ("history", "gateway", *honest.LIBRARIES):
+            self.programs[name].start()
+        self.bus.start()
+
+    def end(self):
+        """Ends everything that was started, and reports nothing."""
+        for program in self.programs.values():
+            program.end()
+        self.bus.stop()
+        self.relay.close()
+        if self.board:
+            self.board.close()

@@ -1,5 +1,5 @@
 """What is done to the chain. A fault is a generator: what stands before its `yield` happens at its beginning, what
-stands behind it at its end. `needs` names the parts that it disturbs: no two faults disturb the same part at once."""
+stands behind it at its end. Neither may wait for a program: others may be held at the same time."""
 
 import contextlib
 import errno
@@ -9,23 +9,30 @@ import random
 import resource
 import socket
 import struct
+import threading
 import time
 from typing import Callable, NamedTuple
 
 import hostile
 from harness import PORT
+from vorbelsim.canbus import CONNECTION_ERROR, READ_ERROR
 
 HANDSHAKE = ("GET / HTTP/1.1\r\nHost: board\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
              "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n").encode()
-TEXT, BINARY = 0x81, 0x82
-ALL_AT_ONCE = 200
+TEXT, BINARY, CLOSE = 0x81, 0x82, 0x88
+PATIENCE = 5  # seconds that a bare client waits for the daemon
 
 
 class Fault(NamedTuple):
+    """`parts` are those that it needs for itself: no two faults have one part at once. `breaks` are those of them of
+    which nothing is promised meanwhile."""
+
     kind: str
-    needs: tuple
+    parts: tuple
     run: Callable
     longest: float = 3.0  # seconds
+    breaks: bool = True
+    is_kill: bool = False
 
 
 class Planned(NamedTuple):
@@ -40,19 +47,18 @@ class Planned(NamedTuple):
 # Bare clients, which do as they like
 
 
-def connect(greeted=True, receive_buffer=None):
+def connect(handshake=HANDSHAKE, receive_buffer=None):
     client = socket.socket()
-    client.settimeout(5)
+    client.settimeout(PATIENCE)
     if receive_buffer:
         client.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
     client.connect(("127.0.0.1", PORT))
-    if greeted:
-        client.sendall(HANDSHAKE)
+    client.sendall(handshake)
     return client
 
 
-def frame(kind, payload):
-    """A message, masked with zeros."""
+def message(kind, payload):
+    """Masked with zeros."""
     size = len(payload)
     head = (bytes([kind, 0x80 | size]) if size < 126 else
             struct.pack(">BBH", kind, 0xFE, size) if size < 65536 else struct.pack(">BBQ", kind, 0xFF, size))
@@ -61,52 +67,101 @@ def frame(kind, payload):
 
 def vanish(client):
     """Resets the connection, whatever is on its way."""
-    client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+    with contextlib.suppress(OSError):
+        client.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
     client.close()
 
 
-def tell(kind, *payloads):
-    """One client that says these messages, waits until they are handled, and goes."""
+def tell(kind, payload):
+    """Says one message on a connection of its own, and returns when it has been handled."""
     with contextlib.suppress(OSError), connect() as client:
         client.recv(65536)
-        for payload in payloads:
-            client.sendall(frame(kind, payload))
-        client.sendall(frame(0x88, b""))
-        deadline = time.monotonic() + 5
+        client.sendall(message(kind, payload) + message(CLOSE, b""))
+        deadline = time.monotonic() + PATIENCE
         while client.recv(65536) and time.monotonic() < deadline:
             pass
 
 
-# The link
+class Crowd(threading.Thread):
+    """Clients that come on their own, as soon as the daemon lets them, until they have to leave."""
+
+    def __init__(self, count, leave=vanish, say=lambda client: None, **options):
+        super().__init__(daemon=True)
+        self._count, self._say, self._leave, self._options = count, say, leave, options
+        self._leaving = threading.Event()
+        self.start()
+
+    def run(self):
+        clients = []
+        with contextlib.suppress(OSError):
+            while len(clients) < self._count and not self._leaving.is_set():
+                clients.append(connect(**self._options))
+                self._say(clients[-1])
+        self._leaving.wait()
+        for client in clients:
+            self._leave(client)
+
+    def leave(self):
+        self._leaving.set()
 
 
-def pull(soak, rng):
-    soak.bus.unplug()
+def crowd(count, say=None, leave=None, **options):
+    """A fault: so many clients. `say` and `leave` are given a client and the fault's chance."""
+    def run(_soak, rng):
+        def bound(act):
+            return lambda client: act(client, rng)
+
+        people = Crowd(count, bound(leave) if leave else vanish, bound(say) if say else lambda _client: None, **options)
+        yield
+        people.leave()
+    return run
+
+
+def begin_and_vanish(client, rng):
+    with contextlib.suppress(OSError):
+        client.send(message(BINARY, bytes(100))[:rng.randint(1, 50)])
+    vanish(client)
+
+
+def say_garbage(client, rng):
+    """Messages that are nothing, and then what is no message."""
+    for _ in range(rng.randint(5, 50)):
+        client.sendall(message(BINARY, rng.randbytes(rng.randint(1, 400))))
+    client.sendall(rng.randbytes(2000))
+
+
+def say_hostile_message(client, rng):
+    make = hostile.MESSAGES[rng.choice(sorted(hostile.MESSAGES))]
+    client.sendall(message(BINARY, make(rng.choice([0.3, 1.0]))))
+
+
+def half_handshakes(_soak, rng):
+    people = Crowd(30, handshake=HANDSHAKE[:rng.randint(1, len(HANDSHAKE) - 1)])
     yield
-    soak.bus.plug()
+    people.leave()
 
 
-def pull_in_mid_record(soak, rng):
-    soak.bus.unplug(in_mid_record=True)
+def other_schema(soak, rng):
+    """None at all, one of somebody else's, or a hostile one."""
+    texts = [lambda: "no schema", lambda: json.dumps({"other": {"@mac": 5, "@cmd": 2, "@format": "C"}}),
+             *(lambda make=hostile.SCHEMAS[name]: make(0.3) for name in sorted(hostile.SCHEMAS))]
+    tell(TEXT, rng.choice(texts)().encode())
     yield
-    soak.bus.plug()
+    soak.restore_schema()
 
 
-def pull_in_mid_write(soak, rng):
-    soak.bus.unplug(in_mid_write=True)
-    yield
-    soak.bus.plug()
+# The links
 
 
-def port_fails(soak, rng):
-    """A read error on a port that is still there: the daemon opens it again."""
-    soak.bus.reopens()
-    soak.bus.adapter.fail("read", errno.EINVAL)
-    yield
-    soak.bus.adapter.heal("read")
+def pulled(**how):
+    def run(soak, _rng):
+        soak.bus.unplug(**how)
+        yield
+        soak.bus.plug()
+    return run
 
 
-def other_adapter(soak, rng):
+def other_adapter(soak, _rng):
     soak.bus.unplug()
     soak.bus.plug(1)
     yield
@@ -114,26 +169,56 @@ def other_adapter(soak, rng):
     soak.bus.plug(0)
 
 
-def port_does_not_open(soak, rng):
+def port_does_not_open(soak, _rng):
     soak.bus.unplug()
     soak.bus.plug()
-    soak.bus.adapter.fail("open", errno.EACCES)
+    soak.bus.line.adapter.fail("open", errno.EACCES)
     yield
-    soak.bus.adapter.heal("open")
+    soak.bus.line.adapter.heal("open")
 
 
-# Processes
+def port_fails(soak, _rng):
+    """A read error on a port that is still there: the daemon opens it again."""
+    with soak.bus.alone() as line:
+        soak.bus.reopens()
+        line.adapter.fail("read", errno.EINVAL)
+    yield
+    soak.bus.line.adapter.heal("read")
+
+
+def can_error(error):
+    def run(soak, _rng):
+        with soak.bus.alone() as line:
+            soak.bus.reopens()
+            line.bus.report_error(error)
+        yield
+    return run
+
+
+def can_refuses(mode):
+    """can0 is deleted, and what is there instead cannot be used for a while."""
+    def run(soak, _rng):
+        with soak.bus.alone() as line:
+            line.bus.mode = mode
+            soak.bus.reopens()
+            line.bus.disconnect()
+        yield
+        soak.bus.line.bus.mode = "present"
+    return run
+
+
+# Processes, and what the system gives them
 
 
 def killed(name):
-    def run(soak, rng):
+    def run(soak, _rng):
         soak.kill(name)
         yield
     return run
 
 
 def held(name):
-    def run(soak, rng):
+    def run(soak, _rng):
         program = soak.programs[name]
         program.pause()
         yield
@@ -141,146 +226,102 @@ def held(name):
     return run
 
 
-def no_descriptors(soak, rng):
+def limited(program, what, soft):
+    """Sets a soft limit of a process; returns what gives it back."""
+    pid = program.pid
+    before = resource.prlimit(pid, what)
+    resource.prlimit(pid, what, (soft, before[1]))
+
+    def give_back():
+        with contextlib.suppress(ProcessLookupError):
+            resource.prlimit(pid, what, before)
+    return give_back
+
+
+def no_descriptors(soak, _rng):
+    """The daemon opens nothing more, and clients knock."""
     program = soak.programs["daemon"]
-    pid, before = program.pid, resource.prlimit(program.pid, resource.RLIMIT_NOFILE)
-    taken = set(map(int, os.listdir(f"/proc/{pid}/fd")))
-    free = next(number for number in range(100_000) if number not in taken)
-    resource.prlimit(pid, resource.RLIMIT_NOFILE, (free, before[1]))
-    clients = []
-    with contextlib.suppress(OSError):
-        clients = [connect() for _ in range(10)]
+    taken = set(map(int, os.listdir(f"/proc/{program.pid}/fd")))
+    free = next(number for number in range(len(taken) + 1) if number not in taken)
+    give_back = limited(program, resource.RLIMIT_NOFILE, free)
+    people = Crowd(10)
     yield
-    resource.prlimit(pid, resource.RLIMIT_NOFILE, before)
-    for client in clients:
-        client.close()
+    give_back()
+    people.leave()
 
 
-def disk_full(soak, rng):
-    program = soak.programs["gateway"]
-    pid, before = program.pid, resource.prlimit(program.pid, resource.RLIMIT_FSIZE)
-    resource.prlimit(pid, resource.RLIMIT_FSIZE, (0, before[1]))
+def disk_full(soak, _rng):
+    give_back = limited(soak.programs["gateway"], resource.RLIMIT_FSIZE, 0)
     yield
-    with contextlib.suppress(ProcessLookupError):
-        resource.prlimit(pid, resource.RLIMIT_FSIZE, before)
+    give_back()
 
 
 # The network between gateway and broker
 
 
-def network_cut(soak, rng):
+def network_cut(soak, _rng):
     soak.relay.shut()
     yield
     soak.relay.open()
 
 
-def network_stalls(soak, rng):
+def network_stalls(soak, _rng):
     soak.relay.stall()
     yield
     soak.relay.carry()
 
 
-# Clients
+def kill(name, longest=1.0):
+    return Fault(f"{name} killed", (name,), killed(name), longest, is_kill=True)
 
 
-def come_and_vanish(soak, rng):
-    clients = [connect(receive_buffer=4096) for _ in range(20)]
-    yield
-    for client in clients:
-        client.send(frame(BINARY, bytes(100))[:rng.randint(1, 50)])
-        vanish(client)
+def hold(name, longest=4.0):
+    return Fault(f"{name} held", (name,), held(name), longest)
 
 
-def stalling(soak, rng):
-    clients = [connect(receive_buffer=4096) for _ in range(5)]
-    yield
-    for client in clients:
-        vanish(client)
-
-
-def garbage(soak, rng):
-    """What is no message, and messages that are nothing."""
-    clients = [connect() for _ in range(3)]
-    with contextlib.suppress(OSError):
-        for client in clients:
-            for _ in range(rng.randint(5, 50)):
-                client.sendall(frame(BINARY, rng.randbytes(rng.randint(1, 400))))
-            client.sendall(rng.randbytes(2000))
-    yield
-    for client in clients:
-        client.close()
-
-
-def hostile_message(soak, rng):
-    name = rng.choice(sorted(hostile.MESSAGES))
-    tell(BINARY, hostile.MESSAGES[name](rng.choice([0.3, 1.0])))
-    yield
-
-
-def all_at_once(soak, rng):
-    clients = []
-    with contextlib.suppress(OSError):
-        for _ in range(ALL_AT_ONCE):
-            clients.append(connect())
-    yield
-    for client in clients:
-        vanish(client)
-
-
-def half_handshakes(soak, rng):
-    clients = [connect(greeted=False) for _ in range(30)]
-    with contextlib.suppress(OSError):
-        for client in clients:
-            client.sendall(HANDSHAKE[:rng.randint(1, len(HANDSHAKE) - 1)])
-    yield
-    for client in clients:
-        client.close()
-
-
-def other_schema(soak, rng):
-    """A schema of somebody else's, a hostile one, or none at all."""
-    text = rng.choice([lambda: "no schema", lambda: json.dumps({"other": {"@mac": 5, "@cmd": 2, "@format": "C"}}),
-                       *(lambda name=name: hostile.SCHEMAS[name](0.3) for name in sorted(hostile.SCHEMAS))])()
-    tell(TEXT, text.encode())
-    yield
-    soak.restore_schema()
-
-
-FAULTS = [
-    Fault("adapter pulled", ("link",), pull),
-    Fault("adapter pulled in mid-record", ("link",), pull_in_mid_record),
-    Fault("adapter pulled in mid-write", ("link",), pull_in_mid_write),
-    Fault("port fails", ("link",), port_fails, 2),
-    Fault("other adapter", ("link",), other_adapter, 4),
-    Fault("port does not open", ("link",), port_does_not_open),
-    Fault("daemon killed", ("daemon",), killed("daemon"), 1),
-    Fault("daemon held", ("daemon",), held("daemon"), 2.5),
-    Fault("descriptors exhausted", ("daemon",), no_descriptors),
-    Fault("clients vanish", ("clients",), come_and_vanish),
-    Fault("clients stall", ("clients",), stalling, 6),
-    Fault("garbage", ("clients",), garbage, 1),
-    Fault("hostile message", ("clients",), hostile_message, 1),
-    Fault("200 clients at once", ("clients",), all_at_once),
+EVERYWHERE = (
+    kill("daemon"), hold("daemon", 2.5),
+    Fault("descriptors exhausted", ("daemon",), no_descriptors, breaks=False),
+    Fault("clients vanish", ("clients",), crowd(20, leave=begin_and_vanish, receive_buffer=4096)),
+    Fault("clients stall", ("clients",), crowd(5, receive_buffer=4096), 6),
+    Fault("garbage", ("clients",), crowd(3, say=say_garbage), 1),
+    Fault("hostile message", ("clients",), crowd(1, say=say_hostile_message), 1),
+    Fault("200 clients at once", ("clients",), crowd(200)),
     Fault("half handshakes", ("clients",), half_handshakes, 6),
-    Fault("other schema", ("schema", "clients"), other_schema, 2),
-    *(Fault(f"{name} clients held", (name,), held(name), 2.5) for name in ("python", "javascript", "cpp")),
-    Fault("broker killed", ("broker",), killed("broker"), 1),
-    Fault("broker held", ("broker",), held("broker"), 4),
+    Fault("other schema", ("schema", "daemon", "clients"), other_schema, 2),
+    hold("python", 2.5), hold("javascript", 2.5), hold("cpp", 2.5),
+    kill("broker"), hold("broker"),
     Fault("network cut", ("network",), network_cut, 4),
     Fault("network stalls", ("network",), network_stalls, 4),
-    Fault("gateway killed", ("gateway",), killed("gateway"), 1),
-    Fault("gateway held", ("gateway",), held("gateway"), 2.5),
-    Fault("gateway's disk full", ("gateway",), disk_full, 4),
-    Fault("history killed", ("history",), killed("history"), 1),
-    Fault("history held", ("history",), held("history"), 4),
-    Fault("database killed", ("database",), killed("database"), 1),
-    Fault("database held", ("database",), held("database"), 4),
-]
-REST = 2.0  # seconds that a part has between two faults at least, and two seconds in which it works
+    kill("gateway"), hold("gateway", 2.5),
+    Fault("gateway's disk full", ("gateway",), disk_full, 4, breaks=False),
+    kill("history"), hold("history"),
+    kill("database"), hold("database"),
+)
+ON_LINE = {
+    "serialport": (
+        Fault("adapter pulled", ("link",), pulled()),
+        Fault("adapter pulled in mid-record", ("link",), pulled(in_mid_record=True)),
+        Fault("adapter pulled in mid-write", ("link",), pulled(in_mid_write=True)),
+        Fault("other adapter", ("link",), other_adapter, 4),
+        Fault("port does not open", ("link",), port_does_not_open),
+        Fault("port fails", ("link", "daemon"), port_fails, 2),
+    ),
+    "socketcan": (
+        Fault("can0 deleted", ("link",), pulled()),
+        Fault("can0 absent", ("link",), can_refuses("absent")),
+        Fault("can0 refuses", ("link",), can_refuses("refuse")),
+        Fault("can0 fails on reading", ("link", "daemon"), can_error(READ_ERROR), 1),
+        Fault("can0 is off", ("link", "daemon"), can_error(CONNECTION_ERROR), 1),
+    ),
+}
+REST = 2.0  # seconds that a part has between two faults at least
+WITHOUT_KILLS = 2 / 3  # of the time: a leak shows in a process that is left alive
 
 
-def plan(seed, seconds, faults=tuple(FAULTS)):
-    """The faults of a run: a function of the seed. Each part is busy on its own, so several are at once."""
+def plan(seed, seconds, faults):
+    """The faults of a run: a function of the seed. Each part is busy on its own, so several faults are there at
+    once."""
     rng = random.Random(seed)
     planned, free = [], {}
     now = 0.0
@@ -290,6 +331,7 @@ def plan(seed, seconds, faults=tuple(FAULTS)):
             return planned
         fault, length, own = rng.choice(faults), rng.random(), rng.getrandbits(32)
         duration = 0.2 + length * (fault.longest - 0.2)
-        if all(free.get(part, 0) <= now for part in fault.needs) and now + duration < seconds:
+        is_early = fault.is_kill and now < WITHOUT_KILLS * seconds
+        if not is_early and now + duration < seconds and all(free.get(part, 0) <= now for part in fault.parts):
             planned.append(Planned(now, duration, fault, own))
-            free.update(dict.fromkeys(fault.needs, now + duration + REST + 4 * rng.random()))
+            free.update(dict.fromkeys(fault.parts, now + duration + REST + 4 * rng.random()))

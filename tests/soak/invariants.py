@@ -34,6 +34,13 @@ class Excuses:
     def __init__(self):
         self._ranges = collections.defaultdict(list)
 
+    def __add__(self, other):
+        both = Excuses()
+        for excuses in (self, other):
+            for leaf, ranges in excuses._ranges.items():
+                both._ranges[leaf] += ranges
+        return both
+
     def add(self, before, until, leaves=None):
         """Numbers behind the mark `before` and up to the mark `until` may be missing."""
         for leaf in leaves or before.keys():
@@ -54,28 +61,27 @@ class Excuses:
 
 
 class Hearing:
-    """What one client heard, and what it missed: gaps are judged when all excuses are known."""
+    """What one client heard. Gaps are judged in the end, when all excuses are known."""
 
     def __init__(self, name):
         self.name = name
-        self.breaches = []
         self.compared = collections.Counter()
-        self.doubled = 0
-        self.gaps = []  # (time, leaf, first, last)
-        self.last = {}  # {leaf: number}, over all connections
+        self.lost = self.doubled = 0
+        self.last = {}  # {leaf: the highest number}, over all connections
+        self._breaches = []
+        self._gaps = []  # (time, leaf, first, last)
         self._connected = {}  # {leaf: the last number on this connection}
-        self._is_excused = False
 
     def begin(self):
         """A connection begins."""
         self._connected.clear()
 
     def skip(self):
-        """The library says that it has dropped something: the next gap of each leaf is its."""
+        """It is said that something was dropped: the next gap of each leaf is that."""
         self._connected.clear()
 
     def take(self, time, leaf, runs, sent):
-        """Runs of numbers, when the bus has sent up to `sent`."""
+        """Runs of numbers without a gap, [first, last], when the bus has sent up to `sent`."""
         for first, last in runs:
             self._take(time, leaf, first, last, sent)
 
@@ -83,24 +89,28 @@ class Hearing:
         self.compared[leaf] += last - first + 1
         highest = self.last.get(leaf, 0)
         if not 0 < first <= last <= sent:
-            self.breaches.append(Breach(time, "unsent", f"{self.name}: {leaf} {first} to {last}, sent up to {sent}"))
+            self._breach(time, "unsent", f"{leaf} {first} to {last}, and {sent} is the last that was sent")
             return
         if first <= highest:
-            self.doubled += 1
-            self.breaches.append(Breach(time, "doubled", f"{self.name}: {leaf} {first} to {last} after {highest}"))
+            self.doubled += min(last, highest) - first + 1
+            self._breach(time, "doubled", f"{leaf} {first} to {last} after {highest}")
         before = self._connected.get(leaf)
         if before is not None and first > before + 1:
-            self.gaps.append((time, leaf, before + 1, first - 1))
+            self._gaps.append((time, leaf, before + 1, first - 1))
         self._connected[leaf] = max(last, before or 0)
         self.last[leaf] = max(last, highest)
 
     def judge(self, excuses):
-        """The numbers that are missing without an excuse, as breaches."""
-        found = []
-        for time, leaf, first, last in self.gaps:
-            found += [Breach(time, "lost", f"{self.name}: {leaf} {begin} to {end}")
-                      for begin, end in excuses.missing(leaf, first, last)]
-        return found
+        """All breaches: a number that comes too late is one of being lost, too."""
+        for time, leaf, first, last in self._gaps:
+            for begin, end in excuses.missing(leaf, first, last):
+                self.lost += end - begin + 1
+                self._breach(time, "lost", f"{leaf} {begin} to {end}")
+        self._gaps.clear()
+        return self._breaches
+
+    def _breach(self, time, kind, text):
+        self._breaches.append(Breach(time, kind, f"{self.name}: {text}"))
 
 
 class Stands:
@@ -108,6 +118,11 @@ class Stands:
 
     def __init__(self):
         self._changes = []  # (time, whether it stands)
+
+    @property
+    def now(self):
+        """None before the first change."""
+        return self._changes[-1][1] if self._changes else None
 
     def change(self, time, stands):
         self._changes.append((time, stands))
@@ -209,6 +224,11 @@ def is_growing(samples, tolerated):
     """Whether the line rises by more than is tolerated over all of the time, beyond what chance explains."""
     line = growth(samples)
     return line is not None and line.total > tolerated and line.slope > 3 * line.doubt
+
+
+def settled(samples):
+    """The least value: what an instant's work takes is not kept."""
+    return min((value for _, value in samples), default=0)
 
 
 def percentile(values, share):

@@ -9,8 +9,7 @@ import subprocess
 import time
 
 import harness
-from gatewayharness import answers, free_port, ini
-from vorbelsim import build as sim_build
+from gatewayharness import answers, ini
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 RESTART_AFTER = 0.3  # seconds
@@ -32,15 +31,22 @@ class Life:
     """One process from its start to its end, with its samples."""
 
     def __init__(self, process):
-        self.process, self.started, self.samples = process, time.monotonic(), []
+        self.process, self.samples = process, []
+
+    def of(self, what):
+        """(time, value) of one thing."""
+        return [(sample.time, getattr(sample, what)) for sample in self.samples]
 
 
 class Program:
     """One program, over as many lives as it takes. It ends with the soak, however that ends: only the main thread
     starts one, since the kernel counts from that."""
 
-    def __init__(self, name, folder, command, environment=None, expected=(), before=None, output=None):
-        """`expected` are the patterns of lines that may stand in its log."""
+    def __init__(self, name, folder, command, environment=None, expected=(), before=None, output=None,
+                 is_log_carried=False):
+        """`expected` are the patterns of lines that may stand in its log, `before` runs in its process, and `output` is
+        called with what each process prints. A log that is carried is written by another process: the disk of a program
+        may be full then."""
         self.name, self.expected = name, expected
         self.folder = folder / name
         self.folder.mkdir(parents=True, exist_ok=True)
@@ -50,13 +56,14 @@ class Program:
         self._command = ["setpriv", "--pdeathsig", "KILL", *map(str, command)]
         self._environment = {key: value for key, value in os.environ.items() if not key.startswith("VORBEL_")}
         self._environment.update(environment or {})
-        self._before, self._output = before, output
+        self._before, self._output, self._is_log_carried = before, output, is_log_carried
         self._is_killed = False
         self._ended = None
         self._read = 0
+        self._carriers = []
 
     def start(self):
-        with open(self.log_path, "ab") as log:
+        with self._log() as log:
             process = subprocess.Popen(self._command, env=self._environment, cwd=self.folder,
                                        stdin=subprocess.DEVNULL, stderr=log, preexec_fn=self._before,
                                        stdout=subprocess.PIPE if self._output else log)
@@ -65,6 +72,18 @@ class Program:
         if self._output:
             self._output(process.stdout)
         return self
+
+    @contextlib.contextmanager
+    def _log(self):
+        """Where a process writes its log."""
+        with open(self.log_path, "ab") as file:
+            if not self._is_log_carried:
+                yield file
+                return
+            carrier = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", "cat"], stdin=subprocess.PIPE, stdout=file)
+        self._carriers.append(carrier)
+        with carrier.stdin as log:
+            yield log
 
     @property
     def process(self):
@@ -118,15 +137,11 @@ class Program:
         self._read += len(whole)
         return whole.decode(errors="replace").splitlines()
 
-    def limit(self, what, soft):
-        """Sets the soft limit of a resource; None gives it back."""
-        hard = resource.prlimit(self.pid, what)[1]
-        resource.prlimit(self.pid, what, (hard if soft is None else soft, hard))
-
     def end(self):
         if self.lives and self.alive:
-            self.resume()
             self.kill()
+        for carrier in self._carriers:
+            carrier.wait()
 
 
 def ignore_full_disk():
@@ -136,32 +151,53 @@ def ignore_full_disk():
 
 QT = {"QT_MESSAGE_PATTERN": "%{type} %{message}", "LC_ALL": "C.UTF-8", "QT_LOGGING_RULES": "default.debug=false"}
 PEER = r'QHostAddress\("[^"]*"\)'
-DAEMON_LINES = [
-    f"info New connection incoming from {PEER}", f"info Connection closed {PEER}",
-    r"info Sending hello message QJsonDocument\(.*\) for device \"[^\"]*\"", r"info Received schema: .*",
+DAEMON_LINES = (
+    f"info New connection incoming from {PEER}",
+    f"info Connection closed {PEER}",
+    r'info Sending hello message QJsonDocument\(.*\) for device "[^"]*"',
+    r"info Received schema: QJsonDocument\(.*\)",
     f"warning Dropping the client at {PEER} which leaves \\d+ bytes unread",
     r"warning Dropping a (?:schema|message) of \d+ bytes: decoded it takes up to \d+ bytes of memory, and \d+ are "
-    "granted",
-    r"warning QIODevice::write \(QSerialPort\): device not open",
+    r"granted",
     r"warning No file descriptor is left: new clients have to wait",
-    r'warning bool Main::openSerialPort\(\) error ".*"',
-    r"warning Dropping a message of \d+ bytes: the serial port leaves \d+ bytes unwritten",
+    r"warning Cannot accept a connection.*",
     r"critical Input dropped, its conversion failed: Bad type",
-    r"warning MsgPack::unpack\(\) .*", r'warning Key: ".*" does not exist in the schema',
+    r"warning MsgPack::unpack\(\) (?:unpacker for type \d+ doesn't exist|can't .*)",
+    r'warning Key: ".*" does not exist in the schema',
     r"warning And \d+ more lines of this kind from the same message: .*",
-    r"warning .*(?:accept|Accept).*",
-]
-GATEWAY_LINES = [
-    r"info daemon: connected to .*", r"warning daemon: .*; trying again", r"info broker: connected to .*",
-    r"warning broker: .*; trying again(?:, .*)?", r"info schema: .*", r"warning schema: .*", r"info done .*",
-    r"warning broker: cannot subscribe to .*", r"warning spool: cannot write to .*", r"warning state: cannot write .*",
-]
-HISTORY_LINES = [r"<6>.*", r"<4>broker: .*", r"<4>database: .*"]
+    # the serial link
+    r"warning QIODevice::write \(QSerialPort\): device not open",
+    r'warning bool Main::openSerialPort\(\) error ".*"',
+    # SocketCAN
+    r'critical Socket can creation failed:  ".*"',
+    r"critical Socket can cannot connect\.",
+    r"warning QObject::connect\(QCanBusDevice, Unknown\): invalid nullptr parameter",
+    r'warning Lost \d+ of \d+ frames of one message, can0 says: ".*"',
+)
+GATEWAY_LINES = (
+    r"info daemon: connected to .*",
+    r"warning daemon: .*; trying again",
+    r"info broker: connected to .* as .*",
+    r"warning broker: .*; trying again(?:, at least every \d+ s)?",
+    r"info schema: .*",
+    r"warning schema: a value comes that it does not have, .*",
+    r"info done \{.*\}",
+    r"warning broker: cannot subscribe to .*",
+    r"warning spool: cannot write to .*: what the broker has not acknowledged is kept in memory",
+    r"warning (?:state|topics): cannot write .*",
+)
+HISTORY_LINES = (
+    r"<6>broker: connected to .* as .*",
+    r"<4>broker: .*; trying again",
+    r"<4>database: .*; trying again",
+    r"<6>database: it takes values again",
+)
+A_STOCK_PROGRAMS = (".*",)  # its own affair
 
 
-def daemon(folder, adapters):
-    environment = {**QT, **adapters[0].env()}
-    return Program("daemon", folder, [harness.BUILD / "vorbel"], environment, DAEMON_LINES)
+def daemon(folder, link):
+    """`link` is what the environment says of it."""
+    return Program("daemon", folder, [harness.BUILD / "vorbel"], {**QT, **link}, DAEMON_LINES)
 
 
 def gateway(folder, broker_port, schema_file):
@@ -174,7 +210,8 @@ def gateway(folder, broker_port, schema_file):
                 "schema": {"file": schema_file, "defend": True}, "write": {"users": "tester: *"}}
     (place / "gateway.ini").write_text(ini(settings))
     return Program("gateway", folder, [harness.BUILD / "gateway" / "vorbel-gateway", place / "gateway.ini"],
-                   {**QT, **{key: str(value) for key, value in folders.items()}}, GATEWAY_LINES, ignore_full_disk)
+                   {**QT, **{key: str(value) for key, value in folders.items()}}, GATEWAY_LINES, ignore_full_disk,
+                   is_log_carried=True)
 
 
 def broker(folder, port):
@@ -185,14 +222,14 @@ def broker(folder, port):
         "user root", f"listener {port} 127.0.0.1", "allow_anonymous true", "log_dest stderr", "log_type error",
         "log_type warning", "max_queued_messages 100000", "set_tcp_nodelay true", "persistence true",
         f"persistence_location {place}/", "autosave_on_changes true", "autosave_interval 1", ""]))
-    return Program("broker", folder, ["mosquitto", "-c", file], expected=[r"\d+: .*"])
+    return Program("broker", folder, ["mosquitto", "-c", file], expected=A_STOCK_PROGRAMS)
 
 
 def database(folder, port):
     return Program("database", folder, [
         "victoria-metrics", f"-storageDataPath={folder}/data", f"-httpListenAddr=127.0.0.1:{port}",
         "-dedup.minScrapeInterval=1ms", "-retentionPeriod=1y", "-search.latencyOffset=0s",
-        "-memory.allowedBytes=128MB", "-search.disableCache", "-loggerLevel=ERROR"], expected=[r".*"])
+        "-memory.allowedBytes=128MB", "-search.disableCache", "-loggerLevel=ERROR"], expected=A_STOCK_PROGRAMS)
 
 
 def history(folder, broker_port, database_port):

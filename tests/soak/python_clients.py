@@ -1,4 +1,3 @@
-#!/usr/bin/python3
 """Honest clients with the Python library; what they say to the soak is in honest.py.
 
     python_clients.py URI COUNT

@@ -1,10 +1,11 @@
 """What a run says in the end."""
 
-import time
+import collections
 
 from invariants import percentile
 
-SHOWN = 40
+SHOWN = 40  # breaches
+BEHIND = 5  # seconds that are shown behind the first of them
 
 
 def table(head, rows):
@@ -16,61 +17,66 @@ def table(head, rows):
     return "\n".join([line(head), line(["-" * width for width in widths]), *map(line, rows)])
 
 
-def show(soak):
-    print(text(soak), flush=True)
-
-
 def text(soak):
-    parts = [f"Seed {soak.options.seed}, {soak.options.minutes:g} minutes, {soak.options.rate} records a second",
-             table(["fault", "times"], sorted(soak.injected.items())), _values(soak), _writes(soak), _programs(soak)]
-    delays = soak.delays
-    parts.append(f"From the bus to a client while faults raged elsewhere, {len(delays)} values: median "
-                 f"{1000 * percentile(delays, 0.5):.1f} ms, p99 {1000 * percentile(delays, 0.99):.1f} ms")
-    parts.append(f"{len(soak.breaches)} breaches")
-    if soak.breaches:
-        parts.append(_breaches(soak))
+    """The whole report: tables, and what was not kept."""
+    breaches = soak.watch.breaches
+    parts = [f"{soak.options.minutes:g} minutes on {soak.options.link}, seed {soak.options.seed}, "
+             f"{soak.options.rate} records a second, up to {soak.at_once} faults at once",
+             table(["fault", "times"], [*sorted(soak.injected.items()), ("all", sum(soak.injected.values()))]),
+             values(soak.watch, soak.chain.board.batches), writes(soak.watch), programs(soak), delays(soak.watch)]
+    if breaches:
+        parts += [last_minute(soak), "\n".join(shown(breaches)),
+                  f"Again: scripts/soak {soak.options.minutes:g} --seed {soak.options.seed} --link {soak.options.link}"]
+    parts.append(f"{len(breaches)} breaches")
     return "\n\n".join(parts)
 
 
-def _values(soak):
-    rows = []
-    lost = {}
-    for breach in soak.breaches:
-        if breach.kind == "lost":
-            name = breach.text.split(":")[0]
-            lost[name] = lost.get(name, 0) + 1
-    for name, hearing in sorted(soak.hearings.items()):
-        rows.append([name, sum(hearing.compared.values()), lost.get(name, 0), hearing.doubled,
-                     f"{soak.silences[name]:.1f} s"])
-    board = soak.board.hearings.values()
-    rows.append(["broker", sum(sum(each.compared.values()) for each in board),
-                 sum(lost.get(each.name, 0) for each in board) + soak.board.missing,
-                 sum(each.doubled for each in board), ""])
-    rows.append(["history", len(soak.stored), lost.get("history", 0), 0, ""])
-    return table(["who", "values compared", "lost", "doubled", "longest silence"], rows)
+def values(watch, batches):
+    lost = collections.Counter()
+    for breach in watch.breaches:
+        lost[breach.text.split(":")[0]] += breach.kind == "lost"
+    rows = [[name, sum(hearing.compared.values()), hearing.lost, hearing.doubled, f"{watch.silences[name]:.1f} s"]
+            for name, hearing in sorted(watch.hearings.items())]
+    boards = batches.hearings.values()
+    rows.append(["broker", sum(sum(each.compared.values()) for each in boards), sum(each.lost for each in boards),
+                 sum(each.doubled for each in boards), ""])
+    rows.append(["history", len(watch.stored), lost["history"], 0, ""])
+    return "\n".join([
+        table(["who", "values compared", "lost", "doubled", "longest silence"], rows),
+        f"Batches at the broker: {batches.missing} missing, {batches.repeated} that came again and were passed over. "
+        f"Messages that a library said it had dropped: {watch.skipped}."])
 
 
-def _writes(soak):
+def writes(watch):
+    breaches = collections.Counter(breach.text.split(":")[0] for breach in watch.breaches if breach.kind == "write")
     return table(["writer", "written", "confirmed", "arrived", "breaches"],
-                 [[name, *writer.counts, sum(1 for breach in soak.breaches if breach.kind == "write"
-                                             and breach.text.startswith(f"{name}:"))]
-                  for name, writer in soak.writers.items()])
+                 [[name, *writer.counts, breaches[name]] for name, writer in watch.writers.items()])
 
 
-def _programs(soak):
+def programs(soak):
     rows = []
-    for name, first in soak.calm.items():
-        now = soak.now[name]
-        rows.append([name, len(soak.programs[name].lives), f"{first['memory']:.1f} MiB", f"{now['memory']:.1f} MiB",
-                     f"{first['descriptors']} / {now['descriptors']}", f"{first['threads']} / {now['threads']}"])
-    return table(["program", "starts", "memory first", "memory last", "descriptors", "threads"], rows)
+    for name, before in soak.watch.before.items():
+        after = soak.watch.after[name]
+        rows.append([name, len(soak.programs[name].lives), f"{before['memory']:.1f}", f"{after['memory']:.1f}",
+                     before["descriptors"], after["descriptors"], before["threads"], after["threads"]])
+    return table(["program", "starts", "MiB first", "MiB last", "descriptors first", "last", "threads first", "last"],
+                 rows)
 
 
-def _breaches(soak):
-    shown = [f"  {breach.kind}: {breach.text}" for breach in soak.breaches[:SHOWN]]
-    if len(soak.breaches) > SHOWN:
-        shown.append(f"  and {len(soak.breaches) - SHOWN} more")
-    end = time.monotonic() if not soak.events else soak.events[-1][0]
-    last = [f"  {at - end:8.2f} s  {event}" for at, event in soak.events if at > end - 60]
-    return "\n".join([*shown, "", "The last minute:", *last, "", f"Again: scripts/soak {soak.options.minutes:g} --seed "
-                      f"{soak.options.seed}"])
+def delays(watch):
+    return (f"From the bus to a client while faults raged elsewhere: median "
+            f"{1000 * percentile(watch.delays, 0.5):.1f} ms, p99 {1000 * percentile(watch.delays, 0.99):.1f} ms, of "
+            f"{len(watch.delays)} values")
+
+
+def shown(breaches):
+    found = [f"{breach.kind}: {breach.text}" for breach in breaches[:SHOWN]]
+    return found + ([f"and {len(breaches) - SHOWN} more"] if len(breaches) > SHOWN else [])
+
+
+def last_minute(soak):
+    """What happened in the minute before the first breach or, if there was none, before the end."""
+    events = soak.watch.events
+    end = min((breach.time for breach in soak.watch.breaches), default=events[-1][0] if events else 0)
+    return "\n".join(["The last minute:", *(f"{at - end:8.2f} s  {event}" for at, event in events
+                                             if end - 60 <= at <= end + BEHIND)])
