@@ -104,7 +104,8 @@ def test_help(tree, script, word):
     ("scripts/package", "--nosuch"), ("scripts/package", "i386"), ("scripts/package", "arm64", "--nosuch"),
     ("scripts/demo", "--once", "nosuch"), ("scripts/demo", "--mqtt", "nosuch"), ("scripts/bench", "--quick", "nosuch"),
     ("scripts/test", "nosuch"), ("scripts/test", "--fast", "nosuch"), ("scripts/test", "--asan", "--nosuch"),
-    ("scripts/soak", "3", "nosuch"), ("scripts/soak", "--seed", "7", "--nosuch"), ("scripts/lint", "nosuch", "--help"), ("scripts/lint", "cpp", "nosuch"),
+    ("scripts/soak", "3", "nosuch"), ("scripts/soak", "--seed", "7", "--nosuch"),
+    ("scripts/lint", "nosuch", "--help"), ("scripts/lint", "cpp", "nosuch"),
 ], ids=" ".join)
 def test_unknown_words(tree, words):
     status, output, errors = tree.run(*words)

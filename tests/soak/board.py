@@ -15,8 +15,8 @@ BASE = "vorbel/soak/"
 
 
 class Batches:
-    """Batches as the broker passes them on, held against the bus: one Hearing for each boot of the gateway, since what a
-    killed one had not spooled is nobody's promise. Within a boot `n` counts without a gap; a batch may come again."""
+    """Batches as the broker passes them on, held against the bus: one Hearing for each boot of the gateway, since what
+    a killed one had not spooled is nobody's promise. Within a boot `n` counts without a gap; a batch may come again."""
 
     def __init__(self):
         self.hearings, self.breaches = {}, []

@@ -162,7 +162,7 @@ DAEMON_LINES = (
     r"warning No file descriptor is left: new clients have to wait",
     r"warning Cannot accept a connection.*",
     r"critical Input dropped, its conversion failed: Bad type",
-    r"warning MsgPack::unpack\(\) (?:unpacker for type \d+ doesn't exist|can't .*)",
+    r"warning MsgPack::unpack\(\) (?:unpacker for type -?\d+ doesn't exist|can't .*)",
     r'warning Key: ".*" does not exist in the schema',
     r"warning And \d+ more lines of this kind from the same message: .*",
     # the serial link

@@ -221,6 +221,7 @@ def test_what_nobody_has_heard_of_does_not_stand():
     (programs.DAEMON_LINES, 'info New connection incoming from QHostAddress("::ffff:127.0.0.1")'),
     (programs.DAEMON_LINES, 'warning Dropping the client at QHostAddress("::1") which leaves 16800000 bytes unread'),
     (programs.DAEMON_LINES, 'info Sending hello message QJsonDocument({"hello":{"type":"unknown"}}) for device ""'),
+    (programs.DAEMON_LINES, "warning MsgPack::unpack() unpacker for type -23 doesn't exist"),
     (programs.GATEWAY_LINES, "warning broker: mqtt://127.0.0.1:1 does not answer as it should: why; trying again, at "
                              "least every 30 s"),
     (programs.HISTORY_LINES, "<4>database: Connection refused; trying again"),

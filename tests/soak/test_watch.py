@@ -37,7 +37,7 @@ class Bus:
 
 class Program:
     def __init__(self):
-        self.lines, self.expected, self.lives = [], (OWN, ".*Received schema.*", "info daemon: connected to here"), []
+        self.lines, self.expected, self.lives = [], (".*Received schema.*", "info daemon: connected to here"), []
 
     def new_lines(self):
         found, self.lines = self.lines, []
@@ -182,6 +182,11 @@ def test_with_another_daemon_the_board_misses_what_comes_before_the_gateway_does
     assert run.breaches() == [("lost", "broker, boot 1: single 90 to 90")]
 
 
+def test_values_of_another_schema_are_nobodys(run):
+    run.hear(7, 7, "other")
+    assert run.breaches() == []
+
+
 def test_a_line_of_the_log_that_nobody_expects(run):
     run.log("warning something is wrong")
     assert run.breaches() == [("log", "daemon: warning something is wrong")]
@@ -251,6 +256,38 @@ def test_silence(run, monkeypatch):
     run.watch.step()
     assert [(breach.kind, breach.text) for breach in run.watch.breaches] == [
         ("silence", "python 0 has heard nothing for 5.5 s")]
+
+
+@pytest.fixture
+def connected(run):
+    """Nothing was done to the daemon or to python 0 for long."""
+    for part in ("daemon", "python"):
+        run.watch._stands[part]._changes[:] = [(0, True)]
+    return run
+
+
+def end_connection(run, at):
+    run.watch.said.put(["away", "python 0", at, "no answer"])
+    run.watch.step()
+
+
+def test_a_connection_that_ends_for_no_reason(connected):
+    end_connection(connected, 100)
+    assert connected.breaches() == [
+        ("away", "python 0: the connection ended, and nothing was done to either end of it")]
+
+
+@pytest.mark.parametrize("part", ["daemon", "python"])
+def test_a_connection_that_ends_after_something_was_done(connected, part):
+    connected.watch._stands[part]._changes += [(91, False), (92, True)]
+    end_connection(connected, 100)
+    assert connected.breaches() == []
+
+
+def test_a_connection_that_ends_long_after_something_was_done(connected):
+    connected.watch._stands["daemon"]._changes += [(81, False), (82, True)]
+    end_connection(connected, 100)
+    assert [kind for kind, _ in connected.breaches()] == ["away"]
 
 
 @pytest.mark.parametrize("part", [*watch.PROMISED, "python"])

@@ -5,6 +5,7 @@ import collections
 import queue
 import time
 
+import harness
 import honest
 import load
 from board import ask_database
@@ -13,6 +14,7 @@ from invariants import Breach, Excuses, Hearing, Stands, Writer, is_growing, per
 
 PATIENCE = 5.0  # seconds without a value, once nothing disturbs it any more
 BY_BROKER = 40.0  # the same by way of the broker: the gateway tries again every 30 s at least
+MEMORY = 10.0  # seconds for which a hold may be the reason that a connection ends: two of them may add up
 LATENCY = 1.0  # seconds that 99 of 100 values may take while faults rage elsewhere
 ORDERING = 0.5  # seconds between two writes by way of the broker
 SAMPLING = 1.0
@@ -86,18 +88,18 @@ class Watch:
     # Logs. The schema in force is known from the daemon's log only
 
     def _look_at_logs(self):
-        here, taken = self._chain.bus.mark(), self._chain.bus.taken
-        for name, program in self._chain.programs.items():
-            found = program.new_lines()
-            for line in unknown_lines(found, program.expected):
+        taken = self._chain.bus.taken
+        lines = {name: program.new_lines() for name, program in self._chain.programs.items()}
+        here = self._chain.bus.mark()
+        for name, found in lines.items():
+            for line in unknown_lines(found, self._chain.programs[name].expected):
                 self.breach("log", f"{name}: {line[:300]}")
-            if name == "daemon":
-                for line in found:
-                    if line.startswith("info Received schema: "):
-                        self._schema_came(OWN_SCHEMA in line, here)
-            if name == "gateway" and self._board_left and any("daemon: connected to" in line for line in found):
-                self._boards_excuses.add(self._board_left.numbers, here.numbers)
-                self._board_left = None
+        for line in lines["daemon"]:
+            if line.startswith("info Received schema: "):
+                self._schema_came(OWN_SCHEMA in line, here)
+        if self._board_left and any("daemon: connected to" in line for line in lines["gateway"]):
+            self._boards_excuses.add(self._board_left.numbers, here.numbers)
+            self._board_left = None
         self._last_look = taken
 
     def _schema_came(self, is_own, here):
@@ -133,6 +135,8 @@ class Watch:
         self._chain.board.take(sent, self.writers["gateway"].confirm)
 
     def _heard(self, hearing, sent, leaf, runs, number, arrival):
+        if leaf not in sent:
+            return  # of somebody else's schema
         hearing.take(arrival, leaf, runs, sent[leaf])
         self._heard_at[hearing.name] = arrival
         if leaf == "single":
@@ -142,9 +146,11 @@ class Watch:
         hearing.begin()
         self.event(f"{hearing.name}: connected")
 
-    def _away(self, hearing, _sent, _at, *reason):
+    def _away(self, hearing, _sent, at, *reason):
         hearing.begin()
         self.event(f"{hearing.name}: away {' '.join(reason)}")
+        if all(self._stands[part].stood(at - MEMORY, at) for part in ("daemon", library_of(hearing))):
+            self.breach("away", f"{hearing.name}: the connection ended, and nothing was done to either end of it")
 
     def _skipped(self, hearing, _sent, _at, count):
         hearing.skip()
@@ -282,6 +288,8 @@ class Watch:
         for name in JUDGED:
             lives = self._chain.programs[name].lives
             for what, tolerated in TOLERATED.items():
+                if what == "memory" and harness.SANITIZED:
+                    continue  # a sanitizer keeps what is freed
                 if what == "memory":
                     tolerated = self.before[name][what] / 2 + (COLLECTED if name == "javascript" else tolerated)
                 limit = self.before[name][what] + tolerated
