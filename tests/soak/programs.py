@@ -1,8 +1,8 @@
 """The programs of the chain, each supervised as a service manager does: what ends is started again."""
 
+import contextlib
 import os
 import pathlib
-
 import resource
 import signal
 import subprocess

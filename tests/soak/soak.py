@@ -121,7 +121,7 @@ class Soak:
         for name, program in self.programs.items():
             fallen = len(program.fallen)
             is_started = program.supervise()
-            for code in program.fallen[fallen:]:
+            for _, code in program.fallen[fallen:]:
                 self.watch.breach("ended", f"{name} ended by itself, with {code}")
                 if name == "daemon":
                     self._daemon_ends()
