@@ -178,12 +178,15 @@ def port_does_not_open(soak, _rng):
 
 
 def port_fails(soak, _rng):
-    """A read error on a port that is still there: the daemon opens it again."""
+    """Read errors on a port that is still there: the daemon opens it again and again, and once more behind the last."""
     with soak.bus.alone() as line:
         soak.bus.reopens()
+        line.distrust()
         line.adapter.fail("read", errno.EINVAL)
     yield
-    soak.bus.line.adapter.heal("read")
+    with soak.bus.alone() as line:
+        line.adapter.heal("read")
+        line.trust()
 
 
 def can_error(error):

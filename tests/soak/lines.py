@@ -15,11 +15,13 @@
 """
 
 import fcntl
+import math
 import struct
 import termios
 import time
 from typing import NamedTuple
 
+from harness import TICK
 from vorbelsim import CanFrame, VirtualAdapter, VirtualCanBus, vek
 
 
@@ -38,7 +40,7 @@ class AdapterLine:
     def __init__(self, folder):
         self.adapters = [VirtualAdapter(folder), VirtualAdapter(folder, "ttyVEK1", "VEK spare")]
         self.adapter = self.adapters[0]
-        self._since = 0.0
+        self._since = self._trusted = 0.0
         self._scanner = vek.Scanner()
 
     def env(self):
@@ -59,7 +61,17 @@ class AdapterLine:
     def expect_opening(self):
         self._since = time.monotonic()
 
+    def distrust(self):
+        """Openings mean nothing: the daemon will close the port again."""
+        self._trusted = math.inf
+
+    def trust(self):
+        """Nor do they until the daemon has looked after the port twice."""
+        self._trusted = time.monotonic() + 2 * TICK + 0.2
+
     def was_opened(self):
+        if time.monotonic() < self._trusted:
+            return False
         return any(event.time > self._since and event.value == 1 for event in self.adapter.history("dtr"))
 
     def packed(self, records):

@@ -244,5 +244,3 @@ def history(folder, broker_port, database_port):
 
 def wait_answering(port):
     harness.wait_until(lambda: answers(port), 30, f"port {port} to answer")
-
-

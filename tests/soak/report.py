@@ -78,5 +78,5 @@ def last_minute(soak):
     """What happened in the minute before the first breach or, if there was none, before the end."""
     events = soak.watch.events
     end = min((breach.time for breach in soak.watch.breaches), default=events[-1][0] if events else 0)
-    return "\n".join(["The last minute:", *(f"{at - end:8.2f} s  {event}" for at, event in events
-                                             if end - 60 <= at <= end + BEHIND)])
+    shown_events = [f"{at - end:8.2f} s  {event}" for at, event in events if end - 60 <= at <= end + BEHIND]
+    return "\n".join(["The last minute:", *shown_events])
