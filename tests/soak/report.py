@@ -4,8 +4,8 @@ import collections
 
 from invariants import percentile
 
-SHOWN = 40  # breaches
-BEHIND = 5  # seconds that are shown behind the first of them
+OF_EACH = 3  # breaches that are shown
+BEHIND = 5  # seconds that are shown behind the first breach
 
 
 def table(head, rows):
@@ -70,8 +70,15 @@ def delays(watch):
 
 
 def shown(breaches):
-    found = [f"{breach.kind}: {breach.text}" for breach in breaches[:SHOWN]]
-    return found + ([f"and {len(breaches) - SHOWN} more"] if len(breaches) > SHOWN else [])
+    """A few of each kind and of each who has them: many of one do not hide the others."""
+    seen, found = collections.Counter(), []
+    for breach in breaches:
+        who = breach.kind, breach.text.split(":")[0]
+        seen[who] += 1
+        if seen[who] <= OF_EACH:
+            found.append(f"{breach.kind}: {breach.text}")
+    more = len(breaches) - len(found)
+    return found + ([f"and {more} more of the same"] if more else [])
 
 
 def last_minute(soak):
