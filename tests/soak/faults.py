@@ -15,7 +15,6 @@ from typing import Callable, NamedTuple
 
 import hostile
 from harness import PORT
-from vorbelsim.canbus import CONNECTION_ERROR, READ_ERROR
 
 HANDSHAKE = ("GET / HTTP/1.1\r\nHost: board\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
              "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n").encode()
@@ -189,15 +188,6 @@ def port_fails(soak, _rng):
         line.trust()
 
 
-def can_error(error):
-    def run(soak, _rng):
-        with soak.bus.alone() as line:
-            soak.bus.reopens()
-            line.bus.report_error(error)
-        yield
-    return run
-
-
 def can_refuses(mode):
     """can0 is deleted, and what is there instead cannot be used for a while."""
     def run(soak, _rng):
@@ -314,8 +304,6 @@ ON_LINE = {
         Fault("can0 deleted", ("link",), pulled()),
         Fault("can0 absent", ("link",), can_refuses("absent")),
         Fault("can0 refuses", ("link",), can_refuses("refuse")),
-        Fault("can0 fails on reading", ("link", "daemon"), can_error(READ_ERROR), 1),
-        Fault("can0 is off", ("link", "daemon"), can_error(CONNECTION_ERROR), 1),
     ),
 }
 REST = 2.0  # seconds that a part has between two faults at least
