@@ -138,11 +138,15 @@ class VirtualAdapter:
                               max(0, deadline - time.monotonic()))
         return bool(ready[0] or ready[1])
 
+    def unread(self) -> int:
+        """How many of the bytes that were written the kernel has ready and the program under test has not read."""
+        return struct.unpack("=i", fcntl.ioctl(self._slave, termios.FIONREAD, bytes(4)))[0]
+
     def wait_taken(self, timeout: float = 10):
         """Waits until the program under test has read everything that was written."""
         deadline = time.monotonic() + timeout
         time.sleep(0.005)  # the kernel hands bytes from one end of the pty to the other in the background
-        while struct.unpack("=i", fcntl.ioctl(self._slave, termios.FIONREAD, bytes(4)))[0]:
+        while self.unread():
             if time.monotonic() > deadline:
                 raise TimeoutError(f"{self.name}: bytes stay unread")
             time.sleep(0.001)

@@ -104,6 +104,7 @@ def test_help(tree, script, word):
     ("scripts/package", "--nosuch"), ("scripts/package", "i386"), ("scripts/package", "arm64", "--nosuch"),
     ("scripts/demo", "--once", "nosuch"), ("scripts/demo", "--mqtt", "nosuch"), ("scripts/bench", "--quick", "nosuch"),
     ("scripts/test", "nosuch"), ("scripts/test", "--fast", "nosuch"), ("scripts/test", "--asan", "--nosuch"),
+    ("scripts/soak", "3", "nosuch"), ("scripts/soak", "--seed", "7", "--nosuch"),
     ("scripts/lint", "nosuch", "--help"), ("scripts/lint", "cpp", "nosuch"),
 ], ids=" ".join)
 def test_unknown_words(tree, words):
@@ -114,7 +115,8 @@ def test_unknown_words(tree, words):
 
 
 @pytest.mark.parametrize("words", [
-    ("scripts/bench", "--only"), ("tests/support/own_network",), ("tests/run",),
+    ("scripts/bench", "--only"), ("scripts/soak", "--seed"), ("scripts/soak", "--rate", "fast"),
+    ("scripts/soak", "--link", "usb"), ("tests/support/own_network",), ("tests/run",),
     ("tests/golden/check", "program"), ("tests/fuzz/run", "program", "seeds"),
 ], ids=" ".join)
 def test_too_few_words(tree, words):

@@ -1,0 +1,57 @@
+"""The chain that is put to the test: a bus, the programs, the network between two of them, honest clients."""
+
+import json
+
+import harness
+import honest
+import lines
+import load
+import programs
+from board import BoardEar
+from gatewayharness import Relay, free_port
+
+LINKS = {"serialport": lines.AdapterLine, "socketcan": lines.CanLine}
+CHAIN = ("daemon", "broker", "gateway", "history", "database")
+
+
+class Chain:
+    """`said` is called with what honest clients say."""
+
+    def __init__(self, folder, link, rate, clients, said):
+        self._said = said
+        self.bus = load.Bus(LINKS[link](folder / "bus"), rate)
+        (folder / "schema.json").write_text(json.dumps(load.SCHEMA))
+        self._broker_port, self.database_port = free_port(), free_port()
+        self.relay = Relay(self._broker_port)
+        self.programs = {
+            "daemon": programs.daemon(folder, self.bus.line.env()),
+            "broker": programs.broker(folder, self._broker_port),
+            "database": programs.database(folder, self.database_port),
+            "history": programs.history(folder, self._broker_port, self.database_port),
+            "gateway": programs.gateway(folder, self.relay.port, folder / "schema.json"),
+        }
+        for name, command in honest.commands(harness.BUILD, harness.URI, clients).items():
+            self.programs[name] = programs.Program(name, folder, command, output=self._listen)
+        self.board = None
+
+    def _listen(self, stream):
+        honest.Ear(stream, self._said)
+
+    def begin(self):
+        self.bus.plug()
+        for name, port in (("daemon", harness.PORT), ("broker", self._broker_port), ("database", self.database_port)):
+            self.programs[name].start()
+            programs.wait_answering(port)
+        self.board = BoardEar(self._broker_port)
+        for name in ("history", "gateway", *honest.LIBRARIES):
+            self.programs[name].start()
+        self.bus.start()
+
+    def end(self):
+        """Ends everything that was started, and reports nothing."""
+        for program in self.programs.values():
+            program.end()
+        self.bus.stop()
+        self.relay.close()
+        if self.board:
+            self.board.close()
