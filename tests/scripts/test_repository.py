@@ -199,6 +199,15 @@ def test_what_nobody_signed_is_refused(board, plant):
     assert "is no longer signed" in said or "is not signed" in said
 
 
+def test_the_file_for_upgrades_at_night_names_the_repository(tmp_path, plant):
+    file = tmp_path / "52vorbel"
+    file.write_text(documents.Blocks(PAGE)["/etc/apt/apt.conf.d/52vorbel"])
+    settings = run("apt-config", "dump", env={**os.environ, "APT_CONFIG": str(file)}).splitlines()
+    assert 'Unattended-Upgrade::Origins-Pattern:: "origin=Vorbel";' in settings
+    assert 'DPkg::Options:: "--force-confold";' in settings
+    assert "Origin: Vorbel" in (plant.folder / "dists/stable/Release").read_text().splitlines()
+
+
 def test_without_packages_or_key_nothing_is_published(plant):
     former = (plant.folder / "dists" / "stable" / "Release").read_bytes()
     answer = plant.attempt("nobody's key")
