@@ -89,6 +89,18 @@ async def test_any_error_recreates_the_device_on_the_next_tick(start_daemon, bus
     await hears(bus, daemon)
 
 
+async def test_an_error_behind_which_frames_come_is_none(start_daemon, bus):
+    """Whoever reads a frame takes Qt's error back: a device that goes on is kept."""
+    daemon = start_daemon(**bus.env())
+    bus.wait_connected()
+    bus.report_error(canbus.CONNECTION_ERROR)
+    await hears(bus, daemon)
+    time.sleep(2.2 * TICK)
+    assert about_the_link(daemon) == []
+    assert bus.accepted == bus.connected == 1
+    await hears(bus, daemon)
+
+
 async def test_each_device_has_one_read_connection(start_daemon, bus):
     daemon = start_daemon(**bus.env())
     for count in range(1, 5):
