@@ -489,10 +489,13 @@ def test_what_is_no_settings_file(tmp_path):
 
 
 def test_words_that_are_not_known():
-    for words, status in ((["--help"], 0), (["--colour"], 2), (["a", "b"], 2)):
+    usage = "usage: vorbel-history [-h] [--check] [FILE]\n"
+    for words, status, said in ((["--help"], 0, "--check"), (["-h"], 0, "--check"),
+                                (["--colour"], 2, "unrecognized arguments: --colour"),
+                                (["a", "b"], 2, "unrecognized arguments: b")):
         run = subprocess.run([PROGRAM, *words], capture_output=True, text=True)
         assert run.returncode == status
-        assert (run.stdout or run.stderr).startswith("usage: vorbel-history [--check] [FILE]\n")
+        assert (run.stdout or run.stderr).startswith(usage) and said in run.stdout + run.stderr
 
 
 def test_without_a_state_folder_it_does_not_start(tmp_path):

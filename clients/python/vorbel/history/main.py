@@ -1,9 +1,9 @@
 """The program vorbel-history."""
 
+import argparse
 import os
 import signal
 import sqlite3
-import sys
 import threading
 import time
 from collections.abc import Sequence
@@ -18,26 +18,21 @@ from .session import Session, unfitness_of_library
 from .state import State
 from .topics import Topics
 
-USAGE = """usage: vorbel-history [--check] [FILE]
-Writes the values of boards from an MQTT broker to a database, as FILE says, by default
-/etc/vorbel/history.ini. With --check, only says what is wrong with FILE.
-"""
 FILE = "/etc/vorbel/history.ini"
 STUCK = 45.0  # seconds without a sign of life of the thread that writes
 
 
 def main(arguments: Sequence[str]) -> int:
-    words = [word for word in arguments if word != "--check"]
-    if words == ["--help"]:
-        print(USAGE, end="")
-        return 0
-    if len(words) > 1 or any(word.startswith("-") for word in words):
-        print(USAGE, end="", file=sys.stderr)
-        return 2
-    settings, errors = read_settings(words[0] if words else FILE, os.environ.get("CREDENTIALS_DIRECTORY", ""))
+    parser = argparse.ArgumentParser(
+        prog="vorbel-history", allow_abbrev=False,
+        description="Writes the values of boards from an MQTT broker to a database, as FILE says.")
+    parser.add_argument("file", metavar="FILE", nargs="?", default=FILE, help=f"its settings (default {FILE})")
+    parser.add_argument("--check", action="store_true", help="only say what is wrong with FILE")
+    words = parser.parse_args(arguments)
+    settings, errors = read_settings(words.file, os.environ.get("CREDENTIALS_DIRECTORY", ""))
     for error in errors:
         log.critical(f"settings: {error}")
-    if errors or "--check" in arguments:
+    if errors or words.check:
         return 1 if errors else 0
     return _run(settings)
 
