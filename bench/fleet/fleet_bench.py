@@ -8,12 +8,10 @@ Each value of each board comes once a second. "nats" is three servers with JetSt
 "memory" the same without a disk. What is published and not found in the database at the end is lost, and said.
 """
 
-import argparse
 import contextlib
 import json
 import os
 import pathlib
-import resource
 import socket
 import statistics
 import subprocess
@@ -27,6 +25,7 @@ import urllib.request
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(PROJECT / "bench" / "gateway")]
+import words  # noqa: E402
 from plant import Listener, Program, free_port  # noqa: E402
 
 PATIENCE = 300  # seconds: a cluster is slow to take many clients
@@ -282,19 +281,10 @@ def row(found):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("build", type=lambda word: pathlib.Path(word).resolve())
+    parser = words.parser(__doc__, boards=1000, values=100, interval=1000, now=3600000, subscribers=0, seconds=30)
     parser.add_argument("--broker", choices=("mosquitto", "nats", "memory"), default="mosquitto")
-    parser.add_argument("--boards", type=int, default=1000)
-    parser.add_argument("--values", type=int, default=100)
-    parser.add_argument("--interval", type=int, default=1000)
-    parser.add_argument("--now", type=int, default=3600000)
-    parser.add_argument("--subscribers", type=int, default=0)
-    parser.add_argument("--seconds", type=int, default=30)
-    parser.add_argument("--json", action="store_true")
     options = parser.parse_args()
-    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+    words.raise_limit_of_descriptors()
     try:
         found = measured(options.build, options)
     except subprocess.SubprocessError as error:

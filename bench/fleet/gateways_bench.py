@@ -7,14 +7,12 @@ with a virtual adapter, and one broker.
 Each value of each board comes once a second, four in a frame. A value that is missing in the batches fails the run.
 """
 
-import argparse
 import asyncio
 import contextlib
 import ctypes
 import json
 import os
 import pathlib
-import resource
 import socket
 import struct
 import subprocess
@@ -25,6 +23,7 @@ import time
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(PROJECT / folder) for folder in ("sim", "bench/gateway")]
+import words  # noqa: E402
 from plant import Broker, Listener, Program  # noqa: E402
 from vorbelsim import vek  # noqa: E402
 from vorbelsim.adapter import VirtualAdapter  # noqa: E402
@@ -206,16 +205,8 @@ def measured(build, options):
 
 
 def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("build", type=lambda word: pathlib.Path(word).resolve())
-    parser.add_argument("--boards", type=int, default=50)
-    parser.add_argument("--values", type=int, default=100)
-    parser.add_argument("--now", type=int, default=3600000)
-    parser.add_argument("--seconds", type=int, default=30)
-    parser.add_argument("--json", action="store_true")
-    options = parser.parse_args()
-    most = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
-    resource.setrlimit(resource.RLIMIT_NOFILE, (most, most))
+    options = words.parser(__doc__, boards=50, values=100, now=3600000, seconds=30).parse_args()
+    words.raise_limit_of_descriptors()
     os.environ["VORBEL_BUILD_DIR"] = str(options.build)
     found = measured(options.build, options)
     if options.json:

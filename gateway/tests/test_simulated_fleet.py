@@ -121,6 +121,15 @@ def test_it_refuses_what_a_gateway_refuses(fleet, listener, path, payload, error
     assert re.fullmatch(error, done["error"])
 
 
+def test_the_same_order_is_obeyed_once(fleet, listener):
+    fleet("--boards", 1, "--values", 4)
+    listener.wait("board1/values")
+    order = json.dumps({"value": 900, "time": milliseconds()})
+    for payload in (order, order, "901"):
+        listener.publish("board1/set/anna/axis1/setpoint", payload)
+    assert [done.json["value"] for done in listener.wait_count("board1/done", 2)] == [900, 901]
+
+
 def test_a_past_comes_first_a_reading_a_minute(fleet, listener):
     now = milliseconds()
     fleet("--boards", 1, "--values", 4, "--past", 1)

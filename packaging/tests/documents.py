@@ -29,3 +29,11 @@ def tables(page, title):
     heads = re.sub(r"^\|.*\n(?=\| --- )", "", section, flags=re.M)
     rows = [line for line in heads.splitlines() if line.startswith("|") and not line.startswith("| ---")]
     return [[cell.strip() for cell in row.strip("|").split(" | ")] for row in rows]
+
+
+def set_or_unexplained(ini):
+    """The lines of a settings file that set something, and those of keys that nothing above explains."""
+    lines = ini.read_text().splitlines()
+    keys = [number for number, line in enumerate(lines) if re.match(r";\w+ =", line)]
+    return ([line for line in lines if line and not line.startswith((";", "["))] +
+            [lines[number] for number in keys if not lines[number - 1].startswith("; ") and number - 1 not in keys])

@@ -93,7 +93,7 @@ void Board::begin()
     }
 }
 
-// A reading a minute of each axis, in batches of a day.
+// A reading a minute of each axis, in batches that are as large as they may become.
 void Board::publishPast()
 {
     const qint64 now = QDateTime::currentMSecsSinceEpoch();
@@ -141,9 +141,13 @@ void Board::obey(const Gateway::Arrived &message)
     const Gateway::Order &order = read.order;
     Gateway::Deed deed{order.user, order.path(), order.value, {}, read.error};
     const Gateway::Way way{QDateTime::currentMSecsSinceEpoch(), message.isRetained, message.isRepeated, 0};
+    const Gateway::Orders::Judged judged = m_orders.judge(order, way);
+    if (deed.error.isEmpty() && judged.verdict == Gateway::Orders::Ignore) {
+        return; // it came before
+    }
     const int axis = axisOf(order.names);
     if (deed.error.isEmpty()) {
-        deed.error = axis < 0 ? "the schema in force has no such value" : m_orders.judge(order, way).reason;
+        deed.error = axis < 0 ? "the schema in force has no such value" : judged.reason;
     }
     if (!deed.error.isEmpty()) {
         return m_audit.refused(deed);
