@@ -1,3 +1,4 @@
+import type { ComponentChildren } from "preact";
 import { useLayoutEffect, useRef, useState } from "preact/hooks";
 import { dotted, FORMATS, writableRange, type Leaf } from "vorbel";
 import { now } from "../model/clock";
@@ -20,6 +21,15 @@ export type WriteProps = { session: Session; node: TreeNode };
 
 /** Sets one value, and with it the others of its frame. */
 export function WritePanel({ session, node }: WriteProps) {
+    return (
+        <LeafPanel session={session} node={node}>
+            <WriteForm session={session} node={node} />
+        </LeafPanel>
+    );
+}
+
+/** What there is to know of a value and to do with it: its children set it, unless something is in the way. */
+export function LeafPanel({ session, node, children }: WriteProps & { children: ComponentChildren }) {
     const close = () => {
         session.startWriting(undefined);
         document.getElementById("values-grid")?.focus();
@@ -40,21 +50,21 @@ export function WritePanel({ session, node }: WriteProps) {
                 </button>
             </div>
             <Words leaf={node.leaf} />
-            {reason ? <Refusal name={node.dotted} reason={reason} /> : <WriteForm session={session} node={node} />}
+            {reason ? <Refusal name={node.dotted} reason={reason} /> : children}
             <LimitsPart session={session} node={node} />
         </section>
     );
 }
 
 /** What the schema tells of a leaf. */
-export function Words({ leaf }: { leaf: Leaf | undefined }) {
+function Words({ leaf }: { leaf: Leaf | undefined }) {
     const { title = "", description = "" } = leaf?.meaning ?? {};
     const words = [title, description].filter(Boolean).join(": ");
     return words ? <p class="quiet words">{shown(words)}</p> : null;
 }
 
 /** Limits are fetched when somebody looks for them. */
-export function LimitsPart({ session, node }: { session: Session; node: TreeNode }) {
+function LimitsPart({ session, node }: { session: Session; node: TreeNode }) {
     const [isOpen, open] = useState(() => session.guard !== undefined && session.guard.hasLimits(node.path));
     return (
         <details class="limits" open={isOpen} onToggle={(event) => open(event.currentTarget.open)}>
@@ -64,7 +74,7 @@ export function LimitsPart({ session, node }: { session: Session; node: TreeNode
     );
 }
 
-export function Refusal({ name, reason }: { name: string; reason: string }) {
+function Refusal({ name, reason }: { name: string; reason: string }) {
     const text = useRef<HTMLParagraphElement>(null);
     useLayoutEffect(() => text.current?.focus(), []);
     return (

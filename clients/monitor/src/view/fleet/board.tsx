@@ -9,7 +9,7 @@ import { useSource } from "../frame";
 import { AlarmsButton, Device, stateWords, ThemeButton, type HeaderProps } from "../header";
 import { Icon } from "../icons";
 import { LockButton } from "../lock";
-import { LeafInput, LimitsPart, Refusal, Words, type WriteProps } from "../write";
+import { LeafInput, LeafPanel, type WriteProps } from "../write";
 
 /** What differs between the view of a board and that of a daemon. */
 export function partsFor(board: Board, close: () => void): Parts {
@@ -71,29 +71,10 @@ function BoardHeader({ session, children, board, close }: HeaderProps & { board:
 /** Asks the board's gateway to set one value. */
 function SetPanel({ session, node }: WriteProps) {
     useSource(session.status);
-    const close = () => {
-        session.startWriting(undefined);
-        document.getElementById("values-grid")?.focus();
-    };
-    const reason = session.locked ? "the page is locked" : session.refusalOf(node);
     return (
-        <section
-            class="panel write"
-            aria-labelledby="write-title"
-            onKeyDown={(event) => event.key === "Escape" && close()}
-        >
-            <div class="title">
-                <h2 id="write-title">
-                    Set <code>{node.dotted}</code>
-                </h2>
-                <button class="square" onClick={close} aria-label="Close">
-                    <Icon name="close" />
-                </button>
-            </div>
-            <Words leaf={node.leaf} />
-            {reason ? <Refusal name={node.dotted} reason={reason} /> : <SetForm session={session} node={node} />}
-            <LimitsPart session={session} node={node} />
-        </section>
+        <LeafPanel session={session} node={node}>
+            <SetForm session={session} node={node} />
+        </LeafPanel>
     );
 }
 
