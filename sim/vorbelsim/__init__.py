@@ -6,5 +6,6 @@ Everything here needs Debian's Python and nothing else. No call blocks without a
 from .adapter import VirtualAdapter
 from .canbus import VirtualCanBus
 from .canframe import CanFrame
+from .faults import SystemCallFaults
 
-__all__ = ["CanFrame", "VirtualAdapter", "VirtualCanBus"]
+__all__ = ["CanFrame", "SystemCallFaults", "VirtualAdapter", "VirtualCanBus"]

@@ -96,7 +96,12 @@ class VirtualAdapter:
 
     def __exit__(self, *_):
         self.unplug()
-        self._lock.unlink(missing_ok=True)
+        self.remove_lock()
+
+    def remove_lock(self):
+        """What QSerialPort notes of who uses the port; a program that is killed leaves the note behind."""
+        lock = pathlib.Path("/var/lock") / f"LCK..{self.node}".replace("/", "_")
+        lock.unlink(missing_ok=True)
 
     # The wire
 
@@ -141,6 +146,10 @@ class VirtualAdapter:
     def unread(self) -> int:
         """How many of the bytes that were written the kernel has ready and the program under test has not read."""
         return struct.unpack("=i", fcntl.ioctl(self._slave, termios.FIONREAD, bytes(4)))[0]
+
+    def settings(self) -> list:
+        """Those of the line, as termios.tcgetattr() gives them."""
+        return termios.tcgetattr(self._slave)
 
     def wait_taken(self, timeout: float = 10):
         """Waits until the program under test has read everything that was written."""
@@ -195,11 +204,6 @@ class VirtualAdapter:
     @property
     def _port(self) -> pathlib.Path:
         return self.directory / "ports" / self.name
-
-    @property
-    def _lock(self) -> pathlib.Path:
-        """Where QSerialPort notes who uses the port; a program that is killed leaves the note behind."""
-        return pathlib.Path("/var/lock") / f"LCK..{self.node}".replace("/", "_")
 
     def _publish(self):
         """The port's folder appears complete: whoever enumerates sees all of it or nothing."""

@@ -16,6 +16,10 @@ def adapter_library() -> pathlib.Path:
     return _existing(build_dir() / "sim" / "libvorbel_sim_adapter.so")
 
 
+def faults_library() -> pathlib.Path:
+    return _existing(build_dir() / "sim" / "libvorbel_sim_faults.so")
+
+
 def can_plugin_path() -> pathlib.Path:
     return _existing(build_dir() / "sim" / "plugins")
 
