@@ -45,8 +45,16 @@ void prepareListeningSocket(qintptr descriptor)
     }
 }
 
-bool canDuplicate(qintptr descriptor)
+// A duplicate would not do: it takes a number of the process, and of the system neither an open file nor
+// memory.
+bool hasRoomForSocketLike(qintptr descriptor)
 {
-    const int duplicate = dup(static_cast<int>(descriptor));
-    return duplicate >= 0 && close(duplicate) == 0;
+    int family = AF_INET;
+    socklen_t size = sizeof family;
+    getsockopt(static_cast<int>(descriptor), SOL_SOCKET, SO_DOMAIN, &family, &size);
+    const int another = socket(family, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (another >= 0) {
+        close(another);
+    }
+    return another >= 0;
 }

@@ -9,5 +9,6 @@
 // system refuses are logged as warnings; the socket stays usable.
 void prepareListeningSocket(qintptr descriptor);
 
-// Whether the process may open one more descriptor: makes a duplicate and closes it again.
-bool canDuplicate(qintptr descriptor);
+// Whether there is room for one more socket of the same kind, in the process and in the system: makes one and
+// closes it again.
+bool hasRoomForSocketLike(qintptr descriptor);

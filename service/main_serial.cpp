@@ -2,7 +2,6 @@
 
 #include "service/recordscanner.h"
 
-#include <QPointer>
 #include <QSerialPortInfo>
 
 #include <sys/stat.h>
@@ -11,7 +10,11 @@ namespace
 {
 
 constexpr qint32 baudRate = 1000000;
-constexpr int terminalReadyDelay = 200; // ms from opening until DTR is raised
+constexpr int terminalReadyDelay = 200;  // ms from opening until DTR is raised
+constexpr int terminalReadyRetry = 1000; // ms until that is tried again, if it fails
+
+// How many ticks in a row may find an error before the port is opened again.
+constexpr int serialErrorsAllowed = 2;
 
 // What may wait for an adapter that takes nothing any more: over ten seconds of the line at its full rate.
 constexpr qint64 unwrittenLimit = 1024 * 1024;
@@ -41,22 +44,30 @@ bool Main::openSerialPort()
     portDescription = adapter.description();
     portLocation = adapter.systemLocation().toLocal8Bit();
     serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
-    if (!serialPort.open(QIODevice::ReadWrite)) {
+    // Opening sets the baud rate already; adapters have always been sent it twice, the second time when they
+    // are open. Where that fails half way, the line has another one.
+    if (!serialPort.open(QIODevice::ReadWrite) ||
+        !serialPort.setBaudRate(baudRate, QSerialPort::AllDirections)) {
         qWarning() << "bool Main::openSerialPort()"
                    << "error" << serialPort.errorString();
+        serialPort.close();
         return false;
     }
-    // Opening has set it already; adapters have always been sent it twice, the second time when they are
-    // open.
-    serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
     serialPort.setRequestToSend(true);
     serialPort.setDataTerminalReady(false);
-    QTimer::singleShot(terminalReadyDelay, [port = QPointer<QSerialPort>(&serialPort)] {
-        if (port) {
-            port->setDataTerminalReady(true);
-        }
-    });
+    terminalIsReady = false;
+    terminalReadyTimer.start(terminalReadyDelay);
     return true;
+}
+
+void Main::raiseTerminalReady()
+{
+    terminalIsReady = serialPort.setDataTerminalReady(true);
+    if (!terminalIsReady && serialPort.isOpen()) {
+        qWarning() << "The adapter is not heard, its DTR cannot be raised:" << serialPort.errorString();
+        serialPort.clearError();
+        terminalReadyTimer.start(terminalReadyRetry);
+    }
 }
 
 void Main::closeSerialPort()
@@ -68,7 +79,7 @@ void Main::closeSerialPort()
 
 void Main::superviseSerialPort()
 {
-    if (serialPort.isOpen() && serialPort.error() != QSerialPort::ReadError && !serialPortIsReplaced()) {
+    if (serialPort.isOpen() && !serialPortIsReplaced() && !serialPortHasFailed()) {
         return;
     }
     if (serialPort.isOpen()) {
@@ -76,6 +87,8 @@ void Main::superviseSerialPort()
     }
     serialPort.close();
     serialPort.clearError();
+    serialErrors = 0;
+    terminalReadyTimer.stop();
     openSerialPort();
     sendHelloMessage();
 }
@@ -92,12 +105,37 @@ bool Main::serialPortIsReplaced() const
            opened.st_dev != present.st_dev || opened.st_ino != present.st_ino;
 }
 
+// Other errors than those of a read may have passed when the tick comes. Those that stay end here: Qt tries a
+// write again and again, at full speed.
+bool Main::serialPortHasFailed()
+{
+    const QSerialPort::SerialPortError error = serialPort.error();
+    if (error == QSerialPort::ReadError) {
+        return true;
+    }
+    const bool mayHavePassed = error == QSerialPort::ResourceError || error == QSerialPort::WriteError;
+    serialErrors = mayHavePassed ? serialErrors + 1 : 0;
+    if (mayHavePassed && serialErrors <= serialErrorsAllowed) {
+        resumeSerialPort();
+    }
+    return serialErrors > serialErrorsAllowed;
+}
+
+// After a read that failed with EIO or EAGAIN Qt reads no more. It begins again when it is asked for more
+// than it has.
+void Main::resumeSerialPort()
+{
+    qWarning() << "The serial port is used on after an error:" << serialPort.errorString();
+    serialPort.clearError();
+    serialPort.peek(serialPort.bytesAvailable() + 1);
+}
+
 // DTR low is the gate: until it is raised, the adapter's bytes are leftovers from before it was opened.
 // One look at all that is buffered and one skip, however many records it holds; a partial record stays in
 // the port's buffer until the rest of it arrives.
 void Main::readSerialPort()
 {
-    if (!serialPort.isDataTerminalReady()) {
+    if (!terminalIsReady) {
         serialPort.readAll();
         return;
     }

@@ -51,6 +51,9 @@ Main::Source Main::sourceFromEnvironment()
 void Main::connectSignals()
 {
     connect(&serialPort, &QSerialPort::readyRead, contained([this] { readSerialPort(); }));
+    terminalReadyTimer.setSingleShot(true);
+    terminalReadyTimer.setTimerType(Qt::PreciseTimer);
+    connect(&terminalReadyTimer, &QTimer::timeout, contained([this] { raiseTerminalReady(); }));
     connect(&converter, &SchemaConverter::variantToSend,
             contained([this] { sendToWebSocket(converter.takeVariantToSend(false)); }));
     connect(&server, &QWebSocketServer::newConnection, contained([this] { acceptClient(); }));
@@ -82,14 +85,14 @@ void Main::superviseLinks()
 }
 
 // Qt tries an accept that failed for want of a descriptor again and again, at full speed, and gives up
-// accepting for good after some other errors. So accepting pauses while descriptors are out and is resumed on
-// every tick that finds one.
+// accepting for good after some other errors. So accepting pauses while descriptors are out, those of the
+// process or those of the system, and is resumed on every tick that finds one.
 void Main::superviseListener()
 {
     if (!server.isListening()) {
         return;
     }
-    if (canDuplicate(server.nativeDescriptor())) {
+    if (hasRoomForSocketLike(server.nativeDescriptor())) {
         server.resumeAccepting();
     } else {
         qWarning() << "No file descriptor is left: new clients have to wait";

@@ -40,7 +40,7 @@ client_packages=(python3 python3-websockets python3-msgpack python3-rich)
 test_packages=("${build_packages[@]}" "${client_packages[@]}" python3-pytest python3-pytest-asyncio
                python3-numpy python3-matplotlib iproute2 util-linux procps pkgconf chromium systemd nginx-light
                openssl man-db qml-module-qtquick2 mosquitto mosquitto-clients nats-server prometheus
-               python3-paho-mqtt python3-canmatrix python3-lxml python3-can can-utils victoria-metrics apt-utils gpg)
+               python3-paho-mqtt python3-canmatrix python3-lxml python3-can can-utils victoria-metrics apt-utils gpg strace)
 fuzz_packages=(clang libclang-rt-14-dev)
 
 # For cmake: what several builds have in common is compiled once.

@@ -168,6 +168,8 @@ DAEMON_LINES = (
     # the serial link
     r"warning QIODevice::write \(QSerialPort\): device not open",
     r'warning bool Main::openSerialPort\(\) error ".*"',
+    r'warning The adapter is not heard, its DTR cannot be raised: ".*"',
+    r'warning The serial port is used on after an error: ".*"',
     # SocketCAN
     r'critical Socket can creation failed:  ".*"',
     r"critical Socket can cannot connect\.",

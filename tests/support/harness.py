@@ -55,7 +55,8 @@ async def eventually(condition, timeout=10.0, what="the condition"):
 class Daemon:
     """One run of the daemon. Its log lines begin with their level: "info Connection closed ..."."""
 
-    def __init__(self, folder, environment):
+    def __init__(self, folder, environment, tracer=()):
+        """`tracer` is the beginning of a command that runs the daemon in its own process."""
         self.log_path = folder / f"vorbel-{time.monotonic_ns()}.log"
         # LD_PRELOAD libraries of the virtual hardware come before the sanitizer's runtime.
         sanitizer = "verify_asan_link_order=0:detect_leaks=0:abort_on_error=0"
@@ -70,7 +71,7 @@ class Daemon:
             filter(None, [self.environment.get("ASAN_OPTIONS"), sanitizer]))
         self.started = time.monotonic()
         with open(self.log_path, "wb") as log:
-            self.process = subprocess.Popen([BUILD / "vorbel"], env=self.environment, stdin=subprocess.DEVNULL,
+            self.process = subprocess.Popen([*tracer, BUILD / "vorbel"], env=self.environment, stdin=subprocess.DEVNULL,
                                             stdout=log, stderr=log)
         self.pid = self.process.pid
 
