@@ -5,6 +5,7 @@ import contextlib
 import errno
 import json
 import os
+import pathlib
 import random
 import resource
 import socket
@@ -14,12 +15,16 @@ import time
 from typing import Callable, NamedTuple
 
 import hostile
-from harness import PORT
+from harness import PORT, SANITIZED
+from vorbelsim import CanFrame
+from vorbelsim.canbus import READ_ERROR
 
 HANDSHAKE = ("GET / HTTP/1.1\r\nHost: board\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
              "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n").encode()
 TEXT, BINARY, CLOSE = 0x81, 0x82, 0x88
 PATIENCE = 5  # seconds that a bare client waits for the daemon
+BUS_OFF = 0x40  # the class of the error frame, as Linux has it (linux/can/error.h)
+DAY = 86400  # seconds
 
 
 class Fault(NamedTuple):
@@ -188,6 +193,38 @@ def port_fails(soak, _rng):
         line.trust()
 
 
+def can_down(soak, _rng):
+    """The device tells an error, and no frame comes. Whether it is opened again is the daemon's affair: frames that
+    had come take the error back."""
+    with soak.bus.alone() as line:
+        soak.bus.went_down()
+        line.distrust()
+        line.bus.report_error(READ_ERROR, os.strerror(errno.ENETDOWN))
+    yield
+    with soak.bus.alone() as line:
+        line.trust()
+
+
+def bus_off(soak, _rng):
+    """An error frame tells of it, and nothing comes until the controller is on the bus again. The device stays."""
+    with soak.bus.alone() as line:
+        soak.bus.went_down()
+        line.distrust()
+        line.bus.offer(CanFrame(BUS_OFF, bytes(8), error=True))
+    yield
+    with soak.bus.alone() as line:
+        line.trust()
+
+
+def can_mode(mode):
+    """can0 is like that, and stays open."""
+    def run(soak, _rng):
+        soak.bus.line.bus.mode = mode
+        yield
+        soak.bus.line.bus.mode = "present"
+    return run
+
+
 def can_refuses(mode):
     """can0 is deleted, and what is there instead cannot be used for a while."""
     def run(soak, _rng):
@@ -232,21 +269,47 @@ def limited(program, what, soft):
 
 
 def no_descriptors(soak, _rng):
-    """The daemon opens nothing more, and clients knock."""
+    """Clients take what the daemon may still open, and knock."""
     program = soak.programs["daemon"]
     taken = set(map(int, os.listdir(f"/proc/{program.pid}/fd")))
-    free = next(number for number in range(len(taken) + 1) if number not in taken)
-    give_back = limited(program, resource.RLIMIT_NOFILE, free)
-    people = Crowd(10)
+    limit = max(taken) + 1
+    give_back = limited(program, resource.RLIMIT_NOFILE, limit)
+    people = Crowd(limit - len(taken) + 10)
     yield
     give_back()
     people.leave()
+
+
+def memory_ceiling(name):
+    """Hardly any memory is left, and clients ask for much. A program may end by that, as it does by the kernel's hand
+    when it reaches the ceiling that its unit sets."""
+    def run(soak, rng):
+        program = soak.programs[name]
+        taken = resource.getpagesize() * int(pathlib.Path(f"/proc/{program.pid}/statm").read_text().split()[0])
+        program.may_end = True
+        give_back = limited(program, resource.RLIMIT_AS, taken + rng.choice([0, 1, 4]) * 2**20)
+        people = Crowd(3, say=lambda client: say_hostile_message(client, rng))
+        yield
+        people.leave()
+        give_back()
+        program.may_end = False
+    return run
 
 
 def disk_full(soak, _rng):
     give_back = limited(soak.programs["gateway"], resource.RLIMIT_FSIZE, 0)
     yield
     give_back()
+
+
+def set_clock(where):
+    """Set wrong by up to a day, and right again."""
+    def run(soak, rng):
+        clock = soak.chain.clocks[where]
+        clock.set_ahead(rng.uniform(-DAY, DAY))
+        yield
+        clock.set_ahead(0)
+    return run
 
 
 # The network between gateway and broker
@@ -272,6 +335,10 @@ def hold(name, longest=4.0):
     return Fault(f"{name} held", (name,), held(name), longest)
 
 
+def ceiling(name):
+    return Fault(f"{name}'s memory ceiling", (name, "clients"), memory_ceiling(name), 2, is_kill=True)
+
+
 EVERYWHERE = (
     kill("daemon"), hold("daemon", 2.5),
     Fault("descriptors exhausted", ("daemon",), no_descriptors, breaks=False),
@@ -290,6 +357,10 @@ EVERYWHERE = (
     Fault("gateway's disk full", ("gateway",), disk_full, 4, breaks=False),
     kill("history"), hold("history"),
     kill("database"), hold("database"),
+    Fault("the board's clock set", ("board's clock",), set_clock("board"), breaks=False),
+    Fault("the server's clock set", ("server's clock",), set_clock("server"), breaks=False),
+    # A sanitizer takes an address space that no limit fits.
+    *(() if SANITIZED else (ceiling("daemon"), ceiling("gateway"))),
 )
 ON_LINE = {
     "serialport": (
@@ -304,6 +375,9 @@ ON_LINE = {
         Fault("can0 deleted", ("link",), pulled()),
         Fault("can0 absent", ("link",), can_refuses("absent")),
         Fault("can0 refuses", ("link",), can_refuses("refuse")),
+        Fault("can0 down", ("link",), can_down),
+        Fault("bus off", ("link",), bus_off),
+        Fault("can0's queue full", ("link",), can_mode("full")),
     ),
 }
 REST = 2.0  # seconds that a part has between two faults at least

@@ -58,6 +58,7 @@ class Bus(threading.Thread):
         self.taken = self._mark()
         self.ups, self.downs = [], []
         self.is_up = False
+        self.is_quiet = False  # the link stands, and nothing is said on it
         self._rest = []
         self._looked = self._records = self._slow_at = 0.0
         self._lock = threading.RLock()
@@ -135,7 +136,8 @@ class Bus(threading.Thread):
         else:
             if self.line.unread() == 0 and len(self.marks) >= CARRIED:
                 self.taken = self.marks[-CARRIED]
-            self._say()
+            if not self.is_quiet:
+                self._say()
 
     def _look_for_opening(self):
         now = time.monotonic()

@@ -58,9 +58,10 @@ def programs(soak):
     for name, before in soak.watch.before.items():
         after = soak.watch.after[name]
         rows.append([name, len(soak.programs[name].lives), f"{before['memory']:.1f}", f"{after['memory']:.1f}",
-                     before["descriptors"], after["descriptors"], before["threads"], after["threads"]])
-    return table(["program", "starts", "MiB first", "MiB last", "descriptors first", "last", "threads first", "last"],
-                 rows)
+                     before["descriptors"], after["descriptors"], before["threads"], after["threads"],
+                     *(f"{each[name]:.0f}" if name in each else "" for each in soak.watch.wakes)])
+    return table(["program", "starts", "MiB first", "MiB last", "descriptors first", "last", "threads first", "last",
+                  "wakes a second first", "last"], rows)
 
 
 def delays(watch):

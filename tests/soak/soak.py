@@ -23,6 +23,7 @@ import watch  # noqa: E402
 TICK = 0.1  # seconds
 CALM_BEFORE, CALM_AFTER = 8.0, 8.0
 SETTLING = 1.0  # within which clients tell what they did
+QUIET = 2.0  # less than clients wait for values
 
 
 class Soak:
@@ -42,6 +43,7 @@ class Soak:
         self.chain.begin()
         self.watch.begin(self.chain)
         self._go_on(CALM_BEFORE)
+        self._count_wakes()
         self.watch.look_before()
         self._inject_all(seconds)
         last = self.bus.mark()
@@ -50,6 +52,7 @@ class Soak:
         deadline = time.monotonic() + watch.BY_BROKER - CALM_AFTER
         while not self.watch.has_heard_by_broker(last) and time.monotonic() < deadline:
             self._step()
+        self._count_wakes()
         listened_until = time.monotonic()
         time.sleep(SETTLING)
         self.watch.tell_the_rest()
@@ -74,6 +77,17 @@ class Soak:
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             self._step()
+
+    def _count_wakes(self):
+        """On a quiet bus, where timers that are left behind show."""
+        self.watch.disturbed("link", breaks=False)
+        self.bus.is_quiet = True
+        self._go_on(QUIET / 2)
+        begun = self.watch.count_wakes()
+        self._go_on(QUIET)
+        self.watch.take_wakes(begun)
+        self.bus.is_quiet = False
+        self.watch.healed("link")
 
     def _inject_all(self, seconds):
         started = time.monotonic()
