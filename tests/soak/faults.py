@@ -196,33 +196,41 @@ def port_fails(soak, _rng):
 def can_down(soak, _rng):
     """The device tells an error, and no frame comes. Whether it is opened again is the daemon's affair: frames that
     had come take the error back."""
-    with soak.bus.alone() as line:
-        soak.bus.went_down()
-        line.distrust()
+    with quiet_can(soak) as line:
         line.bus.report_error(READ_ERROR, os.strerror(errno.ENETDOWN))
     yield
-    with soak.bus.alone() as line:
-        line.trust()
+    trust_can(soak)
 
 
 def bus_off(soak, _rng):
     """An error frame tells of it, and nothing comes until the controller is on the bus again. The device stays."""
+    with quiet_can(soak) as line:
+        line.bus.offer(CanFrame(BUS_OFF, bytes(8), error=True))
+    yield
+    trust_can(soak)
+
+
+def queue_full(soak, _rng):
+    """Nothing can be written. Since no frame takes the error back, the daemon opens it again."""
+    with quiet_can(soak) as line:
+        line.bus.mode = "full"
+    yield
+    soak.bus.line.bus.mode = "present"
+    trust_can(soak)
+
+
+@contextlib.contextmanager
+def quiet_can(soak):
+    """Nothing comes from can0 any more, and whether it stays open is not known."""
     with soak.bus.alone() as line:
         soak.bus.went_down()
         line.distrust()
-        line.bus.offer(CanFrame(BUS_OFF, bytes(8), error=True))
-    yield
+        yield line
+
+
+def trust_can(soak):
     with soak.bus.alone() as line:
         line.trust()
-
-
-def can_mode(mode):
-    """can0 is like that, and stays open."""
-    def run(soak, _rng):
-        soak.bus.line.bus.mode = mode
-        yield
-        soak.bus.line.bus.mode = "present"
-    return run
 
 
 def can_refuses(mode):
@@ -377,7 +385,7 @@ ON_LINE = {
         Fault("can0 refuses", ("link",), can_refuses("refuse")),
         Fault("can0 down", ("link",), can_down),
         Fault("bus off", ("link",), bus_off),
-        Fault("can0's queue full", ("link",), can_mode("full")),
+        Fault("can0's queue full", ("link",), queue_full),
     ),
 }
 REST = 2.0  # seconds that a part has between two faults at least

@@ -82,11 +82,12 @@ class Bus(threading.Thread):
             self._hear()
             self.line.unplug()
 
-    def went_down(self):
-        """The program no longer has it open, or will not in an instant."""
+    def went_down(self, taken=None):
+        """The program no longer has it open, or will not in an instant. `taken` is what it is known to have read when
+        that may have been a while ago."""
         with self._lock:
             if self.is_up:
-                self.downs.append((self.taken, self._mark()))
+                self.downs.append((taken or self.taken, self._mark()))
             self.is_up, self._rest = False, []
 
     def reopens(self):

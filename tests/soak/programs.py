@@ -81,13 +81,12 @@ class Program:
         self.folder.mkdir(parents=True, exist_ok=True)
         self.log_path = folder / f"{name}.log"
         self.lives = []
-        self.fallen = []  # the times and return codes of ends that nobody had ordered
         self._command = ["setpriv", "--pdeathsig", "KILL", *map(str, command)]
         self._environment = {key: value for key, value in os.environ.items() if not key.startswith("VORBEL_")}
         self._environment.update(environment or {})
         self._before, self._output, self._is_log_carried = before, output, is_log_carried
         self.may_end = False  # by itself
-        self._is_killed = False
+        self._is_killed = self._has_fallen = False
         self._ended = None
         self._read = 0
         self._carriers = []
@@ -98,7 +97,7 @@ class Program:
                                        stdin=subprocess.DEVNULL, stderr=log, preexec_fn=self._before,
                                        stdout=subprocess.PIPE if self._output else log)
         self.lives.append(Life(process))
-        self._is_killed, self._ended = False, None
+        self._is_killed, self._has_fallen, self._ended = False, False, None
         if self._output:
             self._output(process.stdout)
         return self
@@ -138,6 +137,13 @@ class Program:
     def resume(self):
         self.process.send_signal(signal.SIGCONT)
 
+    def fell(self):
+        """The return code, once, when it has ended without having been killed."""
+        if self.alive or self._is_killed or self._has_fallen:
+            return None
+        self._has_fallen = True
+        return self.process.returncode
+
     def supervise(self):
         """Starts it again when it has ended; whether it did so now."""
         if self.alive:
@@ -145,8 +151,6 @@ class Program:
         now = time.monotonic()
         if self._ended is None:
             self._ended = now
-            if not self._is_killed and not self.may_end:
-                self.fallen.append((now, self.process.returncode))
         if now - self._ended < RESTART_AFTER:
             return False
         self.start()

@@ -31,6 +31,11 @@ def text(soak):
     return "\n\n".join(parts)
 
 
+def compared(watch):
+    """How many values all honest clients have heard."""
+    return sum(sum(hearing.compared.values()) for hearing in watch.hearings.values())
+
+
 def values(watch, batches):
     lost = collections.Counter()
     for breach in watch.breaches:

@@ -171,7 +171,7 @@ def test_the_same_schema_again_costs_half_gathered_arrays_and_nothing_else(run):
 def test_with_another_daemon_the_board_misses_what_comes_before_the_gateway_does(run):
     run.bus.send(50)
     run.bus.take()
-    run.watch.daemon_ends()
+    run.watch.daemon_ends(run.bus.taken)
     run.log(OWN)
     run.bus.send(20)
     run.log("info daemon: connected to here", name="gateway")

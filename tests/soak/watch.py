@@ -80,9 +80,8 @@ class Watch:
         self._parts[part] = time.monotonic()
         self._stands[part].change(time.monotonic(), True)
 
-    def daemon_ends(self):
-        """It has lost the schema, and the gateway the daemon."""
-        taken = self._chain.bus.taken
+    def daemon_ends(self, taken):
+        """It has lost the schema, and the gateway the daemon; `taken` is what it has surely read."""
         self._cease(taken)
         self._board_left = self._board_left or taken
 
