@@ -219,6 +219,7 @@ void Relay::loadSchema()
 
 void Relay::setMeanings(const std::shared_ptr<const Vorbel::Meanings> &meanings)
 {
+    m_batches.flush(); // what has come until now has the former schema
     m_batches.setLeaves(meanings ? std::make_shared<const LeafTree>(leafTreeOf(*meanings)) : nullptr);
     m_latest.setMeanings(meanings);
 }
