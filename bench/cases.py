@@ -5,8 +5,8 @@ import pathlib
 
 
 def run(description, cases, seconds=None):
-    """Each of `cases` {name: function} is called with the build, how long one measurement is to take if `seconds` says what is
-    usual, and a table {name: {unit: figure}}, which is printed."""
+    """Each of `cases` {name: function} is called with the build, how long one measurement is to take if `seconds` says
+    what is usual, and a table {name: {unit: figure}}, which is printed."""
     parser = argparse.ArgumentParser(description=description, formatter_class=argparse.RawDescriptionHelpFormatter)
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("case", nargs="+", choices=cases)
