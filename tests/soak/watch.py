@@ -4,6 +4,7 @@ import bisect
 import collections
 import queue
 import re
+import sys
 import time
 
 import harness
@@ -68,6 +69,7 @@ class Watch:
         if (kind, text) not in self._told:
             self._told.add((kind, text))
             self.event(f"BREACH: {kind}: {text}")
+            print(f"Breach: {kind}: {text}", file=sys.stderr, flush=True)
 
     # What the soak says
 
