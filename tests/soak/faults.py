@@ -289,15 +289,15 @@ def no_descriptors(soak, _rng):
     people.leave()
 
 
-def memory_ceiling(name):
-    """Hardly any memory is left, and clients ask for much. A program may end by that, as it does by the kernel's hand
-    when it reaches the ceiling that its unit sets."""
+def memory_ceiling(name, clients=0):
+    """Hardly any memory is left, and so many clients ask for much. A program may end by that, as it does by the
+    kernel's hand when it reaches the ceiling that its unit sets."""
     def run(soak, rng):
         program = soak.programs[name]
         taken = resource.getpagesize() * int(pathlib.Path(f"/proc/{program.pid}/statm").read_text().split()[0])
         program.may_end = True
         give_back = limited(program, resource.RLIMIT_AS, taken + rng.choice([0, 1, 4]) * 2**20)
-        people = Crowd(3, say=lambda client: say_hostile_message(client, rng))
+        people = Crowd(clients, say=lambda client: say_hostile_message(client, rng))
         yield
         people.leave()
         give_back()
@@ -344,10 +344,10 @@ def hold(name, longest=4.0):
     return Fault(f"{name} held", (name,), held(name), longest)
 
 
-def ceiling(name):
-    return Fault(f"{name}'s memory ceiling", (name, "clients"), memory_ceiling(name), 2, is_kill=True)
-
-
+CEILINGS = (
+    Fault("daemon's memory ceiling", ("daemon", "clients"), memory_ceiling("daemon", clients=3), 2, is_kill=True),
+    Fault("gateway's memory ceiling", ("gateway",), memory_ceiling("gateway"), 2, is_kill=True),
+)
 EVERYWHERE = (
     kill("daemon"), hold("daemon", 2.5),
     Fault("descriptors exhausted", ("daemon", "link"), no_descriptors, breaks=False),
@@ -369,7 +369,7 @@ EVERYWHERE = (
     Fault("the board's clock set", ("board's clock",), set_clock("board"), breaks=False),
     Fault("the server's clock set", ("server's clock",), set_clock("server"), breaks=False),
     # A sanitizer takes an address space that no limit fits.
-    *(() if SANITIZED else (ceiling("daemon"), ceiling("gateway"))),
+    *(() if SANITIZED else CEILINGS),
 )
 ON_LINE = {
     "serialport": (
