@@ -189,7 +189,8 @@ DAEMON_WITHOUT_MEMORY = (r"critical Input dropped, its conversion failed: std::b
                          r"warning MsgPack::\w+\(\) has run out of memory")
 GATEWAY_WITHOUT_MEMORY = (r"critical vorbel: an exception ended the handling of a message: std::bad_alloc",)
 BATCH_LOST = r"warning broker: cannot publish on [^ ]*/values: .*"  # for want of memory
-ENDS_WITHOUT_MEMORY = (r"terminate called after throwing an instance of 'std::bad_alloc'", r"  what\(\):  std::bad_alloc")
+ENDS_WITHOUT_MEMORY = (r"terminate called after throwing an instance of 'std::bad_alloc'",
+                       r"  what\(\):  std::bad_alloc")
 DAEMON_LINES = (
     f"info New connection incoming from {PEER}",
     f"info Connection closed {PEER}",
@@ -271,8 +272,8 @@ def broker(folder, port):
     files.mkdir()
     file.write_text("\n".join([
         "user root", f"listener {port} 127.0.0.1", "allow_anonymous true", "log_dest stderr", "log_type error",
-        "log_type warning", "log_type subscribe", "max_queued_messages 100000", "set_tcp_nodelay true", "persistence true",
-        f"persistence_location {files}/", "autosave_on_changes true", "autosave_interval 1", ""]))
+        "log_type warning", "log_type subscribe", "max_queued_messages 100000", "set_tcp_nodelay true",
+        "persistence true", f"persistence_location {files}/", "autosave_on_changes true", "autosave_interval 1", ""]))
     return Program("broker", folder, ["mosquitto", "-c", file], expected=A_STOCK_PROGRAMS)
 
 
