@@ -1,4 +1,4 @@
-"""What the soak makes of programs that end: those that may, those that must not, and the daemon, which leaves a link."""
+"""What the soak makes of programs that end: those that may, those that must not, and the daemon, which has a link."""
 
 import types
 
