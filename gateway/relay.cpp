@@ -128,7 +128,7 @@ Metrics Relay::metrics() const
 void Relay::followDaemon()
 {
     connect(&m_daemon, &VorbelClient::helloReceived, this, &Relay::greet);
-    connect(&m_daemon, &VorbelClient::disconnected, this, [this](const QString &reason) {
+    connect(&m_daemon, &VorbelClient::disconnected, this, [this](const QString &reason) noexcept {
         if (m_since != 0 || reason != m_daemonTrouble) {
             qWarning("daemon: %s; trying again", qPrintable(reason));
         }
@@ -141,18 +141,20 @@ void Relay::followDaemon()
             qWarning("daemon: a message of %d bytes cannot be read: %s", message.size(), qPrintable(reason));
         });
     connect(&m_daemon, &VorbelClient::schemaChanged, this, &Relay::schemaChanged);
-    connect(&m_daemon, &VorbelClient::delivered, this, [this](quint64 number) { finished(number, {}); });
+    connect(&m_daemon, &VorbelClient::delivered, this,
+            [this](quint64 number) noexcept { finished(number, {}); });
     connect(&m_daemon, &VorbelClient::undelivered, this,
-            [this](quint64 number, bool wasSent, const QString &reason) {
+            [this](quint64 number, bool wasSent, const QString &reason) noexcept {
                 finished(number, wasSent ? reason + ": nothing says whether it was done" : reason);
             });
-    connect(&m_daemon, &VorbelClient::confirmed, this, [this](quint64 number) { finished(number, {}); });
+    connect(&m_daemon, &VorbelClient::confirmed, this,
+            [this](quint64 number) noexcept { finished(number, {}); });
     connect(&m_daemon, &VorbelClient::unconfirmed, this,
-            [this](quint64 number, const QString &reason) { finished(number, reason); });
+            [this](quint64 number, const QString &reason) noexcept { finished(number, reason); });
 }
 
 // The daemon greets whenever a client comes, too.
-void Relay::greet()
+void Relay::greet() noexcept
 {
     if (m_since != 0) {
         return;
@@ -171,7 +173,7 @@ void Relay::greet()
     }
 }
 
-void Relay::daemonLost()
+void Relay::daemonLost() noexcept
 {
     m_batches.flush();
     if (std::exchange(m_since, 0) != 0) {
@@ -179,7 +181,7 @@ void Relay::daemonLost()
     }
 }
 
-void Relay::hear(const Vorbel::Values &values)
+void Relay::hear(const Vorbel::Values &values) noexcept
 {
     if (!m_broker) {
         return; // who has not said who it is
@@ -217,11 +219,12 @@ void Relay::loadSchema()
 
 void Relay::setMeanings(const std::shared_ptr<const Vorbel::Meanings> &meanings)
 {
+    m_batches.flush(); // what has come until now has the former schema
     m_batches.setLeaves(meanings ? std::make_shared<const LeafTree>(leafTreeOf(*meanings)) : nullptr);
     m_latest.setMeanings(meanings);
 }
 
-void Relay::schemaChanged(VorbelClient::SchemaState state, const QString &reason)
+void Relay::schemaChanged(VorbelClient::SchemaState state, const QString &reason) noexcept
 {
     if (state != VorbelClient::Replaced) {
         return;
@@ -508,7 +511,7 @@ void Relay::obeySchema(const QByteArray &text)
     m_pending.insert(m_daemon.confirm(), {});
 }
 
-void Relay::finished(quint64 number, const QString &error)
+void Relay::finished(quint64 number, const QString &error) noexcept
 {
     const auto found = m_pending.find(number);
     if (found == m_pending.end()) {

@@ -56,11 +56,13 @@ private:
     // What the ID is known for, from the first hello on if it is not configured.
     struct Broker;
 
+    // What follows the daemon is done as a whole. When memory runs out, the program ends and begins anew with
+    // what it has spooled: VorbelClient contains what a slot throws, and half of it would have been done.
     void followDaemon();
-    void greet();
-    void daemonLost();
-    void hear(const Vorbel::Values &values);
-    void schemaChanged(VorbelClient::SchemaState state, const QString &reason);
+    void greet() noexcept;
+    void daemonLost() noexcept;
+    void hear(const Vorbel::Values &values) noexcept;
+    void schemaChanged(VorbelClient::SchemaState state, const QString &reason) noexcept;
     void loadSchema();
     void setMeanings(const std::shared_ptr<const Vorbel::Meanings> &meanings);
 
@@ -84,7 +86,7 @@ private:
     QString refusalOf(const Order &order, const QVariantMap &values) const;
     void hearSchema(const Arrived &message);
     void obeySchema(const QByteArray &text);
-    void finished(quint64 number, const QString &error);
+    void finished(quint64 number, const QString &error) noexcept;
 
     QString schemaFile() const;
     QString keptSchemaFile() const;

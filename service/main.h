@@ -38,8 +38,8 @@ public:
     ~Main() override;
 
     // Selects the first port whose description begins with "VEK", opens and configures it. False when there
-    // is none (silently) or when it does not open (with a warning). DTR follows 200 ms later, and is tried
-    // again each second while it fails (with a warning).
+    // is none (silently) or when it does not open (with a warning). DTR follows 200 ms later; while that
+    // or the baud rate fails, they are tried again each second (with a warning).
     bool openSerialPort();
 
     // Lowers DTR, writes what is pending and closes the port. For embedders: the daemon has no orderly
@@ -81,8 +81,9 @@ private:
 
     void superviseSerialPort();
     bool serialPortIsReplaced() const;
-    bool serialPortHasFailed();
     void resumeSerialPort();
+    void dropUnwritten();
+    void tellUnheard();
     void raiseTerminalReady();
     void readSerialPort();
     void writeToSerialPort(const QVariant &value);
@@ -105,8 +106,10 @@ private:
     QMetaObject::Connection canReading; // of canDevice's frames to this object
     QByteArray portLocation;            // device node of the serial port last selected
     QTimer terminalReadyTimer;          // from opening the serial port until DTR is raised
+    bool baudRateIsSet = false;         // whether it has been set since the serial port was opened
     bool terminalIsReady = false;       // whether DTR has been raised since the serial port was opened
-    int serialErrors = 0;               // how many ticks in a row have found an error of the serial port
+    int serialErrors = 0;               // how many ticks in a row have found an error it is used on after
+    qint64 unheard = 0;                 // bytes since the last tick whose DTR could not be told
     unsigned canInterfaceIndex = 0;     // the kernel's number of "can0" when canDevice was connected
     qint64 largestMessage = 0;          // in bytes, of those that may be on their way to a client
     qint64 unreadByAll = 0;             // bytes waiting for all clients together after the last broadcast

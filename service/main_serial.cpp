@@ -13,7 +13,7 @@ constexpr qint32 baudRate = 1000000;
 constexpr int terminalReadyDelay = 200;  // ms from opening until DTR is raised
 constexpr int terminalReadyRetry = 1000; // ms until that is tried again, if it fails
 
-// How many ticks in a row may find an error before the port is opened again.
+// How many ticks in a row may find an error before what is to be written is given up.
 constexpr int serialErrorsAllowed = 2;
 
 // What may wait for an adapter that takes nothing any more: over ten seconds of the line at its full rate.
@@ -44,27 +44,27 @@ bool Main::openSerialPort()
     portDescription = adapter.description();
     portLocation = adapter.systemLocation().toLocal8Bit();
     serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
-    // Opening sets the baud rate already; adapters have always been sent it twice, the second time when they
-    // are open. Where that fails half way, the line has another one.
-    if (!serialPort.open(QIODevice::ReadWrite) ||
-        !serialPort.setBaudRate(baudRate, QSerialPort::AllDirections)) {
+    if (!serialPort.open(QIODevice::ReadWrite)) {
         qWarning() << "bool Main::openSerialPort()"
                    << "error" << serialPort.errorString();
-        serialPort.close();
         return false;
     }
+    // Opening has set it already; adapters have always been sent it twice, the second time when they are
+    // open.
+    baudRateIsSet = serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
     serialPort.setRequestToSend(true);
     serialPort.setDataTerminalReady(false);
-    terminalIsReady = false;
     terminalReadyTimer.start(terminalReadyDelay);
     return true;
 }
 
+// Whatever came at another baud rate would be no records.
 void Main::raiseTerminalReady()
 {
-    terminalIsReady = serialPort.setDataTerminalReady(true);
+    baudRateIsSet = baudRateIsSet || serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
+    terminalIsReady = baudRateIsSet && serialPort.setDataTerminalReady(true);
     if (!terminalIsReady && serialPort.isOpen()) {
-        qWarning() << "The adapter is not heard, its DTR cannot be raised:" << serialPort.errorString();
+        qWarning() << "The adapter is not heard, its line cannot be set:" << serialPort.errorString();
         serialPort.clearError();
         terminalReadyTimer.start(terminalReadyRetry);
     }
@@ -79,7 +79,9 @@ void Main::closeSerialPort()
 
 void Main::superviseSerialPort()
 {
-    if (serialPort.isOpen() && !serialPortIsReplaced() && !serialPortHasFailed()) {
+    tellUnheard();
+    if (serialPort.isOpen() && serialPort.error() != QSerialPort::ReadError && !serialPortIsReplaced()) {
+        resumeSerialPort();
         return;
     }
     if (serialPort.isOpen()) {
@@ -88,6 +90,7 @@ void Main::superviseSerialPort()
     serialPort.close();
     serialPort.clearError();
     serialErrors = 0;
+    terminalIsReady = false;
     terminalReadyTimer.stop();
     openSerialPort();
     sendHelloMessage();
@@ -105,29 +108,41 @@ bool Main::serialPortIsReplaced() const
            opened.st_dev != present.st_dev || opened.st_ino != present.st_ino;
 }
 
-// Other errors than those of a read may have passed when the tick comes. Those that stay end here: Qt tries a
-// write again and again, at full speed.
-bool Main::serialPortHasFailed()
-{
-    const QSerialPort::SerialPortError error = serialPort.error();
-    if (error == QSerialPort::ReadError) {
-        return true;
-    }
-    const bool mayHavePassed = error == QSerialPort::ResourceError || error == QSerialPort::WriteError;
-    serialErrors = mayHavePassed ? serialErrors + 1 : 0;
-    if (mayHavePassed && serialErrors <= serialErrorsAllowed) {
-        resumeSerialPort();
-    }
-    return serialErrors > serialErrorsAllowed;
-}
-
-// After a read that failed with EIO or EAGAIN Qt reads no more. It begins again when it is asked for more
-// than it has.
+// Other errors than ReadError are no reason to open the port again: most have passed when the tick comes. But
+// after a read that failed with EIO or EAGAIN, Qt reads no more until it is asked for more than it has.
 void Main::resumeSerialPort()
 {
+    const QSerialPort::SerialPortError error = serialPort.error();
+    if (error != QSerialPort::ResourceError && error != QSerialPort::WriteError) {
+        serialErrors = 0;
+        return;
+    }
     qWarning() << "The serial port is used on after an error:" << serialPort.errorString();
+    if (++serialErrors > serialErrorsAllowed) {
+        dropUnwritten();
+    }
     serialPort.clearError();
     serialPort.peek(serialPort.bytesAvailable() + 1);
+}
+
+// Qt tries a write that fails again and again, at full speed; and what was to be done seconds ago is not to
+// be done later.
+void Main::dropUnwritten()
+{
+    if (serialPort.bytesToWrite() > 0) {
+        qWarning() << "Dropping" << serialPort.bytesToWrite() << "bytes that the serial port does not take";
+        serialPort.clear(QSerialPort::Output);
+    }
+}
+
+// What an adapter sends while it does not tell its modem lines cannot be told from leftovers.
+void Main::tellUnheard()
+{
+    if (unheard > 0) {
+        qWarning() << "Dropped" << unheard
+                   << "bytes of an adapter that does not say whether its DTR is raised";
+    }
+    unheard = 0;
 }
 
 // DTR low is the gate: until it is raised, the adapter's bytes are leftovers from before it was opened.
@@ -135,8 +150,9 @@ void Main::resumeSerialPort()
 // the port's buffer until the rest of it arrives.
 void Main::readSerialPort()
 {
-    if (!terminalIsReady) {
-        serialPort.readAll();
+    if (!serialPort.isDataTerminalReady()) {
+        const QByteArray dropped = serialPort.readAll();
+        unheard += terminalIsReady ? dropped.size() : 0;
         return;
     }
     const QByteArray buffered = serialPort.peek(serialPort.bytesAvailable());

@@ -6,7 +6,6 @@
 Client and peer take turns; the least of several runs counts. CPU is that of the client's process, per message.
 """
 
-import argparse
 import contextlib
 import json
 import os
@@ -17,6 +16,7 @@ import tempfile
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(PROJECT / "bench"), str(PROJECT / "bench" / "clients")]
+import cases  # noqa: E402
 import counting  # noqa: E402
 from source import LINE_RATE, PORT, SCHEMA, Source, as_taken, at_line_rate, in_step  # noqa: E402
 
@@ -113,18 +113,5 @@ def smoke(build, table):
 
 CASES = {case.__name__: case for case in (line_rate, full_speed, memory, instructions, smoke)}
 
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("build", type=pathlib.Path)
-    parser.add_argument("case", nargs="+", choices=CASES)
-    options = parser.parse_args()
-    for case in options.case:
-        table = {}
-        CASES[case](options.build.resolve(), table)
-        for name, figures in table.items():
-            print(f"{name:48}" + ", ".join(f"{value} {unit}" for unit, value in figures.items()), flush=True)
-
-
 if __name__ == "__main__":
-    main()
+    cases.run(__doc__, CASES)

@@ -7,7 +7,6 @@ The daemon is the real one with a simulated adapter, except where something is c
 the run.
 """
 
-import argparse
 import collections
 import contextlib
 import os
@@ -21,6 +20,7 @@ import time
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(PROJECT / folder) for folder in ("sim", "bench", "bench/gateway", "bench/clients", "bench/service")]
+import cases  # noqa: E402
 import counting  # noqa: E402
 import service_bench as service  # noqa: E402
 import source  # noqa: E402
@@ -333,19 +333,5 @@ def smoke(build, seconds, table):
 
 CASES = {case.__name__: case for case in (line_rate, batches, flash, now, memory, instructions, smoke)}
 
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("build", type=pathlib.Path)
-    parser.add_argument("case", nargs="+", choices=CASES)
-    parser.add_argument("--seconds", type=float, default=5, help="length of one measurement (default 5)")
-    options = parser.parse_args()
-    for case in options.case:
-        table = {}
-        CASES[case](options.build.resolve(), options.seconds, table)
-        for name, figures in table.items():
-            print(f"{name:48}" + ", ".join(f"{value} {unit}" for unit, value in figures.items()), flush=True)
-
-
 if __name__ == "__main__":
-    main()
+    cases.run(__doc__, CASES, seconds=5)

@@ -7,7 +7,6 @@ Peers, all in the same interleaved run: a minimal Qt program that reads the adap
 raw epoll server, and a bridge in Python. CPU is the process's own, per record; a lost message fails the run.
 """
 
-import argparse
 import contextlib
 import json
 import os
@@ -27,6 +26,7 @@ import msgpack
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(PROJECT / "sim"), str(PROJECT / "bench")]
+import cases  # noqa: E402
 import counting  # noqa: E402
 from vorbelsim import vek  # noqa: E402
 from vorbelsim.adapter import VirtualAdapter  # noqa: E402
@@ -347,19 +347,5 @@ def smoke(build, seconds, table):
 CASES = {case.__name__: case for case in (broadcast, latency, rss, start_to_listen, instructions, system_calls,
                                           profile, smoke)}
 
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
-    parser.add_argument("build", type=pathlib.Path)
-    parser.add_argument("case", nargs="+", choices=CASES)
-    parser.add_argument("--seconds", type=float, default=5, help="length of one measurement (default 5)")
-    options = parser.parse_args()
-    for case in options.case:
-        table = {}
-        CASES[case](options.build.resolve(), options.seconds, table)
-        for name, figures in table.items():
-            print(f"{name:48}" + ", ".join(f"{value} {unit}" for unit, value in figures.items()), flush=True)
-
-
 if __name__ == "__main__":
-    main()
+    cases.run(__doc__, CASES, seconds=5)

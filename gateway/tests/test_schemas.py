@@ -53,6 +53,18 @@ def test_a_schema_that_comes_while_the_daemon_is_away_is_refused_and_forgotten(p
     assert plant.listener.of("schema")[-1].json == SCHEMA
 
 
+def test_what_came_before_a_new_schema_is_published_before_it(plant):
+    plant.start(values={"interval_ms": 60000}, now={"interval_ms": 0}, schema={"accept": True})
+    plant.say_speeds(5)
+    plant.listener.wait_last("now/motor/speed", b"5")
+    assert plant.put_schema(NEW)["ok"]
+    plant.listener.wait("schema", lambda message: message.json == NEW)
+    told = [message.json for message in plant.listener.everything()
+            if message.topic in ("vorbel/7/values", "vorbel/7/schema")]
+    assert told[:-2] == [SCHEMA] and told[-1] == NEW
+    assert [value for _, value in told[-2]["v"]] == [{"motor": {"speed": 5}}]
+
+
 def test_what_a_new_schema_says_counts_at_once(plant):
     plant.start(**AT_ONCE, schema={"accept": True})
     plant.say(speed(5), CanFrame.vek(6, 1, b"\x01"))

@@ -164,6 +164,10 @@ bool VirtualCanBus::writeFrame(const QCanBusFrame &frame)
         return false;
     }
     const WrittenFrame written = {s_now(), s_toWire(frame)};
+    if (s_mode() == "full") {
+        setError(qt_error_string(ENOBUFS), QCanBusDevice::WriteError);
+        return false;
+    }
     if (::send(descriptor, &written, sizeof written, MSG_NOSIGNAL) != ssize_t(sizeof written)) {
         setError(qt_error_string(errno), QCanBusDevice::WriteError);
         return false;

@@ -9,7 +9,7 @@
 //
 // The file VORBEL_SIM_DIR/can/mode may hold a word that changes what the device does: "absent" (it cannot be
 // created), "refuse" (it fails to connect and reports an error), "refuse-silently" (it fails to connect and
-// reports none).
+// reports none), "full" (it takes no frame, as an interface whose queue is full).
 #pragma once
 
 #include <QCanBusDevice>

@@ -1,4 +1,4 @@
-"""Virtual hardware for tests and the demonstration: a serial CAN adapter, a CAN bus, a few nodes.
+"""Virtual hardware for tests and the demonstration: a serial CAN adapter, a CAN bus, a few nodes, a clock.
 
 Everything here needs Debian's Python and nothing else. No call blocks without a time limit.
 """
@@ -6,6 +6,7 @@ Everything here needs Debian's Python and nothing else. No call blocks without a
 from .adapter import VirtualAdapter
 from .canbus import VirtualCanBus
 from .canframe import CanFrame
+from .clock import VirtualClock
 from .faults import SystemCallFaults
 
-__all__ = ["CanFrame", "SystemCallFaults", "VirtualAdapter", "VirtualCanBus"]
+__all__ = ["CanFrame", "SystemCallFaults", "VirtualAdapter", "VirtualCanBus", "VirtualClock"]

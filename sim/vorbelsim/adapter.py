@@ -46,8 +46,7 @@ class VirtualAdapter:
             "VORBEL_SIM_DIR": str(self.directory),
             "VORBEL_SOURCE": "serialport",
             "LD_PRELOAD": build.joined(":", build.adapter_library(), os.environ.get("LD_PRELOAD")),
-            # AddressSanitizer's runtime otherwise refuses to start behind a preloaded library.
-            "ASAN_OPTIONS": build.joined(":", os.environ.get("ASAN_OPTIONS"), "verify_asan_link_order=0"),
+            "ASAN_OPTIONS": build.sanitizer_options(),
         }
 
     @property

@@ -20,6 +20,15 @@ def faults_library() -> pathlib.Path:
     return _existing(build_dir() / "sim" / "libvorbel_sim_faults.so")
 
 
+def clock_library() -> pathlib.Path:
+    return _existing(build_dir() / "sim" / "libvorbel_sim_clock.so")
+
+
+def sanitizer_options() -> str:
+    """AddressSanitizer's runtime otherwise refuses to start behind a preloaded library."""
+    return joined(":", os.environ.get("ASAN_OPTIONS"), "verify_asan_link_order=0")
+
+
 def can_plugin_path() -> pathlib.Path:
     return _existing(build_dir() / "sim" / "plugins")
 

@@ -28,7 +28,7 @@ class VirtualCanBus:
     """The bus; every device that connects hears and says everything. As a context manager: started inside.
 
     `mode` says how devices find it: "present", "absent" (creation fails), "refuse" (connecting fails with an
-    error) or "refuse-silently" (connecting fails, no error is reported).
+    error), "refuse-silently" (connecting fails, no error is reported) or "full" (writing fails).
     """
 
     def __init__(self, directory):

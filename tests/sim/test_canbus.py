@@ -100,6 +100,18 @@ def test_bus_that_was_not_started_refuses(probe, tmp_path):
     assert lines.line().startswith(f"error {canbus.CONNECTION_ERROR} ")
 
 
+def test_full_queue_is_a_write_error(probe, bus):
+    running = connected(probe, bus)
+    bus.mode = "full"
+    bus.send(CanFrame(0x123))
+    assert running.line().startswith("frame ")
+    assert running.line() == f"error {canbus.WRITE_ERROR} No buffer space available"
+    assert bus.receive(1, timeout=0.1) == []
+    bus.mode = "present"
+    bus.send(CanFrame(0x124))
+    assert bus.receive(1)[0].frame == CanFrame(0x124)
+
+
 def test_lost_bus_is_a_read_error(probe, bus):
     running = connected(probe, bus)
     bus.disconnect()

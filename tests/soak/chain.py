@@ -9,6 +9,7 @@ import load
 import programs
 from board import BoardEar
 from gatewayharness import Relay, free_port
+from vorbelsim import VirtualClock
 
 LINKS = {"serialport": lines.AdapterLine, "socketcan": lines.CanLine}
 CHAIN = ("daemon", "broker", "gateway", "history", "database")
@@ -23,15 +24,17 @@ class Chain:
         (folder / "schema.json").write_text(json.dumps(load.SCHEMA))
         self._broker_port, self.database_port = free_port(), free_port()
         self.relay = Relay(self._broker_port)
+        self.clocks = {where: VirtualClock(folder / f"{where}-clock") for where in ("board", "server")}
+        clocks = {where: clock.env() for where, clock in self.clocks.items()}
         self.programs = {
-            "daemon": programs.daemon(folder, self.bus.line.env()),
+            "daemon": programs.daemon(folder, self.bus.line.env(), clocks["board"]),
             "broker": programs.broker(folder, self._broker_port),
             "database": programs.database(folder, self.database_port),
-            "history": programs.history(folder, self._broker_port, self.database_port),
-            "gateway": programs.gateway(folder, self.relay.port, folder / "schema.json"),
+            "history": programs.history(folder, self._broker_port, self.database_port, clocks["server"]),
+            "gateway": programs.gateway(folder, self.relay.port, folder / "schema.json", clocks["board"]),
         }
         for name, command in honest.commands(harness.BUILD, harness.URI, clients).items():
-            self.programs[name] = programs.Program(name, folder, command, output=self._listen)
+            self.programs[name] = programs.Program(name, folder, command, programs.python_path(), output=self._listen)
         self.board = None
 
     def _listen(self, stream):
@@ -43,7 +46,9 @@ class Chain:
             self.programs[name].start()
             programs.wait_answering(port)
         self.board = BoardEar(self._broker_port)
-        for name in ("history", "gateway", *honest.LIBRARIES):
+        self.programs["history"].start()
+        programs.wait_subscribed(self.programs["broker"], "vorbel-history")
+        for name in ("gateway", *honest.LIBRARIES):
             self.programs[name].start()
         self.bus.start()
 

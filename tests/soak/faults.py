@@ -5,6 +5,7 @@ import contextlib
 import errno
 import json
 import os
+import pathlib
 import random
 import resource
 import socket
@@ -14,12 +15,16 @@ import time
 from typing import Callable, NamedTuple
 
 import hostile
-from harness import PORT
+from harness import PORT, SANITIZED
+from vorbelsim import CanFrame
+from vorbelsim.canbus import READ_ERROR
 
 HANDSHAKE = ("GET / HTTP/1.1\r\nHost: board\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
              "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n").encode()
 TEXT, BINARY, CLOSE = 0x81, 0x82, 0x88
 PATIENCE = 5  # seconds that a bare client waits for the daemon
+BUS_OFF = 0x40  # the class of the error frame, as Linux has it (linux/can/error.h)
+DAY = 86400  # seconds
 
 
 class Fault(NamedTuple):
@@ -188,6 +193,46 @@ def port_fails(soak, _rng):
         line.trust()
 
 
+def can_down(soak, _rng):
+    """The device tells an error, and no frame comes. Whether it is opened again is the daemon's affair: frames that
+    had come take the error back."""
+    with quiet_can(soak) as line:
+        line.bus.report_error(READ_ERROR, os.strerror(errno.ENETDOWN))
+    yield
+    trust_can(soak)
+
+
+def bus_off(soak, _rng):
+    """An error frame tells of it, and nothing comes until the controller is on the bus again. The device stays."""
+    with quiet_can(soak) as line:
+        line.bus.offer(CanFrame(BUS_OFF, bytes(8), error=True))
+    yield
+    trust_can(soak)
+
+
+def queue_full(soak, _rng):
+    """Nothing can be written. Since no frame takes the error back, the daemon opens it again."""
+    with quiet_can(soak) as line:
+        line.bus.mode = "full"
+    yield
+    soak.bus.line.bus.mode = "present"
+    trust_can(soak)
+
+
+@contextlib.contextmanager
+def quiet_can(soak):
+    """Nothing comes from can0 any more, and whether it stays open is not known."""
+    with soak.bus.alone() as line:
+        soak.bus.went_down()
+        line.distrust()
+        yield line
+
+
+def trust_can(soak):
+    with soak.bus.alone() as line:
+        line.trust()
+
+
 def can_refuses(mode):
     """can0 is deleted, and what is there instead cannot be used for a while."""
     def run(soak, _rng):
@@ -232,21 +277,48 @@ def limited(program, what, soft):
 
 
 def no_descriptors(soak, _rng):
-    """The daemon opens nothing more, and clients knock."""
+    """Clients take what the daemon may still open, and knock. The link is left alone: the virtual adapter needs a
+    descriptor itself to say that it was opened."""
     program = soak.programs["daemon"]
     taken = set(map(int, os.listdir(f"/proc/{program.pid}/fd")))
-    free = next(number for number in range(len(taken) + 1) if number not in taken)
-    give_back = limited(program, resource.RLIMIT_NOFILE, free)
-    people = Crowd(10)
+    limit = max(taken) + 1
+    give_back = limited(program, resource.RLIMIT_NOFILE, limit)
+    people = Crowd(limit - len(taken) + 10)
     yield
     give_back()
     people.leave()
+
+
+def memory_ceiling(name, clients=0):
+    """Hardly any memory is left, and so many clients ask for much. A program may end by that, as it does by the
+    kernel's hand when it reaches the ceiling that its unit sets."""
+    def run(soak, rng):
+        program = soak.programs[name]
+        taken = resource.getpagesize() * int(pathlib.Path(f"/proc/{program.pid}/statm").read_text().split()[0])
+        program.may_end = True
+        give_back = limited(program, resource.RLIMIT_AS, taken + rng.choice([0, 1, 4]) * 2**20)
+        people = Crowd(clients, say=lambda client: say_hostile_message(client, rng))
+        yield
+        people.leave()
+        give_back()
+        program.may_end = False
+    return run
 
 
 def disk_full(soak, _rng):
     give_back = limited(soak.programs["gateway"], resource.RLIMIT_FSIZE, 0)
     yield
     give_back()
+
+
+def set_clock(where):
+    """Set wrong by up to a day, and right again."""
+    def run(soak, rng):
+        clock = soak.chain.clocks[where]
+        clock.set_ahead(rng.uniform(-DAY, DAY))
+        yield
+        clock.set_ahead(0)
+    return run
 
 
 # The network between gateway and broker
@@ -272,9 +344,13 @@ def hold(name, longest=4.0):
     return Fault(f"{name} held", (name,), held(name), longest)
 
 
+CEILINGS = (
+    Fault("daemon's memory ceiling", ("daemon", "clients"), memory_ceiling("daemon", clients=3), 2, is_kill=True),
+    Fault("gateway's memory ceiling", ("gateway",), memory_ceiling("gateway"), 2, is_kill=True),
+)
 EVERYWHERE = (
     kill("daemon"), hold("daemon", 2.5),
-    Fault("descriptors exhausted", ("daemon",), no_descriptors, breaks=False),
+    Fault("descriptors exhausted", ("daemon", "link"), no_descriptors, breaks=False),
     Fault("clients vanish", ("clients",), crowd(20, leave=begin_and_vanish, receive_buffer=4096)),
     Fault("clients stall", ("clients",), crowd(5, receive_buffer=4096), 6),
     Fault("garbage", ("clients",), crowd(3, say=say_garbage), 1),
@@ -290,6 +366,10 @@ EVERYWHERE = (
     Fault("gateway's disk full", ("gateway",), disk_full, 4, breaks=False),
     kill("history"), hold("history"),
     kill("database"), hold("database"),
+    Fault("the board's clock set", ("board's clock",), set_clock("board"), breaks=False),
+    Fault("the server's clock set", ("server's clock",), set_clock("server"), breaks=False),
+    # A sanitizer takes an address space that no limit fits.
+    *(() if SANITIZED else CEILINGS),
 )
 ON_LINE = {
     "serialport": (
@@ -304,6 +384,9 @@ ON_LINE = {
         Fault("can0 deleted", ("link",), pulled()),
         Fault("can0 absent", ("link",), can_refuses("absent")),
         Fault("can0 refuses", ("link",), can_refuses("refuse")),
+        Fault("can0 down", ("link",), can_down),
+        Fault("bus off", ("link",), bus_off),
+        Fault("can0's queue full", ("link",), queue_full),
     ),
 }
 REST = 2.0  # seconds that a part has between two faults at least

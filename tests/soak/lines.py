@@ -114,6 +114,7 @@ class CanLine:
         self.bus = VirtualCanBus(folder)
         self.is_there = False
         self._accepted = 0
+        self._trusted = 0.0
 
     def env(self):
         return self.bus.env()
@@ -129,8 +130,17 @@ class CanLine:
     def expect_opening(self):
         self._accepted = self.bus.accepted
 
+    def distrust(self):
+        """Whether it stays open is not known: the daemon may look after it at any time."""
+        self._trusted = math.inf
+
+    def trust(self):
+        """Whoever has it open when the daemon has looked after it twice keeps it."""
+        self._accepted = -1
+        self._trusted = time.monotonic() + 2 * TICK + 0.2
+
     def was_opened(self):
-        return self.bus.connected > 0 and self.bus.accepted > self._accepted
+        return time.monotonic() >= self._trusted and self.bus.connected > 0 and self.bus.accepted > self._accepted
 
     def packed(self, records):
         return [CanFrame.vek(*record).pack_fd() for record in records]

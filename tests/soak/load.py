@@ -58,6 +58,7 @@ class Bus(threading.Thread):
         self.taken = self._mark()
         self.ups, self.downs = [], []
         self.is_up = False
+        self.is_quiet = False  # the link stands, and nothing is said on it
         self._rest = []
         self._looked = self._records = self._slow_at = 0.0
         self._lock = threading.RLock()
@@ -81,11 +82,12 @@ class Bus(threading.Thread):
             self._hear()
             self.line.unplug()
 
-    def went_down(self):
-        """The program no longer has it open, or will not in an instant."""
+    def went_down(self, taken=None):
+        """The program no longer has it open, or will not in an instant. `taken` is what it is known to have read when
+        that may have been a while ago."""
         with self._lock:
             if self.is_up:
-                self.downs.append((self.taken, self._mark()))
+                self.downs.append((taken or self.taken, self._mark()))
             self.is_up, self._rest = False, []
 
     def reopens(self):
@@ -135,7 +137,8 @@ class Bus(threading.Thread):
         else:
             if self.line.unread() == 0 and len(self.marks) >= CARRIED:
                 self.taken = self.marks[-CARRIED]
-            self._say()
+            if not self.is_quiet:
+                self._say()
 
     def _look_for_opening(self):
         now = time.monotonic()

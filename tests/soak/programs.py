@@ -3,17 +3,40 @@
 import contextlib
 import os
 import pathlib
+import re
 import resource
 import signal
 import subprocess
 import time
+from typing import NamedTuple
 
 import harness
 from gatewayharness import answers, ini
+from vorbelsim import build
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
 RESTART_AFTER = 0.3  # seconds
 PAGE = resource.getpagesize() / 2**20  # MiB
+
+
+class Place(NamedTuple):
+    """Where the programs are, and the folder of their Python packages."""
+
+    daemon: pathlib.Path
+    gateway: pathlib.Path
+    history: pathlib.Path
+    python: pathlib.Path
+
+
+def place():
+    """Where packages were unpacked, $VORBEL_INSTALLED, or else the build."""
+    if "VORBEL_INSTALLED" in os.environ:
+        usr = pathlib.Path(os.environ["VORBEL_INSTALLED"]) / "usr"
+        return Place(*(usr / "bin" / name for name in ("vorbel", "vorbel-gateway", "vorbel-history")),
+                     usr / "lib" / "python3" / "dist-packages")
+    python = PROJECT / "clients" / "python"
+    return Place(harness.BUILD / "vorbel", harness.BUILD / "gateway" / "vorbel-gateway", python / "vorbel-history",
+                 python)
 
 
 class Sample:
@@ -25,6 +48,12 @@ class Sample:
         self.memory = int((folder / "statm").read_text().split()[1]) * PAGE
         self.descriptors = len(os.listdir(folder / "fd"))
         self.threads = len(os.listdir(folder / "task"))
+
+
+def wakes_of(pid):
+    """How often its first thread has waited since it began: each timer that is left behind adds to that."""
+    status = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)$", status, re.M)[1])
 
 
 class Life:
@@ -52,12 +81,12 @@ class Program:
         self.folder.mkdir(parents=True, exist_ok=True)
         self.log_path = folder / f"{name}.log"
         self.lives = []
-        self.fallen = []  # the times and return codes of ends that nobody had ordered
         self._command = ["setpriv", "--pdeathsig", "KILL", *map(str, command)]
         self._environment = {key: value for key, value in os.environ.items() if not key.startswith("VORBEL_")}
         self._environment.update(environment or {})
         self._before, self._output, self._is_log_carried = before, output, is_log_carried
-        self._is_killed = False
+        self.may_end = False  # by itself
+        self._is_killed = self._has_fallen = False
         self._ended = None
         self._read = 0
         self._carriers = []
@@ -68,7 +97,7 @@ class Program:
                                        stdin=subprocess.DEVNULL, stderr=log, preexec_fn=self._before,
                                        stdout=subprocess.PIPE if self._output else log)
         self.lives.append(Life(process))
-        self._is_killed, self._ended = False, None
+        self._is_killed, self._has_fallen, self._ended = False, False, None
         if self._output:
             self._output(process.stdout)
         return self
@@ -108,6 +137,13 @@ class Program:
     def resume(self):
         self.process.send_signal(signal.SIGCONT)
 
+    def fell(self):
+        """The return code, once, when it has ended without having been killed."""
+        if self.alive or self._is_killed or self._has_fallen:
+            return None
+        self._has_fallen = True
+        return self.process.returncode
+
     def supervise(self):
         """Starts it again when it has ended; whether it did so now."""
         if self.alive:
@@ -115,8 +151,6 @@ class Program:
         now = time.monotonic()
         if self._ended is None:
             self._ended = now
-            if not self._is_killed:
-                self.fallen.append((now, self.process.returncode))
         if now - self._ended < RESTART_AFTER:
             return False
         self.start()
@@ -151,6 +185,12 @@ def ignore_full_disk():
 
 QT = {"QT_MESSAGE_PATTERN": "%{type} %{message}", "LC_ALL": "C.UTF-8", "QT_LOGGING_RULES": "default.debug=false"}
 PEER = r'QHostAddress\("[^"]*"\)'
+DAEMON_WITHOUT_MEMORY = (r"critical Input dropped, its conversion failed: std::bad_alloc",
+                         r"warning MsgPack::\w+\(\) has run out of memory")
+GATEWAY_WITHOUT_MEMORY = (r"critical vorbel: an exception ended the handling of a message: std::bad_alloc",)
+BATCH_LOST = r"warning broker: cannot publish on [^ ]*/values: .*"  # for want of memory
+ENDS_WITHOUT_MEMORY = (r"terminate called after throwing an instance of 'std::bad_alloc'",
+                       r"  what\(\):  std::bad_alloc")
 DAEMON_LINES = (
     f"info New connection incoming from {PEER}",
     f"info Connection closed {PEER}",
@@ -162,6 +202,8 @@ DAEMON_LINES = (
     r"warning No file descriptor is left: new clients have to wait",
     r"warning Cannot accept a connection.*",
     r"critical Input dropped, its conversion failed: Bad type",
+    *DAEMON_WITHOUT_MEMORY,
+    *ENDS_WITHOUT_MEMORY,
     r"warning MsgPack::unpack\(\) (?:unpacker for type -?\d+ doesn't exist|can't .*)",
     r'warning Key: ".*" does not exist in the schema',
     r"warning And \d+ more lines of this kind from the same message: .*",
@@ -187,6 +229,9 @@ GATEWAY_LINES = (
     r"warning broker: cannot subscribe to .*",
     r"warning spool: cannot write to .*: what the broker has not acknowledged is kept in memory",
     r"warning (?:state|topics): cannot write .*",
+    r"warning broker: cannot publish on .*",
+    *GATEWAY_WITHOUT_MEMORY,
+    *ENDS_WITHOUT_MEMORY,
 )
 HISTORY_LINES = (
     r"<6>broker: connected to .* as .*",
@@ -197,33 +242,40 @@ HISTORY_LINES = (
 A_STOCK_PROGRAMS = (".*",)  # its own affair
 
 
-def daemon(folder, link):
-    """`link` is what the environment says of it."""
-    return Program("daemon", folder, [harness.BUILD / "vorbel"], {**QT, **link}, DAEMON_LINES)
+def combined(*environments):
+    """Of what each of them preloads, everything."""
+    preloaded = build.joined(":", *(each.get("LD_PRELOAD") for each in environments))
+    both = {key: value for each in environments for key, value in each.items()}
+    return {**both, **({"LD_PRELOAD": preloaded} if preloaded else {})}
 
 
-def gateway(folder, broker_port, schema_file):
-    place = folder / "gateway-files"
-    folders = {"STATE_DIRECTORY": place / "state", "RUNTIME_DIRECTORY": place / "run",
-               "CREDENTIALS_DIRECTORY": place / "credentials"}
+def daemon(folder, link, clock):
+    """`link` and `clock` are what the environment says of them."""
+    return Program("daemon", folder, [place().daemon], combined(QT, link, clock), DAEMON_LINES)
+
+
+def gateway(folder, broker_port, schema_file, clock):
+    files = folder / "gateway-files"
+    folders = {"STATE_DIRECTORY": files / "state", "RUNTIME_DIRECTORY": files / "run",
+               "CREDENTIALS_DIRECTORY": files / "credentials"}
     for each in folders.values():
         each.mkdir(parents=True)
     settings = {"broker": {"url": f"mqtt://127.0.0.1:{broker_port}"}, "topics": {"id": "soak"},
                 "schema": {"file": schema_file, "defend": True}, "write": {"users": "tester: *"}}
-    (place / "gateway.ini").write_text(ini(settings))
-    return Program("gateway", folder, [harness.BUILD / "gateway" / "vorbel-gateway", place / "gateway.ini"],
-                   {**QT, **{key: str(value) for key, value in folders.items()}}, GATEWAY_LINES, ignore_full_disk,
-                   is_log_carried=True)
+    (files / "gateway.ini").write_text(ini(settings))
+    return Program("gateway", folder, [place().gateway, files / "gateway.ini"],
+                   combined(QT, {key: str(value) for key, value in folders.items()}, clock), GATEWAY_LINES,
+                   ignore_full_disk, is_log_carried=True)
 
 
 def broker(folder, port):
     file = folder / "mosquitto.conf"
-    place = folder / "mosquitto-files"
-    place.mkdir()
+    files = folder / "mosquitto-files"
+    files.mkdir()
     file.write_text("\n".join([
         "user root", f"listener {port} 127.0.0.1", "allow_anonymous true", "log_dest stderr", "log_type error",
-        "log_type warning", "max_queued_messages 100000", "set_tcp_nodelay true", "persistence true",
-        f"persistence_location {place}/", "autosave_on_changes true", "autosave_interval 1", ""]))
+        "log_type warning", "log_type subscribe", "max_queued_messages 100000", "set_tcp_nodelay true",
+        "persistence true", f"persistence_location {files}/", "autosave_on_changes true", "autosave_interval 1", ""]))
     return Program("broker", folder, ["mosquitto", "-c", file], expected=A_STOCK_PROGRAMS)
 
 
@@ -234,15 +286,24 @@ def database(folder, port):
         "-memory.allowedBytes=128MB", "-search.disableCache", "-loggerLevel=ERROR"], expected=A_STOCK_PROGRAMS)
 
 
-def history(folder, broker_port, database_port):
-    place = folder / "history-files"
-    (place / "state").mkdir(parents=True)
-    file = place / "history.ini"
+def history(folder, broker_port, database_port, clock):
+    files = folder / "history-files"
+    (files / "state").mkdir(parents=True)
+    file = files / "history.ini"
     file.write_text(ini({"broker": {"url": f"mqtt://127.0.0.1:{broker_port}", "keepalive_s": 5},
                          "database": {"url": f"http://127.0.0.1:{database_port}/write"}}))
-    return Program("history", folder, [PROJECT / "clients" / "python" / "vorbel-history", file],
-                   {"STATE_DIRECTORY": str(place / "state")}, HISTORY_LINES)
+    return Program("history", folder, [place().history, file],
+                   combined(python_path(), {"STATE_DIRECTORY": str(files / "state")}, clock), HISTORY_LINES)
+
+
+def python_path():
+    return {"PYTHONPATH": str(place().python)}
 
 
 def wait_answering(port):
     harness.wait_until(lambda: answers(port), 30, f"port {port} to answer")
+
+
+def wait_subscribed(broker, client):
+    """What is published before nobody keeps for it."""
+    harness.wait_until(lambda: client in broker.log_path.read_text(), 30, f"{client} to subscribe")

@@ -1,17 +1,14 @@
 """Honest clients with the Python library; what they say to the soak is in honest.py.
 
-    python_clients.py URI COUNT
+    python_clients.py URI COUNT     the library is the one of PYTHONPATH
 """
 
 import asyncio
 import json
-import pathlib
 import sys
 import time
 
-PROJECT = pathlib.Path(__file__).resolve().parents[2]
-sys.path.insert(0, str(PROJECT / "clients" / "python"))
-import vorbel  # noqa: E402
+import vorbel
 
 TELLING = 0.25  # seconds
 WRITING = 0.1

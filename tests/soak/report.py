@@ -31,6 +31,11 @@ def text(soak):
     return "\n\n".join(parts)
 
 
+def compared(watch):
+    """How many values all honest clients have heard."""
+    return sum(sum(hearing.compared.values()) for hearing in watch.hearings.values())
+
+
 def values(watch, batches):
     lost = collections.Counter()
     for breach in watch.breaches:
@@ -58,9 +63,10 @@ def programs(soak):
     for name, before in soak.watch.before.items():
         after = soak.watch.after[name]
         rows.append([name, len(soak.programs[name].lives), f"{before['memory']:.1f}", f"{after['memory']:.1f}",
-                     before["descriptors"], after["descriptors"], before["threads"], after["threads"]])
-    return table(["program", "starts", "MiB first", "MiB last", "descriptors first", "last", "threads first", "last"],
-                 rows)
+                     before["descriptors"], after["descriptors"], before["threads"], after["threads"],
+                     *(f"{each[name]:.0f}" if name in each else "" for each in soak.watch.wakes)])
+    return table(["program", "starts", "MiB first", "MiB last", "descriptors first", "last", "threads first", "last",
+                  "wakes a second first", "last"], rows)
 
 
 def delays(watch):

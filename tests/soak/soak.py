@@ -23,6 +23,8 @@ import watch  # noqa: E402
 TICK = 0.1  # seconds
 CALM_BEFORE, CALM_AFTER = 8.0, 8.0
 SETTLING = 1.0  # within which clients tell what they did
+TELLING = 60.0  # seconds between two lines about how it goes
+QUIET = 2.0  # less than clients wait for values
 
 
 class Soak:
@@ -36,12 +38,14 @@ class Soak:
         self.chain = chain.Chain(folder, options.link, options.rate, options.clients, self.watch.said.put)
         self.bus, self.programs, self.relay = self.chain.bus, self.chain.programs, self.chain.relay
         self._running = []  # (end, generator, fault)
+        self._taken = self.bus.taken  # at the last look
 
     def run(self):
         seconds = 60 * self.options.minutes
         self.chain.begin()
         self.watch.begin(self.chain)
         self._go_on(CALM_BEFORE)
+        self._count_wakes()
         self.watch.look_before()
         self._inject_all(seconds)
         last = self.bus.mark()
@@ -50,6 +54,7 @@ class Soak:
         deadline = time.monotonic() + watch.BY_BROKER - CALM_AFTER
         while not self.watch.has_heard_by_broker(last) and time.monotonic() < deadline:
             self._step()
+        self._count_wakes()
         listened_until = time.monotonic()
         time.sleep(SETTLING)
         self.watch.tell_the_rest()
@@ -62,7 +67,7 @@ class Soak:
 
     def kill(self, name):
         if name == "daemon":
-            self._daemon_ends()
+            self._daemon_ends(self.bus.taken)
         self.programs[name].kill()
 
     def restore_schema(self):
@@ -75,14 +80,35 @@ class Soak:
         while time.monotonic() < end:
             self._step()
 
+    def _count_wakes(self):
+        """On a quiet bus, where timers that are left behind show."""
+        self.watch.disturbed("link", breaks=False)
+        self.bus.is_quiet = True
+        self._go_on(QUIET / 2)
+        begun = self.watch.count_wakes()
+        self._go_on(QUIET)
+        self.watch.take_wakes(begun)
+        self.bus.is_quiet = False
+        self.watch.healed("link")
+
     def _inject_all(self, seconds):
         started = time.monotonic()
         possible = faults.EVERYWHERE + faults.ON_LINE[self.options.link]
         planned = collections.deque(faults.plan(self.options.seed, seconds, possible))
+        told = started
         while planned or self._running:
-            while planned and planned[0].start <= time.monotonic() - started:
+            now = time.monotonic()
+            while planned and planned[0].start <= now - started:
                 self._inject(planned.popleft())
+            if now - told >= TELLING:
+                told = now
+                self._tell(now - started)
             self._step()
+
+    def _tell(self, seconds):
+        print(f"{seconds / 60:.0f} of {self.options.minutes:g} minutes, {sum(self.injected.values())} faults, "
+              f"{report.compared(self.watch):,} values compared, {len(self.watch.breaches)} breaches until now",
+              file=sys.stderr, flush=True)
 
     def _inject(self, planned):
         fault = planned.fault
@@ -103,6 +129,7 @@ class Soak:
     def _step(self):
         time.sleep(TICK)
         self._supervise()
+        self._taken = self.bus.taken
         self._end_faults()
         self.watch.step()
 
@@ -119,20 +146,25 @@ class Soak:
 
     def _supervise(self):
         for name, program in self.programs.items():
-            fallen = len(program.fallen)
-            is_started = program.supervise()
-            for _, code in program.fallen[fallen:]:
-                self.watch.breach("ended", f"{name} ended by itself, with {code}")
-                if name == "daemon":
-                    self._daemon_ends()
-            if is_started:
+            code = program.fell()
+            if code is not None:
+                self._end_by_itself(name, code)
+            if program.supervise():
                 self.watch.event(f"started again: {name}")
                 if name == "daemon":
                     self.bus.reopens()
 
-    def _daemon_ends(self):
-        self.bus.went_down()
-        self.watch.daemon_ends()
+    def _end_by_itself(self, name, code):
+        if self.programs[name].may_end:
+            self.watch.event(f"{name} ended, with {code}")
+        else:
+            self.watch.breach("ended", f"{name} ended by itself, with {code}")
+        if name == "daemon":
+            self._daemon_ends(self._taken)
+
+    def _daemon_ends(self, taken):
+        self.bus.went_down(taken)
+        self.watch.daemon_ends(taken)
 
 
 def parse(words):

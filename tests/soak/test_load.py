@@ -109,6 +109,30 @@ def test_nothing_is_sent_before_the_line_is_open_and_behind_its_end(bus):
     program.close()
 
 
+def test_on_a_quiet_bus_the_link_stands_and_nothing_is_sent(program, bus):
+    program.read_for(0.3)
+    bus.is_quiet = True
+    program.read_for(0.3)
+    before = dict(bus.numbers)
+    program.read_for(0.3)
+    assert bus.numbers == before and bus.is_up and bus.downs == []
+    assert {leaf: numbers[-1] for leaf, numbers in program.heard.items()} == before
+    bus.is_quiet = False
+    program.read_for(0.3)
+    assert_whole(program, bus)
+    assert bus.numbers["gathered"] > before["gathered"] + 1000
+
+
+def test_a_program_that_ended_unseen_has_read_what_it_had_before(program, bus):
+    program.read_for(0.5)
+    earlier = bus.taken
+    program.read_for(0.3)
+    assert bus.taken.numbers["gathered"] > earlier.numbers["gathered"]
+    bus.went_down(earlier)
+    ((taken, _),) = bus.downs
+    assert taken == earlier
+
+
 def test_over_the_next_link_the_numbers_go_on(program, bus):
     program.read_for(0.3)
     bus.unplug()

@@ -65,6 +65,7 @@ class Run:
     def __init__(self, chain):
         self.chain, self.bus = chain, chain.bus
         self.watch = watch.Watch(1)
+        self.watch.wakes = [dict.fromkeys(watch.TICKING, 0.0)] * 2
         self.watch.begin(chain)
         self.log(OWN)
 
@@ -171,7 +172,7 @@ def test_the_same_schema_again_costs_half_gathered_arrays_and_nothing_else(run):
 def test_with_another_daemon_the_board_misses_what_comes_before_the_gateway_does(run):
     run.bus.send(50)
     run.bus.take()
-    run.watch.daemon_ends()
+    run.watch.daemon_ends(run.bus.taken)
     run.log(OWN)
     run.bus.send(20)
     run.log("info daemon: connected to here", name="gateway")
@@ -180,6 +181,50 @@ def test_with_another_daemon_the_board_misses_what_comes_before_the_gateway_does
     run.batch(1, *range(71, 90))
     run.batch(2, *range(91, 100))
     assert run.breaches() == [("lost", "broker, boot 1: single 90 to 90")]
+
+
+@pytest.mark.parametrize("line", [
+    "critical Input dropped, its conversion failed: std::bad_alloc", "warning MsgPack::pack() has run out of memory"])
+def test_what_comes_while_the_daemon_says_that_it_has_no_memory_may_be_lost(run, line):
+    run.chain.programs["daemon"].expected += (line.replace("(", r"\(").replace(")", r"\)"),)
+    run.bus.send(50)
+    run.hear(1, 50)
+    run.bus.take()
+    run.watch.step()
+    run.bus.send(20)
+    run.log(line)
+    run.bus.send(30)
+    run.hear(71, 80)
+    run.hear(82, 100)
+    assert run.breaches() == [("lost", "python 0: single 81 to 81")]
+
+
+def test_what_comes_while_the_gateway_says_so_the_board_may_miss(run):
+    line = "critical vorbel: an exception ended the handling of a message: std::bad_alloc"
+    run.chain.programs["gateway"].expected += (line,)
+    run.bus.send(50)
+    run.bus.take()
+    run.watch.step()
+    run.bus.send(20)
+    run.log(line, name="gateway")
+    run.bus.send(30)
+    run.batch(0, *range(1, 51))
+    run.batch(1, *range(71, 90))
+    run.batch(2, *range(91, 100))
+    run.hear(1, 50)
+    run.hear(71, 100)
+    assert run.breaches() == [("lost", "python 0: single 51 to 70"), ("lost", "broker, boot 1: single 90 to 90")]
+
+
+@pytest.mark.parametrize("given_up", [0, 1, 2])
+def test_a_batch_is_missing_if_the_gateway_does_not_say_so(run, given_up):
+    run.chain.programs["gateway"].expected += (".*cannot publish.*",)
+    run.log(*given_up * ["warning broker: cannot publish on vorbel/soak/values: MQTT error [-99]"], name="gateway")
+    run.bus.send(50)
+    run.batch(0, *range(1, 20))
+    run.batch(3, *range(40, 50))
+    missing = [("lost", "broker: batches 1 to 2 of boot 1")]
+    assert run.breaches() == (missing if given_up < 2 else [])
 
 
 def test_values_of_another_schema_are_nobodys(run):
@@ -311,6 +356,12 @@ def test_the_calm_after_the_last_fault_has_to_bring_values(run):
     assert {breach.text for breach in run.watch.breaches} == {
         "python 0: no gathered since the last fault", "python 0: no single since the last fault",
         "python 0: no slow since the last fault", "broker: nothing since the last fault"}
+
+
+def test_timers_that_are_left_behind(run, monkeypatch):
+    monkeypatch.setattr(watch, "TICKING", ("daemon", "gateway"))
+    run.watch.wakes = [{"daemon": 10.0, "gateway": 40.0}, {"daemon": 36.0, "gateway": 79.0}]
+    assert run.breaches() == [("growth", "daemon: wakes 36 times a second on a quiet bus, and 10 times before")]
 
 
 class Life:

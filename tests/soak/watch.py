@@ -3,6 +3,8 @@
 import bisect
 import collections
 import queue
+import re
+import sys
 import time
 
 import harness
@@ -11,6 +13,7 @@ import load
 from board import ask_database
 from chain import CHAIN
 from invariants import Breach, Excuses, Hearing, Stands, Writer, is_growing, percentile, settled, unknown_lines
+from programs import BATCH_LOST, DAEMON_WITHOUT_MEMORY, GATEWAY_WITHOUT_MEMORY, wakes_of
 
 PATIENCE = 5.0  # seconds without a value, once nothing disturbs it any more
 BY_BROKER = 40.0  # the same by way of the broker: the gateway tries again every 30 s at least
@@ -22,6 +25,8 @@ BEHIND_A_DIP = 3  # numbers behind the beginning of a link that garbage on the l
 PROMISED = ("link", "daemon", "schema")  # the parts between bus and client
 JUDGED = ("daemon", "broker", "gateway", "history", *honest.LIBRARIES)  # the database's caches fill: it is only shown
 TOLERATED = {"memory": 16.0, "descriptors": 4, "threads": 4}
+TICKING = ("daemon", "gateway", "history")
+MORE_WAKES = 20.0  # a second, besides half as many as before, that a program may have in the end on a quiet bus
 COLLECTED = 48.0  # MiB that a program may keep which frees memory when it likes
 OWN_SCHEMA = "written_gateway"  # only the soak's has it
 
@@ -37,6 +42,8 @@ class Watch:
         self.writers = {name: Writer(name, each) for name, each in load.WRITERS.items()}
         self.delays, self.stored, self.skipped = [], set(), 0
         self.before, self.after = {}, {}  # what the programs have, by name
+        self.wakes = []  # {program: how often a second it wakes on a quiet bus}, before the first fault and in the end
+        self._told = set()
         self._clients = [f"{library} {number}" for library in honest.LIBRARIES for number in range(clients)]
         self._excuses, self._boards_excuses = Excuses(), Excuses()
         self._parts = {}  # {part: None while it is disturbed, else since when it is not}
@@ -44,6 +51,7 @@ class Watch:
         self._heard_at, self._latencies = {}, []
         self._is_in_force, self._ceased, self._board_left = False, None, None
         self._arrived, self._strays = 0, []
+        self._batches_given_up = 0  # as the gateway says
         self._sampled = self._ordered = 0.0
         self._chain = self._last_look = None
 
@@ -58,7 +66,10 @@ class Watch:
 
     def breach(self, kind, text):
         self.breaches.append(Breach(time.monotonic(), kind, text))
-        self.event(f"BREACH: {kind}: {text}")
+        if (kind, text) not in self._told:
+            self._told.add((kind, text))
+            self.event(f"BREACH: {kind}: {text}")
+            print(f"Breach: {kind}: {text}", file=sys.stderr, flush=True)
 
     # What the soak says
 
@@ -71,9 +82,8 @@ class Watch:
         self._parts[part] = time.monotonic()
         self._stands[part].change(time.monotonic(), True)
 
-    def daemon_ends(self):
-        """It has lost the schema, and the gateway the daemon."""
-        taken = self._chain.bus.taken
+    def daemon_ends(self, taken):
+        """It has lost the schema, and the gateway the daemon; `taken` is what it has surely read."""
         self._cease(taken)
         self._board_left = self._board_left or taken
 
@@ -100,6 +110,11 @@ class Watch:
         if self._board_left and any("daemon: connected to" in line for line in lines["gateway"]):
             self._boards_excuses.add(self._board_left.numbers, here.numbers)
             self._board_left = None
+        if count_of(DAEMON_WITHOUT_MEMORY, lines["daemon"]):
+            self._excuses.add(self._last_look.numbers, here.numbers)
+        if count_of(GATEWAY_WITHOUT_MEMORY, lines["gateway"]):
+            self._boards_excuses.add(self._last_look.numbers, here.numbers)
+        self._batches_given_up += count_of([BATCH_LOST], lines["gateway"])
         self._last_look = taken
 
     def _schema_came(self, is_own, here):
@@ -232,6 +247,14 @@ class Watch:
         return {name: {what: settled(self._chain.programs[name].lives[-1].of(what)[-5:]) for what in TOLERATED}
                 for name in (*CHAIN, *honest.LIBRARIES)}
 
+    def count_wakes(self):
+        """(time, {program: how often it has woken}), of which two make what `wakes` has."""
+        return time.monotonic(), {name: wakes_of(self._chain.programs[name].pid) for name in TICKING}
+
+    def take_wakes(self, begun):
+        now, counts = self.count_wakes()
+        self.wakes.append({name: (count - begun[1][name]) / (now - begun[0]) for name, count in counts.items()})
+
     # The judgement
 
     def has_heard_by_broker(self, mark):
@@ -263,7 +286,8 @@ class Watch:
             self.breaches += hearing.judge(self._excuses)
         for hearing in batches.hearings.values():
             self.breaches += hearing.judge(self._excuses + self._boards_excuses)
-        self.breaches += batches.breaches
+        if batches.missing > self._batches_given_up:
+            self.breaches += batches.breaches
 
     def _judge_writes(self, until):
         for writer in self.writers.values():
@@ -295,6 +319,11 @@ class Watch:
                 limit = self.before[name][what] + tolerated
                 for life in lives:
                     self._judge_life(name, what, life, life is lives[-1], limit, tolerated)
+        first, last = self.wakes
+        for name in TICKING:
+            if last[name] > 1.5 * first[name] + MORE_WAKES:
+                self.breach("growth", f"{name}: wakes {last[name]:.0f} times a second on a quiet bus, and "
+                                      f"{first[name]:.0f} times before")
 
     def _judge_life(self, name, what, life, is_last, limit, tolerated):
         samples = life.of(what)
@@ -324,6 +353,10 @@ class Watch:
             time.sleep(1)
         for at, value in missing:
             self.breach("lost", f"history: slow {value}, which the broker passed on with the time {at}")
+
+
+def count_of(patterns, lines):
+    return sum(any(re.fullmatch(pattern, line) for pattern in patterns) for line in lines)
 
 
 def library_of(hearing):

@@ -5,7 +5,6 @@ import { memory } from "../page";
 import { useSource } from "./frame";
 import { Boundary } from "./boundary";
 import { Header, type HeaderProps } from "./header";
-import { Icon } from "./icons";
 import { later } from "./later";
 import { ViewNotice } from "./link";
 import { LogPanel } from "./log";
@@ -14,6 +13,7 @@ import { PlotPanel } from "./plots";
 import { RecordingTools, useDesk } from "./recordings";
 import { SchemaDialog } from "./schema";
 import { ValueTable } from "./table";
+import { Tabs } from "./tabs";
 import { WritePanel, type WriteProps } from "./write";
 
 const OrdersPanel = later(() => import("./orders").then((part) => part.OrdersPanel));
@@ -22,8 +22,12 @@ const AlarmsPanel = later(() => import("./limits").then((part) => part.AlarmsPan
 const WorkshopPage = later(() => import("./workshop/workshop").then((part) => part.WorkshopPage));
 const InterruptedNotice = later(() => import("./workshop/notice").then((part) => part.InterruptedNotice));
 
-const tabs = ["values", "plots", "log"] as const;
-type Tab = (typeof tabs)[number];
+const tabs = [
+    { name: "values", icon: "search" },
+    { name: "plots", icon: "plot" },
+    { name: "log", icon: "sent" },
+] as const;
+type Tab = (typeof tabs)[number]["name"];
 
 /** What differs with where the values come from. */
 export type Parts = { Header: ComponentType<HeaderProps>; WritePanel: ComponentType<WriteProps> };
@@ -108,15 +112,7 @@ export function App({ session, parts = usual }: { session: Session; parts?: Part
                     </Boundary>
                 </div>
             </main>
-            <nav class="tabs" aria-label="Parts of the page">
-                {tabs.map((name) => (
-                    <button key={name} aria-current={tab === name ? "page" : undefined} onClick={() => setTab(name)}>
-                        <Icon name={({ values: "search", plots: "plot", log: "sent" } as const)[name]} />
-                        {name}
-                        {name === "plots" && shown.plots.nodes.length > 0 && <b>{shown.plots.nodes.length}</b>}
-                    </button>
-                ))}
-            </nav>
+            <Tabs tabs={tabs} chosen={tab} choose={setTab} drawn={shown.plots.nodes.length} />
             <Boundary part="The question about the link">
                 <LinkQuestion session={session} />
             </Boundary>

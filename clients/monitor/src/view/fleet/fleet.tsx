@@ -15,6 +15,7 @@ import { useSource } from "../frame";
 import { ThemeButton } from "../header";
 import { Icon } from "../icons";
 import { PlotPanel } from "../plots";
+import { Tabs } from "../tabs";
 import { partsFor, useGuard } from "./board";
 import { newPort } from "./connect";
 import "./fleet.css";
@@ -115,13 +116,16 @@ const brokerWords = {
 
 type BoardsProps = { fleet: Fleet; history: string; leave: () => void };
 
-const tabs = ["values", "plots"] as const;
+const tabs = [
+    { name: "values", icon: "fleet", label: "boards" },
+    { name: "plots", icon: "plot" },
+] as const;
 
 function Boards({ fleet, history, leave }: BoardsProps) {
     const [plots] = useState(() => new FleetPlots(fleet));
     const [archive] = useState(() => newArchive(plots, history));
     const [open, setOpen] = useState<Board>();
-    const [tab, setTab] = useState<(typeof tabs)[number]>("values");
+    const [tab, setTab] = useState<(typeof tabs)[number]["name"]>("values");
     useSource(plots.status);
     plots.archive = archive;
     if (open) {
@@ -149,15 +153,7 @@ function Boards({ fleet, history, leave }: BoardsProps) {
                     </Boundary>
                 </div>
             </main>
-            <nav class="tabs" aria-label="Parts of the page">
-                {tabs.map((name) => (
-                    <button key={name} aria-current={tab === name ? "page" : undefined} onClick={() => setTab(name)}>
-                        <Icon name={name === "values" ? "fleet" : "plot"} />
-                        {name === "values" ? "boards" : name}
-                        {name === "plots" && plots.plots.nodes.length > 0 && <b>{plots.plots.nodes.length}</b>}
-                    </button>
-                ))}
-            </nav>
+            <Tabs tabs={tabs} chosen={tab} choose={setTab} drawn={plots.plots.nodes.length} />
         </>
     );
 }
