@@ -12,7 +12,7 @@ import re
 
 import pytest
 
-from hardware import counted
+from hardware import counted, send_value
 from harness import TICK, eventually, round_trip
 from stand import Stand
 from trial import DETAILS, LINES_LIMIT, LOAD_LIMIT, Case, Outcome, StartTrial, Trial, notable
@@ -309,6 +309,41 @@ async def test_what_comes_while_the_modem_lines_are_not_told_is_told(stand):
     await Trial(stand, None).flows()
     await asyncio.sleep(1.2 * TICK)
     assert sum("DTR" in line for line in stand.daemon.lines()) == 1
+
+
+async def test_what_waits_for_the_next_adapter_is_not_judged_by_the_errors_of_the_last(stand):
+    text = used_on(os.strerror(errno.EIO))
+    for _ in range(2):
+        await _reading_fails(stand, text)
+    stand.adapter.unplug()
+    stand.adapter.plug()
+    await eventually(lambda: stand.adapter.opened)
+    stand.faults.order("serial", "write", errno.EIO, times=FOR_EVER)
+    await send_value(stand.bystander, {"n": 7})
+    await eventually(lambda: stand.daemon.count(re.escape(text)) == 3, 3 * TICK)
+    stand.faults.cancel()
+    await eventually(lambda: stand.adapter.read() == vek.record(5, 2, counted(7)))
+    assert notable(stand.daemon.lines()) == (FOUND, text, text, CLOSE, FOUND, text)
+
+
+async def _reading_fails(stand, text):
+    """Until the next tick has said so."""
+    said = stand.daemon.count(re.escape(text))
+    stand.faults.order("serial", "read", errno.EIO)
+    stand.adapter.write(b"\0")
+    await eventually(lambda: stand.daemon.count(re.escape(text)) > said, 3 * TICK)
+
+
+async def test_a_pulled_adapter_is_not_asked_for_its_dtr_any_more(stand):
+    stand.faults.order("serial", "ioctl", errno.EIO, detail=DETAILS["TIOCMBIS"], skip=1, times=FOR_EVER)
+    stand.adapter.unplug()
+    stand.adapter.plug()
+    text = not_raised(os.strerror(errno.EIO))
+    await eventually(lambda: text in stand.daemon.lines(), 3 * TICK)
+    stand.adapter.unplug()
+    await eventually(lambda: stand.daemon.count(CLOSE) == 2, 3 * TICK)
+    await asyncio.sleep(1.2 * TICK)
+    assert set(notable(stand.daemon.lines())) == {FOUND, CLOSE, text}
 
 
 # Whether the tables know every call
