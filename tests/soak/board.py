@@ -63,14 +63,14 @@ def runs(numbers):
 class BoardEar:
     """Listens at the broker, with a session that outlives it, and writes as an operator does."""
 
-    def __init__(self, port):
+    def __init__(self, host, port):
         self.batches = Batches()
         self._arrived = queue.SimpleQueue()
         self._client = mqtt.Client(client_id="soak", clean_session=False)
         self._client.on_connect = lambda client, *_: client.subscribe([(BASE + "values", 1), (BASE + "done", 1)])
         self._client.on_message = self._hear
         self._client.reconnect_delay_set(1, 1)
-        self._client.connect("127.0.0.1", port, keepalive=20)
+        self._client.connect(host, port, keepalive=20)
         self._client.loop_start()
 
     def _hear(self, _client, _data, message):

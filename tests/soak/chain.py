@@ -6,9 +6,10 @@ import harness
 import honest
 import lines
 import load
+import network
 import programs
 from board import BoardEar
-from gatewayharness import Relay, free_port
+from gatewayharness import free_port
 from vorbelsim import VirtualClock
 
 LINKS = {"serialport": lines.AdapterLine, "socketcan": lines.CanLine}
@@ -23,15 +24,18 @@ class Chain:
         self.bus = load.Bus(LINKS[link](folder / "bus"), rate)
         (folder / "schema.json").write_text(json.dumps(load.SCHEMA))
         self._broker_port, self.database_port = free_port(), free_port()
-        self.relay = Relay(self._broker_port)
+        self.network = network.Network()
+        self._broker = self.network.server("office")
         self.clocks = {where: VirtualClock(folder / f"{where}-clock") for where in ("board", "server")}
         clocks = {where: clock.env() for where, clock in self.clocks.items()}
         self.programs = {
             "daemon": programs.daemon(folder, self.bus.line.env(), clocks["board"]),
-            "broker": programs.broker(folder, self._broker_port),
+            "broker": programs.broker(folder, self._broker_port, self.network.inside),
             "database": programs.database(folder, self.database_port),
-            "history": programs.history(folder, self._broker_port, self.database_port, clocks["server"]),
-            "gateway": programs.gateway(folder, self.relay.port, folder / "schema.json", clocks["board"]),
+            "history": programs.history(folder, f"{self._broker}:{self._broker_port}", self.database_port,
+                                        clocks["server"]),
+            "gateway": programs.gateway(folder, f"{self.network.server('board')}:{self._broker_port}",
+                                        folder / "schema.json", clocks["board"]),
         }
         for name, command in honest.commands(harness.BUILD, harness.URI, clients).items():
             self.programs[name] = programs.Program(name, folder, command, programs.python_path(), output=self._listen)
@@ -42,10 +46,11 @@ class Chain:
 
     def begin(self):
         self.bus.plug()
-        for name, port in (("daemon", harness.PORT), ("broker", self._broker_port), ("database", self.database_port)):
+        for name, place in (("daemon", ("127.0.0.1", harness.PORT)), ("broker", (self._broker, self._broker_port)),
+                            ("database", ("127.0.0.1", self.database_port))):
             self.programs[name].start()
-            programs.wait_answering(port)
-        self.board = BoardEar(self._broker_port)
+            programs.wait_answering(place)
+        self.board = BoardEar(self._broker, self._broker_port)
         self.programs["history"].start()
         programs.wait_subscribed(self.programs["broker"], "vorbel-history")
         for name in ("gateway", *honest.LIBRARIES):
@@ -57,6 +62,6 @@ class Chain:
         for program in self.programs.values():
             program.end()
         self.bus.stop()
-        self.relay.close()
+        self.network.close()
         if self.board:
             self.board.close()

@@ -325,15 +325,15 @@ def set_clock(where):
 
 
 def network_cut(soak, _rng):
-    soak.relay.shut()
+    soak.network.cut()
     yield
-    soak.relay.open()
+    soak.network.join()
 
 
-def network_stalls(soak, _rng):
-    soak.relay.stall()
+def network_silent(soak, _rng):
+    soak.network.silence()
     yield
-    soak.relay.carry()
+    soak.network.speak()
 
 
 def kill(name, longest=1.0):
@@ -360,8 +360,8 @@ EVERYWHERE = (
     Fault("other schema", ("schema", "daemon", "clients"), other_schema, 2),
     hold("python", 2.5), hold("javascript", 2.5), hold("cpp", 2.5),
     kill("broker"), hold("broker"),
-    Fault("network cut", ("network",), network_cut, 4),
-    Fault("network stalls", ("network",), network_stalls, 4),
+    Fault("network cut", ("network",), network_cut, 15),
+    Fault("network silent", ("network",), network_silent, 15),
     kill("gateway"), hold("gateway", 2.5),
     Fault("gateway's disk full", ("gateway",), disk_full, 4, breaks=False),
     kill("history"), hold("history"),

@@ -6,12 +6,13 @@ import pathlib
 import re
 import resource
 import signal
+import socket
 import subprocess
 import time
 from typing import NamedTuple
 
 import harness
-from gatewayharness import answers, ini
+from gatewayharness import ini
 from vorbelsim import build
 
 PROJECT = pathlib.Path(__file__).resolve().parents[2]
@@ -254,13 +255,14 @@ def daemon(folder, link, clock):
     return Program("daemon", folder, [place().daemon], combined(QT, link, clock), DAEMON_LINES)
 
 
-def gateway(folder, broker_port, schema_file, clock):
+def gateway(folder, broker, schema_file, clock):
+    """`broker` is its host and port."""
     files = folder / "gateway-files"
     folders = {"STATE_DIRECTORY": files / "state", "RUNTIME_DIRECTORY": files / "run",
                "CREDENTIALS_DIRECTORY": files / "credentials"}
     for each in folders.values():
         each.mkdir(parents=True)
-    settings = {"broker": {"url": f"mqtt://127.0.0.1:{broker_port}"}, "topics": {"id": "soak"},
+    settings = {"broker": {"url": f"mqtt://{broker}"}, "topics": {"id": "soak"},
                 "schema": {"file": schema_file, "defend": True}, "write": {"users": "tester: *"}}
     (files / "gateway.ini").write_text(ini(settings))
     return Program("gateway", folder, [place().gateway, files / "gateway.ini"],
@@ -268,15 +270,16 @@ def gateway(folder, broker_port, schema_file, clock):
                    ignore_full_disk, is_log_carried=True)
 
 
-def broker(folder, port):
+def broker(folder, port, inside):
+    """`inside` is given its command."""
     file = folder / "mosquitto.conf"
     files = folder / "mosquitto-files"
     files.mkdir()
     file.write_text("\n".join([
-        "user root", f"listener {port} 127.0.0.1", "allow_anonymous true", "log_dest stderr", "log_type error",
+        "user root", f"listener {port}", "allow_anonymous true", "log_dest stderr", "log_type error",
         "log_type warning", "log_type subscribe", "max_queued_messages 100000", "set_tcp_nodelay true",
         "persistence true", f"persistence_location {files}/", "autosave_on_changes true", "autosave_interval 1", ""]))
-    return Program("broker", folder, ["mosquitto", "-c", file], expected=A_STOCK_PROGRAMS)
+    return Program("broker", folder, inside("mosquitto", "-c", file), expected=A_STOCK_PROGRAMS)
 
 
 def database(folder, port):
@@ -286,11 +289,11 @@ def database(folder, port):
         "-memory.allowedBytes=128MB", "-search.disableCache", "-loggerLevel=ERROR"], expected=A_STOCK_PROGRAMS)
 
 
-def history(folder, broker_port, database_port, clock):
+def history(folder, broker, database_port, clock):
     files = folder / "history-files"
     (files / "state").mkdir(parents=True)
     file = files / "history.ini"
-    file.write_text(ini({"broker": {"url": f"mqtt://127.0.0.1:{broker_port}", "keepalive_s": 5},
+    file.write_text(ini({"broker": {"url": f"mqtt://{broker}", "keepalive_s": 5},
                          "database": {"url": f"http://127.0.0.1:{database_port}/write"}}))
     return Program("history", folder, [place().history, file],
                    combined(python_path(), {"STATE_DIRECTORY": str(files / "state")}, clock), HISTORY_LINES)
@@ -300,8 +303,13 @@ def python_path():
     return {"PYTHONPATH": str(place().python)}
 
 
-def wait_answering(port):
-    harness.wait_until(lambda: answers(port), 30, f"port {port} to answer")
+def wait_answering(place):
+    """`place` is an address and a port."""
+    def answers():
+        with contextlib.suppress(OSError), socket.create_connection(place, timeout=1):
+            return True
+
+    harness.wait_until(answers, 30, f"{place} to answer")
 
 
 def wait_subscribed(broker, client):

@@ -28,7 +28,7 @@ QUIET = 2.0  # less than clients wait for values
 
 
 class Soak:
-    """One run. Faults are given it, for its `bus`, `programs` and `relay`."""
+    """One run. Faults are given it, for its `bus`, `programs` and `network`."""
 
     def __init__(self, folder, options):
         self.options = options
@@ -36,7 +36,7 @@ class Soak:
         self.at_once = 0
         self.watch = watch.Watch(options.clients)
         self.chain = chain.Chain(folder, options.link, options.rate, options.clients, self.watch.said.put)
-        self.bus, self.programs, self.relay = self.chain.bus, self.chain.programs, self.chain.relay
+        self.bus, self.programs, self.network = self.chain.bus, self.chain.programs, self.chain.network
         self._running = []  # (end, generator, fault)
         self._taken = self.bus.taken  # at the last look
 
