@@ -79,8 +79,8 @@ void Main::closeSerialPort()
 
 void Main::superviseSerialPort()
 {
-    tellUnheard();
     if (serialPort.isOpen() && serialPort.error() != QSerialPort::ReadError && !serialPortIsReplaced()) {
+        tellUnheard();
         resumeSerialPort();
         return;
     }
@@ -90,6 +90,7 @@ void Main::superviseSerialPort()
     serialPort.close();
     serialPort.clearError();
     serialErrors = 0;
+    unheard = 0; // the rest of an adapter that was pulled
     terminalIsReady = false;
     terminalReadyTimer.stop();
     openSerialPort();

@@ -311,6 +311,20 @@ async def test_what_comes_while_the_modem_lines_are_not_told_is_told(stand):
     assert sum("DTR" in line for line in stand.daemon.lines()) == 1
 
 
+async def test_of_a_pulled_adapter_nothing_more_is_told(stand):
+    """Its modem lines fail at once, and what it had begun to say is nobody's."""
+    stand.faults.order("serial", "ioctl", errno.ETIMEDOUT, detail=DETAILS["TIOCMGET"], times=FOR_EVER)
+    stand.adapter.write(vek.record(5, 2, counted(1))[:6])
+    stand.adapter.wait_taken()
+    stand.adapter.unplug()
+    stand.faults.cancel()
+    await eventually(lambda: stand.daemon.count(CLOSE) == 1, 3 * TICK)
+    stand.adapter.plug()
+    await eventually(lambda: stand.adapter.opened)
+    await asyncio.sleep(1.2 * TICK)
+    assert notable(stand.daemon.lines()) == (FOUND, CLOSE, FOUND)
+
+
 async def test_what_waits_for_the_next_adapter_is_not_judged_by_the_errors_of_the_last(stand):
     text = used_on(os.strerror(errno.EIO))
     for _ in range(2):
