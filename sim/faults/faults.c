@@ -5,6 +5,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
+#include <net/if.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <stdarg.h>
@@ -319,6 +320,14 @@ int access(const char *path, int mode)
 int unlink(const char *path)
 {
     return fails_of(kind_of_path(path), -1, "unlink", 0) ? -1 : FORWARD(unlink, path);
+}
+
+/* The C library makes a socket of its own to ask by. */
+unsigned if_nametoindex(const char *name)
+{
+    const int fails_to_ask =
+        fails_of("interface", -1, "socket", 0) || fails_of("interface", -1, "ioctl", SIOCGIFINDEX);
+    return fails_to_ask ? 0 : FORWARD(if_nametoindex, name);
 }
 
 /* The event loop */

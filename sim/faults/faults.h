@@ -9,6 +9,7 @@
  *   listener   a TCP socket that the program made itself
  *   client     one that it accepted
  *   can        a raw CAN socket
+ *   interface  the socket by which the number of a network interface is asked for
  *   serial     the device node of a serial port, open or by its path
  *   lock       the file that says who uses a serial port, open or by its path
  *   wakeup     the eventfd of an event loop
