@@ -113,7 +113,7 @@ SERIAL = [
     *each("serial", "ioctl", "EIO", "replug", opened_then_refused, detail="TCSETS", skip=2),
     *each("serial", "ioctl", "EIO", "replug", opened_with_an_error, detail="TCSETS", skip=3),
     *each("serial", "ioctl", "EINVAL ETIMEDOUT", "replug", REPLUGGED, detail="TCSETS", skip=3),
-    *each("serial", "ioctl", "ENODEV ETIMEDOUT", "replug", heard_later, detail="TCSETS", skip=3, seconds=1),
+    *each("serial", "ioctl", "ENODEV ETIMEDOUT", "replug", heard_later, detail="TCSETS", skip=3, seconds=1.5),
     *each("serial", "ioctl", "EINVAL EIO ENOTTY", "replug", REPLUGGED, detail="TCGETS2"),
     *each("serial", "ioctl", "EINVAL EIO ENOTTY", "replug", REPLUGGED, detail="TCSETS2"),
     *each("serial", "ioctl", "EINVAL EIO ENOTTY", "replug", REPLUGGED, detail="TIOCGSERIAL"),
