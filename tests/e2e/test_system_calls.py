@@ -150,7 +150,7 @@ LISTENER = [
     *each("listener", "accept4", "ECONNABORTED EHOSTDOWN EHOSTUNREACH ENETDOWN ENETUNREACH ENONET ENOPROTOOPT ENOSR "
           "EOPNOTSUPP EPROTO EPROTONOSUPPORT ESOCKTNOSUPPORT ETIMEDOUT", "connects", REFUSED),
     *each("listener", "accept4", "EMFILE ENFILE ENOBUFS ENOMEM", "connects",
-          Outcome(offender="served", log=(NO_ROOM,)), seconds=2.5, beside=("socket",)),
+          Outcome(offender="served", log=(NO_ROOM,)), seconds=2.5, beside="socket"),
     *each("listener", "socket", "EMFILE ENFILE ENOBUFS ENOMEM", "tick", NO_ROOM_FOR_A_TICK),
     *each("listener", "getsockopt", "ENOPROTOOPT", "tick", UNNOTICED, detail="SO_DOMAIN"),
     *each("listener", "close", "EINTR EIO", "tick", UNNOTICED),

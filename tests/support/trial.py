@@ -67,7 +67,7 @@ class Case(NamedTuple):
     detail: str = ""
     skip: int = 0
     seconds: float = 0           # 0: it fails once
-    beside: Tuple[str, ...] = ()  # other calls on the same kind of descriptor that fail with it
+    beside: str = ""             # another call on the same kind of descriptor that fails from the first one on
 
     def __str__(self):
         parts = [self.descriptor, self.call, self.detail, self.error, f"behind {self.skip}" if self.skip else "",
@@ -93,12 +93,8 @@ def notable(lines, once=False):
 
 
 def order(stand, case, peer=0):
-    number = getattr(errno, case.error)
-    times = FOR_EVER if case.seconds else 1
-    stand.faults.order(case.descriptor, case.call, number, detail=DETAILS.get(case.detail, 0), peer=peer,
-                       skip=case.skip, times=times)
-    for call in case.beside:
-        stand.faults.order_beside(case.descriptor, call, number, times=times)
+    stand.faults.order(case.descriptor, case.call, getattr(errno, case.error), detail=DETAILS.get(case.detail, 0),
+                       peer=peer, skip=case.skip, times=FOR_EVER if case.seconds else 1)
 
 
 class Trial:
@@ -148,6 +144,9 @@ class Trial:
             self._offender = await stand.client()
         order(stand, case, self._offender.local_address[1] if self._offender else 0)
         await getattr(self, f"_when_{case.when}")()
+        if case.beside:
+            await eventually(lambda: stand.faults.injected, PATIENCE, f"{case} to be injected")
+            stand.faults.order_beside(case.descriptor, case.beside, getattr(errno, case.error), times=FOR_EVER)
         if case.seconds:
             await asyncio.sleep(case.seconds - CALM)
             self._load_while_it_lasts = await stand.cpu_load(CALM)
