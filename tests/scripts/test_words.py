@@ -188,17 +188,21 @@ def test_the_checks_that_are_named(tree):
     assert not {"clang-format", "clang-tidy", "npm"} & {call.split()[0] for call in tree.calls}
 
 
-@pytest.mark.parametrize("failing", ["lint cpp", "package arm64", "test --asan", "test --system", None])
+SOAKS = ["soak --seed 20261123", "soak 1 --seed 20261123 --link socketcan", "soak 1 --seed 20261123 --rate 2000 --asan"]
+
+
+@pytest.mark.parametrize("failing", ["lint cpp", "package arm64", "test --asan", "bench --check", *SOAKS, "test --system",
+                                     None])
 def test_every_stage_decides_whether_a_change_may_land(tree, failing):
     tree.program("dpkg-query", "echo install ok installed")
-    for name in ("lint", "test", "bench", "package"):
+    for name in ("lint", "test", "bench", "package", "soak"):
         tree.stand_in(tree.root / "scripts" / name, f'[ "{name} $*" != "{failing}" ] || {{ echo broken; exit 1; }}')
     status, output, _ = tree.run(".ci/run")
     assert (status == 0) == (failing is None) and ("broken" in output) == (failing is not None)
     stages = {call for call in tree.calls if not call.startswith(("dpkg", "cmake"))}
     assert failing or stages == {
         "lint layout shell python typescript", "lint cpp", "test ", "test --asan", "package amd64", "package arm64",
-        "bench --check", "test --system"}
+        "bench --check", *SOAKS, "test --system"}
 
 
 def test_words_for_pytest(tree):
