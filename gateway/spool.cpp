@@ -181,7 +181,7 @@ void Spool::load(const QString &folder, bool isQuick)
             ++m_damaged;
             continue;
         }
-        m_entries[key] = {isQuick, s_room(content.size()), {}};
+        m_entries[key] = {isQuick, s_room(content.size()), {}, {}};
         m_bytes += m_entries[key].room;
     }
 }
@@ -191,14 +191,17 @@ QString Spool::settle(bool everything)
     const std::lock_guard lock(m_mutex);
     for (auto &[key, entry] : m_entries) {
         const bool isDue = everything || Clock::now() - entry.since >= quickTime;
-        if (!entry.isQuick || !isDue) {
+        const bool isToMove = entry.isQuick && isDue;
+        if (!isToMove && entry.unwritten.isEmpty()) {
             continue;
         }
-        const Entry settled{false, entry.room, entry.since};
-        if (!s_save(pathOf(key, settled), s_load(pathOf(key, entry)))) {
-            return "cannot write to " + m_lastingFolder;
+        const Entry settled{entry.isQuick && !isDue, entry.room, entry.since, {}};
+        if (!s_save(pathOf(key, settled), contentOf(key, entry))) {
+            return "cannot write to " + folderOf(settled);
         }
-        QFile::remove(pathOf(key, entry));
+        if (isToMove) {
+            QFile::remove(pathOf(key, entry));
+        }
         entry = settled;
     }
     return {};
@@ -277,9 +280,7 @@ void Spool::put(const std::string &key, const std::vector<mqtt::string_view> &pa
         content.append(part.data(), static_cast<int>(part.size()));
     }
     const std::lock_guard lock(m_mutex);
-    if (!write(key, content)) {
-        throw mqtt::persistence_exception(MQTTCLIENT_PERSISTENCE_ERROR);
-    }
+    write(key, content);
 }
 
 std::string Spool::get(const std::string &key) const
@@ -302,27 +303,39 @@ void Spool::remove(const std::string &key)
     }
 }
 
+const QString &Spool::folderOf(const Entry &entry) const
+{
+    return entry.isQuick ? m_quickFolder : m_lastingFolder;
+}
+
 QString Spool::pathOf(const std::string &key, const Entry &entry) const
 {
-    return (entry.isQuick ? m_quickFolder : m_lastingFolder) + '/' + QString::fromStdString(key);
+    return folderOf(entry) + '/' + QString::fromStdString(key);
+}
+
+// Null if the file is damaged, or gone.
+QByteArray Spool::contentOf(const std::string &key, const Entry &entry) const
+{
+    return entry.unwritten.isEmpty() ? s_load(pathOf(key, entry)) : entry.unwritten;
 }
 
 QByteArray Spool::read(const std::string &key) const
 {
     const auto found = m_entries.find(key);
-    return found == m_entries.end() ? QByteArray() : s_load(pathOf(key, found->second));
+    return found == m_entries.end() ? QByteArray() : contentOf(key, found->second);
 }
 
-bool Spool::write(const std::string &key, const QByteArray &content)
+// Paho would keep what is not taken here, too, but only until the next connection is made with another client
+// of its own.
+void Spool::write(const std::string &key, const QByteArray &content)
 {
     drop(key);
-    const Entry entry{m_quickFolder != m_lastingFolder, s_room(content.size()), Clock::now()};
+    Entry entry{m_quickFolder != m_lastingFolder, s_room(content.size()), Clock::now(), {}};
     if (!s_save(pathOf(key, entry), content)) {
-        return false;
+        entry.unwritten = content;
     }
     m_entries[key] = entry;
     m_bytes += entry.room;
-    return true;
 }
 
 void Spool::drop(const std::string &key)

@@ -27,7 +27,8 @@ struct SpooledMessage {
 
 // Files that outlive the process, each with one message or what belongs to it, and none of them written to
 // flash needlessly: they begin in a quick folder, which is memory, and what is not acknowledged for some
-// seconds is moved to a lasting one. When that is full, they stay where they are.
+// seconds is moved to a lasting one. When that is full, they stay where they are; and what the quick one does
+// not take, either, is kept here until it does.
 //
 // All functions may be called from any thread: Paho calls those of its interface from its own.
 class Spool : public mqtt::iclient_persistence
@@ -36,14 +37,15 @@ public:
     // With what lies in both folders, which may be one.
     Spool(const QString &quickFolder, const QString &lastingFolder);
 
-    // Moves what is older than some seconds, or everything, to the lasting folder. Empty, or why something
-    // could not be moved.
+    // Writes what could not be written yet, and moves what is older than some seconds, or everything, to the
+    // lasting folder. Empty, or why something could not be written.
     QString settle(bool everything = false);
 
     // How many files were damaged when it was made, and are gone.
     int damaged() const { return m_damaged; }
 
-    // What it takes of the disk, in bytes, and how many messages there are.
+    // What it takes of the disk, in bytes, and how many messages there are. What is not written counts as
+    // if it were.
     qint64 bytes() const;
     int count() const;
 
@@ -65,7 +67,6 @@ public:
     void clear() override;
     bool contains_key(const std::string &key) override;
     mqtt::string_collection keys() const override;
-    // Throws where nothing can be written: Paho then keeps the message in memory.
     void put(const std::string &key, const std::vector<mqtt::string_view> &parts) override;
     // Throws of what is not there, or damaged.
     std::string get(const std::string &key) const override;
@@ -78,12 +79,15 @@ private:
         bool isQuick = false;
         qint64 room = 0; // bytes of the disk
         Clock::time_point since;
+        QByteArray unwritten; // the content, while there is no file
     };
 
+    const QString &folderOf(const Entry &entry) const;
     QString pathOf(const std::string &key, const Entry &entry) const;
+    QByteArray contentOf(const std::string &key, const Entry &entry) const;
     void load(const QString &folder, bool isQuick);
     QByteArray read(const std::string &key) const;
-    bool write(const std::string &key, const QByteArray &content);
+    void write(const std::string &key, const QByteArray &content);
     void drop(const std::string &key);
     void keepOrphan(const std::string &key);
     std::vector<std::string> keysLike(const char *prefix) const;

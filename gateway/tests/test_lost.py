@@ -343,6 +343,21 @@ def test_a_disk_on_which_files_may_not_grow(plant):
     told_and_missing(plant)
 
 
+@pytest.mark.parametrize("is_renewed", [True, False])
+def test_no_file_may_be_written_while_the_network_is_silent(plant, relay, is_renewed):
+    """Not even in memory's folder. The connection that is made anew has what the one before had kept."""
+    start_through(plant, relay, **OFTEN, options={"before": limit_file_size(100)})
+    with Sender(plant) as sender:
+        sender.wait(25)
+        relay.stall()
+        sender.wait(50)
+        if is_renewed:
+            relay.cut()
+        relay.carry()
+        sender.wait(25)
+    all_arrive(plant, sender.said)
+
+
 def written(pid):
     """Bytes that the process has caused to be written to disks, as the kernel counts them."""
     text = pathlib.Path(f"/proc/{pid}/io").read_text()

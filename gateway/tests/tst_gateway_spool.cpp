@@ -26,7 +26,9 @@ private slots:
     void findsWhatAnotherProcessLeft();
     void writesToTheLastingFolderOnlyWhatStays();
     void staysQuickWhereTheDiskIsFull();
-    void goesWithoutAFolder();
+    void keepsInMemoryWhatNoFolderTakes();
+    void whatIsDueGoesFromMemoryToTheLastingFolder();
+    void orphansNeedNoFolder();
     void damagedFilesAreDropped();
     void endsAFileWithItsChecksum();
     void givesUpTheOldest();
@@ -158,13 +160,51 @@ void tst_Gateway_spool::staysQuickWhereTheDiskIsFull()
     QCOMPARE(lasting(), QStringList("c-1"));
 }
 
-void tst_Gateway_spool::goesWithoutAFolder()
+void tst_Gateway_spool::keepsInMemoryWhatNoFolderTakes()
 {
     const auto spool = make();
     QVERIFY(QDir(m_folder->path()).removeRecursively());
-    QVERIFY_EXCEPTION_THROWN(s_put(*spool, "c-1", {"one"}), mqtt::persistence_exception);
-    QVERIFY(!spool->contains_key("c-1"));
+    s_put(*spool, "c-1", {"one"});
+    s_put(*spool, "s-2", {"two"});
+    QCOMPARE(s_keys(*spool), QStringList({"c-1", "s-2"}));
+    QCOMPARE(s_get(*spool, "c-1"), QByteArray("one"));
+    QCOMPARE(spool->count(), 2);
+    QVERIFY(spool->bytes() > 0);
+    QCOMPARE(spool->settle(), "cannot write to " + m_folder->filePath("quick"));
+    QCOMPARE(spool->settle(true), "cannot write to " + m_folder->filePath("lasting"));
+    spool->remove("s-2");
+    QDir().mkpath(m_folder->filePath("quick"));
+    QCOMPARE(spool->settle(), QString());
+    QCOMPARE(quick(), QStringList("c-1"));
+    QDir().mkpath(m_folder->filePath("lasting"));
+    QCOMPARE(spool->settle(true), QString());
+    QCOMPARE(lasting(), QStringList("c-1"));
+    QCOMPARE(quick(), QStringList());
+    QCOMPARE(s_get(*make(), "c-1"), QByteArray("one"));
+}
+
+void tst_Gateway_spool::whatIsDueGoesFromMemoryToTheLastingFolder()
+{
+    const auto spool = make();
+    QVERIFY(QDir(m_folder->filePath("quick")).removeRecursively());
+    s_put(*spool, "c-1", {"one"});
+    QCOMPARE(spool->settle(true), QString());
+    QCOMPARE(lasting(), QStringList("c-1"));
+    spool->remove("c-1");
+    QCOMPARE(lasting(), QStringList());
     QCOMPARE(spool->bytes(), 0);
+}
+
+void tst_Gateway_spool::orphansNeedNoFolder()
+{
+    const auto spool = make();
+    QVERIFY(QDir(m_folder->path()).removeRecursively());
+    s_put(*spool, "s-1", {std::string("\x32\6\0\1t\0\1x", 8)});
+    spool->setConnecting(true);
+    spool->remove("s-1");
+    spool->setConnecting(false);
+    QCOMPARE(s_republished(*spool, 1).value(0).payload, QByteArray("x"));
+    QCOMPARE(spool->count(), 0);
 }
 
 void tst_Gateway_spool::damagedFilesAreDropped()
