@@ -63,7 +63,7 @@ void Main::raiseTerminalReady()
 {
     baudRateIsSet = baudRateIsSet || serialPort.setBaudRate(baudRate, QSerialPort::AllDirections);
     terminalIsReady = baudRateIsSet && serialPort.setDataTerminalReady(true);
-    if (!terminalIsReady && serialPort.isOpen()) {
+    if (!terminalIsReady && serialPort.isOpen() && !serialPortIsReplaced()) {
         qWarning() << "The adapter is not heard, its line cannot be set:" << serialPort.errorString();
         serialPort.clearError();
         terminalReadyTimer.start(terminalReadyRetry);

@@ -42,8 +42,10 @@ CALM = 0.3  # seconds in which nothing happens
 LOAD_LIMIT = 0.6 if SANITIZED else 0.2
 LINES_LIMIT = 60
 # What is logged in any case: greetings, schemas, and what is made of a client's message.
+# The last one Qt says or not of a wake-up whose read has failed, as its threads happen to run.
 ROUTINE = re.compile(r'info (Sending hello|Received schema)|debug (Converting|Converted|insertToByteArray|Preparing|")|'
-                     r'info New connection incoming from QHostAddress\("::ffff:127\.0\.0\.1"\)$')
+                     r'info New connection incoming from QHostAddress\("::ffff:127\.0\.0\.1"\)$|'
+                     r'warning QThreadPipe: internal error, wakeUps\.testAndSetRelease\(1, 0\) failed!$')
 
 
 class Outcome(NamedTuple):
