@@ -1,0 +1,277 @@
+"""A board that loses its power: the machine ends in the middle of whatever it does, and boots from the disk as that is
+then. Its root is made anew at each boot; what lasts is on a disk with ext4: the gateway's state and the journal."""
+
+import asyncio
+import os
+import random
+import re
+import shutil
+import subprocess
+import time
+
+import pytest
+from gatewayharness import Listener, Mosquitto, without_repeats
+from guest import BROKER, Guest
+from harness import wait_until
+from rawclient import RawClient
+from service import Service
+from vorbelsim.canframe import parse_log_line
+from watch import bring_aboard
+
+RATE = 200  # numbers a second on the bus
+EPOCH = 1_000_000  # the numbers of the first life begin here, those of the second at twice that
+PATIENCE = 120
+# Of what the broker has not acknowledged, the last four seconds may be gone, and the batch of a second that had begun.
+# The rest is what an emulated processor may be late.
+KEPT_AFTER = 4 + 1 + 1.5
+
+SCHEMA = '{"count": {"@mac": 5, "@cmd": 2, "@format": "I"}, "order": {"@mac": 6, "@cmd": 1, "@format": "I"}}'
+ORDER_FRAME = "046"
+FILES = {
+    "/etc/default/vorbel": "VORBEL_SOURCE=socketcan\n",
+    "/etc/vorbel/schema.json": SCHEMA,
+    "/etc/vorbel/gateway.ini": f"""
+[broker]
+url = mqtt://{BROKER}
+[topics]
+id = board
+[schema]
+file = /etc/vorbel/schema.json
+[write]
+users = operator: order
+""",
+    "/etc/systemd/system/bus.service": f"""
+[Unit]
+Description=can0, and a record of the orders that reach it
+Before=vorbel.service
+[Service]
+ExecStartPre=/bin/sh -c 'modprobe -a can_raw vcan; ip link add can0 type vcan; ip link set can0 up'
+ExecStart=/bin/sh -c 'exec candump -L can0,{ORDER_FRAME}:7FF >/run/orders'
+[Install]
+WantedBy=multi-user.target
+""",
+    "/etc/modprobe.d/bus.conf": "blacklist kvaser_pci\n",
+    "/etc/fstab": """
+/dev/vda /disk ext4 noatime 0 0
+/disk/gateway /var/lib/vorbel-gateway none bind 0 0
+/disk/journal /var/log/journal none bind 0 0
+""",
+}
+SPOOL = "/var/lib/vorbel-gateway/spool"
+GATEWAY_LOG = ("journalctl --no-pager -o cat _COMM=vorbel-gateway "
+               "_SYSTEMD_INVOCATION_ID=$(systemctl show --value -P InvocationID vorbel-gateway)")
+# All that the gateway may say in a life that begins after a power cut.
+EXPECTED = [
+    r"daemon: (connected to 127\.0\.0\.1|Connection refused; trying again)",
+    r"broker: (connected to .*|the connection was lost; trying again|.* does not answer.*; trying again.*)",
+    r"schema: /etc/vorbel/schema\.json",
+    r"spool: 1 files were damaged, perhaps when the machine lost its power: they are lost",
+    r'done \{"user":"operator","path":"order",.*',
+]
+
+
+@pytest.fixture(scope="module")
+def chance():
+    seed = int(os.environ.get("VORBEL_SEED", time.time_ns() % 1_000_000))
+    print(f"VORBEL_SEED={seed}")
+    return random.Random(seed)
+
+
+@pytest.fixture(scope="module")
+def guest(board):
+    """What shows its state when a test fails."""
+    return board.guest
+
+
+@pytest.fixture(scope="module")
+def board(tmp_path_factory, packages):
+    board = Board(tmp_path_factory.mktemp("board"), packages)
+    try:
+        board.begin()
+        yield board
+    finally:
+        board.end()
+
+
+class Board:
+    """A machine with a disk, its broker outside, somebody who listens to that and misses nothing, and a client of the
+    daemon."""
+
+    def __init__(self, folder, packages):
+        self.folder = folder
+        self.broker = Mosquitto(folder, persistence=True)
+        self.guest = Guest(os.environ["VORBEL_GUEST"], folder)
+        self.guest.broker_port = self.broker.port
+        self.disk = folder / "disk"
+        self.life = 0
+        self.former = 0  # what the gateway called itself before
+        self.client = None
+        for name in ("vorbel", "vorbel-gateway"):
+            (package,) = packages.glob(f"{name}_*_arm64.deb")
+            shutil.copy(package, self.guest.share / f"{name}.deb")
+        content = folder / "content"
+        for name in ("gateway", "journal"):
+            (content / name).mkdir(parents=True)
+        subprocess.run(["/sbin/mke2fs", "-q", "-t", "ext4", "-d", content, self.disk, "64M"], check=True)
+
+    def begin(self):
+        """Installs everything, for all lives. The clock is a day ahead when the gateway starts, so that from then on only
+        what it keeps on the disk says which numbers of boots there were."""
+        self.broker.start()
+        self.listener = Listener(self.broker.port, name="listener", base="vorbel/board/")
+        self._start()
+        for path, text in FILES.items():
+            (self.guest.share / "file").write_text(text)
+            self.guest.run(f"mkdir -p $(dirname {path}); cp /host/file {path}")
+        self.guest.run("""
+            systemctl daemon-reload
+            systemctl start var-lib-vorbel\\\\x2dgateway.mount var-log-journal.mount
+            journalctl --flush
+            udevadm settle
+            rmmod kvaser_pci
+            systemctl enable --now bus.service
+            dpkg -i --force-confold /host/vorbel.deb /host/vorbel-gateway.deb
+        """, limit=240)
+        self.guest.keep()
+        self.guest.run("""
+            date -s '+1 day'
+            systemctl restart vorbel-gateway
+            date -s '-1 day'
+        """)
+        self._enter_life()
+
+    def end(self):
+        self.guest.stop()
+        if self.broker:
+            self.listener.close()
+            self.broker.stop()
+
+    def _start(self):
+        self.guest.start("-drive", f"if=none,id=disk,format=raw,file={self.disk}",
+                         "-device", "virtio-blk-pci,drive=disk,romfile=")
+
+    def boot(self):
+        (self.guest.share / "journal").unlink(missing_ok=True)
+        self._start()
+        self._enter_life()
+
+    def _enter_life(self):
+        """The bus carries numbers as soon as the client and the gateway of this life hear them."""
+        self.life += 1
+        self.service = Service(self.guest)
+        self.service.wait_listening()
+        self.client = RawClient(self.guest.port)
+        self.guest.run(f"until {GATEWAY_LOG} | grep -q 'schema: /etc'; do sleep 0.2; done", limit=PATIENCE)
+        wait_until(lambda: self.boots() and self.boots()[-1] > self.former, PATIENCE, "its boot")
+        bring_aboard(self.guest, "count")
+        self.guest.run(f"python3 /host/count can0 {self.life * EPOCH} {RATE} >/dev/null 2>&1 &\n"
+                       "echo $! >/run/count.pid")
+
+    def stop_counting(self):
+        self.guest.run("kill $(cat /run/count.pid)")
+
+    def cut_power(self):
+        self.guest.cut_power()
+        self.client.socket.close()
+        self.former = self.boots()[-1]
+
+    # What has been seen
+
+    def heard(self):
+        """The last number that the client of the daemon has heard in this life."""
+        values = self.client.values()
+        return int.from_bytes(values[-1][-4:], "big") if values else None
+
+    def boots(self):
+        """What the gateway called its lives, in order of their appearance."""
+        return without_repeats(message.json["boot"] for message in self.listener.of("status")
+                               if message.json["online"])
+
+    def numbers(self):
+        """The numbers in all batches but repeated ones, in order of their arrival."""
+        batches = {}
+        for batch in self.listener.batches():
+            same = batches.setdefault((batch["boot"], batch["n"]), batch)
+            assert same == batch, "two batches of one boot and number"
+        return [values["count"] for batch in batches.values() for _, values in batch["v"]]
+
+    def orders(self):
+        """The numbers that were written to the bus in this life."""
+        lines = self.guest.run("cat /run/orders").splitlines()
+        return [int.from_bytes(parse_log_line(line)[1].payload, "little") for line in lines]
+
+    def gateway_log(self):
+        return self.guest.run(GATEWAY_LOG).splitlines()
+
+    def order(self, number):
+        self.listener.publish_soon("set/operator/order", str(number))
+
+
+async def serves(board):
+    """Checks that everything is there after a boot, by itself and once."""
+    for name in ("vorbel", "vorbel-gateway"):
+        assert board.guest.run(f"systemctl show --value -P NRestarts -P ActiveState {name}").split() == ["0", "active"]
+    first = board.life * EPOCH
+    wait_until(lambda: board.heard() is not None, PATIENCE, "a value at the client")
+    values = [int.from_bytes(value[-4:], "big") for value in board.client.values()]
+    assert values == list(range(first, first + len(values)))
+    async with board.service.connect() as client:
+        await client.send({"order": board.life})
+        wait_until(lambda: board.life in board.orders(), PATIENCE, "a client's value on the bus")
+    number = 100 + board.life
+
+    def is_obeyed():
+        board.order(number)
+        time.sleep(1)
+        return number in board.orders()
+
+    wait_until(is_obeyed, PATIENCE, "an order on the bus")
+    assert set(board.orders()) == {board.life, number}, "nothing but what was asked for in this life"
+    unexpected = [line for line in board.gateway_log() if not any(re.fullmatch(known, line) for known in EXPECTED)]
+    assert unexpected == []
+
+
+def arrives(board, first, last):
+    """Waits until the broker has passed on all numbers of a stretch."""
+    expected = set(range(first, last + 1))
+
+    def are_there():
+        return expected <= set(board.numbers())
+
+    wait_until(are_there, PATIENCE, f"the numbers from {first} to {last}")
+
+
+def nothing_is_wrong(board):
+    """Checks what the broker has been told in all lives."""
+    numbers = board.numbers()
+    assert numbers == sorted(set(numbers)), "each number once, in order"
+    boots = board.boots()
+    assert boots == sorted(boots)
+
+
+def spool_is_empty(board):
+    wait_until(lambda: not board.guest.run(f"ls {SPOOL}").split(), PATIENCE, "an empty spool")
+
+
+async def test_while_values_flow_and_orders_come(board, chance):
+    await serves(board)
+    time.sleep(KEPT_AFTER + chance.uniform(0, 1))
+    last, cut_at = board.heard(), time.monotonic() + KEPT_AFTER
+    while time.monotonic() < cut_at:
+        board.order(1000)
+        time.sleep(0.02)
+    board.cut_power()
+    board.order(1001)
+    board.boot()
+    await serves(board)
+    arrives(board, EPOCH, last)
+    nothing_is_wrong(board)
+
+
+async def test_as_soon_as_the_gateway_has_published(board):
+    """What it calls this life is on the disk before anything goes out by that name."""
+    board.cut_power()
+    board.boot()
+    board.cut_power()
+    board.boot()
+    nothing_is_wrong(board)
