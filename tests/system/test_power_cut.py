@@ -4,52 +4,38 @@ then. Its root is made anew at each boot; what lasts is on a disk with ext4: the
 import json
 import os
 import random
-import re
 import shutil
 import subprocess
 import time
 
 import pytest
-from gatewayharness import Listener, Mosquitto, without_repeats
-from guest import BROKER, Guest
+from counting import (BASE, BATCH, GATEWAY, RECORD_ORDERS, SCHEMA, SCHEMA_FILE, boots, heard, order, orders, published,
+                      put, start_counting, stop_counting)
+from gatewayharness import Listener, Mosquitto
+from guest import Guest
 from harness import wait_until
+from invariants import unknown_lines
 from rawclient import RawClient
 from service import Service
-from vorbelsim.canframe import parse_log_line
-from watch import bring_aboard
 
 RATE = 200  # numbers a second on the bus
 EPOCH = 1_000_000  # the numbers of the first life begin here, those of the second at twice that
 PATIENCE = 60
-BATCH = 0.2  # seconds
 # Of what the broker has not acknowledged, the last four seconds may be gone, and the batch that had begun. The rest is
 # what an emulated processor may be late.
 KEPT_AFTER = 4 + BATCH + 1.3
 
-SCHEMA = '{"count": {"@mac": 5, "@cmd": 2, "@format": "I"}, "order": {"@mac": 6, "@cmd": 1, "@format": "I"}}'
-ORDER_FRAME = "046"
 FILES = {
     "/etc/default/vorbel": "VORBEL_SOURCE=socketcan\n",
-    "/etc/vorbel/schema.json": SCHEMA,
-    "/etc/vorbel/gateway.ini": f"""
-[broker]
-url = mqtt://{BROKER}
-[topics]
-id = board
-[schema]
-file = /etc/vorbel/schema.json
-[values]
-interval_ms = {BATCH * 1000:.0f}
-[write]
-users = operator: order
-""",
+    SCHEMA_FILE: SCHEMA,
+    "/etc/vorbel/gateway.ini": GATEWAY,
     "/etc/systemd/system/bus.service": f"""
 [Unit]
 Description=can0, and a record of the orders that reach it
 Before=vorbel.service
 [Service]
 ExecStartPre=/bin/sh -c 'modprobe -a can_raw vcan; ip link add can0 type vcan; ip link set can0 up'
-ExecStart=/bin/sh -c 'exec candump -L can0,{ORDER_FRAME}:7FF >/run/orders'
+ExecStart=/bin/sh -c 'exec {RECORD_ORDERS}'
 [Install]
 WantedBy=multi-user.target
 """,
@@ -101,7 +87,7 @@ class Board:
 
     def __init__(self, folder, packages):
         self.broker = Mosquitto(folder, persistence=True).start()
-        self.listener = Listener(self.broker.port, name="listener", base="vorbel/board/")
+        self.listener = Listener(self.broker.port, name="listener", base=BASE)
         self.guest = Guest(os.environ["VORBEL_GUEST"], folder)
         self.guest.broker_port = self.broker.port
         for name in ("vorbel", "vorbel-gateway"):
@@ -119,9 +105,7 @@ class Board:
     def begin(self):
         """Installs everything, for all lives."""
         self.start()
-        for path, text in FILES.items():
-            (self.guest.share / "file").write_text(text)
-            self.guest.run(f"mkdir -p $(dirname {path}); cp /host/file {path}")
+        put(self.guest, FILES)
         self.guest.run("""
             systemctl daemon-reload
             systemctl start var-lib-vorbel\\\\x2dgateway.mount var-log-journal.mount
@@ -156,71 +140,34 @@ class Board:
         self.service.wait_listening()
         self.client = RawClient(self.guest.port)
         self.guest.run(f"until {GATEWAY_LOG} | grep -q 'schema: /etc'; do sleep 0.2; done", limit=PATIENCE)
-        wait_until(lambda: self.boots() and self.boots()[-1] > self.former, PATIENCE, "its boot")
-        bring_aboard(self.guest, "count")
-        self.guest.run(f"python3 /host/count can0 {self.first} {RATE} >/dev/null 2>&1 &\n"
-                       "echo $! >/run/count.pid")
-
-    def stop_counting(self):
-        self.guest.run("kill $(cat /run/count.pid)")
+        wait_until(lambda: max(boots(self.listener), default=0) > self.former, PATIENCE, "its boot")
+        start_counting(self.guest, self.first, RATE)
 
     def cut_power(self):
         self.guest.cut_power()
-        self.former = self.boots()[-1]
-
-    # What has been seen
-
-    def heard(self):
-        """The last number that the client of the daemon has heard in this life."""
-        values = self.client.values()
-        return int.from_bytes(values[-1][-4:], "big") if values else None
-
-    def boots(self):
-        """What the gateway called its lives, in order of their appearance."""
-        return without_repeats(message.json["boot"] for message in self.listener.of("status")
-                               if message.json["online"])
-
-    def numbers(self):
-        """The numbers in all batches but repeated ones, in order of their arrival."""
-        batches = {}
-        for batch in self.listener.batches():
-            same = batches.setdefault((batch["boot"], batch["n"]), batch)
-            assert same == batch, "two batches of one boot and number"
-        return [values["count"] for batch in batches.values() for _, values in batch["v"]]
-
-    def orders(self):
-        """The numbers that were written to the bus in this life."""
-        lines = self.guest.run("cat /run/orders").splitlines()
-        return [int.from_bytes(parse_log_line(line)[1].payload, "little") for line in lines]
-
-    def gateway_log(self):
-        return self.guest.run(GATEWAY_LOG).splitlines()
-
-    def order(self, number):
-        self.listener.publish_soon("set/operator/order", str(number))
+        self.former = boots(self.listener)[-1]
 
 
 async def serves(board):
     """Checks that everything is there after a boot, by itself and once."""
     for name in ("vorbel", "vorbel-gateway"):
         assert board.guest.run(f"systemctl show --value -P NRestarts -P ActiveState {name}").split() == ["0", "active"]
-    wait_until(lambda: board.heard() is not None, PATIENCE, "a value at the client")
-    values = [int.from_bytes(value[-4:], "big") for value in board.client.values()]
+    wait_until(lambda: heard(board.client), PATIENCE, "a value at the client")
+    values = heard(board.client)
     assert values == list(range(board.first, board.first + len(values)))
     async with board.service.connect() as client:
         await client.send({"order": board.life})
-        wait_until(lambda: board.life in board.orders(), PATIENCE, "a client's value on the bus")
+        wait_until(lambda: board.life in orders(board.guest), PATIENCE, "a client's value on the bus")
     number = 100 + board.life
 
     def is_obeyed():
-        board.order(number)
+        order(board.listener, number)
         time.sleep(1)
-        return number in board.orders()
+        return number in orders(board.guest)
 
     wait_until(is_obeyed, PATIENCE, "an order on the bus")
-    assert set(board.orders()) == {board.life, number}, "nothing but what was asked for in this life"
-    unexpected = [line for line in board.gateway_log() if not any(re.fullmatch(known, line) for known in EXPECTED)]
-    assert unexpected == []
+    assert set(orders(board.guest)) == {board.life, number}, "nothing but what was asked for in this life"
+    assert unknown_lines(board.guest.run(GATEWAY_LOG).splitlines(), EXPECTED) == []
 
 
 def arrives(board, first, last):
@@ -228,38 +175,38 @@ def arrives(board, first, last):
     expected = set(range(first, last + 1))
 
     def are_there():
-        return expected <= set(board.numbers())
+        return expected <= set(published(board.listener))
 
     wait_until(are_there, PATIENCE, f"the numbers from {first} to {last}")
 
 
 def nothing_is_wrong(board):
     """Checks what the broker has been told of all lives: each number once, in order."""
-    numbers = board.numbers()
+    numbers = published(board.listener)
     assert numbers == sorted(set(numbers))
-    assert board.boots() == sorted(set(board.boots()))
+    assert boots(board.listener) == sorted(set(boots(board.listener)))
 
 
 async def test_as_soon_as_the_gateway_is_up(board):
     """The name of its life is on the disk before anything goes out by that name."""
     board.guest.run("systemctl restart vorbel-gateway")
-    wait_until(lambda: len(board.boots()) == 2, PATIENCE, "the status of the life that ends now")
+    wait_until(lambda: len(boots(board.listener)) == 2, PATIENCE, "the status of the life that ends now")
     board.cut_power()
     board.boot()
-    assert len(board.boots()) == 3 and sorted(board.boots()) == board.boots()
+    assert len(boots(board.listener)) == 3 and sorted(boots(board.listener)) == boots(board.listener)
     await serves(board)
 
 
 async def test_while_values_flow_and_orders_come(board, chance):
     first = board.first
     time.sleep(chance.uniform(0, 1))
-    last, cut_at = board.heard(), time.monotonic() + KEPT_AFTER
+    last, cut_at = heard(board.client)[-1], time.monotonic() + KEPT_AFTER
     while time.monotonic() < cut_at:
-        board.order(1000)
+        order(board.listener, 1000)
         time.sleep(0.02)
-    assert 1000 in board.orders()
+    assert 1000 in orders(board.guest)
     board.cut_power()
-    board.order(1001)
+    order(board.listener, 1001)
     board.boot()
     await serves(board)
     arrives(board, first, last)
@@ -271,9 +218,9 @@ async def test_after_what_came_while_the_broker_was_away(board, chance):
     first = board.first
     board.broker.stop()
     time.sleep(chance.uniform(3, 6))
-    board.stop_counting()
+    stop_counting(board.guest)
     time.sleep(KEPT_AFTER)
-    last = board.heard()
+    last = heard(board.client)[-1]
     board.cut_power()
     board.broker.start()
     board.boot()
@@ -286,7 +233,7 @@ async def test_while_the_spool_empties_and_again_while_it_boots(board, chance):
     first = board.first
     board.broker.stop()
     time.sleep(KEPT_AFTER)
-    last = board.heard()
+    last = heard(board.client)[-1]
     time.sleep(KEPT_AFTER)
     before = len(board.listener.batches())
     board.broker.start()
