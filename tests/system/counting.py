@@ -58,7 +58,7 @@ def batches(listener):
 
 def published(listener):
     """The numbers in all batches."""
-    return [values["count"] for batch in batches(listener) for _, values in batch["v"]]
+    return [values["count"] for batch in batches(listener) for _, values in batch["v"] if "count" in values]
 
 
 def boots(listener):
