@@ -40,6 +40,9 @@ EXPECTED = [
     r"Socket can cannot connect\.",
     r'Socket can creation failed:  ".*"',
     r"QObject::connect\(QCanBusDevice, Unknown\): invalid nullptr parameter",
+    # whenever can0 is opened
+    r"(qt\.canbus\.plugins\.socketcan: )?Cannot load library .*",
+    r"qt\.canbus\.plugins\.socketcan: (Function can_set_bitrate\(\) is not available|Cannot apply parameter: 4 .*)\.",
     r'Lost \d+ of \d+ frames of one message, can0 says: ".*"',
 ]
 
@@ -298,5 +301,5 @@ async def test_whatever_happens_nothing_is_lost_while_all_stands(scene, service,
     print("{} written, {} confirmed, {} arrived".format(*writer.counts))
     assert breaches == []
     log = guest.run("journalctl --no-pager -o cat _COMM=vorbel --since=@$(cut -d. -f1 /run/began)").splitlines()
-    assert unknown_lines(log, EXPECTED) == []
+    assert set(unknown_lines(log, EXPECTED)) == set()
     assert after[0] < before[0] + GROWTH and after[1] == before[1]
