@@ -1,6 +1,7 @@
 import os
 import pathlib
 import shutil
+import sys
 
 import pytest
 
@@ -11,6 +12,8 @@ from service import Service
 from watch import bring_aboard
 
 PROJECT = pathlib.Path(__file__).parents[2]
+# The soak's invariants. Last: it has modules of the same name as some here.
+sys.path.append(str(PROJECT / "tests" / "soak"))
 
 
 @pytest.hookimpl(hookwrapper=True)

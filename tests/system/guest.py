@@ -1,8 +1,10 @@
 """The virtual machine: an AArch64 computer with real kernel drivers, and what the host does with it."""
 
 import json
+import os
 import pathlib
 import shutil
+import signal
 import socket
 import subprocess
 import time
@@ -12,8 +14,10 @@ LIFE_LIMIT = 7200  # seconds, after which the machine is killed whatever happens
 WEBSOCKET_PORT = 10443  # inside; a free port of the host leads to it
 BROKER = "10.0.2.100:1883"  # inside; it leads to a free port of the host
 
-# What QEMU runs for each connection to it, with the connection as its input and output.
-TO_BROKER = "bash -c 'exec 3<>/dev/tcp/127.0.0.1/{} 4<&0; cat <&4 >&3 & cat <&3 & wait -n; kill $(jobs -p)'"
+# What QEMU runs for each connection to it, with the connection as its input and output; a broker
+# would not complain in words.
+TO_BROKER = ("bash -c 'exec 2>/dev/null; exec 3<>/dev/tcp/127.0.0.1/{} 4<&0; "
+             "cat <&4 >&3 & cat <&3 & wait -n; kill $(jobs -p)'")
 
 CAN_CONTROLLERS = ["-object", "can-bus,id=bus",
                    "-device", "kvaser_pci,canbus=bus", "-device", "kvaser_pci,canbus=bus"]
@@ -123,8 +127,15 @@ class Guest:
                 self.process.terminate()  # timeout hands it on, and kills five seconds later
                 self.process.wait(10)
 
-    def start_again(self, *devices):
-        """Boots once more, with the files that were written since it booted and with nothing else of this life."""
+    def cut_power(self):
+        """Ends it in the middle of whatever it does: what it has not written to a disk by then is gone."""
+        (machine,) = map(int, pathlib.Path(f"/proc/{self.process.pid}/task/{self.process.pid}/children").read_text()
+                         .split())
+        os.kill(machine, signal.SIGKILL)
+        self.process.wait(10)
+
+    def keep(self):
+        """The files that were written since it booted are there when it boots the next time."""
         changed = self.folder / "changed"
         self.run("find /etc /usr /var/lib -xdev ! -type d -cnewer /run/booted -print0 | "
                  "tar -C / --null -T - -cf /host/changed.tar")
@@ -133,10 +144,14 @@ class Guest:
         more = subprocess.run("find . | cpio --quiet -o -H newc -R 0:0", shell=True, cwd=changed, check=True,
                               capture_output=True).stdout
         shutil.rmtree(changed)
-        self.stop()
         initrd = self.folder / "initrd.cpio"
         initrd.write_bytes(self.initrd.read_bytes() + more)
         self.initrd = initrd
+
+    def start_again(self, *devices):
+        """Boots once more, with the files that were written since it booted and with nothing else of this life."""
+        self.keep()
+        self.stop()
         (self.share / "journal").unlink(missing_ok=True)
         self.start(*devices)
 
