@@ -1,5 +1,6 @@
 """A WebSocket client that costs next to nothing: it only collects, and cuts what it has when all of it is there."""
 
+import contextlib
 import socket
 import threading
 import time
@@ -28,8 +29,9 @@ class RawClient:
         self.socket.close()
 
     def _collect(self):
-        while data := self.socket.recv(1 << 20):
-            self.data += data
+        with contextlib.suppress(ConnectionError):
+            while data := self.socket.recv(1 << 20):
+                self.data += data
 
     def _wait_greeted(self, limit):
         deadline = time.monotonic() + limit
