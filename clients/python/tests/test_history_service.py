@@ -8,6 +8,7 @@ import ssl
 import subprocess
 import threading
 import time
+import types
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 import paho.mqtt.client as mqtt
@@ -240,6 +241,23 @@ def test_a_broker_that_is_not_there_is_told_once_and_awaited(tmp_path, recorder)
     finally:
         history.end()
         broker.end()
+
+
+@pytest.mark.parametrize("noise", [b"\x62\x00", b"\x32\x01\xff", b"\x90\x00", b"\x20\x00", b"\x30\x04\x00\x02\xff\xfe"],
+                         ids=["PUBREL", "PUBLISH", "SUBACK", "CONNACK", "a topic that is no UTF-8"])
+def test_a_broker_that_says_what_is_no_mqtt_is_told_and_asked_again(tmp_path, recorder, noise):
+    with socket.create_server(("127.0.0.1", 0)) as listener:
+        broker = types.SimpleNamespace(port=listener.getsockname()[1])
+        history = History(tmp_path, broker, recorder).start(wait=False)
+        for _ in range(2):
+            listener.settimeout(20)
+            connection = listener.accept()[0]
+            with connection:
+                connection.recv(1000)
+                connection.sendall(b"\x20\x03\x00\x00\x00" + noise)
+                wait_until(lambda: "no MQTT" in history.log() or "was lost" in history.log(), "a word")
+        assert [line for line in history.lines() if "no MQTT" in line or "was lost" in line]
+        history.end()
 
 
 def test_a_session_that_the_broker_forgot_is_told(broker, board, history, recorder):

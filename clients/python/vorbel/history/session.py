@@ -3,10 +3,12 @@
 import collections
 import select
 import socket
+import struct
 import time
 from typing import Any, Callable, Optional
 
 import paho.mqtt.client as mqtt
+from paho.mqtt import MQTTException
 from paho.mqtt.packettypes import PacketTypes
 from paho.mqtt.properties import Properties
 
@@ -21,6 +23,7 @@ PAUSE_LEAST, PAUSE_MOST = 0.5, 10.0  # seconds between attempts to connect
 ROOM_FOR_A_TOPIC = 65536
 FOREVER = 0xFFFFFFFF  # seconds of a session's life, in MQTT 5
 REFUSED = 0x80  # and above: the answer to a subscription that is none
+MISTAKES = (MQTTException, struct.error, IndexError, TypeError, ValueError)  # what the library makes of what is no MQTT
 
 
 class Client(mqtt.Client):  # type: ignore[misc]
@@ -146,8 +149,11 @@ class Session:
                     return self._tell("no answer")
                 if self._sheds and self._inbox.bytes < HELD_LIMIT // 2:
                     return None  # to hear again what was left
-            if client.socket() is None or not self._turn(client):
-                break
+            try:
+                if client.socket() is None or not self._turn(client):
+                    break
+            except MISTAKES as mistake:
+                return self._tell(f"what it says is no MQTT ({mistake})")
         if not self._is_stopping and not self._is_refused:
             self._tell("the connection was lost")
 
