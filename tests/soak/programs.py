@@ -232,6 +232,7 @@ GATEWAY_LINES = (
     r"warning spool: cannot write to .*: what the broker has not acknowledged is kept in memory",
     r"warning (?:state|topics): cannot write .*",
     NO_MEMORY_TO_PUBLISH % "[^ ]*",
+    r"warning broker: cannot publish on [^ ]*/(?:pulse|now/[^ ]*): MQTT error \[-3\]: Disconnected",
     *GATEWAY_WITHOUT_MEMORY,
     *ENDS_WITHOUT_MEMORY,
 )
