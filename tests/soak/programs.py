@@ -209,6 +209,7 @@ DAEMON_LINES = (
     r"warning MsgPack::unpack\(\) (?:unpacker for type -?\d+ doesn't exist|can't .*)",
     r'warning Key: ".*" does not exist in the schema',
     r"warning And \d+ more lines of this kind from the same message: .*",
+    r"info QLockFile: Lock file '.*' has a modification time in the future",  # the clock was set back
     # the serial link
     r"warning QIODevice::write \(QSerialPort\): device not open",
     r'warning bool Main::openSerialPort\(\) error ".*"',
