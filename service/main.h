@@ -109,7 +109,7 @@ private:
     bool baudRateIsSet = false;         // whether it has been set since the serial port was opened
     bool terminalIsReady = false;       // whether DTR has been raised since the serial port was opened
     int serialErrors = 0;               // how many ticks in a row have found an error it is used on after
-    qint64 unheard = 0;                 // bytes since the last tick whose DTR could not be told
+    qint64 unheard = 0;                 // bytes dropped since the last tick: DTR was not told
     unsigned canInterfaceIndex = 0;     // the kernel's number of "can0" when canDevice was connected
     qint64 largestMessage = 0;          // in bytes, of those that may be on their way to a client
     qint64 unreadByAll = 0;             // bytes waiting for all clients together after the last broadcast

@@ -9,7 +9,7 @@ import urllib.request
 
 import paho.mqtt.client as mqtt
 
-from invariants import Breach, Hearing
+from invariants import Breach, Hearing, runs
 
 BASE = "vorbel/soak/"
 
@@ -47,17 +47,6 @@ class Batches:
         """(ms, value) of what was passed on and is not in the database, although it is alone in its millisecond."""
         by_time = collections.Counter(self.slow.values())
         return [(at, value) for value, at in sorted(self.slow.items()) if value not in stored and by_time[at] == 1]
-
-
-def runs(numbers):
-    """Numbers as runs without a gap."""
-    found = []
-    for number in numbers:
-        if found and number == found[-1][1] + 1:
-            found[-1][1] = number
-        else:
-            found.append([number, number])
-    return found
 
 
 class BoardEar:

@@ -60,6 +60,17 @@ class Excuses:
         return found
 
 
+def runs(numbers):
+    """Numbers as runs without a gap, [first, last] each."""
+    found = []
+    for number in numbers:
+        if found and number == found[-1][1] + 1:
+            found[-1][1] = number
+        else:
+            found.append([number, number])
+    return found
+
+
 class Hearing:
     """What one client heard. Gaps are judged in the end, when all excuses are known."""
 

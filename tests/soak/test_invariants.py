@@ -5,8 +5,9 @@ import random
 import pytest
 
 import programs
-from board import Batches, runs
-from invariants import (Excuses, Hearing, Stands, Writer, growth, is_growing, percentile, settled, unknown_lines)
+from board import Batches
+from invariants import (Excuses, Hearing, Stands, Writer, growth, is_growing, percentile, runs, settled,
+                        unknown_lines)
 
 SENT = 1000
 

@@ -16,7 +16,7 @@ import websockets
 from canbus import VIRTUAL, CanBus
 from counting import SCHEMA, heard, start_counting
 from harness import eventually
-from invariants import Excuses, Hearing, Stands, Writer, unknown_lines
+from invariants import Excuses, Hearing, Stands, Writer, runs, unknown_lines
 from rawclient import REQUEST, RawClient
 from vorbelsim.canframe import parse_log_line
 
@@ -95,17 +95,6 @@ class Honest(threading.Thread):
             hearing.begin()
             hearing.take(0, "count", runs(heard(connection)), sent)
         return hearing.judge(excuses), hearing.compared["count"]
-
-
-def runs(numbers):
-    """[first, last] of each stretch of numbers that follow one another."""
-    found = []
-    for number in numbers:
-        if found and number == found[-1][1] + 1:
-            found[-1][1] = number
-        else:
-            found.append([number, number])
-    return found
 
 
 class Scene:

@@ -197,6 +197,14 @@ async def test_as_soon_as_the_gateway_is_up(board):
     await serves(board)
 
 
+async def comes_back(board, first, last):
+    """It boots and serves, and these numbers of the life before are at the broker."""
+    board.boot()
+    await serves(board)
+    arrives(board, first, last)
+    nothing_is_wrong(board)
+
+
 async def test_while_values_flow_and_orders_come(board, chance):
     first = board.first
     time.sleep(chance.uniform(0, 1))
@@ -207,10 +215,7 @@ async def test_while_values_flow_and_orders_come(board, chance):
     assert 1000 in orders(board.guest)
     board.cut_power()
     order(board.listener, 1001)
-    board.boot()
-    await serves(board)
-    arrives(board, first, last)
-    nothing_is_wrong(board)
+    await comes_back(board, first, last)
 
 
 async def test_after_what_came_while_the_broker_was_away(board, chance):
@@ -223,10 +228,7 @@ async def test_after_what_came_while_the_broker_was_away(board, chance):
     last = heard(board.client)[-1]
     board.cut_power()
     board.broker.start()
-    board.boot()
-    await serves(board)
-    arrives(board, first, last)
-    nothing_is_wrong(board)
+    await comes_back(board, first, last)
 
 
 async def test_while_the_spool_empties_and_again_while_it_boots(board, chance):
@@ -243,8 +245,5 @@ async def test_while_the_spool_empties_and_again_while_it_boots(board, chance):
     board.start()
     time.sleep(chance.uniform(0, 5))
     board.cut_power()
-    board.boot()
-    await serves(board)
-    arrives(board, first, last)
-    nothing_is_wrong(board)
+    await comes_back(board, first, last)
     wait_until(lambda: not board.guest.run(f"ls {SPOOL}").split(), PATIENCE, "the spool to be empty")
