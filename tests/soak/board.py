@@ -1,11 +1,13 @@
 """The far end of the chain: what the broker passes on of the gateway's batches, and what the history has of them."""
 
 import collections
+import contextlib
 import json
 import queue
 import time
 import urllib.parse
 import urllib.request
+from typing import NamedTuple
 
 import paho.mqtt.client as mqtt
 
@@ -14,26 +16,54 @@ from invariants import Breach, Hearing, runs
 BASE = "vorbel/soak/"
 
 
+def drained(waiting):
+    """What waits in a queue, which is empty then."""
+    found = []
+    with contextlib.suppress(queue.Empty):
+        while True:
+            found.append(waiting.get_nowait())
+    return found
+
+
+class Passed(NamedTuple):
+    """What the broker passed on."""
+
+    ms: int  # by the board's clock
+    time: float  # when it came here
+
+
 class Batches:
     """Batches as the broker passes them on, held against the bus: one Hearing for each boot of the gateway, since what
     a killed one had not spooled is nobody's promise. Within a boot `n` counts without a gap; a batch may come again."""
 
     def __init__(self):
-        self.hearings, self.breaches = {}, []
-        self.repeated = self.missing = 0
-        self.slow = {}  # {value of the slow leaf: ms}
+        self.hearings, self.late = {}, []
+        self.repeated = 0
+        self.slow = {}  # {value of the slow leaf: Passed}
         self._next = {}  # {boot: n}
+        self._absent = {}  # {(boot, n): when a later one came}
+
+    @property
+    def missing(self):
+        return len(self._absent)
+
+    @property
+    def lost(self):
+        numbers = collections.defaultdict(list)
+        for boot, number in sorted(self._absent):
+            numbers[boot].append(number)
+        return [Breach(self._absent[boot, first], "lost", f"broker: batches {first} to {last} of boot {boot}")
+                for boot in numbers for first, last in runs(numbers[boot])]
 
     def take(self, time, batch, sent):
         boot, number = batch["boot"], batch["n"]
         expected = self._next.get(boot, 0)
         if number < expected:
-            self.repeated += 1
+            self._take_again(time, boot, number)
             return
         hearing = self.hearings.setdefault(boot, Hearing(f"broker, boot {boot}"))
         if number > expected:
-            self.missing += number - expected
-            self.breaches.append(Breach(time, "lost", f"broker: batches {expected} to {number - 1} of boot {boot}"))
+            self._absent.update(((boot, each), time) for each in range(expected, number))
             hearing.skip()
         self._next[boot] = number + 1
         for since, values in batch["v"]:
@@ -41,12 +71,19 @@ class Batches:
                 if leaf in sent:  # others are those of a strange schema
                     hearing.take(time, leaf, runs(value if isinstance(value, list) else [value]), sent[leaf])
                 if leaf == "slow":
-                    self.slow[value] = batch["t"] + since
+                    self.slow[value] = Passed(batch["t"] + since, time)
+
+    def _take_again(self, time, boot, number):
+        if self._absent.pop((boot, number), None) is None:
+            self.repeated += 1
+        else:
+            self.late.append(Breach(time, "late", f"broker: batch {number} of boot {boot}"))
 
     def missing_in(self, stored):
-        """(ms, value) of what was passed on and is not in the database, although it is alone in its millisecond."""
-        by_time = collections.Counter(self.slow.values())
-        return [(at, value) for value, at in sorted(self.slow.items()) if value not in stored and by_time[at] == 1]
+        """(value, Passed) of what is not in the database, although it is alone in its millisecond."""
+        by_ms = collections.Counter(passed.ms for passed in self.slow.values())
+        return [(value, passed) for value, passed in sorted(self.slow.items())
+                if value not in stored and by_ms[passed.ms] == 1]
 
 
 class BoardEar:
@@ -69,13 +106,12 @@ class BoardEar:
         order = {"value": value, "time": int(time.time() * 1000)}
         self._client.publish(f"{BASE}set/tester/{path}", json.dumps(order), 1)
 
-    def take(self, sent, confirm):
-        """Takes what has come since. `confirm` is called with number and time of each write that was done."""
-        while True:
-            try:
-                at, topic, payload = self._arrived.get_nowait()
-            except queue.Empty:
-                return
+    def take(self, mark, confirm):
+        """Takes what has come since. `mark` says what the bus has sent; `confirm` is called with number and time of
+        each write that was done."""
+        arrived = drained(self._arrived)
+        sent = mark().numbers
+        for at, topic, payload in arrived:
             said = json.loads(payload)
             if topic == "values":
                 self.batches.take(at, said, sent)

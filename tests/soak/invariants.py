@@ -24,7 +24,7 @@ class Breach(NamedTuple):
     """A promise that was not kept."""
 
     time: float
-    kind: str  # lost, doubled, unsent, undecodable, write, away, silence, log, growth, latency, ended
+    kind: str  # lost, late, doubled, unsent, undecodable, write, away, silence, log, growth, latency, ended
     text: str
 
 

@@ -16,7 +16,7 @@ LINE_RATE = 9090  # records a second at 1,000,000 baud
 GATHERED = 18  # readings in an array
 SINGLES = 18  # every so many-th record is one of a leaf that is sent reading by reading
 SLOW = 0.1  # seconds between two numbers of the leaf for the history
-CARRIED = 10  # slices after which what was written is in the kernel's count of what is unread, or has been read
+CARRIED = 0.1  # seconds after which what was written is in the kernel's count of what is unread, or has been read
 
 LEAVES = {"gathered": (5, 2), "single": (6, 2), "slow": (7, 2)}
 WRITERS = {"python": (10, 1), "javascript": (11, 1), "cpp": (12, 1), "gateway": (13, 1)}
@@ -133,10 +133,10 @@ class Bus(threading.Thread):
         if not self.is_up:
             self._look_for_opening()
         elif self._rest:
-            self._rest = self.line.put(self._rest)
+            self._put(self._rest)
         else:
-            if self.line.unread() == 0 and len(self.marks) >= CARRIED:
-                self.taken = self.marks[-CARRIED]
+            if self.line.unread() == 0:
+                self.taken = self._last_mark_until(time.monotonic() - CARRIED)
             if not self.is_quiet:
                 self._say()
 
@@ -160,8 +160,15 @@ class Bus(threading.Thread):
             self._slow_at = max(self._slow_at + SLOW, now)
             records.append(self._next("slow"))
         records += [self._next("single") for _ in range(singles)]
-        self._rest = self.line.put(self.line.packed(records))
-        self.marks.append(self._mark())
+        self._put(self.line.packed(records))
+
+    def _put(self, packed):
+        self._rest = self.line.put(packed)
+        if not self._rest:
+            self.marks.append(self._mark())
+
+    def _last_mark_until(self, time):
+        return next((mark for mark in reversed(self.marks) if mark.time <= time), self.taken)
 
     def _due_singles(self, count):
         said = self.numbers["gathered"] + self.numbers["single"]

@@ -69,6 +69,8 @@ class Soak:
         if name == "daemon":
             self._daemon_ends(self.bus.taken)
         self.programs[name].kill()
+        if name == "broker":
+            self.watch.broker_ends()
 
     def restore_schema(self):
         faults.tell(faults.TEXT, json.dumps(load.SCHEMA).encode())

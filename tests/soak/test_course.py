@@ -58,6 +58,14 @@ def test_a_daemon_that_ends_unseen_has_read_what_it_had_at_the_last_look(run):
     assert run.watch.calls[1:] == [("daemon_ends", run._taken)]
 
 
+def test_that_a_broker_is_killed_is_told(run):
+    run.programs.update(broker=Recorder(), history=Recorder())
+    run.kill("history")
+    assert run.watch.calls == []
+    run.kill("broker")
+    assert run.watch.calls == [("broker_ends",)]
+
+
 def test_a_daemon_that_is_killed_has_read_what_is_known_just_then(run):
     killed = Recorder()
     run.programs["daemon"] = killed

@@ -307,7 +307,7 @@ def batches():
 def judged_batches(batches, *found):
     for each in found:
         batches.take(5.0, each, ALL_SENT)
-    return said([*batches.breaches, *(breach for hearing in batches.hearings.values()
+    return said([*batches.late, *batches.lost, *(breach for hearing in batches.hearings.values()
                                       for breach in hearing.judge(Excuses()))])
 
 
@@ -327,6 +327,13 @@ def test_a_missing_batch(batches):
     assert batches.missing == 1
 
 
+def test_a_batch_that_comes_behind_a_later_one(batches):
+    late = batch(1, {"single": 2})
+    assert judged_batches(batches, batch(0, {"single": 1}), batch(3, {"single": 4}), late, late) == [
+        ("late", "broker: batch 1 of boot 7"), ("lost", "broker: batches 2 to 2 of boot 7")]
+    assert (batches.missing, batches.repeated) == (1, 1)
+
+
 def test_the_first_batch_of_a_boot_is_missing(batches):
     assert judged_batches(batches, batch(1, {"single": 1})) == [("lost", "broker: batches 0 to 0 of boot 7")]
 
@@ -344,7 +351,7 @@ def test_another_boot_begins_anew(batches):
 def test_what_the_history_has_not(batches):
     judged_batches(batches, batch(0, {"slow": 1}, {"slow": 2}), batch(1, {"slow": 3}, begin=2000))
     assert batches.missing_in({1, 2, 3}) == []
-    assert batches.missing_in({1, 3}) == [(1010, 2)]
+    assert batches.missing_in({1, 3}) == [(2, (1010, 5.0))]
 
 
 def test_of_two_values_in_a_millisecond_the_history_has_one(batches):

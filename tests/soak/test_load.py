@@ -7,7 +7,7 @@ import pytest
 
 from harness import wait_until
 from lines import AdapterLine
-from load import LEAVES, Bus
+from load import CARRIED, LEAVES, Bus
 from vorbelsim import vek
 
 
@@ -92,6 +92,28 @@ def test_a_line_that_is_full_costs_no_number(program, bus):
     program.read_for(0.5)
     assert_whole(program, bus)
     assert len(program.heard["gathered"]) > sent["gathered"]
+
+
+def test_a_bus_that_makes_up_for_a_pause_knows_nothing_sooner(program, bus, monkeypatch):
+    """What the kernel carries is counted nowhere for a moment, however much of it there is."""
+    monkeypatch.setattr(bus.line, "unread", lambda: 0)
+    program.read_for(0.3)
+    with bus.alone():
+        time.sleep(0.5)
+        before = bus.numbers["gathered"]
+    wait_until(lambda: bus.numbers["gathered"] > before + 1000)
+    with bus.alone():
+        assert bus.taken.numbers["gathered"] <= before
+        assert bus.taken.time <= time.monotonic() - CARRIED
+
+
+def test_what_found_no_room_at_once_was_sent_when_it_did(program, bus):
+    time.sleep(1)
+    full = bus.mark()
+    assert bus.marks[-1].numbers["gathered"] < full.numbers["gathered"]
+    program.read_for(0.3)
+    (mark,) = [mark for mark in bus.marks if mark.numbers == full.numbers]
+    assert mark.time > full.time
 
 
 def test_nothing_is_sent_before_the_line_is_open_and_behind_its_end(bus):

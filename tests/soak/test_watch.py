@@ -83,8 +83,8 @@ class Run:
         self.bus.downs.append((self.bus.taken, self.bus.mark()))
         self.bus.ups.append(self.bus.mark())
 
-    def batch(self, number, *values):
-        said = {"boot": 1, "n": number, "t": 0, "v": [[at, {"single": value}] for at, value in enumerate(values)]}
+    def batch(self, number, *values, leaf="single"):
+        said = {"boot": 1, "n": number, "t": 0, "v": [[at, {leaf: value}] for at, value in enumerate(values)]}
         self.chain.board.batches.take(time.monotonic(), said, self.bus.numbers)
 
     def breaches(self):
@@ -226,6 +226,52 @@ def test_a_batch_is_missing_if_the_gateway_does_not_say_so(run, given_up):
     run.batch(3, *range(40, 50))
     missing = [("lost", "broker: batches 1 to 2 of boot 1")]
     assert run.breaches() == (missing if given_up < 2 else [])
+
+
+def test_what_is_said_while_others_are_listened_to_has_been_sent(run, monkeypatch):
+    """However late it is looked at what was sent."""
+    said = [["heard", "python 0", "single", [[1, 10]], 10, time.monotonic()]]
+
+    def drained(waiting):
+        run.bus.send(10)
+        return said
+
+    monkeypatch.setattr(watch, "drained", drained)
+    run.watch.tell_the_rest()
+    assert run.breaches() == []
+
+
+def test_a_batch_that_comes_late_is_missing_nowhere(run):
+    run.bus.send(50)
+    run.batch(0, *range(1, 20))
+    run.batch(2, *range(40, 50))
+    run.batch(1, *range(20, 40))
+    assert run.breaches() == [("late", "broker: batch 1 of boot 1")]
+
+
+@pytest.fixture
+def forgotten(run, monkeypatch):
+    """The history has none of the values 1 to 10, which were passed on just now."""
+    monkeypatch.setattr(watch, "ask_database", lambda port: set())
+    monkeypatch.setattr(watch, "BY_BROKER", 0)
+    run.bus.send(10)
+    run.batch(0, *range(1, 11), leaf="slow")
+    return run
+
+
+def test_what_the_history_has_not(forgotten):
+    assert forgotten.breaches() == [
+        ("lost", f"history: slow {value}, which the broker passed on with the time {value - 1}")
+        for value in range(1, 11)]
+
+
+@pytest.mark.parametrize("later, lost", [(0, 0), (0.9, 0), (1.1, 10), (-0.1, 10)])
+def test_a_broker_that_is_killed_forgets_what_it_has_just_passed_on(forgotten, monkeypatch, later, lost):
+    at = forgotten.chain.board.batches.slow[1].time
+    with monkeypatch.context() as context:
+        context.setattr(watch.time, "monotonic", lambda: at + later)
+        forgotten.watch.broker_ends()
+    assert len(forgotten.breaches()) == lost
 
 
 def test_values_of_another_schema_are_nobodys(run):

@@ -10,7 +10,7 @@ import time
 import harness
 import honest
 import load
-from board import ask_database
+from board import ask_database, drained
 from chain import CHAIN
 from invariants import Breach, Excuses, Hearing, Stands, Writer, is_growing, percentile, settled, unknown_lines
 from programs import BATCH_LOST, DAEMON_WITHOUT_MEMORY, GATEWAY_WITHOUT_MEMORY, wakes_of
@@ -21,6 +21,7 @@ MEMORY = 10.0  # seconds for which a hold may be the reason that a connection en
 LATENCY = 1.0  # seconds that 99 of 100 values may take while faults rage elsewhere
 ORDERING = 0.5  # seconds between two writes by way of the broker
 SAMPLING = 1.0
+FORGOTTEN = 1.0  # seconds before a broker is killed: it keeps what is for others after it has passed it on
 BEHIND_A_DIP = 3  # numbers behind the beginning of a link that garbage on the line may take with it
 PROMISED = ("link", "daemon", "schema")  # the parts between bus and client
 JUDGED = ("daemon", "broker", "gateway", "history", *honest.LIBRARIES)  # the database's caches fill: it is only shown
@@ -53,6 +54,7 @@ class Watch:
         self._arrived, self._strays = 0, []
         self._batches_given_up = 0  # as the gateway says
         self._sampled = self._ordered = 0.0
+        self._brokers_ends = []
         self._chain = self._last_look = None
 
     def begin(self, chain):
@@ -86,6 +88,9 @@ class Watch:
         """It has lost the schema, and the gateway the daemon; `taken` is what it has surely read."""
         self._cease(taken)
         self._board_left = self._board_left or taken
+
+    def broker_ends(self):
+        self._brokers_ends.append(time.monotonic())
 
     def step(self):
         self._look_at_logs()
@@ -139,15 +144,12 @@ class Watch:
     # What clients say
 
     def _take_what_was_said(self):
-        sent = self._chain.bus.mark().numbers
-        while True:
-            try:
-                what, client, *words = self.said.get_nowait()
-            except queue.Empty:
-                break
+        said = drained(self.said)
+        sent = self._chain.bus.mark().numbers  # looked at behind what was said: that cannot be ahead of it
+        for what, client, *words in said:
             hearing = self.hearings.setdefault(client, Hearing(client))
             getattr(self, f"_{what}")(hearing, sent, *words)
-        self._chain.board.take(sent, self.writers["gateway"].confirm)
+        self._chain.board.take(self._chain.bus.mark, self.writers["gateway"].confirm)
 
     def _heard(self, hearing, sent, leaf, runs, number, arrival):
         if leaf not in sent:
@@ -286,8 +288,9 @@ class Watch:
             self.breaches += hearing.judge(self._excuses)
         for hearing in batches.hearings.values():
             self.breaches += hearing.judge(self._excuses + self._boards_excuses)
+        self.breaches += batches.late
         if batches.missing > self._batches_given_up:
-            self.breaches += batches.breaches
+            self.breaches += batches.lost
 
     def _judge_writes(self, until):
         for writer in self.writers.values():
@@ -347,12 +350,16 @@ class Watch:
         deadline = time.monotonic() + BY_BROKER
         while True:
             self.stored = ask_database(self._chain.database_port)
-            missing = batches.missing_in(self.stored)
+            missing = [(value, passed) for value, passed in batches.missing_in(self.stored)
+                       if not self._may_be_forgotten(passed)]
             if not missing or time.monotonic() > deadline:
                 break
             time.sleep(1)
-        for at, value in missing:
-            self.breach("lost", f"history: slow {value}, which the broker passed on with the time {at}")
+        for value, passed in missing:
+            self.breach("lost", f"history: slow {value}, which the broker passed on with the time {passed.ms}")
+
+    def _may_be_forgotten(self, passed):
+        return any(0 <= end - passed.time <= FORGOTTEN for end in self._brokers_ends)
 
 
 def count_of(patterns, lines):
