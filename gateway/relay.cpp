@@ -248,6 +248,9 @@ void Relay::makeBroker(const QString &id)
                                                                   : m_settings.broker.clientId;
     m_broker = std::make_unique<Broker>(m_settings, id, clientId, &m_spool);
     m_broker->publisher.setWill(m_broker->topics.status(), offlineText);
+    connect(&m_broker->publisher, &Session::refused, this, &Relay::refused);
+    connect(&m_broker->publisher, &Session::unreadable, this, &Relay::unreadable);
+    connect(&m_broker->publisher, &Session::connected, this, [this] { m_refusal = {}; });
     connect(&m_broker->publisher, &Session::connected, this, &Relay::publishState);
     connect(&m_broker->publisher, &Session::disconnected, this, [this] { m_latest.end(); });
     connect(&m_broker->listener, &Session::connected, this, &Relay::listen);
@@ -333,9 +336,7 @@ void Relay::takeAwayLatest()
 
 void Relay::publishBatch(const QByteArray &batch)
 {
-    if (!m_broker->publisher.publish(m_broker->topics.values(), batch, false)) {
-        m_run.addLost(1);
-    }
+    m_broker->publisher.publish(m_broker->topics.values(), batch, false);
     keepWithinBound();
 }
 
@@ -346,8 +347,30 @@ void Relay::keepWithinBound()
         return;
     }
     const int count = m_broker->publisher.giveUp(bound - bound / givenUpShare, m_broker->topics.values());
-    m_run.addLost(count);
     qWarning("spool: larger than %d MB: the oldest %d batches are lost", m_settings.spool.megabytes, count);
+    addLost(count);
+}
+
+// Said once for each topic and reason on a connection.
+void Relay::refused(const QByteArray &topic, const QString &reason)
+{
+    const QPair<QByteArray, QString> refusal(topic, reason);
+    if (refusal != m_refusal) {
+        qWarning("broker: it refuses what is for %s: %s: that is lost", topic.constData(),
+                 qPrintable(reason));
+        m_refusal = refusal;
+    }
+}
+
+void Relay::unreadable()
+{
+    qWarning("spool: a file cannot be read any more: it is lost");
+    addLost(1);
+}
+
+void Relay::addLost(int count)
+{
+    m_run.addLost(count);
     publishStatus();
 }
 

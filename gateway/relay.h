@@ -74,6 +74,9 @@ private:
     void takeAwayLatest();
     void publishBatch(const QByteArray &batch);
     void keepWithinBound();
+    void refused(const QByteArray &topic, const QString &reason);
+    void unreadable();
+    void addLost(int count);
     void settle();
 
     void listen();
@@ -112,6 +115,7 @@ private:
     bool m_isReplaced = false;           // the schema, by another client
     QString m_daemonTrouble;             // that was said last
     QString m_spoolTrouble;
+    QPair<QByteArray, QString> m_refusal; // that was said last
     QElapsedTimer m_clock;
     std::optional<qint64> m_heardPulse; // when the last one that came was sent, on m_clock
     QTimer m_beat;

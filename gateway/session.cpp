@@ -1,7 +1,10 @@
 #include "gateway/session.h"
 
+#include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QDebug>
 #include <QRandomGenerator>
+#include <QThread>
 #include <QUrl>
 
 #include <algorithm>
@@ -19,9 +22,13 @@ constexpr int longestPause = 30'000;
 constexpr int settled = 10'000; // ms that a connection lasts that is none that ends at once
 constexpr std::chrono::seconds patience{10};
 constexpr std::chrono::seconds closingTime{2};
+constexpr int closingLook = 5; // ms
 
-// On their way at a time. What a broker forgets with a session is no more than this.
+// On their way at a time: what comes twice when a connection is lost is no more than this.
 constexpr int onTheirWayMax = 20;
+
+// After which what Paho did not take is offered again, in ms.
+constexpr int sendAgainPause = 1000;
 
 // Waiting in the event loop for their turn.
 constexpr int waitingMax = 64;
@@ -33,17 +40,6 @@ std::string s_uri(const QString &url)
     const QString host = parts.host().contains(':') ? '[' + parts.host() + ']' : parts.host();
     const QString port = QString::number(parts.port(isSafe ? 8883 : 1883));
     return ((isSafe ? "ssl://" : "tcp://") + host + ':' + port).toStdString();
-}
-
-mqtt::create_options s_createOptions(const Settings &settings, bool isLasting)
-{
-    mqtt::create_options options(settings.broker.version == 5 ? MQTTVERSION_5 : MQTTVERSION_3_1_1);
-    if (isLasting) {
-        options.set_send_while_disconnected(true, true);
-        options.set_max_buffered_messages(std::numeric_limits<int>::max()); // giveUp() is the bound, in bytes
-    }
-    options.set_persist_qos0(false);
-    return options;
 }
 
 // Whether one of the brokers has to prove who it is.
@@ -86,9 +82,6 @@ public:
 
     void on_success(const mqtt::token &token) override
     {
-        if (m_session.m_spool) {
-            m_session.m_spool->setConnecting(false); // before the first acknowledgement comes
-        }
         const QString server = QString::fromStdString(token.get_connect_response().get_server_uri());
         emit m_session.posted([session = &m_session, server] { session->begin(server); });
     }
@@ -103,17 +96,47 @@ private:
     Session &m_session;
 };
 
+// Hears in Paho's thread what became of a message; its context is its number.
+class Session::DeliveryListener : public mqtt::iaction_listener
+{
+public:
+    explicit DeliveryListener(Session &session) : m_session(session) {}
+
+    void on_success(const mqtt::token &token) override { finish(token, {}); }
+
+    void on_failure(const mqtt::token &token) override
+    {
+        // Without a reason of MQTT 5, it is the connection that failed: it is sent again on the next one.
+        const mqtt::ReasonCode reason = token.get_reason_code();
+        if (reason >= mqtt::ReasonCode::UNSPECIFIED_ERROR && reason != mqtt::ReasonCode::MQTTPP_V3_CODE) {
+            finish(token, QString::fromStdString(mqtt::exception::reason_code_str(reason)));
+        }
+    }
+
+private:
+    void finish(const mqtt::token &token, const QString &refusal)
+    {
+        const auto number = reinterpret_cast<Spool::Number>(token.get_user_context());
+        emit m_session.posted([session = &m_session, number, refusal] { session->finish(number, refusal); });
+    }
+
+    Session &m_session;
+};
+
 Session::Session(const Settings &settings, const QString &clientId, Spool *spool)
     : m_settings(settings),
       m_clientId(clientId),
       m_spool(spool),
-      m_listener(std::make_unique<ConnectListener>(*this))
+      m_connectListener(std::make_unique<ConnectListener>(*this)),
+      m_deliveryListener(std::make_unique<DeliveryListener>(*this))
 {
     m_retry.setSingleShot(true);
+    m_sendAgain.setSingleShot(true);
     qRegisterMetaType<Job>("Job");
     connect(
         this, &Session::posted, this, [](const Job &job) { job(); }, Qt::QueuedConnection);
     connect(&m_retry, &QTimer::timeout, this, &Session::connectNow);
+    connect(&m_sendAgain, &QTimer::timeout, this, &Session::sendMore);
     makeClient();
 }
 
@@ -125,11 +148,18 @@ Session::~Session()
 void Session::makeClient()
 {
     m_client.reset();
-    const auto options = s_createOptions(m_settings, m_spool != nullptr);
+    m_onTheirWay.clear();
+    m_sent = 0;
+    mqtt::create_options options(m_settings.broker.version == 5 ? MQTTVERSION_5 : MQTTVERSION_3_1_1);
+    options.set_max_buffered_messages(std::numeric_limits<int>::max()); // many values may be said at once
     m_client = std::make_unique<mqtt::async_client>(s_uri(m_settings.broker.urls.first()),
-                                                    m_clientId.toStdString(), options, m_spool);
+                                                    m_clientId.toStdString(), options, nullptr);
     m_client->set_connection_lost_handler(
         [this](const std::string & /*cause*/) { emit posted([this] { renew("the connection was lost"); }); });
+    m_client->set_disconnected_handler([this](const mqtt::properties & /*more*/, mqtt::ReasonCode reason) {
+        const QString text = QString::fromStdString(mqtt::exception::reason_code_str(reason));
+        emit posted([this, text] { renew("the broker ended the connection: " + text); });
+    });
     m_client->set_message_callback([this](const mqtt::const_message_ptr &message) { take(message); });
 }
 
@@ -149,6 +179,7 @@ void Session::close()
 {
     m_isOpen = false;
     m_retry.stop();
+    awaitAcknowledgements();
     if (!std::exchange(m_isConnected, false)) {
         return;
     }
@@ -156,6 +187,16 @@ void Session::close()
         m_client->disconnect(closingTime)->wait_for(closingTime + std::chrono::seconds(1));
     } catch (const mqtt::exception &exception) {
         qWarning("broker: the connection did not end as it should: %s", exception.what());
+    }
+}
+
+// Without the event loop, which may be about to end: nothing else is to happen meanwhile.
+void Session::awaitAcknowledgements()
+{
+    const QDeadlineTimer deadline(closingTime);
+    while (m_isConnected && m_spool && m_spool->count() > 0 && !deadline.hasExpired()) {
+        QThread::msleep(closingLook);
+        QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
     }
 }
 
@@ -180,15 +221,13 @@ mqtt::connect_options Session::connectOptions() const
     mqtt::connect_options options;
     if (broker.version == 5) {
         options.set_mqtt_version(MQTTVERSION_5);
-        options.set_clean_start(m_spool == nullptr);
+        options.set_clean_start(true);
         mqtt::properties properties;
-        properties.add(
-            {mqtt::property::SESSION_EXPIRY_INTERVAL, m_spool ? std::numeric_limits<int>::max() : 0});
         properties.add({mqtt::property::MAXIMUM_PACKET_SIZE, m_largest + (1 << 17)});
         options.set_properties(properties);
     } else {
         options.set_mqtt_version(MQTTVERSION_3_1_1);
-        options.set_clean_session(m_spool == nullptr);
+        options.set_clean_session(true);
     }
     auto servers = std::make_shared<mqtt::string_collection>();
     for (const QString &url : broker.urls) {
@@ -212,11 +251,8 @@ mqtt::connect_options Session::connectOptions() const
 
 void Session::connectNow()
 {
-    if (m_spool) {
-        m_spool->setConnecting(true);
-    }
     try {
-        m_client->connect(connectOptions(), nullptr, *m_listener);
+        m_client->connect(connectOptions(), nullptr, *m_connectListener);
     } catch (const mqtt::exception &exception) {
         retry(exception.what());
     }
@@ -244,11 +280,7 @@ void Session::begin(const QString &server)
     m_since.start();
     m_trouble.clear();
     qInfo("broker: connected to %s as %s", qPrintable(server), qPrintable(m_clientId));
-    if (m_spool) {
-        m_spool->republish([this](const SpooledMessage &message) {
-            return publish(message.topic, message.payload, message.isRetained);
-        });
-    }
+    sendMore();
     emit connected();
 }
 
@@ -269,7 +301,12 @@ void Session::renew(const QString &reason)
 
 bool Session::publish(const QByteArray &topic, const QByteArray &payload, bool isRetained)
 {
-    return (m_spool || m_isConnected) && send(topic, payload, 1, isRetained);
+    if (!m_spool) {
+        return m_isConnected && send(topic, payload, 1, isRetained);
+    }
+    m_spool->append({topic, payload, isRetained});
+    sendMore();
+    return true;
 }
 
 bool Session::publishOnce(const QByteArray &topic, const QByteArray &payload, bool isRetained)
@@ -289,6 +326,54 @@ bool Session::send(const QByteArray &topic, const QByteArray &payload, int qos, 
     }
 }
 
+void Session::sendMore() noexcept
+{
+    while (m_isConnected && m_spool && m_onTheirWay.size() < onTheirWayMax) {
+        const Spool::Number number = m_spool->following(m_sent);
+        if (number == 0 || !sendSpooled(number)) {
+            return;
+        }
+        m_sent = number;
+    }
+}
+
+// Whether it need not be offered again.
+bool Session::sendSpooled(Spool::Number number)
+{
+    const SpooledMessage message = m_spool->message(number);
+    if (message.topic.isEmpty()) {
+        m_spool->remove(number);
+        emit posted([this] { emit unreadable(); }); // whoever hears that may publish
+        return true;
+    }
+    try {
+        m_client->publish(mqtt::make_message(message.topic.toStdString(), message.payload.constData(),
+                                             static_cast<size_t>(message.payload.size()), 1,
+                                             message.isRetained),
+                          reinterpret_cast<void *>(number), *m_deliveryListener);
+    } catch (const mqtt::exception &exception) {
+        if (exception.get_return_code() != MQTTASYNC_DISCONNECTED) { // of which there will be word at once
+            qWarning("broker: cannot publish on %s: %s; trying again", message.topic.constData(),
+                     exception.what());
+            m_sendAgain.start(sendAgainPause);
+        }
+        return false;
+    }
+    m_onTheirWay.insert(number);
+    return true;
+}
+
+void Session::finish(Spool::Number number, const QString &refusal) noexcept
+{
+    const QByteArray topic = refusal.isEmpty() ? QByteArray() : m_spool->message(number).topic;
+    m_onTheirWay.erase(number);
+    m_spool->remove(number);
+    if (!refusal.isEmpty()) {
+        emit refused(topic, refusal);
+    }
+    sendMore();
+}
+
 void Session::subscribe(const QByteArray &filter)
 {
     try {
@@ -300,18 +385,7 @@ void Session::subscribe(const QByteArray &filter)
 
 int Session::giveUp(qint64 bytes, const QByteArray &topic)
 {
-    const bool wasOpen = m_isOpen;
-    m_retry.stop();
-    m_client.reset();
-    const int count = m_spool->giveUp(bytes, topic);
-    makeClient();
-    if (std::exchange(m_isConnected, false)) {
-        emit disconnected();
-    }
-    if (wasOpen) {
-        connectNow();
-    }
-    return count;
+    return m_spool->giveUp(bytes, m_sent, topic);
 }
 
 void Session::take(const mqtt::const_message_ptr &message)

@@ -14,6 +14,7 @@
 #include <atomic>
 #include <functional>
 #include <memory>
+#include <set>
 
 namespace Gateway
 {
@@ -27,8 +28,9 @@ struct Arrived {
     bool isRepeated = false; // the broker says so
 };
 
-// A session of MQTT. With a spool it lasts: what is published waits in it for the broker's acknowledgement,
-// however long that takes and whoever of both is restarted. Without one, it begins anew with each connection.
+// A session of MQTT, which begins anew with each connection. With a spool, what is published waits in it for
+// the broker's acknowledgement, however long that takes and whoever of both is restarted: it is sent in its
+// order, and what was not acknowledged on one connection is sent again on the next, in the same order.
 //
 // It lives in one thread. Paho has threads of its own, which only post to it; of what comes, no more than 64
 // messages and twice the largest payload wait, and of the others it is only said how many they were.
@@ -52,7 +54,7 @@ public:
     // Begins to connect, and does so until close().
     void open();
 
-    // Ends the connection, for which what was published has two seconds.
+    // Ends the connection. What was published has two seconds to be acknowledged.
     void close();
 
     // Gives the connection up, because of what is said in the log, and makes another one.
@@ -70,8 +72,8 @@ public:
     // may not send because of its size stands in the way of others.
     void subscribe(const QByteArray &filter);
 
-    // Gives up what is in the spool, the oldest first, until no more than so many bytes are. How many
-    // messages for `topic` there were among it.
+    // Gives up what is in the spool and not on its way, the oldest first, until no more than so many bytes
+    // are left. How many messages for `topic` there were among it.
     int giveUp(qint64 bytes, const QByteArray &topic);
 
 signals:
@@ -80,11 +82,16 @@ signals:
     void arrived(const Gateway::Arrived &message);
     // So many more came than could wait.
     void missed(int count);
+    // The broker takes a message that was published, but not for anybody, which only MQTT 5 says: it is lost.
+    void refused(const QByteArray &topic, const QString &reason);
+    // So is what was published when its file in the spool cannot be read any more.
+    void unreadable();
     // From Paho's threads to this object's own: what is to be done there.
     void posted(const Job &job);
 
 private:
     class ConnectListener;
+    class DeliveryListener;
 
     mqtt::connect_options connectOptions() const;
     mqtt::ssl_options sslOptions() const;
@@ -94,6 +101,11 @@ private:
     void begin(const QString &server);
     void take(const mqtt::const_message_ptr &message); // in Paho's thread
     bool send(const QByteArray &topic, const QByteArray &payload, int qos, bool isRetained);
+    // When memory runs out, the program ends, and the next one begins with what is spooled.
+    void sendMore() noexcept;
+    bool sendSpooled(Spool::Number number);
+    void finish(Spool::Number number, const QString &refusal) noexcept;
+    void awaitAcknowledgements();
 
     const Settings m_settings;
     const QString m_clientId;
@@ -106,11 +118,15 @@ private:
     int m_pause = 0;       // ms
     QElapsedTimer m_since; // the last connection
     QTimer m_retry;
+    QTimer m_sendAgain;
+    std::set<Spool::Number> m_onTheirWay;
+    Spool::Number m_sent = 0; // the last one that was, on this connection
     std::atomic<int> m_largest{1 << 16};
     std::atomic<int> m_waiting{0};
     std::atomic<int> m_waitingBytes{0};
     std::atomic<int> m_missed{0};
-    std::unique_ptr<ConnectListener> m_listener;
+    std::unique_ptr<ConnectListener> m_connectListener;
+    std::unique_ptr<DeliveryListener> m_deliveryListener;
     std::unique_ptr<mqtt::async_client> m_client;
 };
 

@@ -7,11 +7,6 @@
 #include <QTemporaryDir>
 #include <QTest>
 
-#include <algorithm>
-#include <csignal>
-
-#include <sys/resource.h>
-
 using Gateway::RunState;
 using Gateway::Spool;
 using Gateway::SpooledMessage;
@@ -22,19 +17,22 @@ class tst_Gateway_spool : public QObject
 
 private slots:
     void init();
-    void keepsWhatWasPut();
+    void isAQueue();
+    void countsWhatItTakesOfTheDisk();
+    void keepsAMessageAsItIs();
+    void neverUsesANumberAgain();
     void findsWhatAnotherProcessLeft();
+    void countsOnWhereAnotherProcessLeftOff();
     void writesToTheLastingFolderOnlyWhatStays();
     void staysQuickWhereTheDiskIsFull();
     void keepsInMemoryWhatNoFolderTakes();
     void whatIsDueGoesFromMemoryToTheLastingFolder();
-    void orphansNeedNoFolder();
     void damagedFilesAreDropped();
+    void aFileThatVanishesIsNoMessage();
     void endsAFileWithItsChecksum();
+    void leavesOthersFilesAlone();
     void givesUpTheOldest();
-    void keepsWhatABrokerForgot();
-    void keepsOrphansUntilTheyAreTaken();
-    void orphansNeedNoRoom();
+    void givesUpNothingThatIsOnItsWay();
     void runsAreNumbered();
     void lossesAreCountedOverRuns();
     void aBrokenStateBeginsAnew();
@@ -50,39 +48,19 @@ private:
     std::unique_ptr<QTemporaryDir> m_folder;
 };
 
-void s_put(Spool &spool, const std::string &key, const std::vector<std::string> &parts)
+void s_append(Spool &spool, const QByteArray &payload)
 {
-    std::vector<mqtt::string_view> views;
-    for (const std::string &part : parts) {
-        views.emplace_back(part.data(), part.size());
+    spool.append({"t", payload, false});
+}
+
+// The payloads of all messages, in their order.
+QByteArrayList s_payloads(const Spool &spool)
+{
+    QByteArrayList payloads;
+    for (Spool::Number number = spool.following(0); number != 0; number = spool.following(number)) {
+        payloads << spool.message(number).payload;
     }
-    spool.put(key, views);
-}
-
-QByteArray s_get(const Spool &spool, const char *key)
-{
-    return QByteArray::fromStdString(spool.get(key));
-}
-
-QStringList s_keys(const Spool &spool)
-{
-    QStringList keys;
-    const auto all = spool.keys();
-    for (size_t at = 0; at < all.size(); ++at) {
-        keys << QString::fromStdString(all[at]);
-    }
-    return keys;
-}
-
-// What it gives to be published again, of which the first `taken` are.
-QVector<SpooledMessage> s_republished(Spool &spool, int taken)
-{
-    QVector<SpooledMessage> messages;
-    spool.republish([&](const SpooledMessage &message) {
-        messages << message;
-        return messages.size() <= taken;
-    });
-    return messages;
+    return payloads;
 }
 
 void tst_Gateway_spool::init()
@@ -90,236 +68,234 @@ void tst_Gateway_spool::init()
     m_folder = std::make_unique<QTemporaryDir>();
 }
 
-void tst_Gateway_spool::keepsWhatWasPut()
+void tst_Gateway_spool::isAQueue()
 {
     const auto spool = make();
-    s_put(*spool, "c-1", {"on", "e"});
-    s_put(*spool, "s-1", {std::string(3, '\0')});
-    QCOMPARE(s_get(*spool, "c-1"), QByteArray("one"));
-    QCOMPARE(s_get(*spool, "s-1"), QByteArray(3, '\0'));
-    QCOMPARE(s_keys(*spool), QStringList({"c-1", "s-1"}));
-    QCOMPARE(spool->bytes(), 2 * 4096);
-    QCOMPARE(spool->count(), 2);
-    s_put(*spool, "c-1", {"another"});
-    QCOMPARE(s_get(*spool, "c-1"), QByteArray("another"));
-    QCOMPARE(spool->bytes(), 2 * 4096);
-    s_put(*spool, "c-2", {std::string(4088, 'x')}); // with its checksum, a block
-    QCOMPARE(spool->bytes(), 3 * 4096);
-    s_put(*spool, "c-2", {std::string(4089, 'x')});
-    QCOMPARE(spool->bytes(), 4 * 4096);
-    spool->remove("c-2");
-    spool->remove("c-1");
-    spool->remove("c-1");
-    QVERIFY(!spool->contains_key("c-1"));
-    QVERIFY(spool->contains_key("s-1"));
-    QVERIFY_EXCEPTION_THROWN(s_get(*spool, "c-1"), mqtt::persistence_exception);
+    QCOMPARE(spool->following(0), Spool::Number(0));
+    for (int at = 0; at < 12; ++at) {
+        s_append(*spool, QByteArray::number(at));
+    }
+    QCOMPARE(s_payloads(*spool).join(' '), QByteArray("0 1 2 3 4 5 6 7 8 9 10 11"));
+    spool->remove(spool->following(0));
+    spool->remove(6);
+    spool->remove(6);
+    spool->remove(77);
+    QCOMPARE(s_payloads(*spool).join(' '), QByteArray("1 2 3 4 6 7 8 9 10 11"));
+    QCOMPARE(spool->count(), 10);
+    QCOMPARE(quick().size(), 10);
+    QCOMPARE(s_payloads(*make()).join(' '), QByteArray("1 2 3 4 6 7 8 9 10 11"));
+}
+
+void tst_Gateway_spool::countsWhatItTakesOfTheDisk()
+{
+    const auto spool = make();
+    constexpr int besides = 4 + 1 + 1 + 4 + 8; // sizes, topic, retained, checksum
+    s_append(*spool, QByteArray(4096 - besides, 'x'));
     QCOMPARE(spool->bytes(), 4096);
-    spool->clear();
-    QVERIFY(spool->contains_key("s-1"));
+    QCOMPARE(QFile(m_folder->filePath("quick/message-1")).size(), 4096);
+    s_append(*spool, QByteArray(4097 - besides, 'x'));
+    QCOMPARE(spool->bytes(), 3 * 4096);
+    spool->remove(1);
+    QCOMPARE(spool->bytes(), 2 * 4096);
+    spool->remove(2);
+    QCOMPARE(spool->bytes(), 0);
+}
+
+void tst_Gateway_spool::keepsAMessageAsItIs()
+{
+    const QByteArray payload("a\0b\xff", 4);
+    auto spool = make();
+    spool->append({"vorbel/7/values", payload, true});
+    spool->append({"vorbel/7/done", {}, false});
+    for (const bool isAnew : {false, true}) {
+        spool = isAnew ? make() : std::move(spool);
+        const SpooledMessage first = spool->message(1);
+        QCOMPARE(first.topic, QByteArray("vorbel/7/values"));
+        QCOMPARE(first.payload, payload);
+        QVERIFY(first.isRetained);
+        const SpooledMessage second = spool->message(2);
+        QCOMPARE(second.topic, QByteArray("vorbel/7/done"));
+        QCOMPARE(second.payload, QByteArray());
+        QVERIFY(!second.isRetained);
+    }
+}
+
+void tst_Gateway_spool::neverUsesANumberAgain()
+{
+    const auto spool = make();
+    s_append(*spool, "one");
+    spool->remove(1);
+    s_append(*spool, "two");
+    QCOMPARE(spool->following(0), Spool::Number(2));
+    QVERIFY(spool->message(1).topic.isEmpty());
 }
 
 void tst_Gateway_spool::findsWhatAnotherProcessLeft()
 {
     auto spool = make();
-    s_put(*spool, "c-1", {"old"});
+    s_append(*spool, "old");
     spool->settle(true);
-    s_put(*spool, "c-2", {"young"});
-    QFile(m_folder->filePath("quick/c-3.abc123")).open(QIODevice::WriteOnly);
+    s_append(*spool, "young");
+    QFile(m_folder->filePath("quick/message-3.abc123")).open(QIODevice::WriteOnly);
     spool = make();
-    QCOMPARE(s_keys(*spool), QStringList({"c-1", "c-2"}));
-    QCOMPARE(s_get(*spool, "c-1") + s_get(*spool, "c-2"), QByteArray("oldyoung"));
+    QCOMPARE(s_payloads(*spool), QByteArrayList({"old", "young"}));
     QCOMPARE(spool->bytes(), 2 * 4096);
-    QCOMPARE(quick(), QStringList("c-2"));
+    QCOMPARE(quick(), QStringList("message-2"));
+    QCOMPARE(spool->damaged(), 0);
+}
+
+void tst_Gateway_spool::countsOnWhereAnotherProcessLeftOff()
+{
+    auto spool = make();
+    for (int at = 1; at <= 10; ++at) {
+        s_append(*spool, QByteArray::number(at));
+        spool->settle(at == 9); // in both folders
+    }
+    spool = make();
+    s_append(*spool, "last");
+    QCOMPARE(s_payloads(*spool).join(' '), QByteArray("1 2 3 4 5 6 7 8 9 10 last"));
 }
 
 void tst_Gateway_spool::writesToTheLastingFolderOnlyWhatStays()
 {
     const auto spool = make();
-    s_put(*spool, "c-1", {"one"});
+    s_append(*spool, "one");
     QCOMPARE(spool->settle(), QString());
     QCOMPARE(lasting(), QStringList());
-    QCOMPARE(quick(), QStringList("c-1"));
+    QCOMPARE(quick(), QStringList("message-1"));
     QTRY_VERIFY_WITH_TIMEOUT((spool->settle(), !lasting().isEmpty()), 20'000);
-    QCOMPARE(lasting(), QStringList("c-1"));
+    QCOMPARE(lasting(), QStringList("message-1"));
     QCOMPARE(quick(), QStringList());
-    QCOMPARE(s_get(*spool, "c-1"), QByteArray("one"));
+    QCOMPARE(s_payloads(*spool), QByteArrayList({"one"}));
     QCOMPARE(spool->bytes(), 4096);
-    spool->remove("c-1");
+    spool->remove(1);
     QCOMPARE(lasting(), QStringList());
 }
 
 void tst_Gateway_spool::staysQuickWhereTheDiskIsFull()
 {
     const auto spool = make();
-    s_put(*spool, "c-1", {"one"});
+    s_append(*spool, "one");
     QVERIFY(QDir(m_folder->filePath("lasting")).removeRecursively());
     QCOMPARE(spool->settle(true), "cannot write to " + m_folder->filePath("lasting"));
-    QCOMPARE(s_get(*spool, "c-1"), QByteArray("one"));
+    QCOMPARE(s_payloads(*spool), QByteArrayList({"one"}));
     QDir().mkpath(m_folder->filePath("lasting"));
     QCOMPARE(spool->settle(true), QString());
-    QCOMPARE(lasting(), QStringList("c-1"));
+    QCOMPARE(lasting(), QStringList("message-1"));
 }
 
 void tst_Gateway_spool::keepsInMemoryWhatNoFolderTakes()
 {
     const auto spool = make();
     QVERIFY(QDir(m_folder->path()).removeRecursively());
-    s_put(*spool, "c-1", {"one"});
-    s_put(*spool, "s-2", {"two"});
-    QCOMPARE(s_keys(*spool), QStringList({"c-1", "s-2"}));
-    QCOMPARE(s_get(*spool, "c-1"), QByteArray("one"));
+    s_append(*spool, "one");
+    s_append(*spool, "two");
+    QCOMPARE(s_payloads(*spool), QByteArrayList({"one", "two"}));
     QCOMPARE(spool->count(), 2);
-    QVERIFY(spool->bytes() > 0);
+    QCOMPARE(spool->bytes(), 2 * 4096);
     QCOMPARE(spool->settle(), "cannot write to " + m_folder->filePath("quick"));
     QCOMPARE(spool->settle(true), "cannot write to " + m_folder->filePath("lasting"));
-    spool->remove("s-2");
+    spool->remove(2);
     QDir().mkpath(m_folder->filePath("quick"));
     QCOMPARE(spool->settle(), QString());
-    QCOMPARE(quick(), QStringList("c-1"));
+    QCOMPARE(quick(), QStringList("message-1"));
     QDir().mkpath(m_folder->filePath("lasting"));
     QCOMPARE(spool->settle(true), QString());
-    QCOMPARE(lasting(), QStringList("c-1"));
+    QCOMPARE(lasting(), QStringList("message-1"));
     QCOMPARE(quick(), QStringList());
-    QCOMPARE(s_get(*make(), "c-1"), QByteArray("one"));
+    QCOMPARE(s_payloads(*make()), QByteArrayList({"one"}));
 }
 
 void tst_Gateway_spool::whatIsDueGoesFromMemoryToTheLastingFolder()
 {
     const auto spool = make();
     QVERIFY(QDir(m_folder->filePath("quick")).removeRecursively());
-    s_put(*spool, "c-1", {"one"});
+    s_append(*spool, "one");
     QCOMPARE(spool->settle(true), QString());
-    QCOMPARE(lasting(), QStringList("c-1"));
-    spool->remove("c-1");
+    QCOMPARE(lasting(), QStringList("message-1"));
+    spool->remove(1);
     QCOMPARE(lasting(), QStringList());
     QCOMPARE(spool->bytes(), 0);
 }
 
-void tst_Gateway_spool::orphansNeedNoFolder()
-{
-    const auto spool = make();
-    QVERIFY(QDir(m_folder->path()).removeRecursively());
-    s_put(*spool, "s-1", {std::string("\x32\6\0\1t\0\1x", 8)});
-    spool->setConnecting(true);
-    spool->remove("s-1");
-    spool->setConnecting(false);
-    QCOMPARE(s_republished(*spool, 1).value(0).payload, QByteArray("x"));
-    QCOMPARE(spool->count(), 0);
-}
-
 void tst_Gateway_spool::damagedFilesAreDropped()
 {
-    s_put(*make(), "c-1", {"whole"});
+    auto spool = make();
+    s_append(*spool, "whole");
+    spool->settle(true);
+    QFile good(m_folder->filePath("lasting/message-1"));
+    QVERIFY(good.open(QIODevice::ReadOnly));
+    const QByteArray whole = good.readAll();
+    QByteArray altered = whole;
+    altered[9] = altered[9] + 1;
     for (const QByteArray &content : {QByteArray(), QByteArray("00000000"), QByteArray("half written"),
-                                      QByteArray("whalec459294f"), QByteArray("wholc459294f")}) {
-        QFile file(m_folder->filePath("lasting/c-2"));
+                                      altered, whole.left(whole.size() - 1), whole.mid(1)}) {
+        QFile file(m_folder->filePath("lasting/message-2"));
         QVERIFY(file.open(QIODevice::WriteOnly));
         file.write(content);
         file.close();
-        const auto spool = make();
+        spool = make();
         QCOMPARE(spool->damaged(), 1);
-        QCOMPARE(s_keys(*spool), QStringList("c-1"));
-        QCOMPARE(lasting(), QStringList());
+        QCOMPARE(s_payloads(*spool), QByteArrayList({"whole"}));
+        QCOMPARE(lasting(), QStringList("message-1"));
     }
     QCOMPARE(make()->damaged(), 0);
+}
+
+void tst_Gateway_spool::aFileThatVanishesIsNoMessage()
+{
+    const auto spool = make();
+    s_append(*spool, "one");
+    QVERIFY(QFile::remove(m_folder->filePath("quick/message-1")));
+    QVERIFY(spool->message(1).topic.isEmpty());
+    QCOMPARE(spool->following(0), Spool::Number(1));
 }
 
 void tst_Gateway_spool::endsAFileWithItsChecksum()
 {
     const auto spool = make();
-    s_put(*spool, "c-1", {"wh", "ole"});
-    s_put(*spool, "c-2", {"a"});
-    s_put(*spool, "c-3", {"33"}); // whose CRC-32 begins with a zero
+    spool->append({"t/v", "whole", true});
+    s_append(*spool, "33"); // whose CRC-32 begins with a zero
     const auto content = [this](const char *name) {
         QFile file(m_folder->filePath(name));
         return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
     };
-    QCOMPARE(content("quick/c-1"), QByteArray("wholec459294f"));
-    QCOMPARE(content("quick/c-2"), QByteArray("ae8b7be43"));
-    QCOMPARE(content("quick/c-3"), QByteArray("330a6216d9"));
+    QCOMPARE(content("quick/message-1"), QByteArray("\0\0\0\3t/v\1\0\0\0\5whole0e853a92", 25));
+    QCOMPARE(content("quick/message-2"), QByteArray("\0\0\0\1t\0\0\0\0\002330c8b9d0e", 20));
+}
+
+void tst_Gateway_spool::leavesOthersFilesAlone()
+{
+    QDir().mkpath(m_folder->filePath("lasting"));
+    QFile(m_folder->filePath("lasting/notes")).open(QIODevice::WriteOnly);
+    QCOMPARE(make()->count(), 0);
+    QCOMPARE(lasting(), QStringList("notes"));
 }
 
 void tst_Gateway_spool::givesUpTheOldest()
 {
     const auto spool = make();
-    const std::string value = std::string("p/1/values") + '\0' + std::string(89, 'v'); // 100 bytes
-    const std::string other = std::string("p/1/done") + '\0' + std::string(91, 'd');
-    for (const char *key : {"c-10", "c-9", "c-11", "s-1", "c-8"}) {
-        s_put(*spool, key, {std::string(key) == "c-9" ? other : value});
+    for (const char *topic : {"p/1/values", "p/1/done", "p/1/values", "p/1/values", "p/1/values/other"}) {
+        spool->append({topic, "value", false});
     }
-    QCOMPARE(spool->bytes(), 5 * 4096);
-    QCOMPARE(spool->giveUp(5 * 4096, "p/1/values"), 0);
-    QCOMPARE(spool->giveUp(2 * 4096 + 1, "p/1/values"), 2);
-    QCOMPARE(s_keys(*spool), QStringList({"c-11", "s-1"}));
-    QCOMPARE(spool->giveUp(0, "p/1/values"), 1);
-    QCOMPARE(s_keys(*spool), QStringList("s-1"));
-    QCOMPARE(quick(), QStringList("s-1"));
+    QCOMPARE(spool->giveUp(5 * 4096, 0, "p/1/values"), 0);
+    QCOMPARE(spool->giveUp(2 * 4096 + 1, 0, "p/1/values"), 2);
+    QCOMPARE(spool->following(0), Spool::Number(4));
+    QCOMPARE(quick(), QStringList({"message-4", "message-5"}));
+    QCOMPARE(spool->giveUp(0, 0, "p/1/values"), 1);
+    QCOMPARE(spool->count(), 0);
 }
 
-void tst_Gateway_spool::keepsWhatABrokerForgot()
-{
-    auto spool = make();
-    const std::string three("\x33\x0a\0\3t/v\0\1ab!", 12);           // retained
-    const std::string five("\x32\x0f\0\3t/w\0\2\3\x23\0\1cd?.", 17); // with three bytes of properties
-    s_put(*spool, "s-10", {three});
-    s_put(*spool, "s5-2", {five});
-    s_put(*spool, "c-1", {"waits"});
-    spool->setConnecting(true);
-    for (const char *key : {"s5-2", "s-10", "c-1"}) {
-        spool->remove(key);
-    }
-    QCOMPARE(s_keys(*spool), QStringList());
-    spool = make(); // another process
-    spool->setConnecting(false);
-    const auto orphans = s_republished(*spool, 2);
-    QCOMPARE(orphans.size(), 2);
-    QCOMPARE(orphans[0].topic, QByteArray("t/w"));
-    QCOMPARE(orphans[0].payload, QByteArray("cd?."));
-    QVERIFY(!orphans[0].isRetained);
-    QCOMPARE(orphans[1].topic, QByteArray("t/v"));
-    QCOMPARE(orphans[1].payload, QByteArray("ab!"));
-    QVERIFY(orphans[1].isRetained);
-    QCOMPARE(spool->bytes(), 0);
-    s_put(*spool, "s-1", {three});
-    spool->remove("s-1"); // acknowledged
-    QVERIFY(s_republished(*spool, 1).isEmpty());
-}
-
-void tst_Gateway_spool::keepsOrphansUntilTheyAreTaken()
+void tst_Gateway_spool::givesUpNothingThatIsOnItsWay()
 {
     const auto spool = make();
-    spool->setConnecting(true);
-    for (const char *key : {"s-1", "s-2", "s-3"}) {
-        s_put(*spool, key, {std::string("\x32\6\0\1t\0\1", 7) + key[2]});
-        spool->remove(key);
+    for (const char *payload : {"one", "two", "three", "four"}) {
+        s_append(*spool, payload);
     }
-    const auto payloads = [](const QVector<SpooledMessage> &messages) {
-        QByteArray all;
-        for (const SpooledMessage &message : messages) {
-            all += message.payload;
-        }
-        return all;
-    };
-    QCOMPARE(payloads(s_republished(*spool, 1)), QByteArray("12"));
-    QCOMPARE(payloads(s_republished(*make(), 0)), QByteArray("2")); // another process
-    QCOMPARE(payloads(s_republished(*spool, 2)), QByteArray("23"));
-    QCOMPARE(payloads(s_republished(*spool, 2)), QByteArray());
-}
-
-void tst_Gateway_spool::orphansNeedNoRoom()
-{
-    const auto spool = make();
-    s_put(*spool, "s-1", {std::string("\x32\6\0\1t\0\1x", 8)});
-    rlimit former{};
-    QCOMPARE(getrlimit(RLIMIT_FSIZE, &former), 0);
-    const rlimit none{0, former.rlim_max};
-    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-    QCOMPARE(setrlimit(RLIMIT_FSIZE, &none), 0); // as on a disk that is full
-    spool->setConnecting(true);
-    spool->remove("s-1");
-    QCOMPARE(setrlimit(RLIMIT_FSIZE, &former), 0);
-    std::signal(SIGXFSZ, handler);
-    QCOMPARE(s_republished(*spool, 1).value(0).payload, QByteArray("x"));
+    QCOMPARE(spool->giveUp(3 * 4096, 2, "t"), 1);
+    QCOMPARE(s_payloads(*spool), QByteArrayList({"one", "two", "four"}));
+    QCOMPARE(spool->giveUp(0, 2, "t"), 1);
+    QCOMPARE(s_payloads(*spool), QByteArrayList({"one", "two"}));
 }
 
 void tst_Gateway_spool::runsAreNumbered()

@@ -189,8 +189,6 @@ PEER = r'QHostAddress\("[^"]*"\)'
 DAEMON_WITHOUT_MEMORY = (r"critical Input dropped, its conversion failed: std::bad_alloc",
                          r"warning MsgPack::\w+\(\) has run out of memory")
 GATEWAY_WITHOUT_MEMORY = (r"critical vorbel: an exception ended the handling of a message: std::bad_alloc",)
-NO_MEMORY_TO_PUBLISH = r"warning broker: cannot publish on %s: MQTT error \[-99\].*"
-BATCH_LOST = NO_MEMORY_TO_PUBLISH % r"[^ ]*/values"
 ENDS_WITHOUT_MEMORY = (r"terminate called after throwing an instance of 'std::bad_alloc'",
                        r"  what\(\):  std::bad_alloc")
 DAEMON_LINES = (
@@ -232,7 +230,7 @@ GATEWAY_LINES = (
     r"warning broker: cannot subscribe to .*",
     r"warning spool: cannot write to .*: what the broker has not acknowledged is kept in memory",
     r"warning (?:state|topics): cannot write .*",
-    NO_MEMORY_TO_PUBLISH % "[^ ]*",
+    r"warning broker: cannot publish on [^ ]*: MQTT error \[-99\].*",  # no memory
     r"warning broker: cannot publish on [^ ]*/(?:pulse|now/[^ ]*): MQTT error \[-3\]: Disconnected",
     *GATEWAY_WITHOUT_MEMORY,
     *ENDS_WITHOUT_MEMORY,

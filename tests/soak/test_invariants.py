@@ -307,8 +307,8 @@ def batches():
 def judged_batches(batches, *found):
     for each in found:
         batches.take(5.0, each, ALL_SENT)
-    return said([*batches.late, *batches.lost, *(breach for hearing in batches.hearings.values()
-                                      for breach in hearing.judge(Excuses()))])
+    heard = [breach for hearing in batches.hearings.values() for breach in hearing.judge(Excuses())]
+    return said([*batches.late, *batches.lost, *heard])
 
 
 def test_batches_in_order(batches):

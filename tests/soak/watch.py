@@ -13,7 +13,7 @@ import load
 from board import ask_database, drained
 from chain import CHAIN
 from invariants import Breach, Excuses, Hearing, Stands, Writer, is_growing, percentile, settled, unknown_lines
-from programs import BATCH_LOST, DAEMON_WITHOUT_MEMORY, GATEWAY_WITHOUT_MEMORY, wakes_of
+from programs import DAEMON_WITHOUT_MEMORY, GATEWAY_WITHOUT_MEMORY, wakes_of
 
 PATIENCE = 5.0  # seconds without a value, once nothing disturbs it any more
 BY_BROKER = 40.0  # the same by way of the broker: the gateway tries again every 30 s at least
@@ -52,7 +52,6 @@ class Watch:
         self._heard_at, self._latencies = {}, []
         self._is_in_force, self._ceased, self._board_left = False, None, None
         self._arrived, self._strays = 0, []
-        self._batches_given_up = 0  # as the gateway says
         self._sampled = self._ordered = 0.0
         self._brokers_ends = []
         self._chain = self._last_look = None
@@ -119,7 +118,6 @@ class Watch:
             self._excuses.add(self._last_look.numbers, here.numbers)
         if count_of(GATEWAY_WITHOUT_MEMORY, lines["gateway"]):
             self._boards_excuses.add(self._last_look.numbers, here.numbers)
-        self._batches_given_up += count_of([BATCH_LOST], lines["gateway"])
         self._last_look = taken
 
     def _schema_came(self, is_own, here):
@@ -288,9 +286,7 @@ class Watch:
             self.breaches += hearing.judge(self._excuses)
         for hearing in batches.hearings.values():
             self.breaches += hearing.judge(self._excuses + self._boards_excuses)
-        self.breaches += batches.late
-        if batches.missing > self._batches_given_up:
-            self.breaches += batches.lost
+        self.breaches += batches.late + batches.lost
 
     def _judge_writes(self, until):
         for writer in self.writers.values():

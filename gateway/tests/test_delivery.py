@@ -1,0 +1,231 @@
+"""What is published until the broker has acknowledged it: in which order, how much at a time, and how often."""
+
+import contextlib
+import time
+
+import pytest
+
+from gatewayharness import PATIENCE, RECEIVED, without_repeats
+from harness import wait_until
+from scriptedbroker import ScriptedBroker
+
+AT_A_TIME = 20
+EACH_MESSAGE = {"values": {"interval_ms": 0}}
+NOT_AUTHORIZED = 0x87  # MQTT 5, 3.4.2.1
+
+
+def is_batch(publish):
+    return publish.topic == "vorbel/7/values"
+
+
+def answer_all(_publish):
+    return True
+
+
+def answer_no_batch(publish):
+    return not is_batch(publish)
+
+
+@pytest.fixture
+def broker():
+    broker = ScriptedBroker(answer_all)
+    yield broker
+    broker.close()
+
+
+@pytest.fixture(params=["3.1.1", "5"])
+def version(request):
+    return request.param
+
+
+class Board:
+    """A gateway, and a bus that says one speed after the other: each is a batch."""
+
+    def __init__(self, plant, broker, version):
+        self._plant, self._broker = plant, broker
+        self._settings = {"broker": {"url": broker.url, "version": version}, **EACH_MESSAGE}
+        self.said = 0
+        self.start()
+
+    def start(self):
+        schemas = self._plant.daemon.count(RECEIVED)
+        self._plant.start(wait=False, **self._settings)
+        self._plant.gateway.wait_for("info broker: connected to .* as vorbel-7")
+        self._plant.daemon.wait_for(RECEIVED, schemas + 1)
+
+    def say(self, count):
+        self._plant.say_speeds(*range(self.said, self.said + count))
+        self.said += count
+
+    def wait_batches(self, count, connection=None):
+        wait_until(lambda: len(self._broker.batches(connection)) >= count, PATIENCE,
+                   f"{count} batches; {len(self._broker.batches(connection))} are there")
+
+    def wait_spooled(self, count):
+        """Until so many batches wait in the spool. Its files move meanwhile."""
+        def is_batch(path):
+            with contextlib.suppress(FileNotFoundError):
+                return b'"n":' in path.read_bytes()
+
+        wait_until(lambda: sum(map(bool, map(is_batch, self.spool()))) >= count, PATIENCE, f"{count} batches spooled")
+
+    def spool(self):
+        """Its files, in the order in which they were written."""
+        folders = [self._plant.folder / "gateway" / each / "spool" for each in ("run", "state")]
+        paths = [path for folder in folders for path in folder.glob("message-*") if path.suffix == ""]
+        return sorted(paths, key=lambda path: int(path.name.split("-")[1]))
+
+    def next_connection(self, reason=None):
+        """The number that the publisher's next connection has, when it has published something on it. For a reason, the
+        one before may be ended."""
+        before = {each.connection for each in self._broker.published}
+        self._broker.cut(reason)
+
+        def come():
+            return {each.connection for each in self._broker.published} - before
+
+        return wait_until(come, PATIENCE, "another connection").pop()
+
+
+@pytest.fixture
+def board(plant, broker, version):
+    return Board(plant, broker, version)
+
+
+def test_no_more_than_some_are_on_their_way(board, broker):
+    broker.answer = answer_no_batch
+    board.say(50)
+    board.wait_batches(AT_A_TIME)
+    board.wait_spooled(50)
+    time.sleep(0.5)
+    assert broker.batches() == list(range(AT_A_TIME))
+    broker.acknowledge(next(filter(is_batch, broker.published)))
+    board.wait_batches(AT_A_TIME + 1)
+    time.sleep(0.2)
+    assert broker.batches() == list(range(AT_A_TIME + 1))
+
+
+def test_in_their_order_over_several_connections(board, broker):
+    """What was said before a connection was lost and what was said since are on their way together when the next one is
+    lost, too."""
+    broker.answer = answer_no_batch
+    board.say(40)
+    board.wait_batches(AT_A_TIME)
+    board.wait_spooled(40)
+    broker.answer = lambda publish: publish.topic != "vorbel/7/values" or publish.json["n"] < 30
+    second = board.next_connection()
+    board.say(40)
+    board.wait_batches(50, second)
+    broker.answer = answer_all
+    third = board.next_connection()
+    board.wait_batches(50, third)
+    assert broker.batches(second) == list(range(50))
+    assert broker.batches(third) == list(range(30, 80))
+
+
+def test_a_reason_why_the_connection_ends_is_none_to_refuse_a_message(plant, board, broker):
+    broker.answer = answer_no_batch
+    board.say(5)
+    board.wait_batches(5)
+    broker.answer = answer_all
+    again = board.next_connection(NOT_AUTHORIZED)
+    board.wait_batches(5, again)
+    assert broker.batches(again) == list(range(5))
+    said = plant.gateway.log()
+    assert "is lost" not in said
+    ended = "warning broker: the broker ended the connection: Not authorized; trying again\n"
+    assert said.count(ended) == (2 if broker.version == 5 else 0)
+
+
+def test_what_was_acknowledged_does_not_come_again(board, broker):
+    board.say(30)
+    board.wait_batches(30)
+    board.next_connection()
+    board.say(1)
+    board.wait_batches(31)
+    assert broker.batches() == list(range(31))
+
+
+@pytest.mark.parametrize("count", [5, 100])
+def test_a_gateway_that_is_stopped_waits_for_acknowledgements(plant, board, broker, count):
+    broker.answer = answer_no_batch
+    board.say(count)
+    board.wait_spooled(count)
+    broker.answer = answer_all
+    for publish in filter(is_batch, list(broker.published)):
+        broker.acknowledge(publish)
+    plant.stop_gateway()
+    assert broker.batches() == list(range(count))
+    assert broker.published[-1].topic == "vorbel/7/status" and broker.published[-1].json == {"online": False}
+    board.start()
+    board.say(1)
+    board.wait_batches(count + 1)
+    assert broker.batches() == [*range(count), 0]
+
+
+def test_a_gateway_that_is_stopped_waits_two_seconds_at_most(plant, board, broker):
+    broker.answer = answer_no_batch
+    board.say(5)
+    board.wait_batches(5)
+    before = time.monotonic()
+    plant.stop_gateway()
+    assert 2 <= time.monotonic() - before < 8
+    broker.answer = answer_all
+    board.start()
+    board.wait_batches(10)
+    assert broker.batches() == [*range(5), *range(5)]
+
+
+def test_a_gateway_that_is_killed_twice_keeps_the_order(plant, board, broker):
+    broker.answer = answer_no_batch
+    board.say(40)
+    board.wait_spooled(40)
+    for _ in range(2):
+        plant.gateway.kill()
+        plant.gateway = None
+        board.start()
+        board.say(10)
+        board.wait_spooled(board.said)
+    broker.answer = answer_all
+    before = len(broker.published)
+    board.next_connection()
+    board.wait_batches(60)
+
+    def said():
+        return without_repeats((each.json["boot"], each.json["n"]) for each in broker.published[before:]
+                               if is_batch(each))
+
+    wait_until(lambda: len(said()) == 60, PATIENCE, "all batches")
+    boots = sorted({boot for boot, _ in said()})
+    assert said() == [(boot, n) for boot, count in zip(boots, (40, 10, 10)) for n in range(count)]
+
+
+def test_what_a_broker_refuses_is_lost_and_told(plant, broker):
+    board = Board(plant, broker, "5")
+    broker.answer = lambda publish: NOT_AUTHORIZED if is_batch(publish) and publish.json["n"] < 3 else True
+    board.say(5)
+    board.wait_batches(5)
+    board.next_connection()
+    board.say(1)
+    board.wait_batches(6)
+    assert broker.batches() == list(range(6))
+    assert [line for line in plant.gateway.lines() if line.endswith(" lost")] == [
+        "warning broker: it refuses what is for vorbel/7/values: Not authorized: that is lost"]
+
+
+def test_what_vanishes_from_the_spool_is_lost_and_told(plant, board, broker):
+    broker.answer = answer_no_batch
+    board.say(30)
+    board.wait_spooled(30)
+    board.spool()[25].unlink()
+    broker.answer = answer_all
+    again = board.next_connection()
+    wait_until(lambda: 29 in broker.batches(), PATIENCE, "the last batch")
+    assert broker.batches(again) == [n for n in range(30) if n != 25]
+    told = [line for line in plant.gateway.lines() if line.endswith(" lost")]
+    assert told == ["warning spool: a file cannot be read any more: it is lost"]
+
+    def lost():
+        return [each.json for each in broker.published if each.topic == "vorbel/7/status"][-1].get("lost")
+
+    wait_until(lambda: lost() == 1, PATIENCE, "1 lost")
