@@ -27,6 +27,16 @@ function(vorbel_library name)
     target_link_libraries(${name} PUBLIC ${arg_PUBLIC} PRIVATE ${arg_PRIVATE})
 endfunction()
 
+# vorbel_preloaded_library(NAME SOURCE...)
+# A library that is preloaded in front of a sanitizer's own runtime: it must not depend on one.
+function(vorbel_preloaded_library name)
+    add_library(${name} SHARED ${ARGN})
+    set_target_properties(${name} PROPERTIES AUTOMOC OFF)
+    target_compile_options(${name} PRIVATE -fno-sanitize=all)
+    target_link_options(${name} PRIVATE -fno-sanitize=all)
+    target_link_libraries(${name} PRIVATE ${CMAKE_DL_LIBS})
+endfunction()
+
 # vorbel_unit_test(NAME LIBRARIES target... [SOURCES file...] [OWN_NETWORK])
 # Builds NAME.cpp of the calling folder as a QtTest program and registers it; with OWN_NETWORK it runs where
 # the daemon's port is free.

@@ -6,16 +6,24 @@ import time
 import pytest
 
 from gatewayharness import PATIENCE, RECEIVED, without_repeats
-from harness import wait_until
+from harness import BUILD, wait_until
 from scriptedbroker import ScriptedBroker
+from vorbelsim import build
 
 AT_A_TIME = 20
+FAULTS = BUILD / "gateway" / "tests" / "libpaho_faults.so"
 EACH_MESSAGE = {"values": {"interval_ms": 0}}
 NOT_AUTHORIZED = 0x87  # MQTT 5, 3.4.2.1
+REFUSED = "warning broker: it refuses what is for vorbel/7/values: Not authorized: that is lost"
 
 
 def is_batch(publish):
     return publish.topic == "vorbel/7/values"
+
+
+def told_as_lost(plant):
+    """The lines of the gateway's log that say so."""
+    return [line for line in plant.gateway.lines() if line.endswith(" lost")]
 
 
 def answer_all(_publish):
@@ -41,15 +49,16 @@ def version(request):
 class Board:
     """A gateway, and a bus that says one speed after the other: each is a batch."""
 
-    def __init__(self, plant, broker, version):
+    def __init__(self, plant, broker, version, **more):
+        """`more` is what Plant.start() takes."""
         self._plant, self._broker = plant, broker
-        self._settings = {"broker": {"url": broker.url, "version": version}, **EACH_MESSAGE}
+        self._start = {"broker": {"url": broker.url, "version": version}, **EACH_MESSAGE, **more}
         self.said = 0
         self.start()
 
     def start(self):
         schemas = self._plant.daemon.count(RECEIVED)
-        self._plant.start(wait=False, **self._settings)
+        self._plant.start(wait=False, **self._start)
         self._plant.gateway.wait_for("info broker: connected to .* as vorbel-7")
         self._plant.daemon.wait_for(RECEIVED, schemas + 1)
 
@@ -69,11 +78,22 @@ class Board:
 
         wait_until(lambda: sum(map(bool, map(is_batch, self.spool()))) >= count, PATIENCE, f"{count} batches spooled")
 
+    def wait_settled(self):
+        """Until the broker has acknowledged everything."""
+        wait_until(lambda: self.spool() == [], PATIENCE, "an empty spool")
+
     def spool(self):
         """Its files, in the order in which they were written."""
         folders = [self._plant.folder / "gateway" / each / "spool" for each in ("run", "state")]
         paths = [path for folder in folders for path in folder.glob("message-*") if path.suffix == ""]
         return sorted(paths, key=lambda path: int(path.name.split("-")[1]))
+
+    def wait_lost(self, count):
+        """Until the last status says so."""
+        def last():
+            return [each.json for each in self._broker.published if each.topic == "vorbel/7/status"][-1].get("lost")
+
+        wait_until(lambda: last() == count, PATIENCE, f"{count} lost; {last()} are")
 
     def next_connection(self, reason=None):
         """The number that the publisher's next connection has, when it has published something on it. For a reason, the
@@ -209,8 +229,20 @@ def test_what_a_broker_refuses_is_lost_and_told(plant, broker):
     board.say(1)
     board.wait_batches(6)
     assert broker.batches() == list(range(6))
-    assert [line for line in plant.gateway.lines() if line.endswith(" lost")] == [
-        "warning broker: it refuses what is for vorbel/7/values: Not authorized: that is lost"]
+    assert told_as_lost(plant) == [REFUSED]
+
+
+def test_a_refusal_is_told_once_on_each_connection(plant, broker):
+    board = Board(plant, broker, "5")
+    broker.answer = lambda publish: NOT_AUTHORIZED if is_batch(publish) else True
+    board.say(3)
+    board.wait_batches(3)
+    board.wait_settled()
+    board.next_connection()
+    board.say(3)
+    board.wait_batches(6)
+    board.wait_settled()
+    assert told_as_lost(plant) == [REFUSED, REFUSED]
 
 
 def test_what_vanishes_from_the_spool_is_lost_and_told(plant, board, broker):
@@ -222,10 +254,97 @@ def test_what_vanishes_from_the_spool_is_lost_and_told(plant, board, broker):
     again = board.next_connection()
     wait_until(lambda: 29 in broker.batches(), PATIENCE, "the last batch")
     assert broker.batches(again) == [n for n in range(30) if n != 25]
+    board.wait_lost(1)
+    board.next_connection()
+    board.say(1)
+    wait_until(lambda: 30 in broker.batches(), PATIENCE, "a batch on the next connection")
+    board.wait_lost(1)
+    assert told_as_lost(plant) == ["warning spool: a file cannot be read any more: it is lost"]
 
-    def lost():
-        return [each.json for each in broker.published if each.topic == "vorbel/7/status"][-1].get("lost")
 
-    wait_until(lambda: lost() == 1, PATIENCE, "1 lost")
-    told = [line for line in plant.gateway.lines() if line.endswith(" lost")]
-    assert told == ["warning spool: a file cannot be read any more: it is lost"]
+def test_beyond_its_bound_goes_what_is_not_on_its_way(plant, broker, version):
+    """A MB has room for 244 files of 4 kB, and nine tenths of it for 219."""
+    board = Board(plant, broker, version, spool={"megabytes": 1})
+    board.wait_settled()
+    broker.answer = answer_no_batch
+    board.say(244)
+    board.wait_spooled(244)
+    board.say(1)
+    plant.gateway.wait_for("warning spool: .*")
+    assert told_as_lost(plant) == ["warning spool: larger than 1 MB: the oldest 26 batches are lost"]
+    board.say(5)
+    board.wait_spooled(224)
+    broker.answer = answer_all
+    for publish in filter(is_batch, list(broker.published)):
+        broker.acknowledge(publish)
+    board.wait_batches(224)
+    board.wait_lost(26)
+    assert broker.batches() == [*range(20), *range(46, 250)]
+
+
+def test_what_is_damaged_when_the_gateway_starts_is_lost_and_told(plant, board, broker):
+    broker.answer = answer_no_batch
+    board.say(5)
+    board.wait_spooled(5)
+    plant.gateway.kill()
+    for path in board.spool()[1:3]:
+        path.write_bytes(path.read_bytes()[:-1])
+    broker.answer = answer_all
+    before = len(broker.published)
+    board.start()
+    board.wait_lost(2)
+    assert [each.json["n"] for each in filter(is_batch, broker.published[before:])] == [0, 3, 4]
+    assert told_as_lost(plant) == [
+        "warning spool: 2 files were damaged, perhaps when the machine lost its power: they are lost"]
+
+
+class PahoFault:
+    """While it lasts, the gateway's library for MQTT takes nothing that is to be acknowledged."""
+
+    def __init__(self, path):
+        self._path = path
+
+    @property
+    def environment(self):
+        return {"VORBEL_PAHO_FAULT": self._path, "LD_PRELOAD": FAULTS, "ASAN_OPTIONS": build.sanitizer_options()}
+
+    def begin(self, code):
+        self._path.write_text(str(code))
+
+    def end(self):
+        self._path.unlink()
+
+
+@pytest.fixture
+def fault(tmp_path):
+    return PahoFault(tmp_path / "fault")
+
+
+@pytest.fixture
+def faulty_board(plant, broker, version, fault):
+    board = Board(plant, broker, version, options={"environment": fault.environment})
+    board.wait_settled()
+    return board
+
+
+def test_what_is_not_taken_is_offered_again_in_its_order(plant, faulty_board, broker, fault):
+    fault.begin(-99)
+    faulty_board.say(2)
+    plant.gateway.wait_for(r"warning broker: cannot publish on vorbel/7/values: MQTT error \[-99\].+; trying again", 4)
+    fault.end()
+    faulty_board.wait_batches(2)
+    faulty_board.say(1)
+    faulty_board.wait_batches(3)
+    assert broker.batches() == [0, 1, 2]
+
+
+def test_what_is_not_taken_because_the_connection_is_lost_waits_for_the_next_one(plant, faulty_board, broker, fault):
+    fault.begin(-3)
+    faulty_board.say(2)
+    faulty_board.wait_spooled(2)
+    time.sleep(0.2)
+    fault.end()
+    faulty_board.next_connection()
+    faulty_board.wait_batches(2)
+    assert broker.batches() == [0, 1]
+    assert "cannot publish" not in plant.gateway.log()
