@@ -23,10 +23,13 @@ private slots:
     void neverUsesANumberAgain();
     void findsWhatAnotherProcessLeft();
     void countsOnWhereAnotherProcessLeftOff();
+    void whatWasBeingMovedIsThereOnce();
+    void worksInASingleFolder();
     void writesToTheLastingFolderOnlyWhatStays();
     void staysQuickWhereTheDiskIsFull();
     void keepsInMemoryWhatNoFolderTakes();
     void whatIsDueGoesFromMemoryToTheLastingFolder();
+    void keepsNothingInMemoryThatIsWritten();
     void damagedFilesAreDropped();
     void aFileThatVanishesIsNoMessage();
     void endsAFileWithItsChecksum();
@@ -95,6 +98,7 @@ void tst_Gateway_spool::countsWhatItTakesOfTheDisk()
     QCOMPARE(QFile(m_folder->filePath("quick/message-1")).size(), 4096);
     s_append(*spool, QByteArray(4097 - besides, 'x'));
     QCOMPARE(spool->bytes(), 3 * 4096);
+    QCOMPARE(make()->bytes(), 3 * 4096);
     spool->remove(1);
     QCOMPARE(spool->bytes(), 2 * 4096);
     spool->remove(2);
@@ -142,6 +146,8 @@ void tst_Gateway_spool::findsWhatAnotherProcessLeft()
     QCOMPARE(spool->bytes(), 2 * 4096);
     QCOMPARE(quick(), QStringList("message-2"));
     QCOMPARE(spool->damaged(), 0);
+    QCOMPARE(spool->settle(), QString()); // how old it is, nobody knows
+    QCOMPARE(lasting(), QStringList({"message-1", "message-2"}));
 }
 
 void tst_Gateway_spool::countsOnWhereAnotherProcessLeftOff()
@@ -154,6 +160,33 @@ void tst_Gateway_spool::countsOnWhereAnotherProcessLeftOff()
     spool = make();
     s_append(*spool, "last");
     QCOMPARE(s_payloads(*spool).join(' '), QByteArray("1 2 3 4 5 6 7 8 9 10 last"));
+}
+
+void tst_Gateway_spool::whatWasBeingMovedIsThereOnce()
+{
+    auto spool = make();
+    s_append(*spool, "one");
+    QVERIFY(QFile::copy(m_folder->filePath("quick/message-1"), m_folder->filePath("lasting/message-1")));
+    spool = make();
+    QCOMPARE(s_payloads(*spool), QByteArrayList({"one"}));
+    QCOMPARE(spool->bytes(), 4096);
+    QCOMPARE(spool->damaged(), 0);
+    QCOMPARE(quick(), QStringList("message-1"));
+    QCOMPARE(lasting(), QStringList());
+}
+
+void tst_Gateway_spool::worksInASingleFolder()
+{
+    const QString folder = m_folder->filePath("lasting");
+    Spool first(folder, folder);
+    s_append(first, "one");
+    QCOMPARE(first.settle(true), QString());
+    QCOMPARE(s_payloads(first), QByteArrayList({"one"}));
+    Spool second(folder, folder);
+    QCOMPARE(s_payloads(second), QByteArrayList({"one"}));
+    QCOMPARE(second.damaged(), 0);
+    second.remove(1);
+    QCOMPARE(lasting(), QStringList());
 }
 
 void tst_Gateway_spool::writesToTheLastingFolderOnlyWhatStays()
@@ -216,6 +249,18 @@ void tst_Gateway_spool::whatIsDueGoesFromMemoryToTheLastingFolder()
     spool->remove(1);
     QCOMPARE(lasting(), QStringList());
     QCOMPARE(spool->bytes(), 0);
+}
+
+void tst_Gateway_spool::keepsNothingInMemoryThatIsWritten()
+{
+    const auto spool = make();
+    QVERIFY(QDir(m_folder->filePath("quick")).removeRecursively());
+    s_append(*spool, "one");
+    QCOMPARE(spool->settle(true), QString());
+    QVERIFY(QFile::remove(m_folder->filePath("lasting/message-1")));
+    QVERIFY(spool->message(1).topic.isEmpty());
+    QCOMPARE(spool->settle(true), QString());
+    QCOMPARE(lasting(), QStringList());
 }
 
 void tst_Gateway_spool::damagedFilesAreDropped()
