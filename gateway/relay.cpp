@@ -347,6 +347,9 @@ void Relay::keepWithinBound()
         return;
     }
     const int count = m_broker->publisher.giveUp(bound - bound / givenUpShare, m_broker->topics.values());
+    if (count == 0) {
+        return; // what is on its way is larger alone
+    }
     qWarning("spool: larger than %d MB: the oldest %d batches are lost", m_settings.spool.megabytes, count);
     addLost(count);
 }

@@ -9,6 +9,7 @@ import threading
 from typing import NamedTuple
 
 CONNECT, PUBLISH, PUBACK, SUBSCRIBE, PINGREQ, DISCONNECT = 1, 3, 4, 8, 12, 14
+CLEAN = 2  # of CONNECT's flags
 
 
 class Publish(NamedTuple):
@@ -32,6 +33,7 @@ class ScriptedBroker:
         self.answer = answer
         self.published = []
         self.version = None  # that its clients speak, 5 or 4 for 3.1.1
+        self.began_anew = []  # of each connection, whether its client asked for no session that was there before
         self._clients = {}  # {connection: _Client}
         self._listening = socket.create_server(("127.0.0.1", 0))
         self.port = self._listening.getsockname()[1]
@@ -96,6 +98,7 @@ class _Client:
         if kind == CONNECT:
             self._broker.version = body[6]
             self._is_version_5 = body[6] == 5
+            self._broker.began_anew.append(bool(body[7] & CLEAN))
             self._send(0x20, bytes(3 if self._is_version_5 else 2))
         elif kind == PUBLISH and head & 0x06:
             self._take(body)

@@ -8,7 +8,7 @@ import pytest
 from gatewayharness import PATIENCE, RECEIVED, without_repeats
 from harness import BUILD, wait_until
 from scriptedbroker import ScriptedBroker
-from vorbelsim import build
+from vorbelsim import CanFrame, build
 
 AT_A_TIME = 20
 FAULTS = BUILD / "gateway" / "tests" / "libpaho_faults.so"
@@ -67,8 +67,7 @@ class Board:
         self.said += count
 
     def wait_batches(self, count, connection=None):
-        wait_until(lambda: len(self._broker.batches(connection)) >= count, PATIENCE,
-                   f"{count} batches; {len(self._broker.batches(connection))} are there")
+        wait_until(lambda: len(self._broker.batches(connection)) >= count, PATIENCE, f"{count} batches")
 
     def wait_spooled(self, count):
         """Until so many batches wait in the spool. Its files move meanwhile."""
@@ -93,7 +92,7 @@ class Board:
         def last():
             return [each.json for each in self._broker.published if each.topic == "vorbel/7/status"][-1].get("lost")
 
-        wait_until(lambda: last() == count, PATIENCE, f"{count} lost; {last()} are")
+        wait_until(lambda: last() == count, PATIENCE, f"{count} lost")
 
     def next_connection(self, reason=None):
         """The number that the publisher's next connection has, when it has published something on it. For a reason, the
@@ -141,6 +140,11 @@ def test_in_their_order_over_several_connections(board, broker):
     board.wait_batches(50, third)
     assert broker.batches(second) == list(range(50))
     assert broker.batches(third) == list(range(30, 80))
+
+
+def test_each_connection_begins_a_session_anew(board, broker):
+    board.next_connection()
+    assert len(broker.began_anew) >= 3 and all(broker.began_anew)
 
 
 def test_a_reason_why_the_connection_ends_is_none_to_refuse_a_message(plant, board, broker):
@@ -280,6 +284,16 @@ def test_beyond_its_bound_goes_what_is_not_on_its_way(plant, broker, version):
     board.wait_batches(224)
     board.wait_lost(26)
     assert broker.batches() == [*range(20), *range(46, 250)]
+
+
+def test_what_is_on_its_way_is_not_lost_even_if_it_is_larger_than_the_bound(make_plant, broker, version):
+    plant = make_plant(schema={"wide": {f"{at:0120}": {"@mac": 7, "@cmd": 1, "@format": "I"} for at in range(500)}})
+    board = Board(plant, broker, version, spool={"megabytes": 1})
+    broker.answer = answer_no_batch
+    plant.say(*(CanFrame.vek(7, 1, number.to_bytes(4, "little")) for number in range(18)))
+    board.wait_batches(18)
+    assert sum(path.stat().st_size for path in board.spool()) > 1e6
+    assert told_as_lost(plant) == []
 
 
 def test_what_is_damaged_when_the_gateway_starts_is_lost_and_told(plant, board, broker):

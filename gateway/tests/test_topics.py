@@ -211,6 +211,17 @@ def test_what_a_stopped_gateway_had_begun_is_published(plant):
 # The latest value
 
 
+def test_the_latest_values_of_a_great_many_leaves_come_at_once(make_plant):
+    wide = {f"leaf-{at}": {"@mac": 7, "@cmd": 1, "@format": "C"} for at in range(500)}
+    plant = make_plant(schema={"wide": wide})
+    plant.start(**EACH_CHANGE)
+    for value in range(3):
+        plant.say(CanFrame.vek(7, 1, bytes([value])))
+    for leaf in wide:
+        plant.listener.wait_last(f"now/wide/{leaf}", b"2")
+    assert "cannot publish" not in plant.gateway.log()
+
+
 def test_the_latest_value_comes_at_most_once_an_interval_and_ends_with_the_last(plant):
     plant.start(**EACH_MESSAGE, now={"interval_ms": 2000})
     began = time.monotonic()
