@@ -1,6 +1,8 @@
 """What is published until the broker has acknowledged it: in which order, how much at a time, and how often."""
 
 import contextlib
+import shutil
+import threading
 import time
 
 import pytest
@@ -194,6 +196,7 @@ def test_a_gateway_that_is_stopped_waits_two_seconds_at_most(plant, board, broke
     before = time.monotonic()
     plant.stop_gateway()
     assert 2 <= time.monotonic() - before < 8
+    assert [path.parent.parent.name for path in board.spool()] == 5 * ["state"]
     broker.answer = answer_all
     board.start()
     board.wait_batches(10)
@@ -285,14 +288,40 @@ def test_beyond_its_bound_goes_what_is_not_on_its_way(plant, broker, version):
     assert broker.batches() == [*range(20), *range(46, 250)]
 
 
-def test_what_is_on_its_way_is_not_lost_even_if_it_is_larger_than_the_bound(make_plant, broker, version):
-    plant = make_plant(schema={"wide": {f"{at:0120}": {"@mac": 7, "@cmd": 1, "@format": "I"} for at in range(500)}})
+@pytest.fixture
+def wide_plant(make_plant):
+    """Its batches take more than 60 kB each."""
+    return make_plant(schema={"wide": {f"{at:0120}": {"@mac": 7, "@cmd": 1, "@format": "I"} for at in range(500)}})
+
+
+def say_wide(plant, count):
+    plant.say(*(CanFrame.vek(7, 1, number.to_bytes(4, "little")) for number in range(count)))
+
+
+def test_what_is_on_its_way_is_not_lost_even_if_it_is_larger_than_the_bound(wide_plant, broker, version):
+    plant = wide_plant
     board = Board(plant, broker, version, spool={"megabytes": 1})
     broker.answer = answer_no_batch
-    plant.say(*(CanFrame.vek(7, 1, number.to_bytes(4, "little")) for number in range(18)))
+    say_wide(plant, 18)
     board.wait_batches(18)
     assert sum(path.stat().st_size for path in board.spool()) > 1e6
     assert told_as_lost(plant) == []
+
+
+def test_what_a_connection_did_not_carry_any_more_comes_once_on_the_next_one(wide_plant, broker, version):
+    """Of what is on its way, the gateway's library still has a part itself when the network takes no more."""
+    board = Board(wide_plant, broker, version)
+    carries_on = threading.Event()
+    broker.answer = lambda publish: not is_batch(publish) or carries_on.wait(PATIENCE)
+    say_wide(wide_plant, 18)
+    board.wait_spooled(18)
+    time.sleep(0.5)
+    broker.answer = answer_all
+    again = board.next_connection()
+    carries_on.set()
+    board.wait_batches(18, again)
+    time.sleep(0.5)
+    assert broker.batches(again) == list(range(18))
 
 
 def test_what_is_damaged_when_the_gateway_starts_is_lost_and_told(plant, board, broker):
@@ -364,3 +393,16 @@ def test_what_is_not_taken_because_the_connection_is_lost_waits_for_the_next_one
     faulty_board.wait_batches(3)
     assert broker.batches() == [0, 1, 2]
     assert "cannot publish" not in plant.gateway.log()
+
+
+def test_folders_that_take_nothing_are_told_once(plant, broker):
+    board = Board(plant, broker, "5")
+    for each in ("run", "state"):
+        shutil.rmtree(plant.folder / "gateway" / each / "spool")
+    broker.answer = answer_no_batch
+    board.say(1)
+    plant.gateway.wait_for("warning spool: cannot write to .*/state/spool: .*")
+    time.sleep(2.5)  # in which it tries twice
+    assert [line for line in plant.gateway.lines() if line.startswith("warning spool:")] == [
+        f"warning spool: cannot write to {plant.folder}/gateway/{each}/spool: "
+        "what the broker has not acknowledged is kept in memory" for each in ("run", "state")]
