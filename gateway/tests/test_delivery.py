@@ -196,11 +196,19 @@ def test_a_gateway_that_is_stopped_waits_two_seconds_at_most(plant, board, broke
     before = time.monotonic()
     plant.stop_gateway()
     assert 2 <= time.monotonic() - before < 8
-    assert [path.parent.parent.name for path in board.spool()] == 5 * ["state"]
     broker.answer = answer_all
     board.start()
     board.wait_batches(10)
     assert broker.batches() == [*range(5), *range(5)]
+
+
+def test_what_a_gateway_leaves_that_is_stopped_without_a_broker_is_on_the_disk(plant, board, broker):
+    broker.close()
+    plant.gateway.wait_for("warning broker: the connection was lost; trying again", 2)
+    board.say(5)
+    board.wait_spooled(5)
+    plant.stop_gateway()
+    assert [path.parent.parent.name for path in board.spool()] == 6 * ["state"]  # the last one is its status
 
 
 def test_a_gateway_that_is_killed_twice_keeps_the_order(plant, board, broker):
