@@ -203,6 +203,9 @@ def test_a_gateway_that_is_stopped_waits_two_seconds_at_most(plant, board, broke
 
 
 def test_what_a_gateway_leaves_that_is_stopped_without_a_broker_is_on_the_disk(plant, board, broker):
+    board.say(1)
+    board.wait_batches(1)
+    board.wait_settled()
     broker.close()
     plant.gateway.wait_for("warning broker: the connection was lost; trying again", 2)
     board.say(5)
