@@ -80,7 +80,7 @@ Relay::Relay(const Settings &settings, const Folders &folders)
                  m_spool.damaged());
     }
     connect(&m_beat, &QTimer::timeout, this, &Relay::beat);
-    connect(&m_settle, &QTimer::timeout, this, &Relay::settle);
+    connect(&m_settle, &QTimer::timeout, this, [this] { settle(false); });
     m_settle.start(settleInterval);
     if (!settings.topics.id.isEmpty()) {
         makeBroker(settings.topics.id);
@@ -96,12 +96,13 @@ void Relay::stop()
 {
     m_batches.flush();
     m_daemon.close();
+    m_since = 0;
     if (m_broker) {
         m_broker->listener.close();
         m_broker->publisher.publish(m_broker->topics.status(), offlineText, true);
         m_broker->publisher.close();
     }
-    m_spool.settle(true);
+    settle(true);
 }
 
 Metrics Relay::metrics() const
@@ -250,7 +251,7 @@ void Relay::makeBroker(const QString &id)
     m_broker->publisher.setWill(m_broker->topics.status(), offlineText);
     connect(&m_broker->publisher, &Session::refused, this, &Relay::refused);
     connect(&m_broker->publisher, &Session::unreadable, this, &Relay::unreadable);
-    connect(&m_broker->publisher, &Session::connected, this, [this] { m_refusal = {}; });
+    connect(&m_broker->publisher, &Session::connected, this, [this] { m_refusals.clear(); });
     connect(&m_broker->publisher, &Session::connected, this, &Relay::publishState);
     connect(&m_broker->publisher, &Session::disconnected, this, [this] { m_latest.end(); });
     connect(&m_broker->listener, &Session::connected, this, &Relay::listen);
@@ -347,25 +348,28 @@ void Relay::keepWithinBound()
         return;
     }
     const int count = m_broker->publisher.giveUp(bound - bound / givenUpShare, m_broker->topics.values());
-    qWarning("spool: larger than %d MB: the oldest %d batches are lost", m_settings.spool.megabytes, count);
-    addLost(count);
+    if (count > 0) {
+        qWarning("spool: larger than %d MB: the oldest %d batches are lost", m_settings.spool.megabytes,
+                 count);
+        addLost(count);
+    }
 }
 
 // Said once for each topic and reason on a connection.
 void Relay::refused(const QByteArray &topic, const QString &reason)
 {
     const QPair<QByteArray, QString> refusal(topic, reason);
-    if (refusal != m_refusal) {
+    if (!m_refusals.contains(refusal)) {
         qWarning("broker: it refuses what is for %s: %s: that is lost", topic.constData(),
                  qPrintable(reason));
-        m_refusal = refusal;
+        m_refusals.insert(refusal);
     }
 }
 
-void Relay::unreadable()
+void Relay::unreadable(int count)
 {
-    qWarning("spool: a file cannot be read any more: it is lost");
-    addLost(1);
+    qWarning("spool: %d files cannot be read any more: they are lost", count);
+    addLost(count);
 }
 
 void Relay::addLost(int count)
@@ -374,9 +378,12 @@ void Relay::addLost(int count)
     publishStatus();
 }
 
-void Relay::settle()
+void Relay::settle(bool everything)
 {
-    const QString trouble = m_spool.settle();
+    if (m_broker) {
+        keepWithinBound();
+    }
+    const QString trouble = m_spool.settle(everything);
     if (trouble != m_spoolTrouble && !trouble.isEmpty()) {
         qWarning("spool: %s: what the broker has not acknowledged is kept in memory", qPrintable(trouble));
     }
