@@ -23,6 +23,7 @@ namespace
 
 constexpr int pulseInterval = 1000;     // ms
 constexpr int settleInterval = 1000;    // ms
+constexpr int calmSettlesMin = 60;      // without trouble, before the same trouble is told again
 constexpr int pendingMax = 64;          // orders on the way to the daemon
 constexpr int orderBytesMax = 65536;    // of a value, however long its text
 constexpr int silencesMax = 3;          // times an order's largest age, until a connection is given up
@@ -384,10 +385,17 @@ void Relay::settle(bool everything)
         keepWithinBound();
     }
     const QString trouble = m_spool.settle(everything);
-    if (trouble != m_spoolTrouble && !trouble.isEmpty()) {
-        qWarning("spool: %s: what the broker has not acknowledged is kept in memory", qPrintable(trouble));
+    if (trouble.isEmpty()) {
+        if (++m_calmSettles >= calmSettlesMin) {
+            m_spoolTroubles.clear();
+        }
+        return;
     }
-    m_spoolTrouble = trouble;
+    m_calmSettles = 0;
+    if (!m_spoolTroubles.contains(trouble)) {
+        qWarning("spool: %s: what the broker has not acknowledged is kept in memory", qPrintable(trouble));
+        m_spoolTroubles.insert(trouble);
+    }
 }
 
 // ---- From the broker

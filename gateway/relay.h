@@ -113,7 +113,8 @@ private:
     std::optional<QString> m_deviceType; // as the daemon said it last; nothing before its first hello
     bool m_isReplaced = false;           // the schema, by another client
     QString m_daemonTrouble;             // that was said last
-    QString m_spoolTrouble;
+    QSet<QString> m_spoolTroubles;       // that were said
+    int m_calmSettles = 0;
     QSet<QPair<QByteArray, QString>> m_refusals; // that were said on this connection
     QElapsedTimer m_clock;
     std::optional<qint64> m_heardPulse; // when the last one that came was sent, on m_clock
