@@ -279,6 +279,7 @@ def test_a_value_is_not_taken_away_by_what_waited_since_it_was_gone(plant, board
 def test_a_disk_that_is_full_is_told_once_however_briefly_anything_waits(plant, broker):
     """Now and then nothing waits, when it is looked after the disk."""
     board = Board(plant, broker, "5")
+    wait_until(lambda: len(broker.published) >= 2 and not board.spool(), PATIENCE, "status and schema to be there")
     broker.answer = answer_no_batch
     for folder in ("run", "state"):
         shutil.rmtree(plant.folder / "gateway" / folder / "spool")
