@@ -43,9 +43,9 @@ def version(request):
 class Board:
     """A gateway, and a bus that says one speed after the other: each is a batch."""
 
-    def __init__(self, plant, broker, version):
+    def __init__(self, plant, broker, version, **settings):
         self._plant, self._broker = plant, broker
-        self._settings = {"broker": {"url": broker.url, "version": version}, **EACH_MESSAGE}
+        self._settings = {"broker": {"url": broker.url, "version": version}, **EACH_MESSAGE, **settings}
         self.said = 0
         self.start()
 
@@ -105,6 +105,18 @@ def test_no_more_than_some_are_on_their_way(board, broker):
     board.wait_batches(AT_A_TIME + 1)
     time.sleep(0.2)
     assert broker.batches() == list(range(AT_A_TIME + 1))
+
+
+def test_what_is_on_its_way_is_a_tenth_of_the_spool_at_most(make_plant, broker):
+    """Or else nothing could be given up when it is full."""
+    leaves = {f"leaf {at:03}": {"@mac": 5, "@cmd": 2, "@format": "s"} for at in range(500)}
+    board = Board(make_plant(schema={"wide": leaves}), broker, "5", spool={"megabytes": 1})
+    broker.answer = answer_no_batch
+    board.say(30)
+    board.wait_spooled(30)
+    time.sleep(0.5)
+    sizes = [len(each.payload) for each in filter(is_batch, broker.published)]
+    assert 5000 < sizes[0] and sum(sizes[:-1]) < 100_000 <= sum(sizes)
 
 
 def test_in_their_order_over_several_connections(board, broker):
