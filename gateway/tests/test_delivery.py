@@ -315,10 +315,10 @@ def test_what_vanishes_from_the_spool_is_lost_and_told(plant, board, broker):
     again = board.next_connection()
     wait_until(lambda: 29 in broker.batches(), PATIENCE, "the last batch")
     assert broker.batches(again) == [n for n in range(30) if n != 25]
-    told = [line for line in plant.gateway.lines() if line.endswith(" lost")]
-    assert told == ["warning spool: 1 files cannot be read any more: they are lost"]
 
     def lost():
         return [each.json for each in broker.published if each.topic == "vorbel/7/status"][-1].get("lost")
 
     wait_until(lambda: lost() == 1, PATIENCE, "1 lost")
+    told = [line for line in plant.gateway.lines() if line.endswith(" lost")]
+    assert told == ["warning spool: 1 files cannot be read any more: they are lost"]
