@@ -23,6 +23,7 @@ namespace
 
 constexpr int pulseInterval = 1000;     // ms
 constexpr int settleInterval = 1000;    // ms
+constexpr int calmSettlesMin = 60;      // without trouble, before the same trouble is told again
 constexpr int pendingMax = 64;          // orders on the way to the daemon
 constexpr int orderBytesMax = 65536;    // of a value, however long its text
 constexpr int silencesMax = 3;          // times an order's largest age, until a connection is given up
@@ -80,7 +81,7 @@ Relay::Relay(const Settings &settings, const Folders &folders)
                  m_spool.damaged());
     }
     connect(&m_beat, &QTimer::timeout, this, &Relay::beat);
-    connect(&m_settle, &QTimer::timeout, this, &Relay::settle);
+    connect(&m_settle, &QTimer::timeout, this, [this] { settle(false); });
     m_settle.start(settleInterval);
     if (!settings.topics.id.isEmpty()) {
         makeBroker(settings.topics.id);
@@ -96,12 +97,13 @@ void Relay::stop()
 {
     m_batches.flush();
     m_daemon.close();
+    m_since = 0;
     if (m_broker) {
         m_broker->listener.close();
         m_broker->publisher.publish(m_broker->topics.status(), offlineText, true);
         m_broker->publisher.close();
     }
-    m_spool.settle(true);
+    settle(true);
 }
 
 Metrics Relay::metrics() const
@@ -250,7 +252,7 @@ void Relay::makeBroker(const QString &id)
     m_broker->publisher.setWill(m_broker->topics.status(), offlineText);
     connect(&m_broker->publisher, &Session::refused, this, &Relay::refused);
     connect(&m_broker->publisher, &Session::unreadable, this, &Relay::unreadable);
-    connect(&m_broker->publisher, &Session::connected, this, [this] { m_refusal = {}; });
+    connect(&m_broker->publisher, &Session::connected, this, [this] { m_refusals.clear(); });
     connect(&m_broker->publisher, &Session::connected, this, &Relay::publishState);
     connect(&m_broker->publisher, &Session::disconnected, this, [this] { m_latest.end(); });
     connect(&m_broker->listener, &Session::connected, this, &Relay::listen);
@@ -347,28 +349,28 @@ void Relay::keepWithinBound()
         return;
     }
     const int count = m_broker->publisher.giveUp(bound - bound / givenUpShare, m_broker->topics.values());
-    if (count == 0) {
-        return; // what is on its way is larger alone
+    if (count > 0) {
+        qWarning("spool: larger than %d MB: the oldest %d batches are lost", m_settings.spool.megabytes,
+                 count);
+        addLost(count);
     }
-    qWarning("spool: larger than %d MB: the oldest %d batches are lost", m_settings.spool.megabytes, count);
-    addLost(count);
 }
 
 // Said once for each topic and reason on a connection.
 void Relay::refused(const QByteArray &topic, const QString &reason)
 {
     const QPair<QByteArray, QString> refusal(topic, reason);
-    if (refusal != m_refusal) {
+    if (!m_refusals.contains(refusal)) {
         qWarning("broker: it refuses what is for %s: %s: that is lost", topic.constData(),
                  qPrintable(reason));
-        m_refusal = refusal;
+        m_refusals.insert(refusal);
     }
 }
 
-void Relay::unreadable()
+void Relay::unreadable(int count)
 {
-    qWarning("spool: a file cannot be read any more: it is lost");
-    addLost(1);
+    qWarning("spool: %d files cannot be read any more: they are lost", count);
+    addLost(count);
 }
 
 void Relay::addLost(int count)
@@ -377,13 +379,23 @@ void Relay::addLost(int count)
     publishStatus();
 }
 
-void Relay::settle()
+void Relay::settle(bool everything)
 {
-    const QString trouble = m_spool.settle();
-    if (trouble != m_spoolTrouble && !trouble.isEmpty()) {
-        qWarning("spool: %s: what the broker has not acknowledged is kept in memory", qPrintable(trouble));
+    if (m_broker) {
+        keepWithinBound();
     }
-    m_spoolTrouble = trouble;
+    const QString trouble = m_spool.settle(everything);
+    if (trouble.isEmpty()) {
+        if (++m_calmSettles >= calmSettlesMin) {
+            m_spoolTroubles.clear();
+        }
+        return;
+    }
+    m_calmSettles = 0;
+    if (!m_spoolTroubles.contains(trouble)) {
+        qWarning("spool: %s: what the broker has not acknowledged is kept in memory", qPrintable(trouble));
+        m_spoolTroubles.insert(trouble);
+    }
 }
 
 // ---- From the broker

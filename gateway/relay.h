@@ -32,9 +32,8 @@ struct Folders {
     QString quick;   // what is there after the process was; may be the same
 };
 
-// All of it. It has two sessions with the broker: one that lasts, over which everything is published, so that
-// nothing is lost; and one that begins anew with each connection, over which orders come, so that no old one
-// does.
+// All of it. It has two sessions with the broker: one with a spool, over which everything is published, so
+// that nothing is lost; and one over which orders come.
 //
 // It does not end by itself. It lives in one thread with an event loop, which has begun when it is
 // constructed or does so soon.
@@ -75,9 +74,9 @@ private:
     void publishBatch(const QByteArray &batch);
     void keepWithinBound();
     void refused(const QByteArray &topic, const QString &reason);
-    void unreadable();
+    void unreadable(int count);
     void addLost(int count);
-    void settle();
+    void settle(bool everything);
 
     void listen();
     void beat();
@@ -114,8 +113,9 @@ private:
     std::optional<QString> m_deviceType; // as the daemon said it last; nothing before its first hello
     bool m_isReplaced = false;           // the schema, by another client
     QString m_daemonTrouble;             // that was said last
-    QString m_spoolTrouble;
-    QPair<QByteArray, QString> m_refusal; // that was said last
+    QSet<QString> m_spoolTroubles;       // that were said
+    int m_calmSettles = 0;
+    QSet<QPair<QByteArray, QString>> m_refusals; // that were said on this connection
     QElapsedTimer m_clock;
     std::optional<qint64> m_heardPulse; // when the last one that came was sent, on m_clock
     QTimer m_beat;

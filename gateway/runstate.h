@@ -16,7 +16,7 @@ public:
 
     qint64 boot() const { return m_boot; }
 
-    // Batches that the spool gave up.
+    // Batches that the spool gave up, or could not read.
     qint64 lost() const { return m_lost; }
     void addLost(int count);
 

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace Gateway
@@ -24,8 +25,11 @@ constexpr std::chrono::seconds patience{10};
 constexpr std::chrono::seconds closingTime{2};
 constexpr int closingLook = 5; // ms
 
-// On their way at a time: what comes twice when a connection is lost is no more than this.
+// On their way at a time: what comes twice when a connection is lost is no more than this. As a share of the
+// spool's bound, it leaves the rest to be given up.
 constexpr int onTheirWayMax = 20;
+constexpr int onTheirWayShare = 10;
+constexpr qint64 megabyte = 1'000'000;
 
 // After which what Paho did not take is offered again, in ms.
 constexpr int sendAgainPause = 1000;
@@ -70,6 +74,15 @@ QString s_reason(const mqtt::token &token, bool isSafe)
         text += ": " + QString::fromStdString(mqtt::exception::reason_code_str(reason));
     }
     return text;
+}
+
+// Paho says so by a code, for which its headers have no name.
+void s_endWithoutMemory(const mqtt::exception &exception)
+{
+    constexpr int outOfMemory = -99;
+    if (exception.get_return_code() == outOfMemory) {
+        throw std::bad_alloc();
+    }
 }
 
 } // namespace
@@ -149,9 +162,13 @@ void Session::makeClient()
 {
     m_client.reset();
     m_onTheirWay.clear();
+    m_bytesOnTheirWay = 0;
     m_sent = 0;
+    m_sendTrouble.clear();
     mqtt::create_options options(m_settings.broker.version == 5 ? MQTTVERSION_5 : MQTTVERSION_3_1_1);
-    options.set_max_buffered_messages(std::numeric_limits<int>::max()); // many values may be said at once
+    if (m_spool) {
+        options.set_max_buffered_messages(std::numeric_limits<int>::max()); // many values may be said at once
+    }
     m_client = std::make_unique<mqtt::async_client>(s_uri(m_settings.broker.urls.first()),
                                                     m_clientId.toStdString(), options, nullptr);
     m_client->set_connection_lost_handler(
@@ -184,20 +201,31 @@ void Session::close()
         return;
     }
     try {
-        m_client->disconnect(closingTime)->wait_for(closingTime + std::chrono::seconds(1));
+        m_client->disconnect(0)->wait_for(closingTime);
     } catch (const mqtt::exception &exception) {
         qWarning("broker: the connection did not end as it should: %s", exception.what());
+    }
+    takeAcknowledgements();
+}
+
+// A proper end takes the will away, which may wait behind what is not acknowledged.
+void Session::awaitAcknowledgements()
+{
+    const QDeadlineTimer deadline(closingTime);
+    while (m_isConnected && m_spool && m_spool->count() > 0) {
+        if (deadline.hasExpired()) {
+            publishOnce(m_willTopic, m_willPayload, true);
+            return;
+        }
+        QThread::msleep(closingLook);
+        takeAcknowledgements();
     }
 }
 
 // Without the event loop, which may be about to end: nothing else is to happen meanwhile.
-void Session::awaitAcknowledgements()
+void Session::takeAcknowledgements()
 {
-    const QDeadlineTimer deadline(closingTime);
-    while (m_isConnected && m_spool && m_spool->count() > 0 && !deadline.hasExpired()) {
-        QThread::msleep(closingLook);
-        QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
-    }
+    QCoreApplication::sendPostedEvents(this, QEvent::MetaCall);
 }
 
 mqtt::ssl_options Session::sslOptions() const
@@ -276,6 +304,9 @@ void Session::retry(const QString &reason)
 
 void Session::begin(const QString &server)
 {
+    if (!m_isOpen) {
+        return;
+    }
     m_isConnected = true;
     m_since.start();
     m_trouble.clear();
@@ -304,23 +335,34 @@ bool Session::publish(const QByteArray &topic, const QByteArray &payload, bool i
     if (!m_spool) {
         return m_isConnected && send(topic, payload, 1, isRetained);
     }
-    m_spool->append({topic, payload, isRetained});
-    sendMore();
+    const Spool::Number last = isRetained ? m_spool->retained(topic) : 0;
+    if (last <= m_sent || m_spool->message(last).payload != payload) {
+        m_spool->append({topic, payload, isRetained});
+        sendMore();
+    }
     return true;
 }
 
 bool Session::publishOnce(const QByteArray &topic, const QByteArray &payload, bool isRetained)
 {
-    return m_isConnected && send(topic, payload, 0, isRetained);
+    if (!m_isConnected) {
+        return false;
+    }
+    const Spool::Number last = m_spool && isRetained ? m_spool->retained(topic) : 0;
+    if (last > m_sent) {
+        m_spool->remove(last);
+    }
+    return send(topic, payload, 0, isRetained);
 }
 
-bool Session::send(const QByteArray &topic, const QByteArray &payload, int qos, bool isRetained)
+bool Session::send(const QByteArray &topic, const QByteArray &payload, int qos, bool isRetained) noexcept
 {
     try {
         m_client->publish(topic.toStdString(), payload.constData(), static_cast<size_t>(payload.size()), qos,
                           isRetained);
         return true;
     } catch (const mqtt::exception &exception) {
+        s_endWithoutMemory(exception);
         qWarning("broker: cannot publish on %s: %s", topic.constData(), exception.what());
         return false;
     }
@@ -328,7 +370,7 @@ bool Session::send(const QByteArray &topic, const QByteArray &payload, int qos, 
 
 void Session::sendMore() noexcept
 {
-    while (m_isConnected && m_spool && m_onTheirWay.size() < onTheirWayMax) {
+    while (m_isConnected && m_spool && isRoomOnTheWay() && !m_sendAgain.isActive()) {
         const Spool::Number number = m_spool->following(m_sent);
         if (number == 0 || !sendSpooled(number)) {
             return;
@@ -337,13 +379,23 @@ void Session::sendMore() noexcept
     }
 }
 
+// There always is for one message, however large.
+bool Session::isRoomOnTheWay() const
+{
+    const qint64 bytesMax = m_settings.spool.megabytes * megabyte / onTheirWayShare;
+    return m_onTheirWay.empty() || (m_onTheirWay.size() < onTheirWayMax && m_bytesOnTheirWay < bytesMax);
+}
+
 // Whether it need not be offered again.
 bool Session::sendSpooled(Spool::Number number)
 {
     const SpooledMessage message = m_spool->message(number);
     if (message.topic.isEmpty()) {
         m_spool->remove(number);
-        emit posted([this] { emit unreadable(); }); // whoever hears that may publish
+        if (m_unreadable++ == 0) {
+            // Whoever hears that may publish.
+            emit posted([this] { emit unreadable(std::exchange(m_unreadable, 0)); });
+        }
         return true;
     }
     try {
@@ -352,25 +404,34 @@ bool Session::sendSpooled(Spool::Number number)
                                              message.isRetained),
                           reinterpret_cast<void *>(number), *m_deliveryListener);
     } catch (const mqtt::exception &exception) {
+        s_endWithoutMemory(exception);
         if (exception.get_return_code() != MQTTASYNC_DISCONNECTED) { // of which there will be word at once
-            qWarning("broker: cannot publish on %s: %s; trying again", message.topic.constData(),
-                     exception.what());
+            const QString trouble = exception.what();
+            if (trouble != m_sendTrouble) {
+                qWarning("broker: cannot publish on %s: %s; trying again", message.topic.constData(),
+                         qPrintable(trouble));
+                m_sendTrouble = trouble;
+            }
             m_sendAgain.start(sendAgainPause);
         }
         return false;
     }
-    m_onTheirWay.insert(number);
+    m_onTheirWay.emplace(number, message.payload.size());
+    m_bytesOnTheirWay += message.payload.size();
     return true;
 }
 
 void Session::finish(Spool::Number number, const QString &refusal) noexcept
 {
-    const QByteArray topic = refusal.isEmpty() ? QByteArray() : m_spool->message(number).topic;
-    m_onTheirWay.erase(number);
-    m_spool->remove(number);
     if (!refusal.isEmpty()) {
-        emit refused(topic, refusal);
+        emit refused(m_spool->message(number).topic, refusal);
     }
+    const auto found = m_onTheirWay.find(number);
+    if (found != m_onTheirWay.end()) {
+        m_bytesOnTheirWay -= found->second;
+        m_onTheirWay.erase(found);
+    }
+    m_spool->remove(number);
     sendMore();
 }
 

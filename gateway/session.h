@@ -13,8 +13,8 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
 #include <memory>
-#include <set>
 
 namespace Gateway
 {
@@ -54,7 +54,8 @@ public:
     // Begins to connect, and does so until close().
     void open();
 
-    // Ends the connection. What was published has two seconds to be acknowledged.
+    // Ends the connection. What was published has two seconds to be acknowledged; if there is more, the will
+    // is published, as if the connection was lost.
     void close();
 
     // Gives the connection up, because of what is said in the log, and makes another one.
@@ -62,10 +63,12 @@ public:
 
     bool isConnected() const { return m_isConnected; }
 
-    // Publishes with QoS 1: with a spool at any time, without one only while connected. Whether it was taken.
+    // Publishes with QoS 1: with a spool at any time, without one only while connected. What is retained, and
+    // waits already as it is, does not wait twice. Whether it was taken.
     bool publish(const QByteArray &topic, const QByteArray &payload, bool isRetained);
 
-    // Publishes with QoS 0, only while connected.
+    // Publishes with QoS 0, only while connected. What is retained takes the place of what waits for its
+    // topic.
     bool publishOnce(const QByteArray &topic, const QByteArray &payload, bool isRetained);
 
     // Asks for messages on this connection, with QoS 0: the broker then sends none again, and none that it
@@ -84,8 +87,8 @@ signals:
     void missed(int count);
     // The broker takes a message that was published, but not for anybody, which only MQTT 5 says: it is lost.
     void refused(const QByteArray &topic, const QString &reason);
-    // So is what was published when its file in the spool cannot be read any more.
-    void unreadable();
+    // So is what was published when its file in the spool cannot be read any more: so many were.
+    void unreadable(int count);
     // From Paho's threads to this object's own: what is to be done there.
     void posted(const Job &job);
 
@@ -100,12 +103,14 @@ private:
     void retry(const QString &reason);
     void begin(const QString &server);
     void take(const mqtt::const_message_ptr &message); // in Paho's thread
-    bool send(const QByteArray &topic, const QByteArray &payload, int qos, bool isRetained);
+    bool send(const QByteArray &topic, const QByteArray &payload, int qos, bool isRetained) noexcept;
     // When memory runs out, the program ends, and the next one begins with what is spooled.
     void sendMore() noexcept;
     bool sendSpooled(Spool::Number number);
     void finish(Spool::Number number, const QString &refusal) noexcept;
+    bool isRoomOnTheWay() const;
     void awaitAcknowledgements();
+    void takeAcknowledgements();
 
     const Settings m_settings;
     const QString m_clientId;
@@ -119,8 +124,11 @@ private:
     QElapsedTimer m_since; // the last connection
     QTimer m_retry;
     QTimer m_sendAgain;
-    std::set<Spool::Number> m_onTheirWay;
+    std::map<Spool::Number, int> m_onTheirWay; // how many bytes each has
+    int m_bytesOnTheirWay = 0;
     Spool::Number m_sent = 0; // the last one that was, on this connection
+    QString m_sendTrouble;    // what was said last on this connection
+    int m_unreadable = 0;     // that were not told yet
     std::atomic<int> m_largest{1 << 16};
     std::atomic<int> m_waiting{0};
     std::atomic<int> m_waitingBytes{0};

@@ -7,6 +7,7 @@
 #include <QFile>
 #include <QIODevice>
 
+#include <algorithm>
 #include <array>
 
 namespace Gateway
@@ -20,6 +21,9 @@ constexpr std::chrono::seconds quickTime{3};
 
 // How the names of its files begin; the number follows.
 constexpr QLatin1String prefix{"message-"};
+
+// Files that cannot be written in one go, before the others are left for the next one.
+constexpr int failuresMax = 10;
 
 constexpr int checksumWidth = 8;
 
@@ -112,19 +116,28 @@ void Spool::load(const QString &folder, bool isQuick)
             QFile::remove(file.filePath()); // half written when the process ended
             continue;
         }
-        remove(number);
         const QByteArray content = s_load(file.filePath());
         if (content.isNull()) {
             QFile::remove(file.filePath());
-            ++m_damaged;
+            m_damaged += m_entries.count(number) > 0 ? 0 : 1;
             continue;
         }
-        m_entries[number] = {isQuick, s_room(content.size()), {}, {}};
-        m_bytes += m_entries[number].room;
+        remove(number);
+        remember(number, {isQuick, s_room(content.size()), {}, {}}, s_unpacked(content));
     }
 }
 
-void Spool::append(const SpooledMessage &message)
+void Spool::remember(Number number, const Entry &entry, const SpooledMessage &message)
+{
+    m_entries[number] = entry;
+    m_bytes += entry.room;
+    if (message.isRetained) {
+        Number &last = m_retained[message.topic];
+        last = std::max(last, number);
+    }
+}
+
+Spool::Number Spool::append(const SpooledMessage &message)
 {
     const QByteArray content = s_packed(message);
     const Number number = ++m_last;
@@ -132,8 +145,8 @@ void Spool::append(const SpooledMessage &message)
     if (!s_save(pathOf(number, entry), content)) {
         entry.unwritten = content;
     }
-    m_entries.emplace(number, entry);
-    m_bytes += entry.room;
+    remember(number, entry, message);
+    return number;
 }
 
 Spool::Number Spool::following(Number number) const
@@ -146,6 +159,12 @@ SpooledMessage Spool::message(Number number) const
 {
     const auto found = m_entries.find(number);
     return found == m_entries.end() ? SpooledMessage() : s_unpacked(contentOf(number, found->second));
+}
+
+Spool::Number Spool::retained(const QByteArray &topic) const
+{
+    const Number number = m_retained.value(topic);
+    return m_entries.count(number) > 0 ? number : 0;
 }
 
 void Spool::remove(Number number)
@@ -171,22 +190,49 @@ int Spool::giveUp(qint64 bytes, Number behind, const QByteArray &topic)
 
 QString Spool::settle(bool everything)
 {
+    QString trouble;
+    int failures = 0;
     for (auto &[number, entry] : m_entries) {
         const bool isDue = everything || Clock::now() - entry.since >= quickTime;
-        const bool isToMove = entry.isQuick && isDue;
-        if (!isToMove && entry.unwritten.isEmpty()) {
+        if (settle(number, entry, isDue)) {
             continue;
         }
-        const Entry settled{entry.isQuick && !isDue, entry.room, entry.since, {}};
-        if (!s_save(pathOf(number, settled), contentOf(number, entry))) {
-            return "cannot write to " + folderOf(settled);
+        if (trouble.isEmpty()) {
+            trouble = "cannot write to " + (isDue ? m_lastingFolder : m_quickFolder);
         }
-        if (isToMove) {
-            QFile::remove(pathOf(number, entry));
+        if (++failures == failuresMax) {
+            break; // a disk that is full is full for the others, too
         }
-        entry = settled;
     }
-    return {};
+    return trouble;
+}
+
+// Whether it is where it should be.
+bool Spool::settle(Number number, Entry &entry, bool isDue) const
+{
+    const bool isToMove = entry.isQuick && isDue;
+    if (!isToMove && entry.unwritten.isEmpty()) {
+        return true;
+    }
+    const bool isSettled = move(number, entry, entry.isQuick && !isDue);
+    if (!isSettled && isToMove && !entry.unwritten.isEmpty()) {
+        move(number, entry, true); // there may be room at least there
+    }
+    return isSettled;
+}
+
+bool Spool::move(Number number, Entry &entry, bool isToQuick) const
+{
+    const QByteArray content = contentOf(number, entry);
+    const Entry moved{isToQuick, entry.room, entry.since, {}};
+    if (content.isNull() || !s_save(pathOf(number, moved), content)) {
+        return false;
+    }
+    if (entry.isQuick != isToQuick) {
+        QFile::remove(pathOf(number, entry));
+    }
+    entry = moved;
+    return true;
 }
 
 const QString &Spool::folderOf(const Entry &entry) const

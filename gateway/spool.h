@@ -2,6 +2,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QHash>
 #include <QString>
 
 #include <chrono>
@@ -30,12 +31,15 @@ public:
     // With what lies in both folders, which may be one.
     Spool(const QString &quickFolder, const QString &lastingFolder);
 
-    void append(const SpooledMessage &message);
+    Number append(const SpooledMessage &message);
 
     // The first message behind a number; 0 if there is none.
     Number following(Number number) const;
 
     SpooledMessage message(Number number) const;
+
+    // The last retained message for a topic; 0 if it is not there.
+    Number retained(const QByteArray &topic) const;
 
     // Does nothing if it is gone.
     void remove(Number number);
@@ -45,7 +49,7 @@ public:
     int giveUp(qint64 bytes, Number behind, const QByteArray &topic);
 
     // Writes what could not be written yet, and moves what is older than some seconds, or everything, to the
-    // lasting folder. Empty, or why something could not be written.
+    // lasting folder. Empty, or what could not be written first, and why.
     QString settle(bool everything = false);
 
     // How many files were damaged when it was made, and are gone.
@@ -70,12 +74,16 @@ private:
     QString pathOf(Number number, const Entry &entry) const;
     QByteArray contentOf(Number number, const Entry &entry) const;
     void load(const QString &folder, bool isQuick);
+    void remember(Number number, const Entry &entry, const SpooledMessage &message);
+    bool settle(Number number, Entry &entry, bool isDue) const;
+    bool move(Number number, Entry &entry, bool isToQuick) const;
 
     const QString m_quickFolder;
     const QString m_lastingFolder;
     int m_damaged = 0;
     std::map<Number, Entry> m_entries;
     Number m_last = 0;
+    QHash<QByteArray, Number> m_retained; // the last one of each topic that there was
     qint64 m_bytes = 0;
 };
 

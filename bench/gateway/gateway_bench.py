@@ -64,7 +64,7 @@ def at_line_rate(server, seconds):
 
 
 def as_heard(server, seconds):
-    """As many as come to the broker, with a thousand on their way: more would only wait in the spool."""
+    """As many as come to the broker, with a thousand on their way: more would only pile up there."""
     end = time.monotonic() + seconds
     while time.monotonic() < end:
         if server.sent - server.clients.received < 1000:

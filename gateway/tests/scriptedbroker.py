@@ -31,7 +31,8 @@ class ScriptedBroker:
 
     def __init__(self, answer):
         self.answer = answer
-        self.published = []
+        self.published = []  # with QoS 1, as Publish
+        self.said = []  # with QoS 0, as (topic, payload)
         self.version = None  # that its clients speak, 5 or 4 for 3.1.1
         self.began_anew = []  # of each connection, whether its client asked for no session that was there before
         self._clients = {}  # {connection: _Client}
@@ -100,19 +101,22 @@ class _Client:
             self._is_version_5 = body[6] == 5
             self._broker.began_anew.append(bool(body[7] & CLEAN))
             self._send(0x20, bytes(3 if self._is_version_5 else 2))
-        elif kind == PUBLISH and head & 0x06:
-            self._take(body)
+        elif kind == PUBLISH:
+            self._take(body, head & 0x06)
         elif kind == SUBSCRIBE:
             self._send(0x90, body[:2] + bytes(2 if self._is_version_5 else 1))
         elif kind == PINGREQ:
             self._send(0xD0, b"")
 
-    def _take(self, body):
+    def _take(self, body, is_acknowledged):
         length = int.from_bytes(body[:2], "big")
         topic, rest = body[2:2 + length].decode(), body[2 + length:]
-        identifier, payload = int.from_bytes(rest[:2], "big"), rest[2:]
+        identifier, payload = (int.from_bytes(rest[:2], "big"), rest[2:]) if is_acknowledged else (0, rest)
         if self._is_version_5:
             payload = payload[1 + payload[0]:]  # properties, of which there are few
+        if not is_acknowledged:
+            self._broker.said.append((topic, payload))
+            return
         publish = Publish(self.number, topic, payload, identifier)
         self._broker.published.append(publish)
         answer = self._broker.answer(publish)

@@ -323,7 +323,8 @@ def test_a_disk_that_others_have_filled(plant):
     time.sleep(2)
     come_back(plant)
     plant.wait_speed(19)
-    assert speeds(plant.listener) == list(range(10, 20))
+    arrived = without_repeats(speeds(plant.listener))  # what is acknowledged as the broker goes may come again
+    assert [speed for speed in arrived if speed >= 10] == list(range(10, 20))
     plant.say_speeds(20)
     plant.wait_speed(20)
     assert lost(plant) == len(missing)

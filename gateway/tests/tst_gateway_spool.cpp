@@ -7,6 +7,10 @@
 #include <QTemporaryDir>
 #include <QTest>
 
+#include <csignal>
+
+#include <sys/resource.h>
+
 using Gateway::RunState;
 using Gateway::Spool;
 using Gateway::SpooledMessage;
@@ -23,13 +27,18 @@ private slots:
     void neverUsesANumberAgain();
     void findsWhatAnotherProcessLeft();
     void countsOnWhereAnotherProcessLeftOff();
-    void whatWasBeingMovedIsThereOnce();
-    void worksInASingleFolder();
     void writesToTheLastingFolderOnlyWhatStays();
     void staysQuickWhereTheDiskIsFull();
     void keepsInMemoryWhatNoFolderTakes();
     void whatIsDueGoesFromMemoryToTheLastingFolder();
     void keepsNothingInMemoryThatIsWritten();
+    void whatFindsNoRoomOnTheDiskGoesToTheQuickFolder();
+    void whatIsTooLargeDoesNotKeepOthersFromTheDisk();
+    void whatCannotBeReadIsNotMoved();
+    void oneFolderMayBeBoth();
+    void ofOneMessageInBothFoldersTheQuickOneCounts();
+    void ofADamagedFileTheOtherOneCounts();
+    void knowsTheLastRetainedMessageOfATopic();
     void damagedFilesAreDropped();
     void aFileThatVanishesIsNoMessage();
     void endsAFileWithItsChecksum();
@@ -162,33 +171,6 @@ void tst_Gateway_spool::countsOnWhereAnotherProcessLeftOff()
     QCOMPARE(s_payloads(*spool).join(' '), QByteArray("1 2 3 4 5 6 7 8 9 10 last"));
 }
 
-void tst_Gateway_spool::whatWasBeingMovedIsThereOnce()
-{
-    auto spool = make();
-    s_append(*spool, "one");
-    QVERIFY(QFile::copy(m_folder->filePath("quick/message-1"), m_folder->filePath("lasting/message-1")));
-    spool = make();
-    QCOMPARE(s_payloads(*spool), QByteArrayList({"one"}));
-    QCOMPARE(spool->bytes(), 4096);
-    QCOMPARE(spool->damaged(), 0);
-    QCOMPARE(quick(), QStringList("message-1"));
-    QCOMPARE(lasting(), QStringList());
-}
-
-void tst_Gateway_spool::worksInASingleFolder()
-{
-    const QString folder = m_folder->filePath("lasting");
-    Spool first(folder, folder);
-    s_append(first, "one");
-    QCOMPARE(first.settle(true), QString());
-    QCOMPARE(s_payloads(first), QByteArrayList({"one"}));
-    Spool second(folder, folder);
-    QCOMPARE(s_payloads(second), QByteArrayList({"one"}));
-    QCOMPARE(second.damaged(), 0);
-    second.remove(1);
-    QCOMPARE(lasting(), QStringList());
-}
-
 void tst_Gateway_spool::writesToTheLastingFolderOnlyWhatStays()
 {
     const auto spool = make();
@@ -261,6 +243,107 @@ void tst_Gateway_spool::keepsNothingInMemoryThatIsWritten()
     QVERIFY(spool->message(1).topic.isEmpty());
     QCOMPARE(spool->settle(true), QString());
     QCOMPARE(lasting(), QStringList());
+}
+
+void tst_Gateway_spool::whatFindsNoRoomOnTheDiskGoesToTheQuickFolder()
+{
+    const auto spool = make();
+    QVERIFY(QDir(m_folder->path()).removeRecursively());
+    s_append(*spool, "one");
+    QDir().mkpath(m_folder->filePath("quick"));
+    QCOMPARE(spool->settle(true), "cannot write to " + m_folder->filePath("lasting"));
+    QCOMPARE(quick(), QStringList("message-1"));
+    QCOMPARE(s_payloads(*make()), QByteArrayList({"one"}));
+}
+
+void tst_Gateway_spool::whatIsTooLargeDoesNotKeepOthersFromTheDisk()
+{
+    const auto spool = make();
+    rlimit former{};
+    QCOMPARE(getrlimit(RLIMIT_FSIZE, &former), 0);
+    const rlimit little{100, former.rlim_max};
+    const auto handler = std::signal(SIGXFSZ, SIG_IGN);
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &little), 0); // as on a disk that is nearly full
+    s_append(*spool, QByteArray(1000, 'x'));
+    s_append(*spool, "two");
+    const QString trouble = spool->settle(true);
+    QCOMPARE(setrlimit(RLIMIT_FSIZE, &former), 0);
+    std::signal(SIGXFSZ, handler);
+    QCOMPARE(trouble, "cannot write to " + m_folder->filePath("lasting"));
+    QCOMPARE(lasting(), QStringList("message-2"));
+    QCOMPARE(s_payloads(*spool), QByteArrayList({QByteArray(1000, 'x'), "two"}));
+    QCOMPARE(spool->settle(true), QString());
+    QCOMPARE(lasting(), QStringList({"message-1", "message-2"}));
+}
+
+void tst_Gateway_spool::whatCannotBeReadIsNotMoved()
+{
+    const auto spool = make();
+    s_append(*spool, "one");
+    QVERIFY(QFile::remove(m_folder->filePath("quick/message-1")));
+    QVERIFY(!spool->settle(true).isEmpty());
+    QCOMPARE(lasting(), QStringList());
+}
+
+void tst_Gateway_spool::oneFolderMayBeBoth()
+{
+    const QString folder = m_folder->filePath("lasting");
+    auto spool = std::make_unique<Spool>(folder, folder);
+    s_append(*spool, "one");
+    QCOMPARE(lasting(), QStringList("message-1"));
+    QCOMPARE(spool->settle(true), QString());
+    spool = std::make_unique<Spool>(folder, folder);
+    QCOMPARE(s_payloads(*spool), QByteArrayList({"one"}));
+    QVERIFY(QDir(folder).removeRecursively());
+    s_append(*spool, "two");
+    QCOMPARE(spool->settle(), "cannot write to " + folder);
+    QDir().mkpath(folder);
+    QCOMPARE(spool->settle(), QString());
+    QCOMPARE(lasting(), QStringList("message-2"));
+}
+
+void tst_Gateway_spool::ofOneMessageInBothFoldersTheQuickOneCounts()
+{
+    s_append(*make(), "one");
+    QDir().mkpath(m_folder->filePath("lasting"));
+    QVERIFY(QFile::copy(m_folder->filePath("quick/message-1"), m_folder->filePath("lasting/message-1")));
+    const auto spool = make();
+    QCOMPARE(spool->count(), 1);
+    QCOMPARE(spool->bytes(), 4096);
+    QCOMPARE(quick(), QStringList("message-1"));
+    QCOMPARE(lasting(), QStringList());
+}
+
+void tst_Gateway_spool::ofADamagedFileTheOtherOneCounts()
+{
+    const auto former = make();
+    s_append(*former, "one");
+    former->settle(true);
+    QFile half(m_folder->filePath("quick/message-1"));
+    QVERIFY(half.open(QIODevice::WriteOnly));
+    half.write("half written");
+    half.close();
+    const auto spool = make();
+    QCOMPARE(spool->damaged(), 0);
+    QCOMPARE(s_payloads(*spool), QByteArrayList({"one"}));
+    QCOMPARE(quick(), QStringList());
+}
+
+void tst_Gateway_spool::knowsTheLastRetainedMessageOfATopic()
+{
+    auto spool = make();
+    QCOMPARE(spool->retained("t/v"), Spool::Number(0));
+    QCOMPARE(spool->append({"t/v", "value", true}), Spool::Number(1));
+    QCOMPARE(spool->append({"t/v", "value", true}), Spool::Number(2));
+    QCOMPARE(spool->append({"t/v", "value", false}), Spool::Number(3));
+    QCOMPARE(spool->append({"t/w", "value", true}), Spool::Number(4));
+    for (const bool isAnew : {false, true}) {
+        spool = isAnew ? make() : std::move(spool);
+        QCOMPARE(spool->retained("t/v"), Spool::Number(2));
+        QCOMPARE(spool->retained("t/w"), Spool::Number(4));
+    }
+    spool->remove(2);
+    QCOMPARE(spool->retained("t/v"), Spool::Number(0));
 }
 
 void tst_Gateway_spool::damagedFilesAreDropped()

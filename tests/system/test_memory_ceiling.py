@@ -21,7 +21,7 @@ PATIENCE = 60
 MEGABYTE = 1 << 20
 DAEMON_CEILING = 24 * MEGABYTE
 BEGUN = 4 * MEGABYTE - 1024  # of a message that is never finished: the daemon takes no larger ones
-# A gateway takes 32 MB without an outage, and what it keeps twice: on the disk or in /run, and in its memory.
+# A gateway takes 32 MB without an outage; what it keeps in /run counts as its memory, too.
 SPOOL, GATEWAY_CEILING = 3, 40 * MEGABYTE
 WIDE = 400  # leaves of one frame
 WIDE_SCHEMA = SCHEMA[:-1] + "".join(f', "leaf {at:03}": {{"@mac": 7, "@cmd": 1, "@format": "I"}}'
