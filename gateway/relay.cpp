@@ -28,8 +28,6 @@ constexpr int pendingMax = 64;          // orders on the way to the daemon
 constexpr int orderBytesMax = 65536;    // of a value, however long its text
 constexpr int silencesMax = 3;          // times an order's largest age, until a connection is given up
 constexpr int schemaBytesMax = 1 << 20; // checking it takes 60 times as much memory at worst
-constexpr qint64 megabyte = 1'000'000;
-
 // What is given up at a time beyond what has to be, so that it does not have to be soon again.
 constexpr int givenUpShare = 10;
 
@@ -344,7 +342,7 @@ void Relay::publishBatch(const QByteArray &batch)
 
 void Relay::keepWithinBound()
 {
-    const qint64 bound = m_settings.spool.megabytes * megabyte;
+    const qint64 bound = m_settings.spool.bytes();
     if (m_spool.bytes() <= bound) {
         return;
     }

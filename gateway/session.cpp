@@ -29,7 +29,6 @@ constexpr int closingLook = 5; // ms
 // spool's bound, it leaves the rest to be given up.
 constexpr int onTheirWayMax = 20;
 constexpr int onTheirWayShare = 10;
-constexpr qint64 megabyte = 1'000'000;
 
 // After which what Paho did not take is offered again, in ms.
 constexpr int sendAgainPause = 1000;
@@ -208,7 +207,7 @@ void Session::close()
     takeAcknowledgements();
 }
 
-// A proper end takes the will away, which may wait behind what is not acknowledged.
+// A proper end takes back the will, and what says the same may wait behind what is not acknowledged.
 void Session::awaitAcknowledgements()
 {
     const QDeadlineTimer deadline(closingTime);
@@ -382,7 +381,7 @@ void Session::sendMore() noexcept
 // There always is for one message, however large.
 bool Session::isRoomOnTheWay() const
 {
-    const qint64 bytesMax = m_settings.spool.megabytes * megabyte / onTheirWayShare;
+    const qint64 bytesMax = m_settings.spool.bytes() / onTheirWayShare;
     return m_onTheirWay.empty() || (m_onTheirWay.size() < onTheirWayMax && m_bytesOnTheirWay < bytesMax);
 }
 

@@ -52,6 +52,8 @@ struct Settings {
 
     struct {
         int megabytes = 100;
+
+        qint64 bytes() const { return megabytes * 1'000'000LL; }
     } spool;
 
     struct {
