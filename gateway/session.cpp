@@ -397,11 +397,13 @@ bool Session::sendSpooled(Spool::Number number)
         }
         return true;
     }
+    auto *context =
+        reinterpret_cast<void *>(number); // NOLINT(performance-no-int-to-ptr): it comes back as it is
     try {
         m_client->publish(mqtt::make_message(message.topic.toStdString(), message.payload.constData(),
                                              static_cast<size_t>(message.payload.size()), 1,
                                              message.isRetained),
-                          reinterpret_cast<void *>(number), *m_deliveryListener);
+                          context, *m_deliveryListener);
     } catch (const mqtt::exception &exception) {
         s_endWithoutMemory(exception);
         if (exception.get_return_code() != MQTTASYNC_DISCONNECTED) { // of which there will be word at once

@@ -20,7 +20,7 @@ namespace
 constexpr std::chrono::seconds quickTime{3};
 
 // How the names of its files begin; the number follows.
-constexpr QLatin1String prefix{"message-"};
+constexpr char prefix[] = "message-";
 
 // Files that cannot be written in one go, before the others are left for the next one.
 constexpr int failuresMax = 10;
@@ -109,9 +109,9 @@ Spool::Spool(const QString &quickFolder, const QString &lastingFolder)
 
 void Spool::load(const QString &folder, bool isQuick)
 {
-    for (const QFileInfo &file : QDir(folder).entryInfoList({prefix + QString('*')}, QDir::Files)) {
+    for (const QFileInfo &file : QDir(folder).entryInfoList({QString(prefix) + '*'}, QDir::Files)) {
         bool isWhole = false;
-        const Number number = file.fileName().mid(prefix.size()).toULongLong(&isWhole);
+        const Number number = file.fileName().mid(sizeof prefix - 1).toULongLong(&isWhole);
         if (!isWhole) {
             QFile::remove(file.filePath()); // half written when the process ended
             continue;
