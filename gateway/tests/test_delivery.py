@@ -23,9 +23,9 @@ def is_batch(publish):
     return publish.topic == "vorbel/7/values"
 
 
-def told_as_lost(plant):
-    """The lines of the gateway's log that say so."""
-    return [line for line in plant.gateway.lines() if line.endswith(" lost")]
+def told_as_lost(gateway):
+    """The lines of its log that say so."""
+    return [line for line in gateway.lines() if line.endswith(" lost")]
 
 
 def answer_all(_publish):
@@ -226,6 +226,25 @@ def test_a_gateway_that_is_stopped_waits_two_seconds_at_most(plant, board, broke
     assert [status.json["online"] for status in statuses[-2:]] == [True, True]  # of both lives
 
 
+def test_what_is_lost_as_a_gateway_is_stopped_does_not_say_that_it_is_there(plant, board, broker):
+    broker.answer = answer_no_batch
+    board.say(30)
+    board.wait_spooled(30)
+    board.spool()[25].unlink()
+
+    def acknowledge():
+        broker.answer = answer_all
+        for publish in filter(is_batch, list(broker.published)):
+            broker.acknowledge(publish)
+
+    threading.Timer(0.5, acknowledge).start()
+    gateway = plant.gateway
+    plant.stop_gateway()
+    assert told_as_lost(gateway) == ["warning spool: 1 files cannot be read any more: they are lost"]
+    statuses = [each.payload for each in broker.published if each.topic == "vorbel/7/status"]
+    assert statuses[-1] == OFFLINE[1]
+
+
 def test_what_a_gateway_leaves_that_is_stopped_without_a_broker_is_on_the_disk(plant, board, broker):
     board.say(1)
     board.wait_batches(1)
@@ -271,7 +290,7 @@ def test_what_a_broker_refuses_is_lost_and_told(plant, broker):
     board.say(1)
     board.wait_batches(6)
     assert broker.batches() == list(range(6))
-    assert told_as_lost(plant) == [REFUSED]
+    assert told_as_lost(plant.gateway) == [REFUSED]
 
 
 def test_a_refusal_is_told_once_on_each_connection(plant, broker):
@@ -284,7 +303,7 @@ def test_a_refusal_is_told_once_on_each_connection(plant, broker):
     board.say(3)
     board.wait_batches(6)
     board.wait_settled()
-    assert told_as_lost(plant) == [REFUSED, REFUSED]
+    assert told_as_lost(plant.gateway) == [REFUSED, REFUSED]
 
 
 def test_each_topic_that_a_broker_refuses_is_told_once(plant, broker):
@@ -368,7 +387,7 @@ def test_what_vanishes_from_the_spool_is_lost_and_told(plant, board, broker):
     board.say(1)
     wait_until(lambda: 30 in broker.batches(), PATIENCE, "a batch on the next connection")
     board.wait_lost(1)
-    assert told_as_lost(plant) == ["warning spool: 1 files cannot be read any more: they are lost"]
+    assert told_as_lost(plant.gateway) == ["warning spool: 1 files cannot be read any more: they are lost"]
 
 
 def test_beyond_its_bound_goes_what_is_not_on_its_way(plant, broker, version):
@@ -379,7 +398,7 @@ def test_beyond_its_bound_goes_what_is_not_on_its_way(plant, broker, version):
     board.wait_spooled(244)
     board.say(1)
     plant.gateway.wait_for("warning spool: .*")
-    assert told_as_lost(plant) == ["warning spool: larger than 1 MB: the oldest 26 batches are lost"]
+    assert told_as_lost(plant.gateway) == ["warning spool: larger than 1 MB: the oldest 26 batches are lost"]
     board.say(5)
     board.wait_spooled(224)
     broker.answer = answer_all
@@ -388,6 +407,16 @@ def test_beyond_its_bound_goes_what_is_not_on_its_way(plant, broker, version):
     board.wait_batches(224)
     board.wait_lost(26)
     assert broker.batches() == [*range(20), *range(46, 250)]
+
+
+def test_a_bound_that_was_lowered_holds_before_anything_comes(plant, board, broker):
+    broker.answer = answer_no_batch
+    board.say(280)
+    board.wait_spooled(280)
+    plant.stop_gateway()
+    again = Board(plant, broker, "5", spool={"megabytes": 1})
+    plant.gateway.wait_for("warning spool: larger than 1 MB: the oldest .* batches are lost")
+    assert len(again.spool()) < 280
 
 
 @pytest.fixture
@@ -428,7 +457,7 @@ def test_what_is_damaged_when_the_gateway_starts_is_lost_and_told(plant, board, 
     board.start()
     board.wait_lost(2)
     assert [each.json["n"] for each in filter(is_batch, broker.published[before:])] == [0, 3, 4]
-    assert told_as_lost(plant) == [
+    assert told_as_lost(plant.gateway) == [
         "warning spool: 2 files were damaged, perhaps when the machine lost its power: they are lost"]
 
 
