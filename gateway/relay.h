@@ -18,6 +18,8 @@
 #include <QElapsedTimer>
 #include <QHash>
 #include <QObject>
+#include <QPair>
+#include <QSet>
 #include <QTimer>
 
 #include <memory>

@@ -49,7 +49,7 @@ public:
     int giveUp(qint64 bytes, Number behind, const QByteArray &topic);
 
     // Writes what could not be written yet, and moves what is older than some seconds, or everything, to the
-    // lasting folder. Empty, or what could not be written first, and why.
+    // lasting folder. Empty, or where something could not be written.
     QString settle(bool everything = false);
 
     // How many files were damaged when it was made, and are gone.

@@ -36,6 +36,13 @@ def answer_no_batch(publish):
     return not is_batch(publish)
 
 
+def acknowledge_all(broker):
+    """What waited, and what comes from now on."""
+    broker.answer = answer_all
+    for publish in filter(is_batch, list(broker.published)):
+        broker.acknowledge(publish)
+
+
 @pytest.fixture
 def broker():
     broker = ScriptedBroker(answer_all)
@@ -193,13 +200,7 @@ def test_a_gateway_that_is_stopped_waits_for_acknowledgements(plant, board, brok
     broker.answer = answer_no_batch
     board.say(count)
     board.wait_spooled(count)
-
-    def acknowledge():
-        broker.answer = answer_all
-        for publish in filter(is_batch, list(broker.published)):
-            broker.acknowledge(publish)
-
-    threading.Timer(0.5, acknowledge).start()
+    threading.Timer(0.5, acknowledge_all, [broker]).start()
     plant.stop_gateway()
     assert broker.batches() == list(range(count))
     assert (broker.published[-1].topic, broker.published[-1].payload) == OFFLINE
@@ -231,13 +232,7 @@ def test_what_is_lost_as_a_gateway_is_stopped_does_not_say_that_it_is_there(plan
     board.say(30)
     board.wait_spooled(30)
     board.spool()[25].unlink()
-
-    def acknowledge():
-        broker.answer = answer_all
-        for publish in filter(is_batch, list(broker.published)):
-            broker.acknowledge(publish)
-
-    threading.Timer(0.5, acknowledge).start()
+    threading.Timer(0.5, acknowledge_all, [broker]).start()
     gateway = plant.gateway
     plant.stop_gateway()
     assert told_as_lost(gateway) == ["warning spool: 1 files cannot be read any more: they are lost"]
@@ -401,9 +396,7 @@ def test_beyond_its_bound_goes_what_is_not_on_its_way(plant, broker, version):
     assert told_as_lost(plant.gateway) == ["warning spool: larger than 1 MB: the oldest 26 batches are lost"]
     board.say(5)
     board.wait_spooled(224)
-    broker.answer = answer_all
-    for publish in filter(is_batch, list(broker.published)):
-        broker.acknowledge(publish)
+    acknowledge_all(broker)
     board.wait_batches(224)
     board.wait_lost(26)
     assert broker.batches() == [*range(20), *range(46, 250)]

@@ -230,7 +230,6 @@ GATEWAY_LINES = (
     r"warning broker: cannot subscribe to .*",
     r"warning spool: cannot write to .*: what the broker has not acknowledged is kept in memory",
     r"warning (?:state|topics): cannot write .*",
-    r"warning broker: cannot publish on [^ ]*: MQTT error \[-99\].*",  # no memory
     r"warning broker: cannot publish on [^ ]*/(?:pulse|now/[^ ]*): MQTT error \[-3\]: Disconnected",
     *GATEWAY_WITHOUT_MEMORY,
     *ENDS_WITHOUT_MEMORY,
